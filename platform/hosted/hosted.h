@@ -1,0 +1,293 @@
+// The hosted kernel as its owner sees it: a test or the daemon sets up disks and file systems, loads the driver,
+// plays the guest that reads and writes, and plays the processes that use the control device.
+//
+// There is one hosted kernel in a process. The driver under it is whatever defines driver_static_init, driver_init
+// and driver_exit (kernel.h); this header knows nothing else of it.
+//
+// Threads: every function may be called from any thread unless it says otherwise.
+#pragma once
+
+#include "kernel.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace hosted {
+
+// ---- Where a disk's bytes live ------------------------------------------------------------------------------------
+
+enum class Op : std::uint8_t { read, write, flush, discard, write_zeroes };
+
+// One piece of backing I/O. `data` may be split over several buffers (adjacent bios merged into one request).
+struct StoreRequest {
+    Op op;
+    bool fua = false;          // write, write_zeroes: durable before it completes
+    bool may_unmap = false;    // write_zeroes: may leave a hole
+    std::uint64_t offset = 0;  // bytes
+    std::uint64_t bytes = 0;
+    struct Piece {
+        std::byte* data;
+        std::uint32_t bytes;
+    };
+    std::span<const Piece> pieces;           // valid until done is called
+    void (*done)(StoreRequest* r, int error);  // 0 or a negative errno; from any thread, or before submit returns
+};
+
+class Store {
+  public:
+    virtual ~Store() = default;
+    virtual std::uint64_t size() const = 0;       // bytes, a multiple of 512
+    virtual void submit(StoreRequest* r) = 0;     // never waits for the request to complete (memory: completes inside)
+    virtual void drain() {}                       // returns when every submitted request has completed
+};
+
+std::unique_ptr<Store> make_memory_store(std::uint64_t bytes);
+// The bytes of a memory store made above, for looking behind the queue.
+std::span<std::byte> memory_store_bytes(Store& store);
+
+struct FileStoreOptions {
+    bool direct = false;     // O_DIRECT
+    bool read_only = false;
+    bool use_io_uring = true;  // falls back to a thread pool where the host has none
+};
+// A raw image or a host block device. Throws std::system_error whose text names the path and what to do.
+std::unique_ptr<Store> open_file_store(const std::string& path, FileStoreOptions options = {});
+
+// ---- Disks ----------------------------------------------------------------------------------------------------------
+
+struct PartitionSpec {
+    u32 index;  // from 1
+    sector_type start;
+    sector_type sectors;
+};
+
+struct DiskConfig {
+    std::string name;  // "sda"
+    u32 major = 8;
+    u32 first_minor = 0;
+    u32 minors = 16;  // the disk's own included
+    std::unique_ptr<Store> store;
+    std::vector<PartitionSpec> partitions;
+    bool queue_has_lock = true;  // false: queue_lock is null, as on some real disks
+};
+
+// Reads the DOS or GPT table of an image with libblkid. Empty when there is none. Throws std::system_error when the
+// file cannot be read.
+std::vector<PartitionSpec> read_partition_table(const std::string& path);
+
+// A guest's request. It must stay alive until done is called.
+struct GuestRequest {
+    Op op = Op::read;
+    bool fua = false;
+    bool may_unmap = false;
+    bool read_ahead = false;   // read only
+    std::uint64_t offset = 0;  // bytes from the start of the device it is sent to; a multiple of 512
+    std::uint64_t bytes = 0;   // a multiple of 512; 0 for flush
+    std::byte* data = nullptr;  // read and write
+    void (*done)(GuestRequest* r, int error) = nullptr;  // 0 or a negative errno; from any thread
+    void* context = nullptr;
+    // owned by the hosted kernel from submit to done
+    std::uint64_t reserved[4] = {};
+};
+
+class Disk {
+  public:
+    Disk(const Disk&) = delete;
+    Disk& operator=(const Disk&) = delete;
+    virtual ~Disk() = default;
+
+    virtual const std::string& name() const = 0;
+    virtual std::uint64_t size() const = 0;  // bytes
+    virtual kdev_t device(u32 partition = 0) const = 0;  // partition 0: the whole disk
+    virtual std::vector<PartitionSpec> partitions() const = 0;
+    virtual Store& store() = 0;
+    virtual request_queue* queue() = 0;
+
+    // Sends a guest request to the whole disk (partition 0) or to a partition, through generic_make_request. May
+    // sleep (the driver's hook may hold the request), never waits for the disk. A large request becomes several
+    // bios; bios sent in one run and adjacent are merged before they reach the store.
+    virtual void submit(GuestRequest* r, u32 partition = 0) = 0;
+
+    // The same, waiting for the result: 0 or a negative errno.
+    int read(std::uint64_t offset, std::span<std::byte> into, u32 partition = 0);
+    int write(std::uint64_t offset, std::span<const std::byte> from, u32 partition = 0, bool fua = false);
+    int flush();
+    int discard(std::uint64_t offset, std::uint64_t bytes, u32 partition = 0);
+    int write_zeroes(std::uint64_t offset, std::uint64_t bytes, u32 partition = 0);
+
+    // Takes the disk away, as an unplugged one: later bios fail with -ENODEV, bdev_disk answers null.
+    virtual void unplug() = 0;
+};
+
+// Adds a disk. Throws std::invalid_argument when its device numbers overlap another disk's.
+std::shared_ptr<Disk> add_disk(DiskConfig config);
+// Waits for its requests in flight, then forgets it. No guest request may be submitted meanwhile or later.
+void remove_disk(const std::shared_ptr<Disk>& disk);
+
+// ---- File systems ----------------------------------------------------------------------------------------------------
+
+// How a mounted file system is frozen and thawed. Both are called from the thread that issued the command, which
+// serves no disk.
+class Freezer {
+  public:
+    virtual ~Freezer() = default;
+    virtual bool freeze() = 0;  // false: could not be frozen
+    virtual void thaw() = 0;
+};
+
+// Makes get_super answer for the device. Without a freezer a freeze holds guest writes at the disk's door (fronts
+// wait in Disk::submit) and waits for those in flight; thaw lets them on.
+void mount_file_system(kdev_t dev, u32 block_size, std::shared_ptr<Freezer> freezer = {});
+void unmount_file_system(kdev_t dev);
+
+struct FileSystemInfo {
+    std::string type;  // "ext4"
+    u32 block_size;    // bytes
+};
+// What libblkid finds at a place in an image, with the file system's real block size (xfs: from its super block).
+std::optional<FileSystemInfo> probe_file_system(const std::string& path, std::uint64_t offset, std::uint64_t bytes);
+
+// ---- The driver ------------------------------------------------------------------------------------------------------
+
+int load_driver();    // 0 or the negative error of driver_init
+int unload_driver();  // 0, or -EBUSY while a file is open; waits until no task is inside a hooked function
+bool driver_loaded();
+int driver_references();  // of the module: one per open file
+
+// ---- Processes that use the control device -----------------------------------------------------------------------------
+
+// The memory of a process, addressed by 32-bit words. Both return the bytes NOT copied.
+class AddressSpace {
+  public:
+    virtual ~AddressSpace() = default;
+    virtual std::size_t read(u32 from, void* to, std::size_t bytes) = 0;
+    virtual std::size_t write(u32 to, const void* from, std::size_t bytes) = 0;
+};
+
+// A process of the test's own making: 4 GiB of address space of which the allocated ranges exist.
+class SimulatedMemory final : public AddressSpace {
+  public:
+    SimulatedMemory();
+    ~SimulatedMemory() override;
+    // A zeroed buffer between two unmapped pages, page-aligned unless `align_end`: then its last byte is the last of
+    // a page, so that one byte more is unmapped.
+    u32 allocate(std::size_t bytes, bool writable = true, bool align_end = false);
+    void release(u32 address);
+    std::byte* at(u32 address);  // null when unmapped
+    std::size_t read(u32 from, void* to, std::size_t bytes) override;
+    std::size_t write(u32 to, const void* from, std::size_t bytes) override;
+  private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+// The memory of a live process of this host, by process_vm_readv and process_vm_writev. `pidfd` (owned elsewhere, -1
+// for none) guards against a recycled pid.
+std::unique_ptr<AddressSpace> process_memory(int pid, int pidfd = -1);
+
+class ControlFile;
+
+// A mapping of the control device in a process.
+class Mapping {
+  public:
+    virtual ~Mapping() = default;  // unmaps, if unmap was not called
+    virtual u32 start() const = 0;
+    virtual u32 pages() const = 0;
+    // Touches page `index` as user space would: the page's bytes, or null for SIGBUS.
+    virtual const std::byte* fault(u32 index) = 0;
+    // The same for a mapping that is handed to another process: the page's place in transfer_memory_fd.
+    virtual std::optional<std::uint64_t> fault_offset(u32 index) = 0;
+    virtual void unmap() = 0;
+};
+
+// The memory that alloc_page(GFP_KERNEL) pages live in: a memfd. The returned descriptor is read-only and owned by
+// the hosted kernel.
+int transfer_memory_fd();
+
+struct MmapArguments {
+    u32 address = 0x10000000;
+    u32 bytes = 0;
+    unsigned long flags = VM_READ;  // VM_READ, VM_WRITE, VM_SHARED
+    unsigned long page_offset = 0;
+};
+
+// An open file of the control device. Destroying it closes it: mappings first, then release, as a dying process.
+class ControlFile {
+  public:
+    virtual ~ControlFile() = default;
+    virtual int ioctl(u32 command, u32 argument) = 0;
+    virtual int mmap(const MmapArguments& arguments, std::unique_ptr<Mapping>& mapping) = 0;
+    virtual long read(u32 buffer, std::size_t bytes) = 0;
+    virtual long write(u32 buffer, std::size_t bytes) = 0;
+    virtual unsigned poll() = 0;
+    // Closes now; the result of release. The object may only be destroyed afterwards.
+    virtual int close() = 0;
+    virtual file* raw() = 0;
+};
+
+// Opens character device `major` on behalf of a process. On a result other than 0 `opened` stays null, and the file
+// has been released as the kernel does for a failed open: not at all. (The driver's record of such an open stays
+// behind; the leak tests list it.)
+int open_control(unsigned major, std::shared_ptr<AddressSpace> memory, std::unique_ptr<ControlFile>& opened);
+
+// ---- Log -----------------------------------------------------------------------------------------------------------
+
+// Lines as the driver printed them, priority marker included, line end included as printed.
+std::vector<std::string> log_lines();
+void log_clear();
+// Called for every line from now on, from the printing thread. Null: none. The ring is kept either way.
+void log_set_sink(std::function<void(std::string_view)> sink);
+
+// ---- Accounting and faults -------------------------------------------------------------------------------------------
+
+struct Live {  // objects alive now
+    long kmallocs, vmallocs, pages, slab_caches, slab_objects, bios, buffer_heads, supers, block_devices, threads,
+        mappings, files;
+    bool operator==(const Live&) const = default;
+};
+Live live();
+std::string describe(const Live& live);  // only what is not zero, with the size and call site of each where known
+
+// Frees whatever the driver left allocated, for tests of what it leaves behind deliberately. The driver must be
+// unloaded.
+void forget_leaks();
+
+namespace faults {
+enum class Kind : unsigned { kmalloc = 1, vmalloc = 2, page = 4, slab = 8, slab_cache = 16, bio = 32, buffer_head = 64,
+    thread = 128, any = 255 };
+// The n-th allocation from now (from 1) of the kinds given fails, once. 0: none. Allocations that must not fail are
+// neither counted nor failed.
+void fail_allocation(unsigned n, unsigned kinds = unsigned(Kind::any));
+// How many allocations of those kinds were made since the last call of fail_allocation.
+unsigned allocations_seen();
+// The n-th bio read (write) that reaches a disk's own function from now fails with -EIO, once. 0: none.
+void fail_read(unsigned n);
+void fail_write(unsigned n);
+unsigned reads_seen();
+unsigned writes_seen();
+// register_chrdev fails with this (0: works).
+void fail_register(int error);
+// The next freezes fail.
+void fail_freeze(bool on);
+// try_module_get answers 0, as a module being unloaded.
+void module_going(bool on);
+void clear();
+}  // namespace faults
+
+// Called by a disk's own function for each bio before it goes to the store, outside all locks: a test blocks here to
+// force an order. Null: none.
+struct BioView {
+    bool write;
+    sector_type sector;
+    u32 bytes;
+};
+void set_disk_probe(std::function<void(const BioView&)> probe);
+
+}  // namespace hosted
