@@ -138,8 +138,11 @@ void remove_disk(const std::shared_ptr<Disk>& disk);
 class Freezer {
   public:
     virtual ~Freezer() = default;
+    // Asked before each freeze: false when the file system is not mounted where this freezer could reach it (it is a
+    // guest's, or nobody's). The gate that serves file systems without a freezer is then used for that freeze.
+    virtual bool present() { return true; }
     virtual bool freeze() = 0;  // false: could not be frozen
-    virtual void thaw() = 0;
+    virtual void thaw() = 0;    // only after a freeze that answered true
 };
 
 // Makes get_super answer for the device. Without a freezer a freeze holds guest writes at the disk's door (fronts
