@@ -252,10 +252,10 @@ int disk_partition(gendisk* disk, u32 index, sector_type* start, sector_type* se
 
 super_block* get_super(block_device* bdev);  // of the file system mounted on the device, with a reference; or null
 void drop_super(super_block* sb);
-u32 super_block_size(super_block* sb);       // the file system's block size in bytes
+u32 super_block_size(super_block* sb);       // the file system's block size in bytes, at most PAGE_BYTES
 super_block* freeze_bdev(block_device* bdev);  // may sleep; null when the file system could not be frozen
 void thaw_bdev(block_device* bdev, super_block* sb);  // sb null: the freeze had failed, nothing is thawed
-void fsync_bdev(block_device* bdev);         // may sleep
+void fsync_bdev(block_device* bdev);         // may sleep; null is ignored
 
 // ---- Request queues ------------------------------------------------------------------------------------------------
 
