@@ -1,0 +1,269 @@
+#include "control_server.h"
+
+#include "control_session.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <optional>
+#include <system_error>
+#include <vector>
+
+#ifndef SO_PEERPIDFD
+#define SO_PEERPIDFD 77
+#endif
+
+namespace quendreld
+{
+
+namespace
+{
+
+constexpr auto close_patience = std::chrono::seconds(30); // for a client that hung up to be closed
+
+bool member_of(int socket, gid_t group)
+{
+    std::vector<gid_t> groups(64);
+    socklen_t bytes = socklen_t(groups.size() * sizeof(gid_t));
+    if (::getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &bytes) != 0) {
+        if (errno != ERANGE)
+            return false;
+        groups.resize(bytes / sizeof(gid_t));
+        if (::getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &bytes) != 0)
+            return false;
+    }
+    groups.resize(bytes / sizeof(gid_t));
+    return std::find(groups.begin(), groups.end(), group) != groups.end();
+}
+
+bool may_enter(int socket, const ucred& peer, gid_t group)
+{
+    if (peer.pid <= 0)
+        return false; // a process of another pid namespace: its memory cannot be named
+    return peer.uid == 0 || peer.uid == ::geteuid() || peer.gid == group || member_of(socket, group);
+}
+
+UniqueFd pidfd_of(int socket, pid_t pid)
+{
+    int fd = -1;
+    socklen_t bytes = sizeof fd;
+    if (::getsockopt(socket, SOL_SOCKET, SO_PEERPIDFD, &fd, &bytes) == 0)
+        return UniqueFd(fd);
+    return UniqueFd(int(::syscall(SYS_pidfd_open, pid, 0)));
+}
+
+bool hung_up(int socket)
+{
+    pollfd p{socket, POLLRDHUP, 0};
+    return ::poll(&p, 1, 0) > 0 && (p.revents & (POLLRDHUP | POLLHUP | POLLERR));
+}
+
+// One packet from `sender`. Its size, or nothing when the connection is over: end of file, a packet that is too
+// large, descriptors passed along (there is no room for them, so the kernel has closed them), another sender.
+std::optional<std::size_t> receive(int socket, pid_t sender, std::byte* to, std::size_t room)
+{
+    iovec part{to, room};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
+    msghdr header{};
+    header.msg_iov = &part;
+    header.msg_iovlen = 1;
+    header.msg_control = control;
+    header.msg_controllen = sizeof control;
+    ssize_t got;
+    do {
+        got = ::recvmsg(socket, &header, MSG_CMSG_CLOEXEC);
+    } while (got < 0 && errno == EINTR);
+    if (got <= 0 || (header.msg_flags & (MSG_TRUNC | MSG_CTRUNC)))
+        return std::nullopt;
+    const cmsghdr* c = CMSG_FIRSTHDR(&header);
+    if (!c || c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_CREDENTIALS)
+        return std::nullopt;
+    ucred from;
+    std::memcpy(&from, CMSG_DATA(c), sizeof from);
+    if (from.pid != sender)
+        return std::nullopt;
+    return std::size_t(got);
+}
+
+bool send(int socket, const ControlSession::Answer& answer)
+{
+    iovec part{const_cast<quendrel::wire::Reply*>(&answer.reply), answer.bytes};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr header{};
+    header.msg_iov = &part;
+    header.msg_iovlen = 1;
+    if (answer.pass_memory) {
+        header.msg_control = control;
+        header.msg_controllen = sizeof control;
+        cmsghdr* c = CMSG_FIRSTHDR(&header);
+        c->cmsg_level = SOL_SOCKET;
+        c->cmsg_type = SCM_RIGHTS;
+        c->cmsg_len = CMSG_LEN(sizeof(int));
+        const int fd = hosted::transfer_memory_fd();
+        std::memcpy(CMSG_DATA(c), &fd, sizeof fd);
+    }
+    ssize_t sent;
+    do {
+        sent = ::sendmsg(socket, &header, MSG_NOSIGNAL);
+    } while (sent < 0 && errno == EINTR);
+    return sent == ssize_t(answer.bytes);
+}
+
+} // namespace
+
+ControlServer::ControlServer(Options options) : options_(std::move(options))
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (options_.socket.size() >= sizeof address.sun_path)
+        throw std::system_error(ENAMETOOLONG, std::generic_category(), options_.socket);
+    std::strcpy(address.sun_path, options_.socket.c_str());
+    listener_ = UniqueFd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    if (!listener_)
+        throw std::system_error(errno, std::generic_category(), "control socket");
+    // No one may connect before owner and mode are right: listening comes after.
+    const int one = 1;
+    if (::bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        (options_.group != gid_t(-1) && ::chown(options_.socket.c_str(), uid_t(-1), options_.group) != 0) ||
+        ::chmod(options_.socket.c_str(), 0660) != 0 ||
+        ::setsockopt(listener_.get(), SOL_SOCKET, SO_PASSCRED, &one, sizeof one) != 0 ||
+        ::listen(listener_.get(), 64) != 0)
+        throw std::system_error(errno, std::generic_category(), options_.socket + ": cannot offer the control device");
+    thread_ = std::thread([this] { listen_loop(); });
+}
+
+ControlServer::~ControlServer()
+{
+    {
+        std::lock_guard lock(mutex_);
+        stop_ = true;
+        for (Client& client : clients_)
+            ::shutdown(client.socket.get(), SHUT_RDWR);
+    }
+    changed_.notify_all();
+    ::shutdown(listener_.get(), SHUT_RDWR);
+    thread_.join();
+    for (Client& client : clients_)
+        client.thread.join();
+    ::unlink(options_.socket.c_str());
+}
+
+unsigned ControlServer::clients() const
+{
+    std::lock_guard lock(mutex_);
+    return unsigned(std::count_if(clients_.begin(), clients_.end(), [](const Client& c) { return c.inside; }));
+}
+
+void ControlServer::listen_loop()
+{
+    for (;;) {
+        UniqueFd socket(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        const int error = errno;
+        std::list<Client> ended;
+        std::unique_lock lock(mutex_);
+        if (stop_)
+            return;
+        for (auto at = clients_.begin(); at != clients_.end();) {
+            const auto next = std::next(at);
+            if (at->finished)
+                ended.splice(ended.end(), clients_, at);
+            at = next;
+        }
+        if (socket) {
+            // Some more than can be inside, for those that are told that it is busy.
+            if (clients_.size() < 2 * options_.most_clients) {
+                Client& client = clients_.emplace_back();
+                client.socket = std::move(socket);
+                client.thread = std::thread([this, &client] { serve(client); });
+            }
+        } else if (error != EINTR && error != ECONNABORTED) {
+            changed_.wait_for(lock, std::chrono::milliseconds(100)); // no descriptors left: let some be closed
+        }
+        lock.unlock();
+        for (Client& client : ended)
+            client.thread.join();
+    }
+}
+
+bool ControlServer::enter(Client& client)
+{
+    const unsigned most = options_.multi_client ? options_.most_clients : 1;
+    const auto until = std::chrono::steady_clock::now() + close_patience;
+    std::unique_lock lock(mutex_);
+    for (;;) {
+        unsigned inside = 0, leaving = 0;
+        for (const Client& other : clients_) {
+            if (!other.inside)
+                continue;
+            ++inside;
+            leaving += hung_up(other.socket.get());
+        }
+        if (stop_)
+            return false;
+        if (inside < most) {
+            client.inside = true;
+            return true;
+        }
+        if (inside - leaving >= most || std::chrono::steady_clock::now() >= until)
+            return false;
+        changed_.wait_for(lock, std::chrono::milliseconds(50));
+    }
+}
+
+void ControlServer::leave(Client& client)
+{
+    {
+        std::lock_guard lock(mutex_);
+        client.inside = false;
+    }
+    changed_.notify_all();
+}
+
+void ControlServer::serve(Client& client)
+{
+    const int socket = client.socket.get();
+    ucred peer{};
+    socklen_t bytes = sizeof peer;
+    const gid_t group = options_.group == gid_t(-1) ? ::getegid() : options_.group;
+    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &bytes) == 0 && may_enter(socket, peer, group)) {
+        if (enter(client)) {
+            {
+                const UniqueFd pidfd = pidfd_of(socket, peer.pid);
+                ControlSession session(hosted::process_memory(peer.pid, pidfd.get()));
+                if (options_.before_open)
+                    options_.before_open();
+                const int result = session.open();
+                bool going = send(socket, ControlSession::answer(result)) && result == 0;
+                // One byte more than a request, so that a longer packet shows.
+                alignas(8) std::byte packet[sizeof(quendrel::wire::Request) + 1];
+                while (going) {
+                    const auto got = receive(socket, peer.pid, packet, sizeof packet);
+                    if (!got)
+                        break;
+                    const auto answer = session.handle(packet, *got);
+                    going = answer && send(socket, *answer);
+                }
+            }
+            leave(client);
+        } else {
+            send(socket, ControlSession::answer(-EBUSY));
+        }
+    } else {
+        send(socket, ControlSession::answer(-EACCES));
+    }
+    ::shutdown(socket, SHUT_RDWR);
+    {
+        std::lock_guard lock(mutex_);
+        client.finished = true;
+    }
+    changed_.notify_all();
+}
+
+} // namespace quendreld

@@ -1,0 +1,98 @@
+#include "control_session.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace quendreld
+{
+
+namespace wire = quendrel::wire;
+
+namespace
+{
+
+constexpr unsigned control_major = 120;
+
+} // namespace
+
+ControlSession::~ControlSession()
+{
+    mappings_.clear();
+    if (file_)
+        file_->close();
+}
+
+int ControlSession::open() { return hosted::open_control(control_major, memory_, file_); }
+
+ControlSession::Answer ControlSession::answer(int result)
+{
+    Answer a;
+    a.reply.result = result;
+    a.reply.version = wire::protocol_version;
+    a.reply.count = 0;
+    a.bytes = wire::reply_header_bytes;
+    a.pass_memory = false;
+    return a;
+}
+
+std::optional<ControlSession::Answer> ControlSession::handle(const void* packet, std::size_t bytes)
+{
+    wire::Request request;
+    if (!file_ || bytes != sizeof request)
+        return std::nullopt;
+    std::memcpy(&request, packet, sizeof request);
+    switch (request.kind) {
+    case wire::Kind::ioctl:
+        if (request.c || request.d)
+            return std::nullopt;
+        return answer(file_->ioctl(request.a, request.b));
+    case wire::Kind::mmap:
+        return map(request);
+    case wire::Kind::munmap: {
+        const auto found = mappings_.find(request.a);
+        if (found == mappings_.end() || request.c || request.d)
+            return std::nullopt;
+        if (request.b && request.b != found->second->pages() * PAGE_BYTES)
+            return std::nullopt;
+        mappings_.erase(found);
+        return answer(0);
+    }
+    }
+    return std::nullopt;
+}
+
+std::optional<ControlSession::Answer> ControlSession::map(const wire::Request& request)
+{
+    const u64 bytes = (u64(request.b) + PAGE_BYTES - 1) / PAGE_BYTES * PAGE_BYTES;
+    const u64 end = u64(request.a) + bytes;
+    if (request.b == 0 || request.a == 0 || request.a % PAGE_BYTES || end > (u64(1) << 32))
+        return std::nullopt;
+    if (request.c & ~u32(VM_READ | VM_WRITE | VM_SHARED))
+        return std::nullopt;
+    if (mappings_.size() >= most_mappings)
+        return std::nullopt;
+    for (const auto& [start, mapping] : mappings_)
+        if (request.a < u64(start) + u64(mapping->pages()) * PAGE_BYTES && start < end)
+            return std::nullopt;
+
+    std::unique_ptr<hosted::Mapping> mapping;
+    const int result = file_->mmap({request.a, request.b, request.c, request.d}, mapping);
+    Answer a = answer(result);
+    if (result != 0 || !mapping)
+        return a;
+    if (mapping->pages() > wire::max_pages)
+        return std::nullopt;
+    for (u32 i = 0; i < mapping->pages(); ++i) {
+        const auto offset = mapping->fault_offset(i);
+        if (!offset)
+            return answer(-EFAULT);
+        a.reply.pages[i] = std::uint32_t(*offset / PAGE_BYTES);
+    }
+    a.reply.count = mapping->pages();
+    a.bytes += a.reply.count * sizeof a.reply.pages[0];
+    a.pass_memory = true;
+    mappings_.emplace(request.a, std::move(mapping));
+    return a;
+}
+
+} // namespace quendreld

@@ -1,0 +1,199 @@
+#include "daemon.h"
+
+#include "host_mounts.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+#include <stdexcept>
+#include <thread>
+
+namespace quendreld
+{
+
+namespace
+{
+
+constexpr auto write_out_patience = std::chrono::seconds(30);
+
+// syncfs on a thread of its own: a file system that is stuck must not keep the daemon from ending.
+bool sync_with_patience(const std::string& mount_point)
+{
+    struct Shared {
+        std::mutex mutex;
+        std::condition_variable done;
+        bool finished = false;
+    };
+    auto shared = std::make_shared<Shared>();
+    std::thread([shared, mount_point] {
+        UniqueFd fd(::open(mount_point.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (fd)
+            ::syncfs(fd.get());
+        std::lock_guard lock(shared->mutex);
+        shared->finished = true;
+        shared->done.notify_all();
+    }).detach();
+    std::unique_lock lock(shared->mutex);
+    return shared->done.wait_for(lock, write_out_patience, [&] { return shared->finished; });
+}
+
+} // namespace
+
+Daemon::Daemon(Config config) : config_(std::move(config)), run_(config_.run_dir)
+{
+    log_ = std::make_unique<LogFile>(run_.log(), config_.foreground);
+    hosted::log_set_sink([this](std::string_view line) { report(line); });
+    if (config_.guardian_fd >= 0)
+        guardian_ = std::make_shared<Guardian>(UniqueFd(config_.guardian_fd));
+    // Memory that is paged out while its own disk waits would never come back. Pages count when they are touched:
+    // most of a thread's stack never is.
+    if (::mlockall(MCL_CURRENT | MCL_FUTURE | MCL_ONFAULT) != 0)
+        report(std::string("memory is not locked (") + std::strerror(errno) + "); raise the memlock limit");
+    try {
+        add_disks();
+        if (const int error = hosted::load_driver(); error != 0)
+            throw std::runtime_error("the driver does not load: " + std::string(std::strerror(-error)));
+        driver_loaded_ = true;
+
+        std::string no_fuse;
+        std::vector<ServedDisk*> served;
+        for (const auto& disk : disks_)
+            served.push_back(disk.get());
+        if (config_.fuse) {
+            try {
+                fuse_ =
+                    std::make_unique<FuseFront>(served, run_.disks(), [this](std::string_view line) { report(line); });
+            } catch (const std::runtime_error& error) {
+                report(std::string("no disk files, NBD only: ") + error.what());
+            }
+        }
+
+        std::vector<FileSystems::Disk> places;
+        for (unsigned i = 0; i < disks_.size(); ++i) {
+            const std::string& name = disks_[i]->name();
+            DiskRecord record{name, 8, i * minors_of_disk, disks_[i]->size(), {}, {}, {}, {}};
+            if (fuse_)
+                record.file = run_.disk_file(name);
+            record.nbd = "nbd+unix:///" + name + "?socket=" + run_.nbd_socket();
+            for (const hosted::PartitionSpec& part : disks_[i]->disk()->partitions())
+                record.partitions.push_back(
+                    {name + std::to_string(part.index), 8, record.minor + part.index, part.start, part.sectors, {}});
+            places.push_back({config_.images[i], std::move(record)});
+        }
+        file_systems_ = std::make_unique<FileSystems>(std::move(places), guardian_,
+                                                      [this](std::string_view line) { report(line); });
+        file_systems_->refresh();
+        write_file_whole(run_.disks_json(), disks_to_json(file_systems_->records()));
+
+        ControlServer::Options options;
+        options.socket = run_.control_socket();
+        options.group = gid_t(config_.group);
+        options.multi_client = config_.multi_client;
+        options.before_open = [this] { look_for_file_systems(); };
+        control_ = std::make_unique<ControlServer>(std::move(options));
+    } catch (...) {
+        take_down();
+        throw;
+    }
+    for (unsigned i = 0; i < disks_.size(); ++i)
+        report(disks_[i]->name() + " serves " + config_.images[i] + ", " + std::to_string(disks_[i]->size()) +
+               " bytes");
+}
+
+Daemon::~Daemon()
+{
+    report("ending");
+    take_down();
+}
+
+void Daemon::report(std::string_view line) { log_->print(line); }
+
+ServedDisk* Daemon::find(std::string_view name) const
+{
+    for (const auto& disk : disks_)
+        if (name.empty() || disk->name() == name)
+            return disk.get();
+    return nullptr;
+}
+
+void Daemon::add_disks()
+{
+    for (unsigned i = 0; i < config_.images.size(); ++i) {
+        const std::string& image = config_.images[i];
+        hosted::DiskConfig disk;
+        disk.name = disk_name(i);
+        disk.first_minor = i * minors_of_disk;
+        disk.minors = minors_of_disk;
+        hosted::FileStoreOptions options;
+        options.direct = config_.direct;
+        options.read_only = config_.read_only;
+        disk.store = hosted::open_file_store(image, options);
+        for (const hosted::PartitionSpec& part : hosted::read_partition_table(image)) {
+            const sector_type sectors = disk.store->size() / 512;
+            if (part.index >= minors_of_disk)
+                report(disk.name + ": partition " + std::to_string(part.index) + " has no device number, left out");
+            else if (part.start >= sectors || part.sectors > sectors - part.start)
+                report(disk.name + ": partition " + std::to_string(part.index) + " ends after the disk, left out");
+            else
+                disk.partitions.push_back(part);
+        }
+        disks_.push_back(std::make_unique<ServedDisk>(hosted::add_disk(std::move(disk)), config_.read_only));
+    }
+}
+
+void Daemon::look_for_file_systems()
+{
+    std::lock_guard lock(describe_);
+    if (!file_systems_->refresh())
+        return;
+    try {
+        write_file_whole(run_.disks_json(), disks_to_json(file_systems_->records()));
+    } catch (const std::exception& error) {
+        report(error.what());
+    }
+}
+
+void Daemon::write_out_mounts()
+{
+    if (!fuse_)
+        return;
+    for (const auto& disk : disks_) {
+        for (const HostLoop& loop : loops_over(run_.disk_file(disk->name()))) {
+            for (const HostDevice& device : loop.devices) {
+                const auto points = mount_points_of(device);
+                if (points.empty())
+                    continue;
+                report(device.node + " is still mounted on " + points.front() +
+                       ": written out now; later writes to it will fail");
+                if (!sync_with_patience(points.front()))
+                    report(points.front() + ": could not be written out");
+            }
+        }
+    }
+}
+
+void Daemon::take_down()
+{
+    control_.reset();
+    write_out_mounts();
+    fuse_.reset();
+    for (const auto& disk : disks_)
+        if (const int error = disk->disk()->flush(); error && !config_.read_only)
+            report(disk->name() + ": flush failed: " + std::strerror(-error));
+    file_systems_.reset();
+    if (driver_loaded_)
+        if (const int error = hosted::unload_driver(); error != 0)
+            report("the driver does not unload: " + std::string(std::strerror(-error)));
+    driver_loaded_ = false;
+    for (const auto& disk : disks_)
+        hosted::remove_disk(disk->disk());
+    disks_.clear();
+    ::unlink(run_.disks_json().c_str());
+    hosted::log_set_sink(nullptr);
+}
+
+} // namespace quendreld

@@ -1,0 +1,38 @@
+// Page-aligned buffers for the FUSE front, in two sizes, kept for reuse.
+//
+// There is a bound on how many are out at a time: a front with more work than that waits in take(), which holds back
+// the host kernel's requests and bounds the daemon's memory. Buffers come back from completions, which never wait
+// here, so the wait ends. The last one given back is the first one taken: a light load touches little memory.
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <mutex>
+#include <vector>
+
+namespace quendreld
+{
+
+class BufferPool
+{
+  public:
+    // `bytes` of each buffer; at most `most` out at a time.
+    BufferPool(std::size_t bytes, unsigned most) : bytes_(bytes), most_(most) {}
+    ~BufferPool(); // all buffers are back
+    BufferPool(const BufferPool&) = delete;
+    BufferPool& operator=(const BufferPool&) = delete;
+
+    std::size_t bytes() const { return bytes_; }
+    std::byte* take(); // throws std::bad_alloc
+    void give(std::byte* buffer);
+
+  private:
+    const std::size_t bytes_;
+    const unsigned most_;
+    std::mutex mutex_; // guards what follows; innermost
+    std::condition_variable back_;
+    std::vector<std::byte*> free_;
+    unsigned out_ = 0;
+};
+
+} // namespace quendreld

@@ -1,0 +1,52 @@
+#include "host_freezer.h"
+
+#include "host_mounts.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace quendreld
+{
+
+HostFreezer::HostFreezer(std::shared_ptr<Guardian> guardian, std::string file, std::uint64_t start,
+                         std::function<void(std::string_view)> report)
+    : guardian_(std::move(guardian)), file_(std::move(file)), start_(start), report_(std::move(report))
+{
+}
+
+bool HostFreezer::present() { return mount_point_at(file_, start_).has_value(); }
+
+bool HostFreezer::freeze()
+{
+    std::lock_guard lock(mutex_);
+    const auto point = mount_point_at(file_, start_);
+    if (!point) {
+        report_("freeze: the file system at sector " + std::to_string(start_) + " of " + file_ +
+                " was unmounted meanwhile; try again");
+        return false;
+    }
+    mounted_at_ = *point;
+    const int error = guardian_->freeze(mounted_at_, frozen_);
+    if (error == 0)
+        return true;
+    frozen_ = 0;
+    report_("freeze: " + mounted_at_ + ": " +
+            (error == -EBUSY   ? "frozen already by somebody else; thaw it first (fsfreeze --unfreeze)"
+             : error == -EPIPE ? "the guardian process is gone; restart the daemon"
+                               : std::strerror(-error)));
+    return false;
+}
+
+void HostFreezer::thaw()
+{
+    std::lock_guard lock(mutex_);
+    if (!frozen_)
+        return;
+    const int error = guardian_->thaw(frozen_);
+    frozen_ = 0;
+    // -EINVAL: somebody thawed it already, which only makes the copy less consistent, not the file system stuck.
+    if (error)
+        report_("thaw: " + mounted_at_ + ": " + std::strerror(-error));
+}
+
+} // namespace quendreld

@@ -1,0 +1,265 @@
+#include "launcher.h"
+
+#include "attach.h"
+#include "guardian.h"
+#include "run_dir.h"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <set>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+
+#ifndef QUENDRELD_NBDKIT
+#define QUENDRELD_NBDKIT "/usr/bin/nbdkit"
+#endif
+#ifndef QUENDRELD_PLUGIN_DIR
+#define QUENDRELD_PLUGIN_DIR "/usr/lib/quendrel"
+#endif
+
+namespace quendreld
+{
+
+namespace fs = std::filesystem;
+
+namespace
+{
+
+constexpr const char* plugin_name = "quendreld-nbd.so";
+constexpr auto stop_patience = std::chrono::seconds(90);
+
+std::runtime_error failure(const std::string& what, int error)
+{
+    return std::runtime_error(what + ": " + std::strerror(error));
+}
+
+// Beside the program (a build tree), else where packages install it.
+std::string find_plugin()
+{
+    std::error_code error;
+    const fs::path beside = fs::read_symlink("/proc/self/exe", error).parent_path() / plugin_name;
+    if (!error && fs::exists(beside, error))
+        return beside;
+    const fs::path installed = fs::path(QUENDRELD_PLUGIN_DIR) / plugin_name;
+    if (fs::exists(installed, error))
+        return installed;
+    throw std::runtime_error(installed.string() + ": missing; reinstall quendreld");
+}
+
+std::uint64_t size_of(int fd, const struct stat& status, const std::string& path)
+{
+    if (S_ISREG(status.st_mode))
+        return std::uint64_t(status.st_size);
+    std::uint64_t bytes = 0;
+    if (::ioctl(fd, BLKGETSIZE64, &bytes) != 0)
+        throw failure(path + ": cannot read its size", errno);
+    return bytes;
+}
+
+std::string check_image(const std::string& path, bool read_only, std::set<std::pair<dev_t, ino_t>>& seen)
+{
+    char resolved[PATH_MAX];
+    if (!::realpath(path.c_str(), resolved))
+        throw failure(path + ": no such disk", errno);
+    struct stat status;
+    if (::stat(resolved, &status) != 0)
+        throw failure(path, errno);
+    if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode))
+        throw std::runtime_error(path + ": is neither a disk image nor a block device");
+    // O_EXCL on a block device fails when it, or a part of it, is mounted, and keeps it from being mounted; on a file
+    // it means nothing.
+    const int flags = (read_only ? O_RDONLY : O_RDWR) | (S_ISBLK(status.st_mode) ? O_EXCL : 0);
+    UniqueFd fd(::open(resolved, flags));
+    if (!fd) {
+        const int error = errno;
+        if (error == EBUSY)
+            throw std::runtime_error(path + ": in use (mounted, or part of another device)");
+        throw failure(path + ": cannot open" + (read_only ? "" : " for writing (--read-only serves it unchanged)"),
+                      error);
+    }
+    const std::uint64_t bytes = size_of(fd.get(), status, path);
+    if (bytes == 0)
+        throw std::runtime_error(path + ": is empty; a disk has at least one sector");
+    if (bytes % 512)
+        throw std::runtime_error(path + ": its size, " + std::to_string(bytes) +
+                                 " bytes, is no multiple of 512; is it a disk image? (truncate -s makes it one)");
+    const bool block = S_ISBLK(status.st_mode);
+    if (!seen.insert({block ? status.st_rdev : status.st_dev, block ? 0 : status.st_ino}).second)
+        throw std::runtime_error(path + ": named twice");
+    if (::flock(fd.get(), (read_only ? LOCK_SH : LOCK_EX) | LOCK_NB) != 0)
+        throw std::runtime_error(path + ": another program (a second daemon?) has it locked");
+    fd.release(); // open, and locked, until the daemon ends
+    return resolved;
+}
+
+void check_lengths(const RunDir& run)
+{
+    // sun_path has 108 bytes.
+    if (run.control_socket().size() > 107)
+        throw std::runtime_error(run.path() + ": the path is too long for a socket in it; choose a shorter one");
+}
+
+[[noreturn]] void become_nbdkit(const Config& config, const std::string& plugin)
+{
+    const RunDir run(config.run_dir);
+    write_file_whole(run.pid(), std::to_string(::getpid()) + "\n");
+    ::umask(0117); // nbdkit makes its socket with this: 0660 from the first moment
+    const std::string parameter = "config=" + to_json(config);
+    const std::string socket = run.nbd_socket();
+    std::vector<const char*> words{QUENDRELD_NBDKIT, "--foreground", "--unix", socket.c_str()};
+    if (config.read_only)
+        words.push_back("--readonly");
+    words.insert(words.end(), {plugin.c_str(), parameter.c_str(), nullptr});
+    ::execv(words[0], const_cast<char**>(words.data()));
+    throw failure(std::string(words[0]) + ": cannot run (package nbdkit)", errno);
+}
+
+std::string last_lines(const std::string& path)
+{
+    std::string text;
+    try {
+        text = read_file(path);
+    } catch (const std::system_error&) {
+        return {};
+    }
+    return text.size() > 600 ? text.substr(text.size() - 600) : text;
+}
+
+[[noreturn]] void run_child(Config& config, const std::string& plugin, int ready)
+{
+    try {
+        ::setsid();
+        const RunDir run(config.run_dir);
+        UniqueFd null(::open("/dev/null", O_RDWR));
+        UniqueFd log(::open(run.log().c_str(), O_WRONLY | O_CREAT | O_APPEND, 0640));
+        if (!null || !log)
+            throw failure(run.log() + ": cannot open", errno);
+        ::dup2(null.get(), 0);
+        ::dup2(log.get(), 1);
+        ::dup2(log.get(), 2);
+        null.reset();
+        log.reset();
+        if (::chdir("/") != 0)
+            throw failure("/", errno);
+        config.guardian_fd = start_guardian().release();
+        config.ready_fd = ready;
+        become_nbdkit(config, plugin);
+    } catch (const std::exception& error) {
+        const std::string text = error.what();
+        [[maybe_unused]] const auto written = ::write(ready, text.data(), text.size());
+        ::_exit(1);
+    }
+}
+
+} // namespace
+
+std::vector<std::string> check_images(const std::vector<std::string>& paths, bool read_only)
+{
+    if (paths.empty())
+        throw std::runtime_error("no disk named; give an image file or a block device");
+    if (paths.size() > most_disks)
+        throw std::runtime_error("at most " + std::to_string(most_disks) + " disks in one daemon");
+    std::set<std::pair<dev_t, ino_t>> seen;
+    std::vector<std::string> resolved;
+    for (const std::string& path : paths)
+        resolved.push_back(check_image(path, read_only, seen));
+    return resolved;
+}
+
+void launch(Config config)
+{
+    const RunDir run(config.run_dir);
+    check_lengths(run);
+    const std::string plugin = find_plugin();
+    UniqueFd lock = run.take();
+    run.remove_stale();
+    if (config.foreground) {
+        config.guardian_fd = start_guardian().release();
+        lock.release();
+        become_nbdkit(config, plugin);
+    }
+
+    int ready[2];
+    if (::pipe(ready) != 0)
+        throw failure("pipe", errno);
+    const pid_t child = ::fork();
+    if (child < 0)
+        throw failure("fork", errno);
+    if (child == 0) {
+        ::close(ready[0]);
+        run_child(config, plugin, ready[1]);
+    }
+    ::close(ready[1]);
+    std::string message;
+    char part[512];
+    for (ssize_t got; (got = ::read(ready[0], part, sizeof part)) != 0;) {
+        if (got > 0)
+            message.append(part, std::size_t(got));
+        if (got < 0 && errno != EINTR)
+            break;
+        if (message == "ok\n")
+            break;
+    }
+    ::close(ready[0]);
+    if (message == "ok\n")
+        return;
+    ::waitpid(child, nullptr, 0);
+    run.remove_stale();
+    if (message.empty())
+        message = "the server ended at once; the end of " + run.log() + ":\n" + last_lines(run.log());
+    throw std::runtime_error(message);
+}
+
+void stop_daemon(const std::string& run_dir, bool force)
+{
+    const RunDir run(run_dir);
+    if (!run.taken())
+        throw std::runtime_error(run_dir + ": no daemon runs there");
+    const auto pid = run.owner();
+    if (!pid)
+        throw std::runtime_error(run.pid() + ": cannot be read; end the daemon by its process id");
+    UniqueFd process(int(::syscall(SYS_pidfd_open, *pid, 0)));
+    if (!process)
+        throw failure("process " + std::to_string(*pid), errno);
+
+    std::vector<DiskRecord> disks;
+    try {
+        disks = disks_from_json(read_file(run.disks_json()));
+    } catch (const std::exception&) {
+        // still starting, or ending already: nothing can be attached
+    }
+    for (const DiskRecord& disk : disks) {
+        if (force) {
+            if (!users_of_disk(disk))
+                detach_disk(disk);
+            continue;
+        }
+        if (const auto user = users_of_disk(disk))
+            throw std::runtime_error(disk.name + ": " + *user + " (or stop with --force: later writes to it fail)");
+        detach_disk(disk);
+    }
+    if (::syscall(SYS_pidfd_send_signal, process.get(), SIGTERM, nullptr, 0) != 0)
+        throw failure("process " + std::to_string(*pid) + ": cannot end it", errno);
+    const auto until = std::chrono::steady_clock::now() + stop_patience;
+    while (run.taken()) {
+        if (std::chrono::steady_clock::now() > until)
+            throw std::runtime_error("process " + std::to_string(*pid) + " does not end; see " + run.log());
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+} // namespace quendreld

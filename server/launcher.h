@@ -1,0 +1,26 @@
+// Starting and stopping the daemon: everything that is checked and prepared before the one process begins, so that
+// a mistake of the caller is answered at once and in words.
+#pragma once
+
+#include "config.h"
+
+#include <string>
+#include <vector>
+
+namespace quendreld
+{
+
+// Checks each path: a regular file or block device of a usable size, readable and (unless read_only) writable, not
+// named twice, not in use. Locks it for this process and whatever it becomes. The result: absolute paths. Throws
+// std::runtime_error that names the path and what to do.
+std::vector<std::string> check_images(const std::vector<std::string>& paths, bool read_only);
+
+// Becomes the daemon (foreground), or starts one and returns when it is ready. Throws std::runtime_error when it
+// could not be started; the message of what went wrong inside is part of it. The images have been checked.
+void launch(Config config);
+
+// Ends the daemon of a run directory and waits until it is gone. Throws std::runtime_error when none runs, when a
+// disk is mounted on this host (unless `force`), or when it does not end.
+void stop_daemon(const std::string& run_dir, bool force);
+
+} // namespace quendreld

@@ -1,0 +1,173 @@
+// The command line of quendreld.
+#include "attach.h"
+#include "launcher.h"
+#include "run_dir.h"
+
+#include <grp.h>
+#include <limits.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <string>
+
+namespace
+{
+
+using namespace quendreld;
+
+std::string absolute(const std::string& path)
+{
+    // The run directory may not exist yet; what exists of its path is resolved, as the kernel will name it.
+    std::string text = std::filesystem::weakly_canonical(std::filesystem::absolute(path)).string();
+    while (text.size() > 1 && text.back() == '/')
+        text.pop_back();
+    return text;
+}
+
+int group_number(const std::string& name)
+{
+    if (name.empty())
+        return -1;
+    if (const group* found = ::getgrnam(name.c_str()))
+        return int(found->gr_gid);
+    char* end = nullptr;
+    const long number = std::strtol(name.c_str(), &end, 10);
+    if (*end == 0 && number >= 0 && number < INT_MAX)
+        return int(number);
+    throw std::runtime_error(name + ": no such group");
+}
+
+DiskRecord find_disk(const std::string& run_dir, const std::string& name)
+{
+    const RunDir run(run_dir);
+    if (!run.taken())
+        throw std::runtime_error(run_dir + ": no daemon runs there; start one with quendreld DISK --run-dir");
+    std::string known;
+    for (DiskRecord& disk : disks_from_json(read_file(run.disks_json()))) {
+        if (disk.name == name)
+            return disk;
+        known += (known.empty() ? "" : ", ") + disk.name;
+    }
+    throw std::runtime_error(name + ": no such disk there; it serves " + known);
+}
+
+int serve(int argc, char** argv)
+{
+    CLI::App app("Serves disks with the quendrel driver loaded. See also: quendreld stop|attach|detach --help",
+                 "quendreld");
+    Config config;
+    std::vector<std::string> paths;
+    std::string run_dir, group;
+    bool no_fuse = false;
+    app.add_option("DISK", paths, "disk image or block device; the first is sda, the next sdb, ...")->required();
+    app.add_option("--run-dir", run_dir, "directory for sockets, disk files and log")->required();
+    app.add_flag("--foreground", config.foreground, "stay in the foreground, log to standard error too");
+    app.add_flag("--direct", config.direct, "bypass the host's page cache (O_DIRECT)");
+    app.add_flag("--read-only", config.read_only, "refuse changes");
+    app.add_flag("--multi-client", config.multi_client,
+                 "let several clients open the control device (each open or close ends a running backup)");
+    app.add_flag("--no-fuse", no_fuse, "NBD only, no disk files");
+    app.add_option("--group", group, "group that may use the sockets");
+    app.set_version_flag("--version", "quendreld 3.1.0");
+    CLI11_PARSE(app, argc, argv);
+
+    config.fuse = !no_fuse;
+    config.group = group_number(group);
+    config.run_dir = absolute(run_dir);
+    config.images = check_images(paths, config.read_only);
+    launch(config);
+
+    const RunDir run(config.run_dir);
+    for (const DiskRecord& disk : disks_from_json(read_file(run.disks_json()))) {
+        std::cout << disk.name << "  " << disk.bytes << " bytes  nbd " << disk.nbd;
+        if (!disk.file.empty())
+            std::cout << "  file " << disk.file;
+        std::cout << "\n";
+        for (const PartitionRecord& part : disk.partitions)
+            std::cout << "  " << part.name << "  " << part.sectors * 512 << " bytes"
+                      << (part.file_system ? "  " + part.file_system->type : "") << "\n";
+    }
+    std::cout << "control device  " << run.control_socket() << "\nlog             " << run.log() << "\n";
+    return 0;
+}
+
+int stop(int argc, char** argv)
+{
+    CLI::App app("Ends the daemon of a run directory.", "quendreld stop");
+    std::string run_dir;
+    bool force = false;
+    app.add_option("--run-dir", run_dir)->required();
+    app.add_flag("--force", force, "even when a disk is mounted on this host; it is written out first");
+    CLI11_PARSE(app, argc, argv);
+    stop_daemon(absolute(run_dir), force);
+    return 0;
+}
+
+int attach(int argc, char** argv)
+{
+    CLI::App app("Makes a served disk a loop device of this host, with its partitions.", "quendreld attach");
+    std::string run_dir, name;
+    bool json = false, read_only = false;
+    app.add_option("DISK", name, "its name: sda")->required();
+    app.add_option("--run-dir", run_dir)->required();
+    app.add_flag("--json", json, "print JSON");
+    app.add_flag("--read-only", read_only);
+    CLI11_PARSE(app, argc, argv);
+
+    const DiskRecord disk = find_disk(absolute(run_dir), name);
+    const HostLoop loop = attach_disk(disk, read_only);
+    nlohmann::ordered_json out{{"disk", name}, {"loop", loop.node}, {"partitions", nlohmann::ordered_json::array()}};
+    for (const HostDevice& device : loop.devices) {
+        if (device.partition == 0)
+            continue;
+        out["partitions"].push_back({{"name", name + std::to_string(device.partition)}, {"device", device.node}});
+    }
+    if (json) {
+        std::cout << out.dump() << "\n";
+    } else {
+        std::cout << name << "  " << loop.node << "\n";
+        for (const auto& part : out["partitions"])
+            std::cout << "  " << part["name"].get<std::string>() << "  " << part["device"].get<std::string>() << "\n";
+    }
+    return 0;
+}
+
+int detach(int argc, char** argv)
+{
+    CLI::App app("Takes a disk's loop device away. Refused while something on it is mounted.", "quendreld detach");
+    std::string run_dir, name;
+    app.add_option("DISK", name, "its name: sda")->required();
+    app.add_option("--run-dir", run_dir)->required();
+    CLI11_PARSE(app, argc, argv);
+    if (!detach_disk(find_disk(absolute(run_dir), name)))
+        std::cout << name << " is not attached\n";
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        if (argc > 1) {
+            const std::string word = argv[1];
+            if (word == "stop")
+                return stop(argc - 1, argv + 1);
+            if (word == "attach")
+                return attach(argc - 1, argv + 1);
+            if (word == "detach")
+                return detach(argc - 1, argv + 1);
+        }
+        return serve(argc, argv);
+    } catch (const std::exception& error) {
+        std::cerr << "quendreld: " << error.what() << "\n";
+        return 1;
+    }
+}

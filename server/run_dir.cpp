@@ -1,0 +1,159 @@
+#include "run_dir.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+
+namespace quendreld
+{
+
+namespace
+{
+
+using ordered = nlohmann::ordered_json;
+
+void add_file_system(ordered& to, const std::optional<FileSystemRecord>& file_system)
+{
+    if (!file_system)
+        return;
+    to["type"] = file_system->type;
+    to["blockSize"] = file_system->block_size;
+}
+
+std::optional<FileSystemRecord> file_system_of(const ordered& from)
+{
+    if (!from.contains("type"))
+        return std::nullopt;
+    return FileSystemRecord{from.at("type"), from.at("blockSize")};
+}
+
+} // namespace
+
+UniqueFd RunDir::take() const
+{
+    if (::mkdir(path_.c_str(), 0755) != 0 && errno != EEXIST)
+        throw std::system_error(errno, std::generic_category(), path_ + ": cannot make the run directory");
+    UniqueFd fd(::open(lock().c_str(), O_RDWR | O_CREAT, 0644));
+    if (!fd)
+        throw std::system_error(errno, std::generic_category(), lock() + ": cannot open the lock");
+    if (::flock(fd.get(), LOCK_EX | LOCK_NB) == 0)
+        return fd;
+    if (errno != EWOULDBLOCK)
+        throw std::system_error(errno, std::generic_category(), lock() + ": cannot lock");
+    const auto pid = owner();
+    throw std::runtime_error(path_ + ": a daemon" + (pid ? " (process " + std::to_string(*pid) + ")" : "") +
+                             " already runs there; stop it with 'quendreld stop --run-dir " + path_ +
+                             "' or choose another run directory");
+}
+
+bool RunDir::taken() const
+{
+    UniqueFd fd(::open(lock().c_str(), O_RDONLY | O_CLOEXEC));
+    return fd && ::flock(fd.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+}
+
+std::optional<int> RunDir::owner() const
+{
+    std::ifstream in(pid());
+    int number = 0;
+    if (in >> number && number > 0)
+        return number;
+    return std::nullopt;
+}
+
+void RunDir::remove_stale() const
+{
+    ::unlink(control_socket().c_str());
+    ::unlink(nbd_socket().c_str());
+    ::unlink(disks_json().c_str());
+    ::unlink(pid().c_str());
+    // A FUSE mount whose server died answers ENOTCONN; it goes away lazily, as a loop device may still hold it.
+    struct stat status;
+    if (::stat(disks().c_str(), &status) != 0 && errno == ENOTCONN)
+        ::umount2(disks().c_str(), MNT_DETACH);
+}
+
+std::string disks_to_json(const std::vector<DiskRecord>& disks)
+{
+    ordered list = ordered::array();
+    for (const DiskRecord& disk : disks) {
+        ordered entry{{"name", disk.name}, {"major", disk.major}, {"minor", disk.minor}, {"bytes", disk.bytes}};
+        if (disk.file.empty())
+            entry["file"] = nullptr;
+        else
+            entry["file"] = disk.file;
+        entry["nbd"] = disk.nbd;
+        add_file_system(entry, disk.file_system);
+        entry["partitions"] = ordered::array();
+        for (const PartitionRecord& part : disk.partitions) {
+            ordered one{{"name", part.name},
+                        {"major", part.major},
+                        {"minor", part.minor},
+                        {"start", part.start},
+                        {"sectors", part.sectors}};
+            add_file_system(one, part.file_system);
+            entry["partitions"].push_back(one);
+        }
+        list.push_back(entry);
+    }
+    return ordered{{"version", 1}, {"disks", list}}.dump() + "\n";
+}
+
+std::vector<DiskRecord> disks_from_json(const std::string& text)
+{
+    const ordered json = ordered::parse(text);
+    if (json.at("version") != 1)
+        throw std::runtime_error("disks.json: written by another version");
+    std::vector<DiskRecord> disks;
+    for (const ordered& entry : json.at("disks")) {
+        DiskRecord disk{entry.at("name"),
+                        entry.at("major"),
+                        entry.at("minor"),
+                        entry.at("bytes"),
+                        {},
+                        entry.at("nbd"),
+                        file_system_of(entry),
+                        {}};
+        if (entry.at("file").is_string())
+            disk.file = entry.at("file");
+        for (const ordered& one : entry.at("partitions"))
+            disk.partitions.push_back({one.at("name"), one.at("major"), one.at("minor"), one.at("start"),
+                                       one.at("sectors"), file_system_of(one)});
+        disks.push_back(std::move(disk));
+    }
+    return disks;
+}
+
+void write_file_whole(const std::string& path, const std::string& text)
+{
+    const std::string next = path + ".new";
+    UniqueFd fd(::open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!fd)
+        throw std::system_error(errno, std::generic_category(), next + ": cannot create");
+    if (::write(fd.get(), text.data(), text.size()) != ssize_t(text.size()))
+        throw std::system_error(errno ? errno : ENOSPC, std::generic_category(), next + ": cannot write");
+    if (::rename(next.c_str(), path.c_str()) != 0)
+        throw std::system_error(errno, std::generic_category(), path + ": cannot replace");
+}
+
+std::string read_file(const std::string& path)
+{
+    std::ifstream in(path);
+    if (!in)
+        throw std::system_error(errno ? errno : ENOENT, std::generic_category(), path + ": cannot read");
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+} // namespace quendreld

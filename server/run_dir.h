@@ -1,0 +1,79 @@
+// The run directory: where a daemon's sockets, disk files, log and description stand.
+//
+// One daemon owns a run directory at a time: it holds an exclusive lock on RUN/lock for as long as it lives, so the
+// lock tells whether it lives. Whatever else is found there without the lock being held is stale and may be removed.
+#pragma once
+
+#include "unique_fd.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace quendreld
+{
+
+class RunDir
+{
+  public:
+    explicit RunDir(std::string path) : path_(std::move(path)) {}
+
+    const std::string& path() const { return path_; }
+    std::string control_socket() const { return path_ + "/control.sock"; }
+    std::string nbd_socket() const { return path_ + "/nbd.sock"; }
+    std::string disks() const { return path_ + "/disks"; }
+    std::string disk_file(const std::string& disk) const { return disks() + "/" + disk; }
+    std::string disks_json() const { return path_ + "/disks.json"; }
+    std::string log() const { return path_ + "/log"; }
+    std::string lock() const { return path_ + "/lock"; }
+    std::string pid() const { return path_ + "/pid"; }
+
+    // Makes the directory if it is missing and takes the lock. Throws std::runtime_error that says what to do when
+    // another daemon holds it. The descriptor is inherited over exec: the lock lives as long as the daemon.
+    UniqueFd take() const;
+    bool taken() const;               // a daemon is alive
+    std::optional<int> owner() const; // its process id, from RUN/pid
+
+    // Removes what a killed daemon left: sockets, description, a dead FUSE mount. Only with the lock held.
+    void remove_stale() const;
+
+  private:
+    std::string path_;
+};
+
+// ---- RUN/disks.json ------------------------------------------------------------------------------------------------
+
+struct FileSystemRecord {
+    std::string type; // "ext4"
+    std::uint32_t block_size;
+    bool operator==(const FileSystemRecord&) const = default;
+};
+
+struct PartitionRecord {
+    std::string name; // "sda1"
+    unsigned major, minor;
+    std::uint64_t start, sectors;
+    std::optional<FileSystemRecord> file_system;
+    bool operator==(const PartitionRecord&) const = default;
+};
+
+struct DiskRecord {
+    std::string name;
+    unsigned major, minor;
+    std::uint64_t bytes;
+    std::string file; // empty: not served as a file
+    std::string nbd;
+    std::optional<FileSystemRecord> file_system; // of a disk without partitions
+    std::vector<PartitionRecord> partitions;
+    bool operator==(const DiskRecord&) const = default;
+};
+
+std::string disks_to_json(const std::vector<DiskRecord>& disks);
+std::vector<DiskRecord> disks_from_json(const std::string& text); // throws on a text of another form
+
+// Replaces the file whole: a reader sees the old or the new text. Throws std::system_error.
+void write_file_whole(const std::string& path, const std::string& text);
+std::string read_file(const std::string& path); // throws std::system_error
+
+} // namespace quendreld

@@ -1,0 +1,130 @@
+#include "served_disk.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+
+namespace quendreld
+{
+
+namespace
+{
+
+using hosted::GuestRequest;
+using hosted::Op;
+
+void whole_done(GuestRequest* guest, int error)
+{
+    auto* r = static_cast<IoRequest*>(guest->context);
+    r->done(r, error);
+}
+
+void drop_part(IoRequest* r)
+{
+    if (r->parts.fetch_sub(1) == 1)
+        r->done(r, r->error.load());
+}
+
+void part_done(GuestRequest* guest, int error)
+{
+    auto* r = static_cast<IoRequest*>(guest->context);
+    delete guest;
+    if (error)
+        r->error.store(error);
+    drop_part(r);
+}
+
+struct Waiting : IoRequest {
+    std::atomic<bool> finished = false;
+    int result = 0;
+};
+
+} // namespace
+
+ServedDisk::ServedDisk(std::shared_ptr<hosted::Disk> disk, bool read_only)
+    : disk_(std::move(disk)), size_(disk_->size()), read_only_(read_only)
+{
+    for (const hosted::PartitionSpec& part : disk_->partitions()) {
+        borders_.push_back(part.start * 512);
+        borders_.push_back((part.start + part.sectors) * 512);
+    }
+    std::sort(borders_.begin(), borders_.end());
+    borders_.erase(std::unique(borders_.begin(), borders_.end()), borders_.end());
+}
+
+std::uint64_t ServedDisk::next_border(std::uint64_t offset) const
+{
+    const auto at = std::upper_bound(borders_.begin(), borders_.end(), offset);
+    return at == borders_.end() ? size_ : std::min(*at, size_);
+}
+
+void ServedDisk::submit(IoRequest* r)
+{
+    if (read_only_ && r->op != Op::read && r->op != Op::flush)
+        return r->done(r, -EROFS);
+    if ((r->offset | r->bytes) % 512 || r->offset > size_ || r->bytes > size_ - r->offset)
+        return r->done(r, -EINVAL);
+    if (r->bytes == 0 && r->op != Op::flush)
+        return r->done(r, 0);
+
+    if (r->op == Op::flush || r->offset + r->bytes <= next_border(r->offset)) {
+        r->guest = GuestRequest{};
+        r->guest.op = r->op;
+        r->guest.fua = r->fua;
+        r->guest.may_unmap = r->may_unmap;
+        r->guest.offset = r->offset;
+        r->guest.bytes = r->bytes;
+        r->guest.data = r->data;
+        r->guest.done = whole_done;
+        r->guest.context = r;
+        return disk_->submit(&r->guest);
+    }
+
+    r->error.store(0);
+    r->parts.store(1); // this function's own
+    const std::uint64_t end = r->offset + r->bytes;
+    for (std::uint64_t at = r->offset; at < end;) {
+        const std::uint64_t to = std::min(end, next_border(at));
+        auto* part = new (std::nothrow) GuestRequest;
+        if (!part) {
+            r->error.store(-ENOMEM);
+            break;
+        }
+        part->op = r->op;
+        part->fua = r->fua;
+        part->may_unmap = r->may_unmap;
+        part->offset = at;
+        part->bytes = to - at;
+        part->data = r->data ? r->data + (at - r->offset) : nullptr;
+        part->done = part_done;
+        part->context = r;
+        r->parts.fetch_add(1);
+        disk_->submit(part);
+        at = to;
+    }
+    drop_part(r);
+}
+
+int ServedDisk::run(Op op, std::uint64_t offset, std::uint64_t bytes, std::byte* data, bool fua, bool may_unmap)
+{
+    Waiting r;
+    r.op = op;
+    r.offset = offset;
+    r.bytes = bytes;
+    r.data = data;
+    r.fua = fua;
+    r.may_unmap = may_unmap;
+    // The waiter may be gone as soon as it sees `finished`, so nothing of the record is touched after the store; the
+    // wake-up that follows only uses its address.
+    r.done = [](IoRequest* done, int error) {
+        auto* waiting = static_cast<Waiting*>(done);
+        waiting->result = error;
+        waiting->finished.store(true, std::memory_order_release);
+        waiting->finished.notify_one();
+    };
+    submit(&r);
+    r.finished.wait(false, std::memory_order_acquire);
+    return r.result;
+}
+
+} // namespace quendreld

@@ -1,0 +1,60 @@
+// A disk as the fronts (NBD and FUSE) see it: byte ranges in, results out.
+//
+// A request that reaches over the border of a partition is cut there before it enters the disk's queue: whoever
+// watches the queue assigns a request to the partition its first sector lies in, and on a machine whose partitions
+// are devices of their own no request ever crosses a border.
+#pragma once
+
+#include "hosted.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace quendreld
+{
+
+// It must stay alive, and its data in place, until done is called.
+struct IoRequest {
+    hosted::Op op = hosted::Op::read;
+    bool fua = false;
+    bool may_unmap = false;
+    std::uint64_t offset = 0; // bytes, a multiple of 512
+    std::uint64_t bytes = 0;  // a multiple of 512; 0 for flush
+    std::byte* data = nullptr;
+    void (*done)(IoRequest* r, int error) = nullptr; // 0 or a negative errno; from any thread, or inside submit
+
+    // the disk's from submit to done
+    hosted::GuestRequest guest;
+    std::atomic<unsigned> parts = 0;
+    std::atomic<int> error = 0;
+};
+
+class ServedDisk
+{
+  public:
+    explicit ServedDisk(std::shared_ptr<hosted::Disk> disk, bool read_only = false);
+
+    const std::string& name() const { return disk_->name(); }
+    std::uint64_t size() const { return size_; }
+    bool read_only() const { return read_only_; }
+    const std::shared_ptr<hosted::Disk>& disk() const { return disk_; }
+
+    // A range outside the disk or off the 512-byte grid ends with -EINVAL, a change of a read-only disk with -EROFS.
+    void submit(IoRequest* r);
+    // The same, waiting for the result.
+    int run(hosted::Op op, std::uint64_t offset, std::uint64_t bytes, std::byte* data = nullptr, bool fua = false,
+            bool may_unmap = false);
+
+  private:
+    std::uint64_t next_border(std::uint64_t offset) const;
+
+    std::shared_ptr<hosted::Disk> disk_;
+    std::uint64_t size_;
+    bool read_only_;
+    std::vector<std::uint64_t> borders_; // bytes, ascending: where a partition begins or ends
+};
+
+} // namespace quendreld
