@@ -19,7 +19,8 @@
 #include <string_view>
 #include <vector>
 
-namespace hosted {
+namespace hosted
+{
 
 // ---- Where a disk's bytes live ------------------------------------------------------------------------------------
 
@@ -28,24 +29,27 @@ enum class Op : std::uint8_t { read, write, flush, discard, write_zeroes };
 // One piece of backing I/O. `data` may be split over several buffers (adjacent bios merged into one request).
 struct StoreRequest {
     Op op;
-    bool fua = false;          // write, write_zeroes: durable before it completes
-    bool may_unmap = false;    // write_zeroes: may leave a hole
-    std::uint64_t offset = 0;  // bytes
+    bool fua = false;         // write, write_zeroes: durable before it completes
+    bool may_unmap = false;   // write_zeroes: may leave a hole
+    std::uint64_t offset = 0; // bytes
     std::uint64_t bytes = 0;
     struct Piece {
         std::byte* data;
         std::uint32_t bytes;
     };
-    std::span<const Piece> pieces;           // valid until done is called
-    void (*done)(StoreRequest* r, int error);  // 0 or a negative errno; from any thread, or before submit returns
+    std::span<const Piece> pieces;            // valid until done is called
+    void (*done)(StoreRequest* r, int error); // 0 or a negative errno; from any thread, or before submit returns
 };
 
-class Store {
+class Store
+{
   public:
     virtual ~Store() = default;
-    virtual std::uint64_t size() const = 0;       // bytes, a multiple of 512
-    virtual void submit(StoreRequest* r) = 0;     // never waits for the request to complete (memory: completes inside)
-    virtual void drain() {}                       // returns when every submitted request has completed
+    virtual std::uint64_t size() const = 0;   // bytes, a multiple of 512
+    virtual void submit(StoreRequest* r) = 0; // never waits for the request to complete (memory: completes inside)
+    virtual void drain() {}                   // returns when every submitted request has completed
+    // True: submit always completes before it returns, so that merging bios first would gain nothing.
+    virtual bool completes_inline() const { return false; }
 };
 
 std::unique_ptr<Store> make_memory_store(std::uint64_t bytes);
@@ -53,9 +57,9 @@ std::unique_ptr<Store> make_memory_store(std::uint64_t bytes);
 std::span<std::byte> memory_store_bytes(Store& store);
 
 struct FileStoreOptions {
-    bool direct = false;     // O_DIRECT
+    bool direct = false; // O_DIRECT
     bool read_only = false;
-    bool use_io_uring = true;  // falls back to a thread pool where the host has none
+    bool use_io_uring = true; // falls back to a thread pool where the host has none
 };
 // A raw image or a host block device. Throws std::system_error whose text names the path and what to do.
 std::unique_ptr<Store> open_file_store(const std::string& path, FileStoreOptions options = {});
@@ -63,19 +67,19 @@ std::unique_ptr<Store> open_file_store(const std::string& path, FileStoreOptions
 // ---- Disks ----------------------------------------------------------------------------------------------------------
 
 struct PartitionSpec {
-    u32 index;  // from 1
+    u32 index; // from 1
     sector_type start;
     sector_type sectors;
 };
 
 struct DiskConfig {
-    std::string name;  // "sda"
+    std::string name; // "sda"
     u32 major = 8;
     u32 first_minor = 0;
-    u32 minors = 16;  // the disk's own included
+    u32 minors = 16; // the disk's own included
     std::unique_ptr<Store> store;
     std::vector<PartitionSpec> partitions;
-    bool queue_has_lock = true;  // false: queue_lock is null, as on some real disks
+    bool queue_has_lock = true; // false: queue_lock is null, as on some real disks
 };
 
 // Reads the DOS or GPT table of an image with libblkid. Empty when there is none. Throws std::system_error when the
@@ -90,22 +94,26 @@ struct GuestRequest {
     bool read_ahead = false;   // read only
     std::uint64_t offset = 0;  // bytes from the start of the device it is sent to; a multiple of 512
     std::uint64_t bytes = 0;   // a multiple of 512; 0 for flush
-    std::byte* data = nullptr;  // read and write
-    void (*done)(GuestRequest* r, int error) = nullptr;  // 0 or a negative errno; from any thread
+    std::byte* data = nullptr; // read and write
+    // 0 or a negative errno; from any thread, or before submit returns. A store's own thread may call it, so it must
+    // not wait for other requests; submitting a write may wait (for a thaw) and belongs on another thread.
+    void (*done)(GuestRequest* r, int error) = nullptr;
     void* context = nullptr;
     // owned by the hosted kernel from submit to done
     std::uint64_t reserved[4] = {};
 };
 
-class Disk {
+class Disk
+{
   public:
+    Disk() = default;
     Disk(const Disk&) = delete;
     Disk& operator=(const Disk&) = delete;
     virtual ~Disk() = default;
 
     virtual const std::string& name() const = 0;
-    virtual std::uint64_t size() const = 0;  // bytes
-    virtual kdev_t device(u32 partition = 0) const = 0;  // partition 0: the whole disk
+    virtual std::uint64_t size() const = 0;             // bytes
+    virtual kdev_t device(u32 partition = 0) const = 0; // partition 0: the whole disk
     virtual std::vector<PartitionSpec> partitions() const = 0;
     virtual Store& store() = 0;
     virtual request_queue* queue() = 0;
@@ -131,18 +139,20 @@ std::shared_ptr<Disk> add_disk(DiskConfig config);
 // Waits for its requests in flight, then forgets it. No guest request may be submitted meanwhile or later.
 void remove_disk(const std::shared_ptr<Disk>& disk);
 
-// ---- File systems ----------------------------------------------------------------------------------------------------
+// ---- File systems
+// ----------------------------------------------------------------------------------------------------
 
 // How a mounted file system is frozen and thawed. Both are called from the thread that issued the command, which
 // serves no disk.
-class Freezer {
+class Freezer
+{
   public:
     virtual ~Freezer() = default;
     // Asked before each freeze: false when the file system is not mounted where this freezer could reach it (it is a
     // guest's, or nobody's). The gate that serves file systems without a freezer is then used for that freeze.
     virtual bool present() { return true; }
-    virtual bool freeze() = 0;  // false: could not be frozen
-    virtual void thaw() = 0;    // only after a freeze that answered true
+    virtual bool freeze() = 0; // false: could not be frozen
+    virtual void thaw() = 0;   // only after a freeze that answered true
 };
 
 // Makes get_super answer for the device. Without a freezer a freeze holds guest writes at the disk's door (fronts
@@ -151,23 +161,26 @@ void mount_file_system(kdev_t dev, u32 block_size, std::shared_ptr<Freezer> free
 void unmount_file_system(kdev_t dev);
 
 struct FileSystemInfo {
-    std::string type;  // "ext4"
-    u32 block_size;    // bytes
+    std::string type; // "ext4"
+    u32 block_size;   // bytes
 };
 // What libblkid finds at a place in an image, with the file system's real block size (xfs: from its super block).
 std::optional<FileSystemInfo> probe_file_system(const std::string& path, std::uint64_t offset, std::uint64_t bytes);
 
-// ---- The driver ------------------------------------------------------------------------------------------------------
+// ---- The driver
+// ------------------------------------------------------------------------------------------------------
 
-int load_driver();    // 0 or the negative error of driver_init
-int unload_driver();  // 0, or -EBUSY while a file is open; waits until no task is inside a hooked function
+int load_driver();   // 0 or the negative error of driver_init
+int unload_driver(); // 0, or -EBUSY while a file is open; waits until no task is inside a hooked function
 bool driver_loaded();
-int driver_references();  // of the module: one per open file
+int driver_references(); // of the module: one per open file
 
-// ---- Processes that use the control device -----------------------------------------------------------------------------
+// ---- Processes that use the control device
+// -----------------------------------------------------------------------------
 
 // The memory of a process, addressed by 32-bit words. Both return the bytes NOT copied.
-class AddressSpace {
+class AddressSpace
+{
   public:
     virtual ~AddressSpace() = default;
     virtual std::size_t read(u32 from, void* to, std::size_t bytes) = 0;
@@ -175,7 +188,8 @@ class AddressSpace {
 };
 
 // A process of the test's own making: 4 GiB of address space of which the allocated ranges exist.
-class SimulatedMemory final : public AddressSpace {
+class SimulatedMemory final : public AddressSpace
+{
   public:
     SimulatedMemory();
     ~SimulatedMemory() override;
@@ -183,9 +197,10 @@ class SimulatedMemory final : public AddressSpace {
     // a page, so that one byte more is unmapped.
     u32 allocate(std::size_t bytes, bool writable = true, bool align_end = false);
     void release(u32 address);
-    std::byte* at(u32 address);  // null when unmapped
+    std::byte* at(u32 address); // null when unmapped
     std::size_t read(u32 from, void* to, std::size_t bytes) override;
     std::size_t write(u32 to, const void* from, std::size_t bytes) override;
+
   private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
@@ -198,9 +213,10 @@ std::unique_ptr<AddressSpace> process_memory(int pid, int pidfd = -1);
 class ControlFile;
 
 // A mapping of the control device in a process.
-class Mapping {
+class Mapping
+{
   public:
-    virtual ~Mapping() = default;  // unmaps, if unmap was not called
+    virtual ~Mapping() = default; // unmaps, if unmap was not called
     virtual u32 start() const = 0;
     virtual u32 pages() const = 0;
     // Touches page `index` as user space would: the page's bytes, or null for SIGBUS.
@@ -208,6 +224,11 @@ class Mapping {
     // The same for a mapping that is handed to another process: the page's place in transfer_memory_fd.
     virtual std::optional<std::uint64_t> fault_offset(u32 index) = 0;
     virtual void unmap() = 0;
+    // A copy of the mapping as a fork or a split makes it: same range, file and operations, a vm_area_struct of its
+    // own.
+    virtual std::unique_ptr<Mapping> duplicate() = 0;
+    // From now on the mapping has no file (vma_file answers null).
+    virtual void lose_file() = 0;
 };
 
 // The memory that alloc_page(GFP_KERNEL) pages live in: a memfd. The returned descriptor is read-only and owned by
@@ -217,12 +238,13 @@ int transfer_memory_fd();
 struct MmapArguments {
     u32 address = 0x10000000;
     u32 bytes = 0;
-    unsigned long flags = VM_READ;  // VM_READ, VM_WRITE, VM_SHARED
+    unsigned long flags = VM_READ; // VM_READ, VM_WRITE, VM_SHARED
     unsigned long page_offset = 0;
 };
 
 // An open file of the control device. Destroying it closes it: mappings first, then release, as a dying process.
-class ControlFile {
+class ControlFile
+{
   public:
     virtual ~ControlFile() = default;
     virtual int ioctl(u32 command, u32 argument) = 0;
@@ -248,23 +270,34 @@ void log_clear();
 // Called for every line from now on, from the printing thread. Null: none. The ring is kept either way.
 void log_set_sink(std::function<void(std::string_view)> sink);
 
-// ---- Accounting and faults -------------------------------------------------------------------------------------------
+// ---- Accounting and faults
+// -------------------------------------------------------------------------------------------
 
-struct Live {  // objects alive now
+struct Live { // objects alive now
     long kmallocs, vmallocs, pages, slab_caches, slab_objects, bios, buffer_heads, supers, block_devices, threads,
         mappings, files;
     bool operator==(const Live&) const = default;
 };
 Live live();
-std::string describe(const Live& live);  // only what is not zero, with the size and call site of each where known
+std::string describe(const Live& live); // only what is not zero, with the size and call site of each where known
 
 // Frees whatever the driver left allocated, for tests of what it leaves behind deliberately. The driver must be
 // unloaded.
 void forget_leaks();
 
-namespace faults {
-enum class Kind : unsigned { kmalloc = 1, vmalloc = 2, page = 4, slab = 8, slab_cache = 16, bio = 32, buffer_head = 64,
-    thread = 128, any = 255 };
+namespace faults
+{
+enum class Kind : unsigned {
+    kmalloc = 1,
+    vmalloc = 2,
+    page = 4,
+    slab = 8,
+    slab_cache = 16,
+    bio = 32,
+    buffer_head = 64,
+    thread = 128,
+    any = 255
+};
 // The n-th allocation from now (from 1) of the kinds given fails, once. 0: none. Allocations that must not fail are
 // neither counted nor failed.
 void fail_allocation(unsigned n, unsigned kinds = unsigned(Kind::any));
@@ -282,7 +315,7 @@ void fail_freeze(bool on);
 // try_module_get answers 0, as a module being unloaded.
 void module_going(bool on);
 void clear();
-}  // namespace faults
+} // namespace faults
 
 // Called by a disk's own function for each bio before it goes to the store, outside all locks: a test blocks here to
 // force an order. Null: none.
@@ -293,4 +326,4 @@ struct BioView {
 };
 void set_disk_probe(std::function<void(const BioView&)> probe);
 
-}  // namespace hosted
+} // namespace hosted

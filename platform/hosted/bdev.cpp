@@ -1,0 +1,118 @@
+// Block devices: one object per device number, kept from the first look until nothing uses it, with or without a
+// disk behind it; and the driver's view of disks.
+#include "block.h"
+
+#include <map>
+#include <mutex>
+
+using namespace hosted;
+
+namespace
+{
+
+struct Table {
+    std::mutex mutex; // guards the map and the objects' `referenced`
+    std::map<kdev_t, std::unique_ptr<block_device>> devices;
+};
+Table& table()
+{
+    static auto* const the = new Table;
+    return *the;
+}
+
+block_device* find_or_make(Table& t, kdev_t dev)
+{
+    auto& slot = t.devices[dev];
+    if (!slot) {
+        slot = std::make_unique<block_device>();
+        slot->dev = dev;
+    }
+    return slot.get();
+}
+
+} // namespace
+
+namespace hosted
+{
+
+block_device* bdev_for(kdev_t dev)
+{
+    Table& t = table();
+    std::lock_guard lock(t.mutex);
+    return find_or_make(t, dev);
+}
+
+long referenced_block_devices()
+{
+    Table& t = table();
+    std::lock_guard lock(t.mutex);
+    long n = 0;
+    for (auto& [dev, bdev] : t.devices)
+        n += bdev->referenced;
+    return n;
+}
+
+void forget_block_devices()
+{
+    Table& t = table();
+    std::lock_guard lock(t.mutex);
+    std::erase_if(t.devices, [](auto& entry) {
+        entry.second->referenced = false;
+        return entry.second->disk.load() == nullptr;
+    });
+}
+
+} // namespace hosted
+
+block_device* bdget(kdev_t dev)
+{
+    may_sleep(this_task(), "bdget");
+    Table& t = table();
+    std::lock_guard lock(t.mutex);
+    block_device* bdev = find_or_make(t, dev);
+    bdev->referenced = true;
+    return bdev;
+}
+kdev_t bdev_dev(block_device* bdev) { return bdev->dev; }
+gendisk* bdev_disk(block_device* bdev) { return bdev->disk.load(std::memory_order_acquire); }
+block_device* bdev_contains(block_device* bdev) { return bdev->contains.load(std::memory_order_acquire); }
+
+namespace
+{
+const PartitionSpec* partition_of(block_device* bdev)
+{
+    gendisk* disk = bdev_disk(bdev);
+    u32 index = bdev->partition.load(std::memory_order_acquire);
+    return disk && index ? &disk->slots[index] : nullptr;
+}
+} // namespace
+
+int bdev_has_partition(block_device* bdev) { return partition_of(bdev) != nullptr; }
+sector_type bdev_partition_start(block_device* bdev)
+{
+    const PartitionSpec* p = partition_of(bdev);
+    return p ? p->start : 0;
+}
+sector_type bdev_partition_sectors(block_device* bdev)
+{
+    const PartitionSpec* p = partition_of(bdev);
+    return p ? p->sectors : 0;
+}
+
+// Tables do not change while their disk exists: nothing to lock.
+void bdev_lock_partitions(block_device*) {}
+void bdev_unlock_partitions(block_device*) {}
+
+request_queue* disk_queue(gendisk* disk) { return disk->queue; }
+sector_type disk_capacity(gendisk* disk) { return disk->capacity; }
+u32 disk_first_minor(gendisk* disk) { return disk->first_minor; }
+u32 disk_minors(gendisk* disk) { return disk->minors; }
+u32 disk_partition_slots(gendisk* disk) { return u32(disk->slots.size()); }
+int disk_partition(gendisk* disk, u32 index, sector_type* start, sector_type* sectors)
+{
+    if (index == 0 || index >= disk->slots.size() || disk->slots[index].sectors == 0)
+        return 0;
+    *start = disk->slots[index].start;
+    *sectors = disk->slots[index].sectors;
+    return 1;
+}

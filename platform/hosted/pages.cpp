@@ -1,0 +1,262 @@
+// Pages. Those of GFP_KERNEL lie in a memfd, so that another process can map them one by one; the others are
+// ordinary memory. A page's record outlives its memory, so that a wrong reference count is always noticed.
+#include "faults.h"
+#include "futex.h"
+#include "memory.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <mutex>
+#include <sys/mman.h>
+#include <system_error>
+#include <vector>
+
+using namespace hosted;
+
+namespace
+{
+constexpr u32 chunk_pages = 256;
+struct Chunk;
+} // namespace
+
+struct page {
+    std::atomic<int> references{0};
+    std::byte* address = nullptr;
+    Chunk* chunk = nullptr;
+    page* next_free = nullptr;
+    const void* caller = nullptr;
+};
+
+namespace
+{
+
+struct Chunk {
+    std::byte* base = nullptr; // null: its memory was given back, the record waits for reuse
+    std::int64_t offset = -1;  // in the memfd
+    page* free = nullptr;
+    u32 used = 0;
+    page pages[chunk_pages];
+};
+
+class Pool
+{
+  public:
+    explicit Pool(bool shared) : shared_(shared) {}
+
+    page* take(const void* caller)
+    {
+        page* p;
+        {
+            std::lock_guard lock(latch_);
+            if (partial_.empty() && !add_chunk())
+                return nullptr;
+            Chunk* c = partial_.back();
+            p = c->free;
+            c->free = p->next_free;
+            if (++c->used == chunk_pages)
+                partial_.pop_back();
+        }
+        HOSTED_UNPOISON(p->address, PAGE_BYTES);
+        p->caller = caller;
+        p->references.store(1, std::memory_order_relaxed);
+        return p;
+    }
+
+    void give_back(page* p)
+    {
+        // What one client's page held is not for the next one.
+        if (shared_)
+            std::memset(p->address, 0, PAGE_BYTES);
+        HOSTED_POISON(p->address, PAGE_BYTES);
+        std::lock_guard lock(latch_);
+        Chunk* c = p->chunk;
+        p->next_free = c->free;
+        c->free = p;
+        if (c->used-- == chunk_pages)
+            partial_.push_back(c);
+        if (c->used == 0 && !shared_ && partial_.size() > 1) {
+            std::erase(partial_, c);
+            HOSTED_UNPOISON(c->base, chunk_pages * PAGE_BYTES);
+            munmap(c->base, chunk_pages * PAGE_BYTES);
+            c->base = nullptr;
+            empty_.push_back(c);
+        }
+    }
+
+    template <typename Visit> void each_live(Visit visit)
+    {
+        std::vector<page*> live;
+        {
+            std::lock_guard lock(latch_);
+            for (Chunk* c : chunks_) {
+                for (page& p : c->pages) {
+                    if (c->base && p.references.load() > 0)
+                        live.push_back(&p);
+                }
+            }
+        }
+        for (page* p : live)
+            visit(p);
+    }
+
+    int read_only_descriptor()
+    {
+        std::lock_guard lock(latch_);
+        open_memory();
+        return read_only_fd_;
+    }
+
+  private:
+    void open_memory()
+    {
+        if (fd_ >= 0)
+            return;
+        fd_ = memfd_create("transfer pages", MFD_CLOEXEC);
+        if (fd_ < 0)
+            throw std::system_error(errno, std::generic_category(), "memfd_create for the transfer pages");
+        std::string path = "/proc/self/fd/" + std::to_string(fd_);
+        read_only_fd_ = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (read_only_fd_ < 0)
+            throw std::system_error(errno, std::generic_category(), "opening the transfer pages read-only");
+    }
+
+    bool add_chunk()
+    {
+        constexpr std::size_t bytes = chunk_pages * PAGE_BYTES;
+        Chunk* c;
+        if (empty_.empty()) {
+            c = new Chunk;
+        } else {
+            c = empty_.back();
+            empty_.pop_back();
+        }
+        void* base;
+        if (shared_) {
+            open_memory();
+            if (ftruncate(fd_, off_t(size_ + bytes)) != 0) {
+                empty_.push_back(c);
+                return false;
+            }
+            base = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, off_t(size_));
+        } else {
+            base = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        }
+        if (base == MAP_FAILED) {
+            empty_.push_back(c);
+            return false;
+        }
+        if (shared_) {
+            c->offset = size_;
+            size_ += bytes;
+        }
+        if (c->pages[0].chunk == nullptr)
+            chunks_.push_back(c);
+        c->base = static_cast<std::byte*>(base);
+        c->free = nullptr;
+        c->used = 0;
+        for (u32 i = chunk_pages; i-- > 0;) {
+            page& p = c->pages[i];
+            p.address = c->base + i * PAGE_BYTES;
+            p.chunk = c;
+            p.next_free = c->free;
+            c->free = &p;
+        }
+        HOSTED_POISON(base, bytes);
+        partial_.push_back(c);
+        return true;
+    }
+
+    const bool shared_;
+    Latch latch_; // guards the rest
+    std::vector<Chunk*> chunks_;
+    std::vector<Chunk*> partial_; // with memory and a free page
+    std::vector<Chunk*> empty_;   // without memory
+    int fd_ = -1;
+    int read_only_fd_ = -1;
+    std::int64_t size_ = 0;
+};
+
+Pool& shared_pool()
+{
+    static auto* const pool = new Pool(true);
+    return *pool;
+}
+Pool& ordinary_pool()
+{
+    static auto* const pool = new Pool(false);
+    return *pool;
+}
+
+void free_page(page* p)
+{
+    count(Counter::pages, -1);
+    (p->chunk->offset >= 0 ? shared_pool() : ordinary_pool()).give_back(p);
+}
+
+} // namespace
+
+page* alloc_page(gfp_type gfp)
+{
+    may_sleep(this_task(), "alloc_page");
+    if (allocation_fails(faults::Kind::page, gfp))
+        return nullptr;
+    bool shared = (gfp & ~GFP_NOFAIL) == GFP_KERNEL;
+    page* p = (shared ? shared_pool() : ordinary_pool()).take(__builtin_return_address(0));
+    if (p)
+        count(Counter::pages, 1);
+    return p;
+}
+
+void free_page_ref(page* p)
+{
+    int before = p->references.fetch_sub(1, std::memory_order_acq_rel);
+    if (before <= 0)
+        die("the reference count of page %p fell below zero (double free)", static_cast<void*>(p));
+    if (before == 1)
+        free_page(p);
+}
+
+void get_page(page* p)
+{
+    if (p->references.fetch_add(1, std::memory_order_relaxed) <= 0)
+        die("get_page of %p, which is free", static_cast<void*>(p));
+}
+
+void* kmap(page* p)
+{
+    may_sleep(this_task(), "kmap");
+    return p->address;
+}
+void kunmap(page*) {}
+void* page_address(page* p) { return p->address; }
+
+namespace hosted
+{
+
+int transfer_memory_fd() { return shared_pool().read_only_descriptor(); }
+
+std::int64_t transfer_offset(const page* p)
+{
+    return p->chunk->offset < 0 ? -1 : p->chunk->offset + (p->address - p->chunk->base);
+}
+
+void describe_pages(std::string& out)
+{
+    auto one = [&](page* p) { out += "  page at " + call_site(p->caller) + "\n"; };
+    shared_pool().each_live(one);
+    ordinary_pool().each_live(one);
+}
+
+void forget_pages()
+{
+    auto one = [](page* p) {
+        p->references = 0;
+        free_page(p);
+    };
+    shared_pool().each_live(one);
+    ordinary_pool().each_live(one);
+}
+
+} // namespace hosted

@@ -1,0 +1,192 @@
+// Merging: bios that reach a disk's own function in one run of one thread and are adjacent go to the store as one
+// request, as an elevator would do it. What is kept back is sent when the run ends, when the thread waits for
+// anything, or when the next bio does not continue it.
+#include "block.h"
+#include "faults.h"
+
+#include <atomic>
+#include <cerrno>
+#include <new>
+
+namespace hosted
+{
+
+namespace
+{
+
+constexpr u32 most_bytes = 1 << 20;
+constexpr u32 most_bios = 256;
+
+StoreRequest::Piece piece_of(bio* b)
+{
+    if (b->raw)
+        return {b->raw, b->size};
+    return {static_cast<std::byte*>(page_address(b->vector[0].p)) + b->vector[0].offset, b->size};
+}
+
+void fill(StoreRequest& request, bio* first)
+{
+    request.op = first->op;
+    request.fua = first->fua;
+    request.may_unmap = first->may_unmap;
+    request.offset = first->sector << 9;
+}
+
+void single_done(StoreRequest* request, int error)
+{
+    bio* b = reinterpret_cast<bio*>(reinterpret_cast<std::byte*>(request) - __builtin_offsetof(bio, request));
+    bio_endio(b, error);
+}
+
+void send_single(DiskImpl& disk, bio* b)
+{
+    fill(b->request, b);
+    b->request.bytes = b->size;
+    if (b->op == Op::read || b->op == Op::write) {
+        b->piece = piece_of(b);
+        b->request.pieces = {&b->piece, 1};
+    }
+    b->request.done = single_done;
+    disk.store().submit(&b->request);
+}
+
+struct Batch {
+    StoreRequest request{};
+    bio* head = nullptr;
+    StoreRequest::Piece pieces[most_bios];
+
+    static void done(StoreRequest* request, int error)
+    {
+        auto* batch = reinterpret_cast<Batch*>(request); // its first member
+        for (bio* b = batch->head; b;) {
+            bio* next = b->next;
+            bio_endio(b, error);
+            b = next;
+        }
+        delete batch;
+    }
+};
+
+void send_batch(DiskImpl& disk, bio* head, u32 bytes)
+{
+    auto* batch = new (std::nothrow) Batch;
+    if (!batch) {
+        for (bio* b = head; b;) {
+            bio* next = b->next;
+            send_single(disk, b);
+            b = next;
+        }
+        return;
+    }
+    u32 pieces = 0;
+    for (bio* b = head; b; b = b->next) {
+        StoreRequest::Piece p = piece_of(b);
+        StoreRequest::Piece* last = pieces ? &batch->pieces[pieces - 1] : nullptr;
+        if (last && last->data + last->bytes == p.data)
+            last->bytes += p.bytes;
+        else
+            batch->pieces[pieces++] = p;
+    }
+    fill(batch->request, head);
+    batch->request.bytes = bytes;
+    batch->request.pieces = {batch->pieces, pieces};
+    batch->request.done = Batch::done;
+    batch->head = head;
+    disk.store().submit(&batch->request);
+}
+
+bool continues(const Task& task, const DiskImpl& disk, const bio* b)
+{
+    const bio* tail = task.plug_tail;
+    return task.plug_disk == &disk && tail->op == b->op && tail->fua == b->fua &&
+           tail->sector + (tail->size >> 9) == b->sector && task.plug_bytes + b->size <= most_bytes &&
+           task.plug_bios < most_bios;
+}
+
+struct Probe {
+    std::mutex mutex;
+    std::shared_ptr<std::function<void(const BioView&)>> function;
+};
+Probe& the_probe()
+{
+    static auto* const probe = new Probe;
+    return *probe;
+}
+std::atomic<bool> probe_set{false};
+
+void call_probe(const bio* b)
+{
+    std::shared_ptr<std::function<void(const BioView&)>> function;
+    {
+        std::lock_guard lock(the_probe().mutex);
+        function = the_probe().function;
+    }
+    if (function)
+        (*function)({b->op != Op::read && b->op != Op::flush, b->sector, b->size});
+}
+
+} // namespace
+
+void flush_plug(Task& task)
+{
+    while (bio* head = task.plug_head) {
+        DiskImpl& disk = *task.plug_disk;
+        u32 bytes = task.plug_bytes;
+        bool alone = task.plug_bios == 1;
+        task.plug_head = task.plug_tail = nullptr;
+        task.plug_disk = nullptr;
+        task.plug_bytes = task.plug_bios = 0;
+        if (alone)
+            send_single(disk, head);
+        else
+            send_batch(disk, head, bytes);
+    }
+}
+
+int disk_make_request(request_queue* q, bio* b)
+{
+    DiskImpl& disk = *q->disk;
+    Task& task = this_task();
+    if (__builtin_expect(probe_set.load(std::memory_order_relaxed), 0)) {
+        before_waiting(task);
+        call_probe(b);
+    }
+    if (__builtin_expect(disk.gone(), 0)) {
+        bio_endio(b, -ENODEV);
+        return 0;
+    }
+    sector_type sectors = b->size >> 9;
+    if (sectors > disk.disk().capacity || b->sector > disk.disk().capacity - sectors ||
+        (b->op != Op::flush && transfer_fails(b->op != Op::read))) {
+        bio_endio(b, -EIO);
+        return 0;
+    }
+    if (task.run_depth == 0 || disk.inline_store() || (b->op != Op::read && b->op != Op::write)) {
+        before_waiting(task);
+        send_single(disk, b);
+        return 0;
+    }
+    if (task.plug_head && !continues(task, disk, b))
+        flush_plug(task);
+    b->next = nullptr;
+    if (task.plug_head)
+        task.plug_tail->next = b;
+    else
+        task.plug_head = b;
+    task.plug_tail = b;
+    task.plug_disk = &disk;
+    task.plug_bytes += b->size;
+    if (++task.plug_bios == most_bios || task.plug_bytes == most_bytes)
+        flush_plug(task);
+    return 0;
+}
+
+void set_disk_probe(std::function<void(const BioView&)> probe)
+{
+    auto shared = probe ? std::make_shared<std::function<void(const BioView&)>>(std::move(probe)) : nullptr;
+    std::lock_guard lock(the_probe().mutex);
+    probe_set = shared != nullptr;
+    the_probe().function = std::move(shared);
+}
+
+} // namespace hosted

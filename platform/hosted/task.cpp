@@ -1,0 +1,87 @@
+// Tasks: made for a thread the first time it enters the hosted kernel, given back when it ends.
+#include "task.h"
+
+#include <mutex>
+#include <vector>
+
+namespace hosted
+{
+
+__thread Task* current_task __attribute__((tls_model("initial-exec"))) = nullptr;
+
+namespace
+{
+
+struct Registry {
+    std::mutex mutex; // innermost
+    std::vector<Task*> all;
+    std::vector<Task*> unused;
+};
+Registry& registry()
+{
+    static Registry* const the = new Registry; // never destroyed: threads may end after main has
+    return *the;
+}
+
+struct GiveBack {
+    ~GiveBack()
+    {
+        Task* task = current_task;
+        if (!task)
+            return;
+        if (task->spin_locks != 0)
+            die("a thread ended with %d spin lock(s) held", task->spin_locks);
+        before_waiting(*task);
+        current_task = nullptr;
+        Registry& r = registry();
+        std::lock_guard lock(r.mutex);
+        r.unused.push_back(task);
+    }
+    void touch() {}
+};
+thread_local GiveBack give_back;
+
+} // namespace
+
+Task& adopt_thread()
+{
+    Registry& r = registry();
+    {
+        std::lock_guard lock(r.mutex);
+        if (!r.unused.empty()) {
+            current_task = r.unused.back();
+            r.unused.pop_back();
+        } else {
+            current_task = new Task;
+            r.all.push_back(current_task);
+            current_task->id = u32(r.all.size());
+        }
+    }
+    give_back.touch();
+    return *current_task;
+}
+
+void for_each_task(void (*visit)(Task& task, void* context), void* context)
+{
+    Registry& r = registry();
+    std::lock_guard lock(r.mutex);
+    for (Task* task : r.all)
+        visit(*task, context);
+}
+
+long counted(Counter counter)
+{
+    struct Sum {
+        unsigned index;
+        long total;
+    } sum{unsigned(counter), 0};
+    for_each_task(
+        [](Task& task, void* context) {
+            auto* s = static_cast<Sum*>(context);
+            s->total += task.live[s->index].load(std::memory_order_relaxed);
+        },
+        &sum);
+    return sum.total;
+}
+
+} // namespace hosted
