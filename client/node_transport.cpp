@@ -1,0 +1,62 @@
+// The control device as a character device of this machine's kernel.
+#include "client/error.h"
+#include "client/low_memory.h"
+#include "client/transport.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace quendrel
+{
+namespace
+{
+
+class NodeTransport final : public Transport
+{
+  public:
+    explicit NodeTransport(int fd) : fd_{fd} {}
+    ~NodeTransport() override { ::close(fd_); }
+    NodeTransport(const NodeTransport&) = delete;
+    NodeTransport& operator=(const NodeTransport&) = delete;
+
+    int command(std::uint32_t number, std::uint32_t argument) override
+    {
+        // The driver's positive codes are ioctl()'s own return value; only kernel errors go through errno. A command
+        // has no harmless repetition, so EINTR is reported like any other error.
+        const int result = ::ioctl(fd_, static_cast<unsigned long>(number), static_cast<unsigned long>(argument));
+        return result >= 0 ? result : -errno;
+    }
+
+    Mapping map(std::size_t bytes) override
+    {
+        void* p = ::mmap(nullptr, bytes, PROT_READ, MAP_PRIVATE | MAP_32BIT, fd_, 0);
+        if (p == MAP_FAILED)
+            return {-errno, nullptr};
+        const auto address = reinterpret_cast<std::uintptr_t>(p);
+        // A positive code of the driver comes back as if it were the address of the mapping.
+        if (address < 4096)
+            return {static_cast<int>(address), nullptr};
+        return {0, static_cast<std::byte*>(p)};
+    }
+
+    void unmap(std::byte* data, std::size_t bytes) noexcept override { ::munmap(data, bytes); }
+
+  private:
+    int fd_;
+};
+
+} // namespace
+
+std::unique_ptr<Transport> openNodeTransport(const std::string& path)
+{
+    const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0)
+        throw Error{"open", "", path, -errno};
+    return std::make_unique<NodeTransport>(fd);
+}
+
+} // namespace quendrel

@@ -1,0 +1,249 @@
+#include "commands.h"
+
+#include "device_catalog.h"
+#include "preflight.h"
+#include "restore.h"
+#include "run_lock.h"
+#include "verify.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+namespace qbackup
+{
+namespace
+{
+
+using nlohmann::json;
+
+void print(const json& document) { std::printf("%s\n", document.dump(2).c_str()); }
+
+// The lock keeps other qbackups out. A daemon may still be closing the file of one that was killed a moment ago.
+quendrel::ControlDevice openControl(const fs::path& control)
+{
+    constexpr auto patience = std::chrono::seconds{10};
+    const auto give_up = std::chrono::steady_clock::now() + patience;
+    for (;;) {
+        try {
+            return quendrel::ControlDevice{control.string()};
+        } catch (const quendrel::Error& error) {
+            const bool busy = error.code() == QUENDREL_BUSY || error.code() == -EBUSY;
+            if (!busy || std::chrono::steady_clock::now() >= give_up)
+                throw Failure{busy ? Exit::busy : Exit::failed, error.what()};
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds{100});
+    }
+}
+
+void requireControl(const fs::path& control)
+{
+    std::error_code error;
+    if (!fs::exists(control, error))
+        throw Failure{Exit::refused, "there is no control device at " + control.string() +
+                                         ": load the driver or start the daemon, or name its socket with --control "
+                                         "or QUENDREL_CONTROL"};
+}
+
+json describe(const StoredBackup& backup)
+{
+    const Manifest& m = backup.manifest;
+    json document{{"id", m.id},
+                  {"path", backup.directory.string()},
+                  {"mode", toString(m.mode)},
+                  {"device", m.device},
+                  {"number", quendrel::toString(m.number)},
+                  {"time", m.time},
+                  {"blockSize", m.blockSize},
+                  {"blocks", m.blocks},
+                  {"copiedBlocks", m.copiedBlocks},
+                  {"dataBytes", m.dataBytes}};
+    if (m.mode == Mode::incremental)
+        document["parent"] = m.parent;
+    else
+        document["fullReason"] = m.fullReason;
+    return document;
+}
+
+void printLine(const StoredBackup& backup)
+{
+    const Manifest& m = backup.manifest;
+    std::printf("%-8s %-36s %-5s %s  %10u blocks  %10s\n", m.device.c_str(), m.id.c_str(), toString(m.mode),
+                m.time.c_str(), m.copiedBlocks, formatBytes(m.dataBytes).c_str());
+}
+
+} // namespace
+
+int commandBackup(const CommonOptions& common, const BackupOptions& options, const StopSignal& stop)
+{
+    Progress progress{Progress::styleFor(common.quiet)};
+    requireControl(common.control);
+    const HostBlocks host;
+    const DeviceCatalog catalog{common.control, host};
+    BackupJob job{catalog.find(options.device), options.wanted, options.cacheBlocks};
+    refuseUnfitDevice(job.device);
+    refuseOnDevice(job.device, host, options.target, "the target directory");
+    refuseOnDevice(job.device, host, catalog.runDirectory(), "the daemon's run directory");
+    refuseOutputOnDevice(job.device, host);
+
+    const RunLock lock{RunLock::placeFor(common.control),
+                       "backup of " + job.device.name + " to " + fs::absolute(options.target).string()};
+    const Repository repository = Repository::openForBackup(options.target, job.device.name);
+    if (options.wanted == Wanted::full || repository.backups().empty())
+        if (const auto warning = checkSpace(job.device, host, options.target))
+            progress.warn(*warning);
+
+    const BackupReport report = runBackup(openControl(common.control), repository, job, progress, stop);
+    const Manifest& m = report.backup.manifest;
+    if (common.json) {
+        json document = describe(report.backup);
+        document["ok"] = true;
+        document["fellBack"] = report.fellBack;
+        document["seconds"] = report.seconds;
+        print(document);
+    } else {
+        std::printf("%s backup %s: %u of %u blocks, %s, %.1f s\n", toString(m.mode), report.backup.directory.c_str(),
+                    m.copiedBlocks, m.blocks, formatBytes(m.dataBytes).c_str(), report.seconds);
+    }
+    return static_cast<int>(Exit::ok);
+}
+
+int commandRestore(const CommonOptions& common, const RestoreOptions& options, const StopSignal& stop)
+{
+    Progress progress{Progress::styleFor(common.quiet)};
+    const RestoreReport report = restoreBackup(options.from, options.to, options.force, progress, stop);
+    if (common.json) {
+        print({{"ok", true},
+               {"id", report.backup.manifest.id},
+               {"to", options.to.string()},
+               {"chain", report.chainLength},
+               {"bytes", report.backup.manifest.deviceBytes},
+               {"bytesRead", report.bytesRead},
+               {"seconds", report.seconds}});
+    } else {
+        std::printf("restored %s to %s: %s, from %zu backup%s, %.1f s\n", report.backup.manifest.id.c_str(),
+                    options.to.c_str(), formatBytes(report.backup.manifest.deviceBytes).c_str(), report.chainLength,
+                    report.chainLength == 1 ? "" : "s", report.seconds);
+    }
+    return static_cast<int>(Exit::ok);
+}
+
+int commandStatus(const CommonOptions& common, const StatusOptions& options)
+{
+    requireControl(common.control);
+    json document{{"ok", true}, {"control", common.control.string()}, {"running", nullptr}};
+    std::string text;
+    const DeviceCatalog catalog{common.control, HostBlocks{}};
+    std::vector<Device> devices = catalog.listed();
+    if (!options.device.empty())
+        devices = {catalog.find(options.device)};
+
+    // Opening the control device would detach a running backup: it is opened only while this program holds the lock.
+    const fs::path lock_file = RunLock::placeFor(common.control);
+    std::optional<RunLock> lock;
+    try {
+        lock.emplace(lock_file, "status");
+    } catch (const Failure& failure) {
+        const auto holder = RunLock::holder(lock_file);
+        if (failure.exitCode() != static_cast<int>(Exit::busy) || !holder)
+            throw;
+        document["running"] = *holder;
+        text += "running: " + *holder + "\n";
+    }
+    std::optional<quendrel::ControlDevice> control;
+    if (lock) {
+        text += "no backup is running\n";
+        control.emplace(openControl(common.control));
+        const auto version = control->version();
+        document["driver"] = std::to_string(version.major) + "." + std::to_string(version.minor);
+        text += "driver " + std::to_string(version.major) + "." + std::to_string(version.minor) + " at " +
+                common.control.string() + "\n";
+    }
+    document["devices"] = json::array();
+    for (const Device& device : devices) {
+        json entry{{"name", device.name}, {"number", toString(device.number)}, {"bytes", device.bytes}};
+        std::string line = device.name + " (" + toString(device.number) + "), " + formatBytes(device.bytes);
+        if (!device.type.empty()) {
+            entry["type"] = device.type;
+            line += ", " + device.type;
+        }
+        if (control && device.partitions.empty()) {
+            try {
+                const auto geometry = control->blockSize(device.number);
+                entry["blockSize"] = geometry.blockSize;
+                line += ", blocks of " + std::to_string(geometry.blockSize) + " bytes";
+            } catch (const quendrel::Error& error) {
+                entry["problem"] = quendrel::codeText(error.command(), error.code());
+                line += ": cannot be backed up: " + quendrel::codeText(error.command(), error.code());
+            }
+        }
+        document["devices"].push_back(entry);
+        text += line + "\n";
+    }
+    if (!options.target.empty()) {
+        document["lastBackups"] = json::array();
+        for (const fs::path& directory : findRepositories(options.target)) {
+            const auto backups = Repository{directory}.backups();
+            if (backups.empty())
+                continue;
+            document["lastBackups"].push_back(describe(backups.back()));
+            text += "last backup of " + backups.back().manifest.device + ": " + backups.back().manifest.id + " (" +
+                    std::to_string(backups.size()) + " stored)\n";
+        }
+    }
+    if (common.json)
+        print(document);
+    else
+        std::fputs(text.c_str(), stdout);
+    return static_cast<int>(Exit::ok);
+}
+
+int commandVerify(const CommonOptions& common, const fs::path& from, const StopSignal& stop)
+{
+    Progress progress{Progress::styleFor(common.quiet)};
+    const auto results = verifyBackups(from, progress, stop);
+    bool good = true;
+    json list = json::array();
+    for (const VerifyResult& result : results) {
+        good = good && result.problem.empty();
+        list.push_back({{"path", result.directory.string()}, {"ok", result.problem.empty()}});
+        if (!result.id.empty())
+            list.back()["id"] = result.id;
+        if (!result.problem.empty())
+            list.back()["problem"] = result.problem;
+        if (!common.json)
+            std::printf("%-7s %s%s%s\n", result.problem.empty() ? "ok" : "DAMAGED", result.directory.c_str(),
+                        result.problem.empty() ? "" : ": ", result.problem.c_str());
+    }
+    if (common.json)
+        print({{"ok", good}, {"backups", list}});
+    return static_cast<int>(good ? Exit::ok : Exit::damaged);
+}
+
+int commandList(const CommonOptions& common, const fs::path& from)
+{
+    json list = json::array();
+    bool good = true;
+    for (const fs::path& directory : findRepositories(from)) {
+        std::vector<DamagedBackup> damaged;
+        for (const StoredBackup& backup : Repository{directory}.backups(&damaged)) {
+            list.push_back(describe(backup));
+            if (!common.json)
+                printLine(backup);
+        }
+        for (const DamagedBackup& backup : damaged) {
+            good = false;
+            list.push_back({{"path", backup.directory.string()}, {"problem", backup.problem}});
+            if (!common.json)
+                std::printf("DAMAGED  %s: %s\n", backup.directory.c_str(), backup.problem.c_str());
+        }
+    }
+    if (common.json)
+        print({{"ok", good}, {"backups", list}});
+    return static_cast<int>(good ? Exit::ok : Exit::damaged);
+}
+
+} // namespace qbackup

@@ -1,0 +1,123 @@
+#include "device_catalog.h"
+
+#include "failure.h"
+
+#include <nlohmann/json.hpp>
+
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+namespace qbackup
+{
+namespace
+{
+
+constexpr int known_version = 1;
+
+std::optional<quendrel::DeviceNumber> parseNumber(const std::string& text)
+{
+    unsigned major_number = 0;
+    unsigned minor_number = 0;
+    int used = 0;
+    if (std::sscanf(text.c_str(), "%u:%u%n", &major_number, &minor_number, &used) != 2 ||
+        static_cast<std::size_t>(used) != text.size())
+        return std::nullopt;
+    return quendrel::DeviceNumber{major_number, minor_number};
+}
+
+bool isSocket(const fs::path& path)
+{
+    struct stat st {
+    };
+    return ::stat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
+}
+
+} // namespace
+
+DeviceCatalog::DeviceCatalog(const fs::path& control, HostBlocks host) : host_{std::move(host)}
+{
+    if (!isSocket(control))
+        return;
+    run_directory_ = fs::absolute(control).parent_path();
+    load(run_directory_ / "disks.json");
+}
+
+void DeviceCatalog::load(const fs::path& disks_json)
+try {
+    const auto document = nlohmann::json::parse(readText(disks_json));
+    if (document.at("version").get<int>() != known_version)
+        throw Failure{Exit::refused, disks_json.string() + " is of a version that this program does not know; use "
+                                                           "daemon and qbackup of the same release"};
+    for (const auto& disk : document.at("disks")) {
+        const std::string file = disk.value("file", "");
+        Device whole;
+        whole.name = disk.at("name");
+        whole.number = {disk.at("major").get<std::uint32_t>(), disk.at("minor").get<std::uint32_t>()};
+        whole.bytes = disk.at("bytes");
+        whole.type = disk.value("type", "");
+        if (!file.empty())
+            whole.hostDevices = host_.loopsOver(file, 0);
+        std::vector<Device> parts;
+        for (const auto& entry : disk.value("partitions", nlohmann::json::array())) {
+            Device part;
+            part.name = entry.at("name");
+            part.number = {entry.at("major").get<std::uint32_t>(), entry.at("minor").get<std::uint32_t>()};
+            part.bytes = entry.at("sectors").get<std::uint64_t>() * 512;
+            part.type = entry.value("type", "");
+            if (!file.empty())
+                part.hostDevices = host_.loopsOver(file, entry.at("start").get<std::uint64_t>());
+            whole.partitions.push_back(part.name);
+            parts.push_back(std::move(part));
+        }
+        devices_.push_back(std::move(whole));
+        devices_.insert(devices_.end(), parts.begin(), parts.end());
+    }
+} catch (const nlohmann::json::exception& error) {
+    throw Failure{Exit::refused, "cannot understand " + disks_json.string() + ": " + error.what() +
+                                     "; start the daemon again so that it writes the file anew"};
+}
+
+Device DeviceCatalog::find(const std::string& text) const
+{
+    if (run_directory_.empty())
+        return findOnHost(text);
+    const std::string name = text.starts_with("/dev/") ? text.substr(5) : text;
+    const auto number = parseNumber(text);
+    std::string names;
+    for (const Device& device : devices_) {
+        if (device.name == name || (number && device.number == *number))
+            return device;
+        // The loop device of an attached disk names the same device as the daemon's own name.
+        if (const auto node = blockNumber(text); node && device.hostDevices.contains(*node))
+            return device;
+        names += (names.empty() ? "" : ", ") + device.name;
+    }
+    throw Failure{Exit::refused,
+                  "the daemon serves no device " + text + "; it has " + (names.empty() ? "none" : names)};
+}
+
+Device DeviceCatalog::findOnHost(const std::string& text) const
+{
+    Device device;
+    if (const auto number = parseNumber(text)) {
+        device.number = *number;
+    } else {
+        const fs::path path = text.find('/') == std::string::npos ? fs::path{"/dev"} / text : fs::path{text};
+        const auto node = blockNumber(path);
+        if (!node)
+            throw Failure{Exit::refused, path.string() + " is not a block device; name one as sda1, 8:1 or /dev/sda1"};
+        device.number = {major(*node), minor(*node)};
+    }
+    const dev_t number = makedev(device.number.major, device.number.minor);
+    const auto node = host_.node(number);
+    if (!node)
+        throw Failure{Exit::refused, "this machine has no block device " + text};
+    device.name = node->name;
+    device.bytes = node->bytes;
+    device.hostDevices = {number};
+    if (node->partitioned)
+        device.partitions = {node->name + "1"};
+    return device;
+}
+
+} // namespace qbackup

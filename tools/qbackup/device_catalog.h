@@ -1,0 +1,49 @@
+// Which devices can be backed up, and what a name on the command line stands for.
+//
+// Behind a daemon's socket the devices are those of disks.json in its run directory; behind a device node they are
+// this host's own.
+#pragma once
+
+#include "client/control_device.h"
+#include "host_blocks.h"
+
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace qbackup
+{
+
+struct Device {
+    std::string name; // "sda1"; "8-1" when nothing better is known
+    quendrel::DeviceNumber number;
+    std::uint64_t bytes = 0;             // 0: not known, ask the driver
+    std::string type;                    // of the file system; empty when not known
+    std::vector<std::string> partitions; // of a whole disk: their names
+    std::set<dev_t> hostDevices;         // the device as this host sees it: what is mounted when it is mounted here
+};
+
+class DeviceCatalog
+{
+  public:
+    // `control`: the control device node or socket.
+    DeviceCatalog(const fs::path& control, HostBlocks host);
+
+    // `text`: "sda1", "8:1" or "/dev/sda1". Throws Failure (refused) with the names that there are.
+    Device find(const std::string& text) const;
+    // The daemon's disks and partitions, in order; empty for a device node.
+    const std::vector<Device>& listed() const noexcept { return devices_; }
+    // The directory where the daemon keeps its files; empty for a device node.
+    const fs::path& runDirectory() const noexcept { return run_directory_; }
+
+  private:
+    void load(const fs::path& disks_json);
+    Device findOnHost(const std::string& text) const;
+
+    HostBlocks host_;
+    fs::path run_directory_;
+    std::vector<Device> devices_;
+};
+
+} // namespace qbackup

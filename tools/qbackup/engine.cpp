@@ -1,0 +1,261 @@
+#include "engine.h"
+
+#include "transfer.h"
+
+#include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <limits>
+#include <optional>
+
+namespace qbackup
+{
+namespace
+{
+
+using quendrel::Bitmap;
+using quendrel::ControlDevice;
+using quendrel::Error;
+
+std::string utcNow()
+{
+    const std::time_t seconds = std::time(nullptr);
+    std::tm utc{};
+    ::gmtime_r(&seconds, &utc);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+    return text;
+}
+
+class Session
+{
+  public:
+    Session(ControlDevice device, const Repository& repository, const BackupJob& job, Progress& progress,
+            const StopSignal& stop)
+        : device_{std::in_place, std::move(device)}, repository_{repository}, job_{job}, progress_{progress}, stop_{
+                                                                                                                  stop}
+    {
+    }
+
+    StoredBackup run(const PendingBackup::Watcher& watcher)
+    {
+        measure();
+        choosePrevious();
+        PendingBackup pending = repository_.begin();
+        start();
+        Bitmap map = takeSnapshot();
+        throwIfStopped(stop_);
+        device_->loadBlockMap(map);
+        expectState(QUENDREL_STATE_MAP_LOADED, "after the map was loaded");
+        copy(map, pending.data());
+        checkStillGood();
+        device_.reset(); // ends the driver's part: from here on writes need no copying
+        throwIfStopped(stop_);
+        return pending.commit(manifest_, map, watcher);
+    }
+
+    bool fellBack() const noexcept { return fell_back_; }
+
+  private:
+    [[noreturn]] void lost(const std::string& what)
+    {
+        throw Failure{Exit::failed, "the backup of " + job_.device.name + " failed: " + what +
+                                        ". Nothing was kept; the next backup will be a full one"};
+    }
+
+    // Block size and number of blocks of the device, and what the manifest says of it.
+    void measure()
+    {
+        const auto geometry = device_->blockSize(job_.device.number);
+        const std::uint64_t bytes = job_.device.bytes != 0 ? job_.device.bytes : std::uint64_t{geometry.sizeKiB} * 1024;
+        // What lies beyond the last whole block belongs to no block of the file system.
+        const std::uint64_t blocks = bytes / geometry.blockSize;
+        if (geometry.blockSize > 4096 || 4096 % geometry.blockSize != 0)
+            throw Failure{Exit::refused, job_.device.name + " has a file system with blocks of " +
+                                             std::to_string(geometry.blockSize) +
+                                             " bytes; the driver handles blocks of 512 to 4096 bytes"};
+        if (blocks == 0 || blocks > std::numeric_limits<std::uint32_t>::max() - 8)
+            throw Failure{Exit::refused, job_.device.name + " has " + std::to_string(blocks) +
+                                             " blocks; the driver handles from 1 to 2^32 - 8"};
+        manifest_.device = job_.device.name;
+        manifest_.number = job_.device.number;
+        manifest_.deviceBytes = bytes;
+        manifest_.blockSize = geometry.blockSize;
+        manifest_.blocks = static_cast<std::uint32_t>(blocks);
+    }
+
+    // The stored backup that an incremental would build on, or the reason why there can be none.
+    void choosePrevious()
+    {
+        if (job_.wanted == Wanted::full) {
+            reason_ = "asked for";
+            return;
+        }
+        std::vector<DamagedBackup> damaged;
+        const auto backups = repository_.backups(&damaged);
+        if (backups.empty()) {
+            giveUpIncremental(damaged.empty() ? "there is no earlier backup in " + repository_.directory().string()
+                                              : "no earlier backup is readable: " + damaged[0].problem);
+            return;
+        }
+        const StoredBackup& last = backups.back();
+        const Manifest& m = last.manifest;
+        if (m.number != manifest_.number || m.blockSize != manifest_.blockSize || m.blocks != manifest_.blocks ||
+            m.deviceBytes != manifest_.deviceBytes) {
+            giveUpIncremental("the device is not of the size and number it had at backup " + m.id);
+            return;
+        }
+        try {
+            for (const StoredBackup& link : repository_.chain(last)) {
+                std::error_code error;
+                const auto bytes = fs::file_size(link.directory / "data", error);
+                if (error || bytes != link.manifest.dataBytes || !fs::exists(link.directory / "map", error) ||
+                    !fs::exists(link.directory / "sums", error))
+                    throw Failure{Exit::damaged, "the files of backup " + link.manifest.id + " are not complete"};
+            }
+        } catch (const Failure& failure) {
+            giveUpIncremental(failure.what());
+            return;
+        }
+        previous_ = last;
+    }
+
+    void giveUpIncremental(const std::string& reason)
+    {
+        reason_ = reason;
+        previous_.reset();
+        fell_back_ = true;
+    }
+
+    void start()
+    {
+        const std::uint64_t cache = job_.cacheBlocks != 0
+                                        ? job_.cacheBlocks
+                                        : std::max<std::uint64_t>(1, default_cache_bytes / manifest_.blockSize);
+        device_->start(job_.device.number, manifest_.blocks, static_cast<std::uint32_t>(cache));
+        const auto state = device_->state();
+        if (state.state != QUENDREL_STATE_STARTED)
+            lost("the driver did not start it (" + quendrel::stateText(state.state) + ")");
+        if (state.blockSize != manifest_.blockSize)
+            lost("the file system was replaced by one of another block size meanwhile");
+        area_bytes_ = state.mapBytes;
+    }
+
+    // Takes the snapshot and gives the blocks to copy.
+    Bitmap takeSnapshot()
+    {
+        if (!previous_)
+            device_->noLoadFromAutoMap();
+        snapshot(previous_ ? previous_->manifest.key : quendrel::SessionKey{});
+        if (previous_ && device_->state().state == QUENDREL_STATE_STARTED) {
+            // A key that does not match is no error to the driver: only the state says that no snapshot was taken.
+            giveUpIncremental("changes were not tracked from backup " + previous_->manifest.id +
+                              " on (another backup was started since, or one failed)");
+            device_->noLoadFromAutoMap();
+            snapshot({});
+        }
+        expectState(QUENDREL_STATE_SNAPSHOT, "after the snapshot");
+        manifest_.time = utcNow();
+        std::optional<Bitmap> changed;
+        if (previous_) {
+            // Fetched before any map is loaded: loading one over it would leave the driver's pages behind.
+            changed = device_->autoMap(manifest_.blocks);
+            if (!changed)
+                giveUpIncremental("changes since backup " + previous_->manifest.id +
+                                  " are not known: the driver was loaded anew or its tracking fell out of sync");
+        }
+        rememberKey();
+        manifest_.mode = changed ? Mode::incremental : Mode::full;
+        if (changed) {
+            manifest_.parent = previous_->manifest.id;
+            manifest_.parentHash = previous_->manifestHash;
+        } else {
+            manifest_.fullReason = reason_;
+        }
+        announce();
+        return changed ? std::move(*changed) : Bitmap{manifest_.blocks, true};
+    }
+
+    void snapshot(const quendrel::SessionKey& key)
+    {
+        throwIfStopped(stop_);
+        device_->snapshot(key);
+    }
+
+    void rememberKey()
+    {
+        const auto tracking = device_->autoMapState();
+        if (!tracking.inSync || tracking.device != manifest_.number || tracking.blocks != manifest_.blocks)
+            lost("the driver does not track changes of the device after the snapshot");
+        manifest_.key = tracking.key;
+    }
+
+    void announce()
+    {
+        if (manifest_.mode == Mode::incremental)
+            progress_.say("backing up " + job_.device.name + ": what changed since backup " + manifest_.parent);
+        else if (job_.wanted == Wanted::incremental)
+            progress_.warn("taking a full backup instead of an incremental one: " + reason_);
+        else
+            progress_.say("backing up " + job_.device.name + " in full: " + reason_);
+    }
+
+    void copy(const Bitmap& map, DataWriter& out)
+    {
+        progress_.begin("copying " + job_.device.name, std::uint64_t{map.count()} * manifest_.blockSize);
+        try {
+            transfer(*device_, map, manifest_.blockSize, area_bytes_, out, progress_, stop_);
+        } catch (const Error& error) {
+            // A read is refused when the backup has failed meanwhile; the state says why.
+            const auto state = error.code() == QUENDREL_REFUSED ? device_->state().state : 0;
+            lost(state > QUENDREL_STATE_CLOSING ? quendrel::stateText(state) : error.what());
+        }
+        progress_.end();
+    }
+
+    // The last look before the backup counts: it covers every write up to now, held back or tracked.
+    void checkStillGood()
+    {
+        expectState(QUENDREL_STATE_MAP_LOADED, "after the last block");
+        const auto tracking = device_->autoMapState();
+        if (!tracking.inSync)
+            lost("the driver's tracking of the device fell out of sync during the backup");
+        if (tracking.key != manifest_.key)
+            lost("another program took a snapshot of the device during the backup");
+    }
+
+    void expectState(unsigned expected, const char* when)
+    {
+        if (const unsigned state = device_->state().state; state != expected)
+            lost(std::string{when} + " the driver's state is " + std::to_string(state) + ": " +
+                 quendrel::stateText(state));
+    }
+
+    std::optional<ControlDevice> device_;
+    const Repository& repository_;
+    const BackupJob& job_;
+    Progress& progress_;
+    const StopSignal& stop_;
+    Manifest manifest_;
+    std::optional<StoredBackup> previous_;
+    std::string reason_; // why this is a full backup
+    bool fell_back_ = false;
+    std::size_t area_bytes_ = 0;
+};
+
+} // namespace
+
+BackupReport runBackup(ControlDevice device, const Repository& repository, const BackupJob& job, Progress& progress,
+                       const StopSignal& stop, const PendingBackup::Watcher& watcher)
+try {
+    const auto begun = std::chrono::steady_clock::now();
+    Session session{std::move(device), repository, job, progress, stop};
+    BackupReport report{session.run(watcher), session.fellBack(), 0};
+    report.seconds = std::chrono::duration<double>{std::chrono::steady_clock::now() - begun}.count();
+    return report;
+} catch (const Error& error) {
+    const bool busy = error.code() == QUENDREL_BUSY;
+    throw Failure{busy ? Exit::busy : Exit::failed, error.what()};
+}
+
+} // namespace qbackup

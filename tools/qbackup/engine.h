@@ -1,0 +1,39 @@
+// One backup, from the start of the driver's session to the stored result.
+//
+// Whatever goes wrong after the snapshot has given the tracking session a new key that no stored backup has, so the
+// next run finds that its key does not match and takes a full backup: a failed run never leaves a gap in a chain.
+#pragma once
+
+#include "client/control_device.h"
+#include "device_catalog.h"
+#include "failure.h"
+#include "progress.h"
+#include "repository.h"
+
+#include <cstdint>
+#include <string>
+
+namespace qbackup
+{
+
+enum class Wanted { automatic, full, incremental };
+
+struct BackupJob {
+    Device device;
+    Wanted wanted = Wanted::automatic;
+    std::uint32_t cacheBlocks = 0; // 0: default_cache_bytes' worth
+};
+
+constexpr std::uint64_t default_cache_bytes = 256ULL << 20;
+
+struct BackupReport {
+    StoredBackup backup;
+    bool fellBack = false; // full although an incremental was wanted or possible in mode auto
+    double seconds = 0;
+};
+
+// `device` is closed before the backup is put in place. Throws Failure; nothing of the backup is left then.
+BackupReport runBackup(quendrel::ControlDevice device, const Repository& repository, const BackupJob& job,
+                       Progress& progress, const StopSignal& stop, const PendingBackup::Watcher& watcher = {});
+
+} // namespace qbackup

@@ -1,0 +1,145 @@
+#include "files.h"
+
+#include "failure.h"
+
+#include <xxhash.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+namespace qbackup
+{
+namespace
+{
+
+[[noreturn]] void fail(const fs::path& path, const char* what, int number)
+{
+    std::string text = std::string{"cannot "} + what + " " + path.string() + ": " + errnoText(number);
+    if (number == ENOSPC || number == EDQUOT)
+        text += ". Free some space there, or choose another target, and run the command again";
+    throw Failure{Exit::failed, text};
+}
+
+} // namespace
+
+File::File(fs::path path, int flags, unsigned mode) : path_{std::move(path)}
+{
+    do
+        fd_ = ::open(path_.c_str(), flags | O_CLOEXEC, mode);
+    while (fd_ < 0 && errno == EINTR);
+    if (fd_ < 0)
+        fail(path_, "open", errno);
+}
+
+File::~File()
+{
+    if (fd_ >= 0)
+        ::close(fd_);
+}
+
+File& File::operator=(File&& other) noexcept
+{
+    if (this != &other) {
+        if (fd_ >= 0)
+            ::close(fd_);
+        fd_ = std::exchange(other.fd_, -1);
+        path_ = std::move(other.path_);
+    }
+    return *this;
+}
+
+void File::writeAt(std::uint64_t offset, std::span<const std::byte> bytes) const
+{
+    while (!bytes.empty()) {
+        const ssize_t done = ::pwrite(fd_, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+        if (done < 0 && errno == EINTR)
+            continue;
+        if (done <= 0)
+            fail(path_, "write", done == 0 ? ENOSPC : errno);
+        bytes = bytes.subspan(static_cast<std::size_t>(done));
+        offset += static_cast<std::uint64_t>(done);
+    }
+}
+
+void File::readAt(std::uint64_t offset, std::span<std::byte> bytes) const
+{
+    while (!bytes.empty()) {
+        const ssize_t done = ::pread(fd_, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+        if (done < 0 && errno == EINTR)
+            continue;
+        if (done < 0)
+            fail(path_, "read", errno);
+        if (done == 0)
+            throw Failure{Exit::damaged, path_.string() + " ends too early, at byte " + std::to_string(offset)};
+        bytes = bytes.subspan(static_cast<std::size_t>(done));
+        offset += static_cast<std::uint64_t>(done);
+    }
+}
+
+std::uint64_t File::size() const
+{
+    struct stat st {
+    };
+    if (::fstat(fd_, &st) != 0)
+        fail(path_, "stat", errno);
+    return static_cast<std::uint64_t>(st.st_size);
+}
+
+void File::truncate(std::uint64_t bytes) const
+{
+    if (::ftruncate(fd_, static_cast<off_t>(bytes)) != 0)
+        fail(path_, "set the size of", errno);
+}
+
+void File::sync() const
+{
+    if (::fsync(fd_) != 0)
+        fail(path_, "make durable", errno);
+}
+
+void File::close()
+{
+    if (fd_ >= 0 && ::close(std::exchange(fd_, -1)) != 0)
+        fail(path_, "close", errno);
+}
+
+void syncDirectory(const fs::path& directory) { File{directory, O_RDONLY | O_DIRECTORY}.sync(); }
+
+std::string readText(const fs::path& path)
+{
+    const File file{path, O_RDONLY};
+    std::string text(file.size(), '\0');
+    file.readAt(0, std::as_writable_bytes(std::span{text}));
+    return text;
+}
+
+std::span<const std::byte> asBytes(const std::string& text) { return std::as_bytes(std::span{text}); }
+
+std::string hashText(std::span<const std::byte> bytes)
+{
+    const XXH128_hash_t hash = XXH3_128bits(bytes.data(), bytes.size());
+    char text[33];
+    std::snprintf(text, sizeof text, "%016llx%016llx", static_cast<unsigned long long>(hash.high64),
+                  static_cast<unsigned long long>(hash.low64));
+    return text;
+}
+
+std::string formatBytes(std::uint64_t bytes)
+{
+    constexpr const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB"};
+    double value = static_cast<double>(bytes);
+    unsigned unit = 0;
+    while (value >= 1024 && unit + 1 < std::size(units)) {
+        value /= 1024;
+        ++unit;
+    }
+    char text[32];
+    std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", value, units[unit]);
+    return text;
+}
+
+} // namespace qbackup

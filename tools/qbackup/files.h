@@ -1,0 +1,53 @@
+// Files with errors that name the file: open, write, read whole, make durable.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <span>
+#include <string>
+#include <utility>
+
+namespace qbackup
+{
+
+namespace fs = std::filesystem;
+
+class File
+{
+  public:
+    File() noexcept = default;
+    // open(2) with O_CLOEXEC added. Throws Failure.
+    File(fs::path path, int flags, unsigned mode = 0640);
+    ~File();
+    File(File&& other) noexcept : fd_{std::exchange(other.fd_, -1)}, path_{std::move(other.path_)} {}
+    File& operator=(File&& other) noexcept;
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+
+    int fd() const noexcept { return fd_; }
+    const fs::path& path() const noexcept { return path_; }
+    void writeAt(std::uint64_t offset, std::span<const std::byte> bytes) const;
+    // Reads exactly bytes.size() bytes; fewer is a Failure (damaged).
+    void readAt(std::uint64_t offset, std::span<std::byte> bytes) const;
+    std::uint64_t size() const;
+    void truncate(std::uint64_t bytes) const;
+    void sync() const;
+    void close();
+
+  private:
+    int fd_ = -1;
+    fs::path path_;
+};
+
+// Makes the names in a directory durable.
+void syncDirectory(const fs::path& directory);
+std::string readText(const fs::path& path);
+std::span<const std::byte> asBytes(const std::string& text);
+
+// The XXH3-128 hash of the bytes, as 32 hexadecimal digits.
+std::string hashText(std::span<const std::byte> bytes);
+
+std::string formatBytes(std::uint64_t bytes);
+
+} // namespace qbackup

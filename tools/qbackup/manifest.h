@@ -1,0 +1,41 @@
+// What a backup says of itself: manifest.json. docs/backup-format.md describes it field by field.
+#pragma once
+
+#include "client/control_device.h"
+
+#include <cstdint>
+#include <string>
+
+namespace qbackup
+{
+
+enum class Mode { full, incremental };
+const char* toString(Mode mode);
+
+struct Manifest {
+    std::string id;
+    std::uint32_t sequence = 0;
+    std::string parent;     // id; empty for a full backup
+    std::string parentHash; // of the parent's manifest file, 32 hexadecimal digits
+    Mode mode = Mode::full;
+    std::string fullReason; // why this is a full backup
+    std::string device;
+    quendrel::DeviceNumber number;
+    std::uint32_t blockSize = 0;
+    std::uint32_t blocks = 0;
+    std::uint64_t deviceBytes = 0;
+    quendrel::SessionKey key{}; // of the tracking session right after the snapshot
+    std::string time;           // of the snapshot, UTC, as 2026-11-21T11:16:41Z
+    std::uint32_t copiedBlocks = 0;
+    std::uint64_t dataBytes = 0;
+    std::uint32_t segmentBytes = 0;
+    std::string mapHash;
+    std::string sumsHash;
+};
+
+// The text of manifest.json. It carries a hash of itself.
+std::string encode(const Manifest& manifest);
+// Throws Failure (damaged) that names `where` when the text is no manifest or was changed.
+Manifest decode(const std::string& text, const std::string& where);
+
+} // namespace qbackup

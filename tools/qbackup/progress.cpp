@@ -1,0 +1,97 @@
+#include "progress.h"
+
+#include "files.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+
+namespace qbackup
+{
+namespace
+{
+
+constexpr auto bar_interval = std::chrono::milliseconds{200};
+constexpr auto line_interval = std::chrono::seconds{10};
+constexpr unsigned bar_width = 30;
+
+} // namespace
+
+Progress::Style Progress::styleFor(bool quiet)
+{
+    if (quiet)
+        return Style::none;
+    return ::isatty(STDERR_FILENO) == 1 ? Style::bar : Style::lines;
+}
+
+void Progress::say(const std::string& line)
+{
+    if (style_ == Style::none)
+        return;
+    clearBar();
+    std::fprintf(stderr, "%s\n", line.c_str());
+}
+
+void Progress::warn(const std::string& line)
+{
+    clearBar();
+    std::fprintf(stderr, "qbackup: warning: %s\n", line.c_str());
+}
+
+void Progress::begin(const std::string& what, std::uint64_t total_bytes)
+{
+    what_ = what;
+    total_ = total_bytes;
+    done_ = 0;
+    started_ = Clock::now();
+    next_ = started_ + (style_ == Style::bar ? Clock::duration{bar_interval} : Clock::duration{line_interval});
+}
+
+void Progress::advance(std::uint64_t bytes)
+{
+    done_ += bytes;
+    if (style_ == Style::none)
+        return;
+    if (const auto now = Clock::now(); now >= next_) {
+        show(now);
+        next_ = now + (style_ == Style::bar ? Clock::duration{bar_interval} : Clock::duration{line_interval});
+    }
+}
+
+void Progress::end()
+{
+    clearBar();
+    if (style_ == Style::none)
+        return;
+    const std::chrono::duration<double> seconds = Clock::now() - started_;
+    const double rate = seconds.count() > 0 ? static_cast<double>(done_) / seconds.count() : 0;
+    std::fprintf(stderr, "%s: %s in %.1f s (%s/s)\n", what_.c_str(), formatBytes(done_).c_str(), seconds.count(),
+                 formatBytes(static_cast<std::uint64_t>(rate)).c_str());
+}
+
+void Progress::show(Clock::time_point now)
+{
+    const double part = total_ == 0 ? 1.0 : static_cast<double>(done_) / static_cast<double>(total_);
+    const std::chrono::duration<double> seconds = now - started_;
+    const double left = part > 0 ? seconds.count() * (1 - part) / part : 0;
+    const std::string counts = formatBytes(done_) + " of " + formatBytes(total_);
+    if (style_ == Style::lines) {
+        std::fprintf(stderr, "%s: %s (%.0f%%), about %.0f s left\n", what_.c_str(), counts.c_str(), part * 100, left);
+        return;
+    }
+    std::string bar(bar_width, ' ');
+    for (unsigned i = 0; i < bar_width && i < part * bar_width; ++i)
+        bar[i] = '#';
+    std::fprintf(stderr, "\r%s [%s] %3.0f%% %s, %.0f s left\033[K", what_.c_str(), bar.c_str(), part * 100,
+                 counts.c_str(), left);
+    bar_shown_ = true;
+}
+
+void Progress::clearBar()
+{
+    if (bar_shown_)
+        std::fprintf(stderr, "\r\033[K");
+    bar_shown_ = false;
+}
+
+} // namespace qbackup

@@ -1,0 +1,80 @@
+#include "run_lock.h"
+
+#include "failure.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <ctime>
+#include <thread>
+
+namespace qbackup
+{
+namespace
+{
+
+std::string describe(const File& file)
+{
+    std::string text(std::min<std::uint64_t>(file.size(), 4096), '\0');
+    file.readAt(0, std::as_writable_bytes(std::span{text}));
+    while (!text.empty() && text.back() == '\n')
+        text.pop_back();
+    return text.empty() ? "a process that has not said yet who it is" : text;
+}
+
+std::string now()
+{
+    const std::time_t seconds = std::time(nullptr);
+    std::tm utc{};
+    ::gmtime_r(&seconds, &utc);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+    return text;
+}
+
+} // namespace
+
+RunLock::RunLock(const fs::path& lock_file, const std::string& purpose)
+    : file_{lock_file, O_RDWR | O_CREAT | O_NOFOLLOW, 0660}
+{
+    int locked = ::flock(file_.fd(), LOCK_EX | LOCK_NB);
+    // `status` holds the lock for a moment to see whether it is free; that must not stop a backup.
+    for (int again = 0; locked != 0 && again < 10; ++again) {
+        std::this_thread::sleep_for(std::chrono::milliseconds{20});
+        locked = ::flock(file_.fd(), LOCK_EX | LOCK_NB);
+    }
+    if (locked != 0 && errno == EWOULDBLOCK)
+        throw Failure{Exit::busy, "another qbackup is running: " + describe(file_) + " (lock " + lock_file.string() +
+                                      "). Wait for it to end"};
+    if (locked != 0)
+        throw Failure{Exit::failed, "cannot lock " + lock_file.string() + ": " + errnoText(errno)};
+    file_.truncate(0);
+    file_.writeAt(0, asBytes("process " + std::to_string(::getpid()) + ", " + purpose + ", since " + now() + "\n"));
+}
+
+std::optional<std::string> RunLock::holder(const fs::path& lock_file)
+{
+    std::error_code error;
+    if (!fs::exists(lock_file, error))
+        return std::nullopt;
+    const File file{lock_file, O_RDONLY | O_NOFOLLOW};
+    if (::flock(file.fd(), LOCK_SH | LOCK_NB) == 0)
+        return std::nullopt; // unlocked again as the file closes
+    return describe(file);
+}
+
+fs::path RunLock::placeFor(const fs::path& control)
+{
+    struct stat st {
+    };
+    const fs::path path = fs::absolute(control);
+    if (::stat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode))
+        return path.parent_path() / "qbackup.lock";
+    return fs::path{"/run/lock"} / ("qbackup-" + path.filename().string() + ".lock");
+}
+
+} // namespace qbackup
