@@ -95,6 +95,7 @@ int addDevToList(QueueList* ql, kdev_t kdev, DevList* node);
 int isInDevList(QueueList* ql, kdev_t kdev);
 void unSetMRFDEV(DiskInfo* diskInfo);
 void unsetQueueMRFAMS(request_queue* q);
+void closeQueueList();
 void waitForQueueListUsers(unsigned long* flags);
 QueueList* nextQueueList(QueueList* ql);
 DevList* nextDevList(QueueList* ql, DevList* dev);

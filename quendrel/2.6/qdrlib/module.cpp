@@ -95,6 +95,7 @@ int qdrUnload()
     if (qdrCheckModUse())
         return -1;
     closeAllAMS();
+    closeQueueList();
     unregister_chrdev(QUENDREL_CHRDEV_MAJOR, QUENDREL_NAME);
     printk("<6>%s: quendrel version %d.%d.%d build %d ready to be unloaded\n", __func__, QUENDREL_VERSION_MAJOR,
            QUENDREL_VERSION_MINOR, QUENDREL_VERSION_MINOR2, QUENDREL_BUILD);

@@ -233,3 +233,21 @@ void unsetQueueMRFAMS(request_queue* q)
     kfree(ql);
     spin_unlock_irqrestore(&queueListUsersLock, flags);
 }
+
+// At unload, with no session and no backup left: gives every queue that is still registered its own function back. A
+// device that was backed up without tracking, beside two that are tracked, stays registered for as long as they are.
+void closeQueueList()
+{
+    unsigned long flags;
+    waitForQueueListUsers(&flags);
+    while (QueueList* ql = nextQueueList(nullptr)) {
+        while (DevList* dev = nextDevList(ql, nullptr)) {
+            listRemove(&dev->list);
+            kfree(dev);
+        }
+        storeMRF(ql->rQueue, ql->realMRF);
+        listRemove(&ql->list);
+        kfree(ql);
+    }
+    spin_unlock_irqrestore(&queueListUsersLock, flags);
+}
