@@ -1,0 +1,259 @@
+// Who gets at the control device, how many at a time, and what their commands and mappings do.
+#include "control_rig.h"
+
+#include <grp.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <thread>
+
+namespace
+{
+
+using namespace control_rig;
+using namespace std::chrono_literals;
+
+struct ControlAccess : ControlRig {
+    void wait_for_clients(unsigned count)
+    {
+        for (int i = 0; i < 2000 && server->clients() != count; ++i)
+            std::this_thread::sleep_for(5ms);
+        EXPECT_EQ(server->clients(), count);
+    }
+    // A started backup of the partition over the client's file.
+    void start(Client& client, LowPage& page)
+    {
+        page.as<StartBackup>() = {8, 1, 1024, 256};
+        const auto reply = client.ioctl(QUENDREL_START_BACKUP, page.address());
+        ASSERT_TRUE(reply);
+        ASSERT_EQ(reply->result, 0);
+    }
+};
+
+// Runs in a child process; its result is the child's exit status.
+int in_child(const std::function<int()>& body)
+{
+    const pid_t child = ::fork();
+    if (child == 0)
+        ::_exit(body());
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 255;
+}
+
+TEST_F(ControlAccess, TheSocketIsForOwnerAndGroupOnly)
+{
+    serve();
+    struct stat status;
+    ASSERT_EQ(::stat(socket.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0660u);
+}
+
+TEST_F(ControlAccess, ACommandWritesItsResultIntoTheCallersMemory)
+{
+    serve();
+    expect_well();
+    EXPECT_EQ(opens, 1);
+}
+
+TEST_F(ControlAccess, APointerThatIsNotTheCallersGivesTheDriversCode)
+{
+    serve();
+    Client client(socket);
+    ASSERT_EQ(client.receive()->result, 0);
+    EXPECT_EQ(client.ioctl(QUENDREL_GET_VERSION_MAJOR, 8)->result, QUENDREL_COPY_TO_USER);
+    EXPECT_EQ(client.ioctl(QUENDREL_START_BACKUP, 8)->result, QUENDREL_COPY_FROM_USER);
+    EXPECT_EQ(client.ioctl(0x12345678, 0)->result, QUENDREL_UNKNOWN_COMMAND);
+}
+
+TEST_F(ControlAccess, AnotherProcessGetsItsOwnMemoryRead)
+{
+    serve();
+    EXPECT_EQ(in_child([&] {
+                  LowPage page;
+                  Client client(socket);
+                  auto opened = client.receive();
+                  if (!opened || opened->result != 0)
+                      return 1;
+                  auto reply = client.ioctl(QUENDREL_GET_VERSION_MAJOR, page.address());
+                  return reply && reply->result == 0 && page.as<std::uint32_t>() == 3 ? 0 : 2;
+              }),
+              0);
+    wait_for_clients(0);
+}
+
+TEST_F(ControlAccess, AStrangerIsTurnedAway)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root to become somebody else";
+    serve();
+    ::chmod(scratch.c_str(), 0755);
+    // The mode keeps strangers out; with the mode opened up, the peer's credentials still do.
+    const auto as_nobody = [&] {
+        if (::setgroups(0, nullptr) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0)
+            return 9;
+        Client client(socket);
+        if (!client.connected())
+            return 1;
+        const auto opened = client.receive();
+        return opened && opened->result == -EACCES && !client.receive() ? 2 : 3;
+    };
+    EXPECT_EQ(in_child(as_nobody), 1);
+    ::chmod(socket.c_str(), 0666);
+    EXPECT_EQ(in_child(as_nobody), 2);
+    EXPECT_EQ(opens, 0);
+}
+
+TEST_F(ControlAccess, AMemberOfTheGroupIsLetIn)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root to become somebody else";
+    ::chmod(scratch.c_str(), 0755);
+    ControlServer::Options options;
+    options.socket = socket;
+    options.group = 12345;
+    server = std::make_unique<ControlServer>(std::move(options));
+    EXPECT_EQ(in_child([&] {
+                  const gid_t groups[] = {1, 12345};
+                  if (::setgroups(2, groups) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0)
+                      return 9;
+                  Client client(socket);
+                  const auto opened = client.receive();
+                  return opened && opened->result == 0 ? 0 : 1;
+              }),
+              0);
+}
+
+TEST_F(ControlAccess, OneClientAtATimeTheNextIsToldBusy)
+{
+    serve();
+    Client first(socket);
+    ASSERT_EQ(first.receive()->result, 0);
+    Client second(socket);
+    EXPECT_EQ(second.receive()->result, -EBUSY);
+    EXPECT_FALSE(second.receive());
+    EXPECT_EQ(opens, 1);
+    first.close();
+    expect_well();
+}
+
+TEST_F(ControlAccess, ABusyAnswerDoesNotTouchTheRunningBackup)
+{
+    serve();
+    Client first(socket);
+    ASSERT_EQ(first.receive()->result, 0);
+    LowPage page;
+    ASSERT_NO_FATAL_FAILURE(start(first, page));
+    Client second(socket);
+    EXPECT_EQ(second.receive()->result, -EBUSY);
+    LowPage state;
+    page.as<GetState>() = {state.address(), sizeof(State)};
+    ASSERT_EQ(first.ioctl(QUENDREL_GET_STATE, page.address())->result, 0);
+    EXPECT_EQ(state.as<State>().state, unsigned(QUENDREL_STATE_STARTED));
+}
+
+TEST_F(ControlAccess, SeveralClientsWhenAskedForUpToTheBound)
+{
+    serve(true, 3);
+    std::vector<std::unique_ptr<Client>> clients;
+    for (int i = 0; i < 3; ++i) {
+        clients.push_back(std::make_unique<Client>(socket));
+        ASSERT_EQ(clients.back()->receive()->result, 0);
+    }
+    Client fourth(socket);
+    EXPECT_EQ(fourth.receive()->result, -EBUSY);
+}
+
+TEST_F(ControlAccess, AMappingShowsThePagesOfTheTransferMemory)
+{
+    serve();
+    Client client(socket);
+    ASSERT_EQ(client.receive()->result, 0);
+    LowPage page;
+    ASSERT_NO_FATAL_FAILURE(start(client, page));
+    UniqueFd memory;
+    const auto reply = client.ask({wire::Kind::mmap, 0x20000000, 8 * 4096, 1, 0}, &memory);
+    ASSERT_TRUE(reply);
+    ASSERT_EQ(reply->result, 0);
+    ASSERT_EQ(reply->count, 8u);
+    ASSERT_TRUE(memory);
+    // The descriptor cannot be written through.
+    EXPECT_EQ(::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, memory.get(), 0), MAP_FAILED);
+    void* view = ::mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, memory.get(), off_t(reply->pages[0]) * 4096);
+    EXPECT_NE(view, MAP_FAILED);
+    ::munmap(view, 4096);
+    EXPECT_EQ(client.ask({wire::Kind::munmap, 0x20000000, 8 * 4096, 0, 0})->result, 0);
+    // The driver has two areas; the third is its refusal, not the protocol's.
+    EXPECT_EQ(client.ask({wire::Kind::mmap, 0x20000000, 4096, 1, 0})->result, 0);
+    EXPECT_EQ(client.ask({wire::Kind::mmap, 0x30000000, 4096, 1, 0})->result, 0);
+    EXPECT_EQ(client.ask({wire::Kind::mmap, 0x40000000, 4096, 1, 0})->result, QUENDREL_REFUSED);
+    // So is a writable one, and one that is larger than an area.
+    EXPECT_EQ(client.ask({wire::Kind::munmap, 0x30000000, 0, 0, 0})->result, 0);
+    EXPECT_EQ(client.ask({wire::Kind::mmap, 0x30000000, 4096, 3, 0})->result, QUENDREL_REFUSED);
+    EXPECT_EQ(client.ask({wire::Kind::mmap, 0x30000000, 257 * 4096, 1, 0})->result, QUENDREL_REFUSED);
+}
+
+TEST_F(ControlAccess, AKilledClientsBackupIsClosedAndTheNextClientStartsOne)
+{
+    serve();
+    int pipe[2];
+    ASSERT_EQ(::pipe(pipe), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        LowPage page;
+        Client client(socket);
+        client.receive();
+        page.as<StartBackup>() = {8, 1, 1024, 256};
+        client.ioctl(QUENDREL_START_BACKUP, page.address());
+        client.ask({wire::Kind::mmap, 0x20000000, 4096, 1, 0});
+        [[maybe_unused]] const auto written = ::write(pipe[1], "x", 1);
+        ::pause();
+        ::_exit(0);
+    }
+    char x;
+    ASSERT_EQ(::read(pipe[0], &x, 1), 1);
+    EXPECT_EQ(hosted::live().mappings, 1);
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    ::close(pipe[0]);
+    ::close(pipe[1]);
+
+    Client next(socket);
+    ASSERT_EQ(next.receive()->result, 0);
+    EXPECT_EQ(hosted::live().mappings, 0);
+    LowPage page;
+    start(next, page);
+}
+
+TEST_F(ControlAccess, AForkedChildCannotGoOnWithItsParentsConnection)
+{
+    serve();
+    Client client(socket);
+    ASSERT_EQ(client.receive()->result, 0);
+    LowPage page;
+    EXPECT_EQ(in_child([&] { return client.ioctl(QUENDREL_GET_VERSION_MAJOR, page.address()) ? 1 : 0; }), 0);
+    EXPECT_FALSE(client.ioctl(QUENDREL_GET_VERSION_MAJOR, page.address()));
+    EXPECT_EQ(page.as<std::uint32_t>(), 0u);
+}
+
+TEST_F(ControlAccess, EndingTheServerCutsClientsOffAndClosesTheirFiles)
+{
+    serve();
+    Client client(socket);
+    ASSERT_EQ(client.receive()->result, 0);
+    LowPage page;
+    ASSERT_NO_FATAL_FAILURE(start(client, page));
+    server.reset();
+    EXPECT_FALSE(client.receive());
+    EXPECT_EQ(hosted::driver_references(), 0);
+    struct stat status;
+    EXPECT_NE(::stat(socket.c_str(), &status), 0);
+}
+
+} // namespace

@@ -1,0 +1,98 @@
+// What is refused before a daemon starts, and in which words.
+#include "launcher.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+namespace
+{
+
+using namespace quendreld;
+
+struct CheckImages : testing::Test {
+    std::string scratch = [] {
+        std::string name = testing::TempDir() + "images-XXXXXX";
+        return std::string(::mkdtemp(name.data()));
+    }();
+    ~CheckImages() override { std::filesystem::remove_all(scratch); }
+
+    std::string image(const std::string& name, off_t bytes)
+    {
+        const std::string path = scratch + "/" + name;
+        std::ofstream(path).close();
+        EXPECT_EQ(::truncate(path.c_str(), bytes), 0);
+        return path;
+    }
+    static std::string refusal(const std::vector<std::string>& paths, bool read_only = false)
+    {
+        try {
+            check_images(paths, read_only);
+        } catch (const std::runtime_error& error) {
+            return error.what();
+        }
+        return "accepted";
+    }
+};
+
+TEST_F(CheckImages, AMissingFileIsNamed)
+{
+    EXPECT_EQ(refusal({scratch + "/none"}), scratch + "/none: no such disk: No such file or directory");
+}
+
+TEST_F(CheckImages, ADirectoryIsNoDisk)
+{
+    EXPECT_EQ(refusal({scratch}), scratch + ": is neither a disk image nor a block device");
+}
+
+TEST_F(CheckImages, AnEmptyFileIsRefused)
+{
+    const std::string path = image("empty", 0);
+    EXPECT_EQ(refusal({path}), path + ": is empty; a disk has at least one sector");
+}
+
+TEST_F(CheckImages, ASizeOffTheSectorGridIsRefused)
+{
+    const std::string path = image("odd", 1000);
+    EXPECT_NE(refusal({path}).find("its size, 1000 bytes, is no multiple of 512"), std::string::npos);
+}
+
+TEST_F(CheckImages, TheSameFileTwiceIsRefused)
+{
+    const std::string path = image("a", 4096);
+    std::filesystem::create_symlink(path, scratch + "/b");
+    EXPECT_EQ(refusal({path, scratch + "/b"}), scratch + "/b: named twice");
+}
+
+TEST_F(CheckImages, ALockedImageIsRefused)
+{
+    const std::string path = image("a", 4096);
+    EXPECT_EQ(check_images({path}, false), std::vector<std::string>{std::filesystem::canonical(path)});
+    // The lock is this process's now, for good, as a daemon's.
+    EXPECT_NE(refusal({path}).find("has it locked"), std::string::npos);
+}
+
+TEST_F(CheckImages, NoDiskAndTooManyDisksAreRefused)
+{
+    EXPECT_NE(refusal({}).find("no disk named"), std::string::npos);
+    EXPECT_NE(refusal(std::vector<std::string>(17, "x")).find("at most 16 disks"), std::string::npos);
+}
+
+TEST(ConfigText, SurvivesTheWayToThePlugin)
+{
+    Config config;
+    config.images = {"/a b", "/c\"d"};
+    config.run_dir = "/r";
+    config.direct = config.read_only = config.multi_client = config.foreground = true;
+    config.fuse = false;
+    config.group = 7;
+    config.ready_fd = 8;
+    config.guardian_fd = 9;
+    EXPECT_EQ(to_json(config_from_json(to_json(config))), to_json(config));
+    EXPECT_EQ(config_from_json(to_json(config)).images, config.images);
+}
+
+} // namespace

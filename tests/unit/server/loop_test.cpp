@@ -1,0 +1,199 @@
+// The disk as a file, under a loop device, with a mounted file system.
+#include "host_mounts.h"
+#include "run_dir.h"
+#include "serving.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <fstream>
+#include <random>
+
+namespace
+{
+
+using namespace serving;
+using namespace std::chrono_literals;
+using quendreld::UniqueFd;
+
+constexpr std::uint64_t MiB = 1 << 20;
+
+struct LoopDisk : testing::Test {
+    ScratchDir scratch;
+    std::string image = scratch / "disk.img";
+    std::string run_dir = scratch / "run";
+    std::string mnt = scratch / "mnt";
+
+    void SetUp() override
+    {
+        if (const std::string reason = no_loop_reason(); !reason.empty())
+            GTEST_SKIP() << reason;
+        make_image(image, 128 * MiB, {{2048, 131072}, {133120, 65536}});
+    }
+    static Outcome quendreld(std::vector<std::string> words)
+    {
+        words.insert(words.begin(), Serving::program());
+        return run(words);
+    }
+};
+
+TEST_F(LoopDisk, TheFileHasTheDisksSizeAndBytes)
+{
+    std::fstream(image, std::ios::binary | std::ios::in | std::ios::out).seekp(90 * MiB) << "ninety";
+    Serving serving({image}, run_dir);
+    struct stat status;
+    ASSERT_EQ(::stat(serving.file().c_str(), &status), 0);
+    EXPECT_EQ(std::uint64_t(status.st_size), 128 * MiB);
+    must_run({"cmp", image, serving.file()});
+    EXPECT_EQ(must_run({"ls", run_dir + "/disks"}), "sda\n");
+}
+
+TEST_F(LoopDisk, UnalignedAndLargeRangesOfTheFileReadAndWrite)
+{
+    for (const char* option : {"--multi-client", "--direct"}) {
+        SCOPED_TRACE(option);
+        Serving serving({image}, run_dir, {option});
+        UniqueFd fd(::open(serving.file().c_str(), O_RDWR | O_CLOEXEC | O_DIRECT));
+        ASSERT_TRUE(fd);
+        std::mt19937 random(3);
+        for (const std::size_t bytes : {std::size_t(512), std::size_t(4096), std::size_t(65536), std::size_t(66048),
+                                        std::size_t(MiB), std::size_t(3 * MiB + 512)}) {
+            SCOPED_TRACE(bytes);
+            std::vector<char> data(bytes), back(bytes);
+            for (char& c : data)
+                c = char(random());
+            ASSERT_EQ(::pwrite(fd.get(), data.data(), bytes, MiB / 2 + 512), ssize_t(bytes)) << errno;
+            ASSERT_EQ(::fsync(fd.get()), 0);
+            ASSERT_EQ(::pread(fd.get(), back.data(), bytes, MiB / 2 + 512), ssize_t(bytes)) << errno;
+            EXPECT_EQ(data, back);
+        }
+        EXPECT_EQ(::pread(fd.get(), &random, 512, off_t(128 * MiB)), 0) << "end of file";
+    }
+}
+
+TEST_F(LoopDisk, PunchedAndZeroedRangesReadAsZeros)
+{
+    Serving serving({image}, run_dir);
+    UniqueFd fd(::open(serving.file().c_str(), O_RDWR | O_CLOEXEC));
+    std::vector<char> data(MiB, 'x');
+    ASSERT_EQ(::pwrite(fd.get(), data.data(), data.size(), 0), ssize_t(data.size()));
+    ASSERT_EQ(::fallocate(fd.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 4096, 8192), 0) << errno;
+    ASSERT_EQ(::fallocate(fd.get(), FALLOC_FL_ZERO_RANGE | FALLOC_FL_KEEP_SIZE, 65536, 512), 0) << errno;
+    EXPECT_NE(::fallocate(fd.get(), 0, 0, off_t(256 * MiB)), 0) << "a disk does not grow";
+    EXPECT_NE(::ftruncate(fd.get(), 4096), 0) << "nor shrink";
+    std::fill_n(data.begin() + 4096, 8192, 0);
+    std::fill_n(data.begin() + 65536, 512, 0);
+    std::vector<char> back(MiB);
+    ASSERT_EQ(::pread(fd.get(), back.data(), back.size(), 0), ssize_t(back.size()));
+    EXPECT_EQ(data, back);
+}
+
+TEST_F(LoopDisk, AttachMakesALoopDeviceWithPartitionsAndDetachTakesItAway)
+{
+    Serving serving({image}, run_dir);
+    const Outcome outcome = quendreld({"attach", "sda", "--run-dir", run_dir, "--json"});
+    ASSERT_EQ(outcome.status, 0) << outcome.err;
+    const auto loops = quendreld::loops_over(serving.file());
+    ASSERT_EQ(loops.size(), 1u);
+    const std::string loop = loops[0].node;
+    EXPECT_EQ(outcome.out, R"({"disk":"sda","loop":")" + loop + R"(","partitions":[{"name":"sda1","device":")" + loop +
+                               R"(p1"},{"name":"sda2","device":")" + loop + "p2\"}]}\n");
+    ASSERT_EQ(loops[0].devices.size(), 3u);
+    EXPECT_EQ(loops[0].devices[2].start, 133120u);
+    EXPECT_EQ(loops[0].devices[2].sectors, 65536u);
+    std::string modes = must_run({"losetup", "-n", "-O", "DIO,LOG-SEC", loop});
+    std::erase(modes, ' ');
+    EXPECT_EQ(modes, "1512\n") << "direct I/O and 512-byte sectors";
+    EXPECT_EQ(serving.attach(), loop) << "a second attach answers the same";
+    EXPECT_EQ(quendreld::loops_over(serving.file()).size(), 1u);
+    serving.detach();
+    EXPECT_TRUE(quendreld::loops_over(serving.file()).empty());
+    EXPECT_EQ(quendreld({"detach", "sda", "--run-dir", run_dir}).out, "sda is not attached\n");
+}
+
+TEST_F(LoopDisk, AMountedFileSystemWorksIsTrimmedAndLandsInTheImage)
+{
+    {
+        Serving serving({image}, run_dir);
+        const std::string loop = serving.attach();
+        must_run({"mkfs.ext4", "-q", loop + "p1"});
+        serving.mount(loop + "p1", mnt);
+        std::ofstream(mnt + "/file") << std::string(3 * MiB, 'f');
+        must_run({"sync", "-f", mnt});
+        must_run({"fstrim", mnt});
+        serving.unmount(mnt);
+        must_run({"e2fsck", "-fn", loop + "p1"});
+        serving.detach();
+        serving.stop();
+    }
+    const std::string part = scratch / "part.img";
+    must_run({"dd", "if=" + image, "of=" + part, "bs=1M", "skip=1", "count=64", "status=none"});
+    must_run({"e2fsck", "-fn", part});
+    EXPECT_EQ(must_run({"debugfs", "-R", "cat /file", part}), std::string(3 * MiB, 'f'));
+}
+
+TEST_F(LoopDisk, DetachAndStopAreRefusedWhileMountedAndNameTheMount)
+{
+    Serving serving({image}, run_dir);
+    const std::string loop = serving.attach();
+    must_run({"mkfs.ext4", "-q", loop + "p1"});
+    serving.mount(loop + "p1", mnt);
+    for (const char* word : {"detach", "stop"}) {
+        std::vector<std::string> words{word, "--run-dir", run_dir};
+        if (std::string(word) == "detach")
+            words.insert(words.begin() + 1, "sda");
+        const Outcome outcome = quendreld(words);
+        EXPECT_NE(outcome.status, 0) << word;
+        EXPECT_NE(outcome.err.find("sda: " + loop + "p1 is mounted on " + mnt), std::string::npos) << outcome.err;
+    }
+    std::ofstream(mnt + "/still") << "works";
+    must_run({"sync", "-f", mnt});
+}
+
+TEST_F(LoopDisk, AFileSystemMadeLaterIsFoundWhenTheControlDeviceIsOpened)
+{
+    Serving serving({image}, run_dir);
+    const auto records = [&] { return quendreld::disks_from_json(quendreld::read_file(run_dir + "/disks.json")); };
+    EXPECT_FALSE(records()[0].partitions[0].file_system);
+    const std::string loop = serving.attach();
+    must_run({"mkfs.ext4", "-q", "-b", "1024", loop + "p1"});
+    must_run({"mkfs.ext4", "-q", "-b", "4096", loop + "p2"});
+    // Any opener of the control device will do.
+    must_run({"python3", "-c",
+              "import socket,sys\ns=socket.socket(socket.AF_UNIX,socket.SOCK_SEQPACKET)\ns.connect(sys.argv[1])\n"
+              "assert s.recv(2000)[:4]==b'\\0\\0\\0\\0'",
+              run_dir + "/control.sock"});
+    const auto after = records()[0].partitions;
+    ASSERT_TRUE(after[0].file_system && after[1].file_system);
+    EXPECT_EQ(*after[0].file_system, (quendreld::FileSystemRecord{"ext4", 1024}));
+    EXPECT_EQ(*after[1].file_system, (quendreld::FileSystemRecord{"ext4", 4096}));
+}
+
+TEST_F(LoopDisk, KillingTheDaemonUnderAMountLeavesNothingStuckAndKeepsFlushedData)
+{
+    {
+        Serving serving({image}, run_dir);
+        const std::string loop = serving.attach();
+        must_run({"mkfs.ext4", "-q", loop + "p1"});
+        serving.mount(loop + "p1", mnt);
+        std::ofstream(mnt + "/flushed") << std::string(100000, 'k');
+        must_run({"sync", "-f", mnt});
+        std::ofstream(mnt + "/lost") << "perhaps";
+        serving.kill_it();
+        serving.clean_up();
+        EXPECT_TRUE(quendreld::loops_over(serving.file()).empty());
+    }
+    Serving serving({image}, run_dir);
+    const std::string loop = serving.attach();
+    serving.mount(loop + "p1", mnt);
+    std::ifstream in(mnt + "/flushed");
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), std::string(100000, 'k'));
+}
+
+} // namespace

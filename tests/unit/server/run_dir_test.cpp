@@ -1,0 +1,83 @@
+// The run directory: its lock and the description of the disks.
+#include "run_dir.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+namespace
+{
+
+using namespace quendreld;
+
+struct RunDirTest : testing::Test {
+    std::string scratch = [] {
+        std::string name = testing::TempDir() + "run-dir-XXXXXX";
+        return std::string(::mkdtemp(name.data()));
+    }();
+    ~RunDirTest() override { std::filesystem::remove_all(scratch); }
+};
+
+TEST(DisksJson, IsExactlyTheDocumentedText)
+{
+    DiskRecord disk{"sda", 8, 0, 1048576, "/run/q/disks/sda", "nbd+unix:///sda?socket=/run/q/nbd.sock", {}, {}};
+    disk.partitions.push_back({"sda1", 8, 1, 2048, 100, FileSystemRecord{"ext4", 4096}});
+    disk.partitions.push_back({"sda2", 8, 2, 2148, 50, std::nullopt});
+    EXPECT_EQ(disks_to_json({disk}),
+              R"({"version":1,"disks":[{"name":"sda","major":8,"minor":0,"bytes":1048576,"file":"/run/q/disks/sda",)"
+              R"("nbd":"nbd+unix:///sda?socket=/run/q/nbd.sock","partitions":[{"name":"sda1","major":8,"minor":1,)"
+              R"("start":2048,"sectors":100,"type":"ext4","blockSize":4096},{"name":"sda2","major":8,"minor":2,)"
+              R"("start":2148,"sectors":50}]}]})"
+              "\n");
+}
+
+TEST(DisksJson, AFileSystemWithoutPartitionTableStandsOnTheDisk)
+{
+    const DiskRecord disk{"sdb", 8, 16, 4096, "/f", "n", FileSystemRecord{"xfs", 1024}, {}};
+    EXPECT_NE(disks_to_json({disk}).find(R"("type":"xfs","blockSize":1024,"partitions":[])"), std::string::npos);
+    EXPECT_EQ(disks_from_json(disks_to_json({disk})), std::vector<DiskRecord>{disk});
+}
+
+TEST(DisksJson, AnotherVersionIsRefused)
+{
+    EXPECT_ANY_THROW(disks_from_json(R"({"version":2,"disks":[]})"));
+    EXPECT_ANY_THROW(disks_from_json("{"));
+}
+
+TEST_F(RunDirTest, ASecondOwnerIsToldWhoTheFirstIs)
+{
+    const RunDir run(scratch + "/run");
+    const UniqueFd lock = run.take();
+    write_file_whole(run.pid(), "4711\n");
+    EXPECT_TRUE(run.taken());
+    try {
+        run.take();
+        FAIL() << "taken twice";
+    } catch (const std::runtime_error& error) {
+        EXPECT_NE(std::string(error.what()).find("process 4711"), std::string::npos);
+        EXPECT_NE(std::string(error.what()).find("quendreld stop --run-dir"), std::string::npos);
+    }
+}
+
+TEST_F(RunDirTest, IsFreeAgainWhenTheLockIsGone)
+{
+    const RunDir run(scratch + "/run");
+    run.take();
+    EXPECT_FALSE(run.taken());
+    EXPECT_NO_THROW(run.take());
+}
+
+TEST_F(RunDirTest, StaleSocketsAndDescriptionAreRemoved)
+{
+    const RunDir run(scratch);
+    for (const std::string& path : {run.control_socket(), run.nbd_socket(), run.disks_json(), run.pid()})
+        write_file_whole(path, "x");
+    run.remove_stale();
+    struct stat status;
+    for (const std::string& path : {run.control_socket(), run.nbd_socket(), run.disks_json(), run.pid()})
+        EXPECT_NE(::stat(path.c_str(), &status), 0) << path;
+}
+
+} // namespace
