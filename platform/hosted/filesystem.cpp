@@ -156,6 +156,8 @@ void fsync_bdev(block_device* bdev)
 {
     Task& task = this_task();
     may_sleep(task, "fsync_bdev");
+    if (!bdev)
+        return;
     before_waiting(task);
     sector_type start = 0;
     sector_type sectors = 0;
