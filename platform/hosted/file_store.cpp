@@ -1,0 +1,324 @@
+// A disk that is a raw image file or a block device of this host.
+//
+// Through the page cache a write is a copy and is made at once, and so is a read that the cache holds. Everything
+// else is asynchronous: reads and writes by io_uring, or a pool of threads where the host has none; flushes, discards
+// and write-zeroes by a small pool. With O_DIRECT, memory that is not aligned goes through a bounce buffer, and
+// requests whose place or size is not aligned go through the page cache, which the kernel keeps coherent.
+#include "hosted.h"
+#include "ring.h"
+#include "worker_pool.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <linux/falloc.h>
+#include <linux/fs.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace hosted
+{
+
+namespace
+{
+
+constexpr std::size_t direct_alignment = 4096;
+constexpr std::size_t most_pieces = 1024; // IOV_MAX
+
+[[noreturn]] void fail(int error, const std::string& path, const std::string& what)
+{
+    throw std::system_error(error, std::generic_category(), path + ": " + what);
+}
+
+class Descriptor
+{
+  public:
+    Descriptor() = default;
+    explicit Descriptor(int fd) : fd_(fd) {}
+    ~Descriptor()
+    {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    Descriptor(Descriptor&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+    Descriptor& operator=(Descriptor&& other) noexcept
+    {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
+    int get() const { return fd_; }
+
+  private:
+    int fd_ = -1;
+};
+
+struct Free {
+    void operator()(void* p) const { std::free(p); }
+};
+using AlignedBuffer = std::unique_ptr<std::byte, Free>;
+
+// One asynchronous request on its way.
+struct Transfer {
+    Ring::Transfer ring{};
+    StoreRequest* request = nullptr;
+    std::vector<iovec> pieces;
+    AlignedBuffer bounce;
+};
+
+class FileStore final : public Store
+{
+  public:
+    FileStore(const std::string& path, const FileStoreOptions& options);
+    ~FileStore() override { drain(); }
+
+    std::uint64_t size() const override { return size_; }
+    void submit(StoreRequest* r) override;
+    void drain() override
+    {
+        while (in_flight_.load(std::memory_order_acquire) != 0) {
+            timespec pause{0, 20000};
+            nanosleep(&pause, nullptr);
+        }
+    }
+
+  private:
+    bool aligned(const StoreRequest& r) const
+    {
+        return r.offset % direct_alignment == 0 && r.bytes % direct_alignment == 0;
+    }
+    bool try_at_once(StoreRequest* r);
+    bool try_ring(StoreRequest* r);
+    void finish(StoreRequest* r, int error)
+    {
+        r->done(r, error);
+        in_flight_.fetch_sub(1, std::memory_order_release);
+    }
+    // Everything below waits and returns 0 or a negative errno.
+    int perform(const StoreRequest& r) const;
+    int transfer(const StoreRequest& r) const;
+    int zero(const StoreRequest& r) const;
+    int write_out_zeroes(const StoreRequest& r) const;
+
+    Descriptor cached_; // through the page cache
+    Descriptor direct_; // past it; -1 unless asked for
+    std::uint64_t size_ = 0;
+    bool read_only_;
+    std::atomic<long> in_flight_{0};
+    std::unique_ptr<Ring> ring_;
+    WorkerPool pool_; // last: its threads use all of the above
+};
+
+FileStore::FileStore(const std::string& path, const FileStoreOptions& options)
+    : read_only_(options.read_only), ring_(options.use_io_uring ? Ring::open() : nullptr), pool_(ring_ ? 4 : 16)
+{
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0)
+        fail(errno, path, "cannot be used as a disk: check the path");
+    if (!S_ISREG(st.st_mode) && !S_ISBLK(st.st_mode))
+        fail(EINVAL, path, "is neither an image file nor a block device: name one of these");
+    int flags = (read_only_ ? O_RDONLY : O_RDWR) | O_CLOEXEC;
+    // The kernel refuses this for a block device that is mounted or otherwise in use.
+    int exclusive = S_ISBLK(st.st_mode) && !read_only_ ? O_EXCL : 0;
+    cached_ = Descriptor(open(path.c_str(), flags | exclusive));
+    if (cached_.get() < 0 && errno == EBUSY)
+        fail(EBUSY, path, "is in use: unmount it, or open it read-only");
+    if (cached_.get() < 0)
+        fail(errno, path,
+             read_only_ ? "cannot be read: check its permissions"
+                        : "cannot be opened for writing: check its permissions, or open it read-only");
+    if (!read_only_ && flock(cached_.get(), LOCK_EX | LOCK_NB) != 0)
+        fail(errno, path, "is already served by another process: stop that one first");
+    if (options.direct) {
+        direct_ = Descriptor(open(path.c_str(), flags | O_DIRECT));
+        if (direct_.get() < 0)
+            fail(errno, path, "does not support direct I/O: serve it without");
+    }
+    if (S_ISBLK(st.st_mode)) {
+        u64 bytes = 0;
+        if (ioctl(cached_.get(), BLKGETSIZE64, &bytes) != 0)
+            fail(errno, path, "the size of the device cannot be read");
+        size_ = bytes;
+    } else {
+        size_ = std::uint64_t(st.st_size);
+    }
+    size_ -= size_ % 512;
+    if (size_ == 0)
+        fail(EINVAL, path, "is smaller than one sector: give it a size first");
+}
+
+void FileStore::submit(StoreRequest* r)
+{
+    if (r->op != Op::flush && (r->bytes > size_ || r->offset > size_ - r->bytes)) {
+        r->done(r, -EIO);
+        return;
+    }
+    if (read_only_ && r->op != Op::read && r->op != Op::flush) {
+        r->done(r, -EROFS);
+        return;
+    }
+    if (try_at_once(r))
+        return;
+    in_flight_.fetch_add(1, std::memory_order_relaxed);
+    if (try_ring(r))
+        return;
+    pool_.push([this, r] { finish(r, perform(*r)); });
+}
+
+// Copies to or from the page cache, where that waits for nothing.
+bool FileStore::try_at_once(StoreRequest* r)
+{
+    bool transfer = r->op == Op::read || (r->op == Op::write && !r->fua);
+    if (!transfer || direct_.get() >= 0 || r->pieces.size() > most_pieces)
+        return false;
+    iovec few[16];
+    std::vector<iovec> many;
+    iovec* pieces = few;
+    if (r->pieces.size() > std::size(few)) {
+        many.resize(r->pieces.size());
+        pieces = many.data();
+    }
+    for (std::size_t i = 0; i < r->pieces.size(); ++i)
+        pieces[i] = {r->pieces[i].data, r->pieces[i].bytes};
+    ssize_t n = r->op == Op::read ? preadv2(cached_.get(), pieces, int(r->pieces.size()), off_t(r->offset), RWF_NOWAIT)
+                                  : pwritev(cached_.get(), pieces, int(r->pieces.size()), off_t(r->offset));
+    if (n < 0 || std::uint64_t(n) != r->bytes)
+        return false; // the slow way finds out why
+    r->done(r, 0);
+    return true;
+}
+
+bool FileStore::try_ring(StoreRequest* r)
+{
+    if (!ring_ || (r->op != Op::read && r->op != Op::write) || r->pieces.size() > most_pieces)
+        return false;
+    bool direct = direct_.get() >= 0 && aligned(*r);
+    auto owned = std::make_unique<Transfer>();
+    Transfer* t = owned.get();
+    bool bounce = false;
+    t->pieces.reserve(r->pieces.size());
+    for (const StoreRequest::Piece& p : r->pieces) {
+        t->pieces.push_back({p.data, p.bytes});
+        bounce |= direct && (reinterpret_cast<std::uintptr_t>(p.data) % 512 != 0 || p.bytes % 512 != 0);
+    }
+    if (bounce) {
+        t->bounce.reset(static_cast<std::byte*>(std::aligned_alloc(direct_alignment, std::size_t(r->bytes))));
+        if (!t->bounce)
+            return false;
+        if (r->op == Op::write) {
+            std::byte* at = t->bounce.get();
+            for (const StoreRequest::Piece& p : r->pieces) {
+                std::memcpy(at, p.data, p.bytes);
+                at += p.bytes;
+            }
+        }
+        t->pieces = {{t->bounce.get(), std::size_t(r->bytes)}};
+    }
+    t->request = r;
+    t->ring.write = r->op == Op::write;
+    t->ring.durable = r->fua;
+    t->ring.fd = direct ? direct_.get() : cached_.get();
+    t->ring.offset = r->offset;
+    t->ring.pieces = t->pieces.data();
+    t->ring.count = unsigned(t->pieces.size());
+    t->ring.done = [this, t](long result) {
+        std::unique_ptr<Transfer> self(t);
+        StoreRequest* request = t->request;
+        if (result < 0 || std::uint64_t(result) != request->bytes) {
+            // Short, or refused in this form (an alignment that the device does not take): once more, step by step.
+            pool_.push([this, request] { finish(request, perform(*request)); });
+            return;
+        }
+        if (t->bounce && request->op == Op::read) {
+            const std::byte* at = t->bounce.get();
+            for (const StoreRequest::Piece& p : request->pieces) {
+                std::memcpy(p.data, at, p.bytes);
+                at += p.bytes;
+            }
+        }
+        finish(request, 0);
+    };
+    if (!ring_->submit(&t->ring))
+        return false;
+    owned.release(); // done deletes it
+    return true;
+}
+
+int FileStore::perform(const StoreRequest& r) const
+{
+    switch (r.op) {
+    case Op::read:
+    case Op::write:
+        return transfer(r);
+    case Op::flush:
+        return fdatasync(cached_.get()) == 0 ? 0 : -errno;
+    case Op::discard:
+    case Op::write_zeroes:
+        return zero(r);
+    }
+    return -EINVAL;
+}
+
+int FileStore::transfer(const StoreRequest& r) const
+{
+    auto offset = off_t(r.offset);
+    for (const StoreRequest::Piece& p : r.pieces) {
+        for (u32 moved = 0; moved < p.bytes;) {
+            std::byte* at = p.data + moved;
+            std::size_t left = p.bytes - moved;
+            iovec piece{at, left};
+            ssize_t n = r.op == Op::read ? pread(cached_.get(), at, left, offset)
+                                         : pwritev2(cached_.get(), &piece, 1, offset, r.fua ? RWF_DSYNC : 0);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n < 0)
+                return -errno;
+            if (n == 0)
+                return -EIO; // the file became shorter
+            moved += u32(n);
+            offset += n;
+        }
+    }
+    return 0;
+}
+
+int FileStore::zero(const StoreRequest& r) const
+{
+    int hole = FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE;
+    int mode = r.op == Op::discard || r.may_unmap ? hole : FALLOC_FL_ZERO_RANGE | FALLOC_FL_KEEP_SIZE;
+    int error = fallocate(cached_.get(), mode, off_t(r.offset), off_t(r.bytes)) == 0 ? 0 : -errno;
+    if (error == -EOPNOTSUPP && r.op == Op::write_zeroes)
+        error = write_out_zeroes(r);
+    if (error == 0 && r.fua && fdatasync(cached_.get()) != 0)
+        error = -errno;
+    return error;
+}
+
+int FileStore::write_out_zeroes(const StoreRequest& r) const
+{
+    std::vector<std::byte> zeroes(1 << 20);
+    for (std::uint64_t done = 0; done < r.bytes;) {
+        std::size_t n = std::size_t(std::min<std::uint64_t>(zeroes.size(), r.bytes - done));
+        ssize_t written = pwrite(cached_.get(), zeroes.data(), n, off_t(r.offset + done));
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            return written < 0 ? -errno : -EIO;
+        done += std::uint64_t(written);
+    }
+    return 0;
+}
+
+} // namespace
+
+std::unique_ptr<Store> open_file_store(const std::string& path, FileStoreOptions options)
+{
+    return std::make_unique<FileStore>(path, options);
+}
+
+} // namespace hosted

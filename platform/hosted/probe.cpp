@@ -1,0 +1,118 @@
+// What lies on a disk: its partition table and its file systems, as libblkid sees them.
+#include "hosted.h"
+
+#include <blkid/blkid.h>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace hosted
+{
+
+namespace
+{
+
+struct FreeProbe {
+    void operator()(blkid_struct_probe* p) const { blkid_free_probe(p); }
+};
+
+// A file and libblkid's view of a part of it (bytes 0: to the end).
+class Probe
+{
+  public:
+    Probe(const std::string& path, std::uint64_t offset, std::uint64_t bytes)
+        : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC))
+    {
+        if (fd_ < 0)
+            throw std::system_error(errno, std::generic_category(),
+                                    path + ": cannot be read: check the path and its permissions");
+        probe_.reset(blkid_new_probe());
+        if (!probe_ || blkid_probe_set_device(probe_.get(), fd_, blkid_loff_t(offset), blkid_loff_t(bytes)) != 0) {
+            int error = errno ? errno : EINVAL;
+            close(fd_);
+            throw std::system_error(error, std::generic_category(), path + ": is neither an image nor a block device");
+        }
+    }
+    ~Probe()
+    {
+        probe_.reset();
+        close(fd_);
+    }
+    Probe(const Probe&) = delete;
+    Probe& operator=(const Probe&) = delete;
+    blkid_probe get() { return probe_.get(); }
+    int fd() const { return fd_; }
+
+  private:
+    int fd_;
+    std::unique_ptr<blkid_struct_probe, FreeProbe> probe_;
+};
+
+std::optional<std::string> value(blkid_probe probe, const char* name)
+{
+    const char* text = nullptr;
+    if (blkid_probe_lookup_value(probe, name, &text, nullptr) != 0)
+        return std::nullopt;
+    return text;
+}
+
+// libblkid gives the sector size for an XFS; the block size is in its super block, big-endian at byte 4.
+std::optional<u32> xfs_block_size(int fd, std::uint64_t offset)
+{
+    unsigned char b[4];
+    if (pread(fd, b, sizeof b, off_t(offset + 4)) != ssize_t(sizeof b))
+        return std::nullopt;
+    return u32(b[0]) << 24 | u32(b[1]) << 16 | u32(b[2]) << 8 | b[3];
+}
+
+} // namespace
+
+std::vector<PartitionSpec> read_partition_table(const std::string& path)
+{
+    Probe probe(path, 0, 0);
+    std::vector<PartitionSpec> found;
+    blkid_probe_enable_superblocks(probe.get(), 0);
+    blkid_probe_enable_partitions(probe.get(), 1);
+    blkid_partlist list = blkid_probe_get_partitions(probe.get());
+    if (!list)
+        return found;
+    int n = blkid_partlist_numof_partitions(list);
+    for (int i = 0; i < n; ++i) {
+        blkid_partition p = blkid_partlist_get_partition(list, i);
+        // An extended partition is only the frame of the logical ones; the kernel gives it a stub of two sectors.
+        if (blkid_partition_is_extended(p))
+            continue;
+        PartitionSpec spec{u32(blkid_partition_get_partno(p)), sector_type(blkid_partition_get_start(p)),
+                           sector_type(blkid_partition_get_size(p))};
+        if (spec.index != 0 && spec.sectors != 0)
+            found.push_back(spec);
+    }
+    return found;
+}
+
+std::optional<FileSystemInfo> probe_file_system(const std::string& path, std::uint64_t offset, std::uint64_t bytes)
+{
+    Probe probe(path, offset, bytes);
+    blkid_probe_enable_partitions(probe.get(), 0);
+    blkid_probe_enable_superblocks(probe.get(), 1);
+    blkid_probe_set_superblocks_flags(probe.get(), BLKID_SUBLKS_TYPE | BLKID_SUBLKS_USAGE);
+    if (blkid_do_safeprobe(probe.get()) != 0)
+        return std::nullopt;
+    auto usage = value(probe.get(), "USAGE");
+    auto type = value(probe.get(), "TYPE");
+    if (!type || (usage && *usage != "filesystem"))
+        return std::nullopt;
+    FileSystemInfo info{*type, 0};
+    if (auto size = value(probe.get(), "BLOCK_SIZE"))
+        info.block_size = u32(std::strtoul(size->c_str(), nullptr, 10));
+    if (*type == "xfs") {
+        if (auto size = xfs_block_size(probe.fd(), offset))
+            info.block_size = *size;
+    }
+    return info;
+}
+
+} // namespace hosted
