@@ -1,0 +1,106 @@
+// Partition tables and file systems of images built here.
+#include "hosted.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <system_error>
+#include <unistd.h>
+
+using namespace hosted;
+
+namespace
+{
+
+constexpr std::uint64_t mebibyte = 1 << 20;
+
+class Image
+{
+  public:
+    explicit Image(std::uint64_t bytes)
+    {
+        char name[] = "hosted_probe_XXXXXX";
+        int fd = mkstemp(name);
+        path = name;
+        EXPECT_EQ(ftruncate(fd, off_t(bytes)), 0);
+        close(fd);
+    }
+    ~Image() { unlink(path.c_str()); }
+    void put(std::uint64_t offset, const void* bytes, std::size_t n)
+    {
+        std::fstream f(path, std::ios::in | std::ios::out | std::ios::binary);
+        f.seekp(std::streamoff(offset));
+        f.write(static_cast<const char*>(bytes), std::streamsize(n));
+    }
+    // A DOS table entry.
+    void partition(unsigned index, u32 start, u32 sectors, unsigned char type = 0x83)
+    {
+        unsigned char entry[16] = {};
+        entry[4] = type;
+        std::memcpy(entry + 8, &start, 4);
+        std::memcpy(entry + 12, &sectors, 4);
+        put(446 + 16 * (index - 1), entry, sizeof entry);
+        put(510, "\x55\xAA", 2);
+    }
+    std::string path;
+};
+
+} // namespace
+
+TEST(Probe, ReadsADosTableWithItsGaps)
+{
+    Image image(16 * mebibyte);
+    image.partition(1, 2048, 4096);
+    image.partition(3, 8192, 16384);
+    auto table = read_partition_table(image.path);
+    ASSERT_EQ(table.size(), 2u);
+    EXPECT_EQ(table[0].index, 1u);
+    EXPECT_EQ(table[0].start, 2048u);
+    EXPECT_EQ(table[0].sectors, 4096u);
+    EXPECT_EQ(table[1].index, 3u);
+    EXPECT_EQ(table[1].start, 8192u);
+    EXPECT_EQ(table[1].sectors, 16384u);
+}
+
+TEST(Probe, AnImageWithoutATableHasNoPartitions)
+{
+    Image image(mebibyte);
+    EXPECT_TRUE(read_partition_table(image.path).empty());
+    EXPECT_THROW(read_partition_table("/nonexistent/image"), std::system_error);
+}
+
+TEST(Probe, FindsAnExt4WithItsBlockSizeInsideAPartition)
+{
+    for (unsigned block_size : {1024u, 4096u}) {
+        Image image(32 * mebibyte);
+        image.partition(1, 2048, 16 * mebibyte / 512);
+        std::string make = "PATH=$PATH:/sbin:/usr/sbin mkfs.ext4 -q -F -b " + std::to_string(block_size) +
+                           " -E offset=1048576 " + image.path + " 16M >/dev/null 2>&1";
+        if (std::system(make.c_str()) != 0)
+            GTEST_SKIP() << "no mkfs.ext4";
+        auto info = probe_file_system(image.path, mebibyte, 16 * mebibyte);
+        ASSERT_TRUE(info);
+        EXPECT_EQ(info->type, "ext4");
+        EXPECT_EQ(info->block_size, block_size);
+    }
+}
+
+TEST(Probe, TakesTheBlockSizeOfAnXfsFromItsSuperBlock)
+{
+    Image image(512 * mebibyte);
+    std::string make =
+        "PATH=$PATH:/sbin:/usr/sbin mkfs.xfs -q -f -b size=1024 -s size=512 " + image.path + " >/dev/null 2>&1";
+    if (std::system(make.c_str()) != 0)
+        GTEST_SKIP() << "no mkfs.xfs";
+    auto info = probe_file_system(image.path, 0, 512 * mebibyte);
+    ASSERT_TRUE(info);
+    EXPECT_EQ(info->type, "xfs");
+    EXPECT_EQ(info->block_size, 1024u);
+}
+
+TEST(Probe, FindsNothingInZeroes)
+{
+    Image image(mebibyte);
+    EXPECT_FALSE(probe_file_system(image.path, 0, mebibyte));
+}
