@@ -193,6 +193,8 @@ void Daemon::take_down()
         hosted::remove_disk(disk->disk());
     disks_.clear();
     ::unlink(run_.disks_json().c_str());
+    ::unlink(run_.nbd_socket().c_str());
+    ::rmdir(run_.disks().c_str());
     hosted::log_set_sink(nullptr);
 }
 

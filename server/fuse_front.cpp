@@ -32,6 +32,7 @@ namespace
 using hosted::Op;
 
 constexpr std::size_t page = 4096;
+constexpr std::size_t sector = 512;
 constexpr std::size_t most_payload = 1 << 20;
 constexpr std::size_t write_headers = sizeof(fuse_in_header) + sizeof(fuse_write_in);
 // A receive buffer: headers in the tail of the first page, payload from the second on, and the room that libfuse
@@ -59,6 +60,7 @@ struct FuseFront::Impl {
     std::mutex mutex; // guards threads and idle; innermost
     std::vector<std::thread> threads;
     unsigned idle = 0;
+    std::mutex within_sectors; // one read-modify-write of a part of a sector at a time; before the buffers'
     std::atomic<unsigned> alive = 0;
     std::atomic<bool> stop = false;
     std::atomic<long> in_flight = 0;
@@ -88,6 +90,8 @@ struct FuseIo : IoRequest {
     fuse_req_t request;
     BufferPool* pool = nullptr;
     std::byte* buffer = nullptr;
+    std::size_t skip = 0;   // read: bytes before those asked for
+    std::size_t wanted = 0; // read, write: bytes asked for
 };
 
 Impl& front_of(fuse_req_t request) { return *static_cast<Impl*>(fuse_req_userdata(request)); }
@@ -98,9 +102,9 @@ void io_done(IoRequest* r, int error)
     if (error)
         fuse_reply_err(io->request, -error);
     else if (io->op == Op::read)
-        fuse_reply_buf(io->request, reinterpret_cast<const char*>(io->data), io->bytes);
+        fuse_reply_buf(io->request, reinterpret_cast<const char*>(io->data + io->skip), io->wanted);
     else if (io->op == Op::write)
-        fuse_reply_write(io->request, io->bytes);
+        fuse_reply_write(io->request, io->wanted);
     else
         fuse_reply_err(io->request, 0);
     Impl* front = io->front;
@@ -221,10 +225,44 @@ void do_read(fuse_req_t request, fuse_ino_t inode, std::size_t bytes, off_t offs
         return;
     }
     bytes = std::min<std::uint64_t>({bytes, most_payload, disk->size() - std::uint64_t(offset)});
-    FuseIo* io = make_io(request, Op::read, std::uint64_t(offset), bytes);
-    io->pool = bytes <= small_bytes ? &front.small : &front.large;
+    // A reader may ask for any bytes; the disk knows sectors.
+    const std::size_t skip = std::size_t(offset) % sector;
+    const std::size_t covering = (skip + bytes + sector - 1) / sector * sector;
+    FuseIo* io = make_io(request, Op::read, std::uint64_t(offset) - skip, covering);
+    io->skip = skip;
+    io->wanted = bytes;
+    io->pool = covering <= small_bytes ? &front.small : &front.large;
     io->buffer = io->data = io->pool->take();
     disk->submit(io);
+}
+
+// A write that begins or ends inside a sector: the sectors are read, changed and written. The loop driver never does
+// this, people with dd do. Two such writes exclude each other; a whole-sector write to the same sectors at the same
+// time is the writers' own race.
+void write_within_sectors(Impl& front, ServedDisk& disk, fuse_req_t request, const char* data, std::size_t bytes,
+                          std::uint64_t offset)
+{
+    if (offset > disk.size() || bytes > disk.size() - offset) {
+        fuse_reply_err(request, ENOSPC);
+        return;
+    }
+    const std::size_t skip = offset % sector;
+    const std::size_t covering = (skip + bytes + sector - 1) / sector * sector;
+    const std::uint64_t start = offset - skip;
+    std::byte* buffer = front.large.take();
+    int error;
+    {
+        std::lock_guard lock(front.within_sectors);
+        error = disk.run(Op::read, start, sector, buffer);
+        if (!error && covering > sector)
+            error = disk.run(Op::read, start + covering - sector, sector, buffer + covering - sector);
+        if (!error) {
+            std::memcpy(buffer + skip, data, bytes);
+            error = disk.run(Op::write, start, covering, buffer);
+        }
+    }
+    front.large.give(buffer);
+    error ? fuse_reply_err(request, -error) : fuse_reply_write(request, bytes);
 }
 
 void do_write(fuse_req_t request, fuse_ino_t inode, const char* data, std::size_t bytes, off_t offset, fuse_file_info*)
@@ -235,7 +273,10 @@ void do_write(fuse_req_t request, fuse_ino_t inode, const char* data, std::size_
         fuse_reply_err(request, EBADF);
         return;
     }
+    if ((std::uint64_t(offset) | bytes) % sector)
+        return write_within_sectors(front, *disk, request, data, bytes, std::uint64_t(offset));
     FuseIo* io = make_io(request, Op::write, std::uint64_t(offset), bytes);
+    io->wanted = bytes;
     if (bytes <= small_bytes) {
         // Copying a little is cheaper than receiving the next request into a cold buffer.
         io->pool = &front.small;

@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -13,7 +14,6 @@
 #include <sys/wait.h>
 
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
@@ -22,7 +22,6 @@
 #include <set>
 #include <stdexcept>
 #include <system_error>
-#include <thread>
 
 #ifndef QUENDRELD_NBDKIT
 #define QUENDRELD_NBDKIT "/usr/bin/nbdkit"
@@ -40,7 +39,7 @@ namespace
 {
 
 constexpr const char* plugin_name = "quendreld-nbd.so";
-constexpr auto stop_patience = std::chrono::seconds(90);
+constexpr int stop_patience_ms = 90'000;
 
 std::runtime_error failure(const std::string& what, int error)
 {
@@ -101,8 +100,7 @@ std::string check_image(const std::string& path, bool read_only, std::set<std::p
     if (!seen.insert({block ? status.st_rdev : status.st_dev, block ? 0 : status.st_ino}).second)
         throw std::runtime_error(path + ": named twice");
     if (::flock(fd.get(), (read_only ? LOCK_SH : LOCK_EX) | LOCK_NB) != 0)
-        throw std::runtime_error(path + ": another program (a second daemon?) has it locked");
-    fd.release(); // open, and locked, until the daemon ends
+        throw std::runtime_error(path + ": another program (a second daemon?) serves it already; stop that one first");
     return resolved;
 }
 
@@ -254,12 +252,9 @@ void stop_daemon(const std::string& run_dir, bool force)
     }
     if (::syscall(SYS_pidfd_send_signal, process.get(), SIGTERM, nullptr, 0) != 0)
         throw failure("process " + std::to_string(*pid) + ": cannot end it", errno);
-    const auto until = std::chrono::steady_clock::now() + stop_patience;
-    while (run.taken()) {
-        if (std::chrono::steady_clock::now() > until)
-            throw std::runtime_error("process " + std::to_string(*pid) + " does not end; see " + run.log());
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    pollfd ended{process.get(), POLLIN, 0};
+    if (::poll(&ended, 1, stop_patience_ms) <= 0)
+        throw std::runtime_error("process " + std::to_string(*pid) + " does not end; see " + run.log());
 }
 
 } // namespace quendreld

@@ -11,7 +11,7 @@ namespace quendreld
 {
 
 // Checks each path: a regular file or block device of a usable size, readable and (unless read_only) writable, not
-// named twice, not in use. Locks it for this process and whatever it becomes. The result: absolute paths. Throws
+// named twice, not in use at this moment (the daemon locks it). The result: absolute paths. Throws
 // std::runtime_error that names the path and what to do.
 std::vector<std::string> check_images(const std::vector<std::string>& paths, bool read_only);
 

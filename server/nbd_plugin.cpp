@@ -7,12 +7,13 @@
 #include <nbdkit-plugin.h>
 
 #include "daemon.h"
+#include "end_on_signal.h"
 
 #include <grp.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <exception>
 #include <memory>
@@ -32,6 +33,7 @@ using quendreld::ServedDisk;
 std::string config_text;
 Config config;
 std::unique_ptr<Daemon> daemon_inside;
+std::unique_ptr<quendreld::EndOnSignal> end_on_signal;
 
 // Tells the launcher, once.
 void tell(const std::string& message)
@@ -66,13 +68,11 @@ int plugin_config_complete()
 
 int plugin_after_fork()
 {
-    // The signals that end the server are for nbdkit's main thread.
-    sigset_t all, before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    int result = 0;
+    // In the foreground nbdkit has itself ended with its parent, which here is a launcher that is done.
+    ::prctl(PR_SET_PDEATHSIG, 0);
     try {
         const std::string socket = RunDir(config.run_dir).nbd_socket();
+        end_on_signal = std::make_unique<quendreld::EndOnSignal>(socket, nbdkit_shutdown);
         if (config.group >= 0 && ::chown(socket.c_str(), uid_t(-1), gid_t(config.group)) != 0)
             throw std::runtime_error(socket + ": cannot give it to the group: " + std::strerror(errno));
         if (::chmod(socket.c_str(), 0660) != 0)
@@ -83,13 +83,17 @@ int plugin_after_fork()
     } catch (const std::exception& error) {
         tell(error.what());
         nbdkit_error("%s", error.what());
-        result = -1;
+        end_on_signal.reset();
+        return -1;
     }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return result;
+    return 0;
 }
 
-void plugin_cleanup() { daemon_inside.reset(); }
+void plugin_cleanup()
+{
+    end_on_signal.reset();
+    daemon_inside.reset();
+}
 
 int plugin_list_exports(int, int, nbdkit_exports* exports)
 {

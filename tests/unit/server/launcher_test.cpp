@@ -1,8 +1,10 @@
 // What is refused before a daemon starts, and in which words.
 #include "launcher.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -71,8 +73,10 @@ TEST_F(CheckImages, ALockedImageIsRefused)
 {
     const std::string path = image("a", 4096);
     EXPECT_EQ(check_images({path}, false), std::vector<std::string>{std::filesystem::canonical(path)});
-    // The lock is this process's now, for good, as a daemon's.
-    EXPECT_NE(refusal({path}).find("has it locked"), std::string::npos);
+    const int fd = ::open(path.c_str(), O_RDWR);
+    ASSERT_EQ(::flock(fd, LOCK_EX), 0);
+    EXPECT_NE(refusal({path}).find("serves it already"), std::string::npos);
+    ::close(fd);
 }
 
 TEST_F(CheckImages, NoDiskAndTooManyDisksAreRefused)

@@ -77,6 +77,28 @@ TEST_F(LoopDisk, UnalignedAndLargeRangesOfTheFileReadAndWrite)
     }
 }
 
+TEST_F(LoopDisk, BytesWithinSectorsReadAndWriteToo)
+{
+    Serving serving({image}, run_dir);
+    UniqueFd fd(::open(serving.file().c_str(), O_RDWR | O_CLOEXEC));
+    std::mt19937 random(5);
+    std::vector<char> model(4 * MiB, 0);
+    for (int i = 0; i < 200; ++i) {
+        const std::size_t at = MiB + random() % MiB, bytes = 1 + random() % (i % 10 ? 3000 : MiB);
+        std::vector<char> data(bytes, char(random()));
+        ASSERT_EQ(::pwrite(fd.get(), data.data(), bytes, off_t(at)), ssize_t(bytes)) << errno;
+        std::copy(data.begin(), data.end(), model.begin() + std::ptrdiff_t(at));
+        const std::size_t from = MiB + random() % MiB, count = 1 + random() % 5000;
+        std::vector<char> back(count);
+        ASSERT_EQ(::pread(fd.get(), back.data(), count, off_t(from)), ssize_t(count)) << errno;
+        ASSERT_TRUE(std::equal(back.begin(), back.end(), model.begin() + std::ptrdiff_t(from)));
+    }
+    std::vector<char> back(3 * MiB);
+    ASSERT_EQ(::pread(fd.get(), back.data(), back.size(), MiB), ssize_t(back.size()));
+    EXPECT_TRUE(std::equal(back.begin(), back.end(), model.begin() + MiB));
+    EXPECT_EQ(::pwrite(fd.get(), "xx", 2, off_t(128 * MiB - 1)), -1) << "a disk does not grow";
+}
+
 TEST_F(LoopDisk, PunchedAndZeroedRangesReadAsZeros)
 {
     Serving serving({image}, run_dir);
