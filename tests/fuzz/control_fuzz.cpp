@@ -52,20 +52,71 @@ constexpr std::array<u32, 16> kCommands = {
     QUENDREL_GET_AUTOMAP,          QUENDREL_GET_DIRTY_BLOCK,  QUENDREL_READ_BLOCKS,       QUENDREL_GET_VERSION_MAJOR,
     QUENDREL_GET_VERSION_MINOR,    QUENDREL_SYNC,             QUENDREL_SHUTDOWN,          QUENDREL_RESERVED16};
 
-class Session
+// The disk and the loaded driver, kept from input to input: loading takes longer than most inputs do.
+class Ground
 {
   public:
-    explicit Session(Input& input) : in_(input), memory_(std::make_shared<hosted::SimulatedMemory>())
+    Ground()
     {
         auto store = hosted::make_memory_store((kPartitionStart + kBlocks * 8) * 512);
-        bytes_ = hosted::memory_store_bytes(*store);
+        bytes = hosted::memory_store_bytes(*store);
         hosted::DiskConfig config;
         config.name = "sda";
         config.store = std::move(store);
         config.partitions = {{1, kPartitionStart, kBlocks * 8}};
-        disk_ = hosted::add_disk(std::move(config));
-        hosted::mount_file_system(disk_->device(1), kBlockBytes);
+        disk = hosted::add_disk(std::move(config));
+        hosted::mount_file_system(disk->device(1), kBlockBytes);
         require(hosted::load_driver() == 0, "the driver loads");
+    }
+
+    // Brings the driver back to how it was loaded: tracking off, no backup, nothing allocated.
+    void reset()
+    {
+        hosted::log_clear();
+        // The one backup slot can be left taken for ever; only a reload gives it back. What the driver leaves behind
+        // deliberately goes with a reload too.
+        if (stopTracking() && ++inputs_ % 64 != 0)
+            return;
+        require(hosted::unload_driver() == 0, "the driver unloads");
+        hosted::forget_leaks();
+        require(hosted::load_driver() == 0, "the driver loads again");
+    }
+
+    std::shared_ptr<hosted::Disk> disk;
+    std::span<std::byte> bytes;
+
+  private:
+    unsigned inputs_ = 0;
+
+    bool stopTracking()
+    {
+        std::unique_ptr<hosted::ControlFile> file;
+        auto memory = std::make_shared<hosted::SimulatedMemory>();
+        if (hosted::open_control(QUENDREL_CHRDEV_MAJOR, memory, file) != 0)
+            return false;
+        const u32 at = memory->allocate(4096);
+        const StartBackup start{8, 1, kBlocks, 1};
+        std::memcpy(memory->at(at), &start, sizeof start);
+        if (file->ioctl(QUENDREL_START_BACKUP, at) != 0 || file->ioctl(QUENDREL_NO_START_AUTOMAP, 0) != 0)
+            return false;
+        const SnapShot snapshot{at, 0};
+        std::memcpy(memory->at(at), &snapshot, sizeof snapshot);
+        return file->ioctl(QUENDREL_SNAPSHOT, at) == 0;
+    }
+};
+
+Ground& ground()
+{
+    static Ground the;
+    return the;
+}
+
+class Session
+{
+  public:
+    explicit Session(Input& input)
+        : in_(input), memory_(std::make_shared<hosted::SimulatedMemory>()), disk_(ground().disk), bytes_(ground().bytes)
+    {
         scratch_ = memory_->allocate(64 * 1024, true, true);
         readOnly_ = memory_->allocate(4096, false);
         written_.assign(bytes_.begin(), bytes_.end());
@@ -77,12 +128,8 @@ class Session
             area.reset();
         for (auto& file : files_)
             file.reset();
-        require(hosted::unload_driver() == 0, "the driver unloads");
         require(std::equal(written_.begin(), written_.end(), bytes_.begin()), "the disk holds every write");
-        hosted::unmount_file_system(disk_->device(1));
-        hosted::remove_disk(disk_);
-        hosted::forget_leaks();
-        hosted::log_clear();
+        ground().reset();
     }
 
     void step()
