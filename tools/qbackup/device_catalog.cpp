@@ -49,7 +49,9 @@ try {
         throw Failure{Exit::refused, disks_json.string() + " is of a version that this program does not know; use "
                                                            "daemon and qbackup of the same release"};
     for (const auto& disk : document.at("disks")) {
-        const std::string file = disk.value("file", "");
+        // Null when the daemon offers no file for this host's loop driver.
+        const bool has_file = disk.contains("file") && disk.at("file").is_string();
+        const std::string file = has_file ? disk.at("file").get<std::string>() : "";
         Device whole;
         whole.name = disk.at("name");
         whole.number = {disk.at("major").get<std::uint32_t>(), disk.at("minor").get<std::uint32_t>()};

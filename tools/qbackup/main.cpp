@@ -71,7 +71,8 @@ int main(int argc, char** argv)
     app.set_version_flag("--version", "qbackup 3.1.0");
     app.add_option("--control", common.control,
                    "Control device: device node, or socket of the daemon (default: $QUENDREL_CONTROL, else "
-                   "/dev/quendrel)");
+                   "/dev/quendrel)")
+        ->take_last();
     app.add_flag("--json", common.json, "Print the result as one JSON object");
     app.add_flag("-q,--quiet", common.quiet, "No progress on standard error");
 

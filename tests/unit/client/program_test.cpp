@@ -1,0 +1,238 @@
+// The program itself against a socket with a fake driver behind it: arguments, exit codes, output, signals.
+#include "fake_server.h"
+#include "run_lock.h"
+#include "support.h"
+
+#include <nlohmann/json.hpp>
+
+#include <fcntl.h>
+#include <sys/wait.h>
+
+#include <csignal>
+
+namespace
+{
+
+using namespace test;
+using nlohmann::json;
+
+class Program : public testing::Test
+{
+  protected:
+    Program()
+    {
+        for (std::uint32_t block = 0; block < 3000; ++block)
+            machine.driver.write(block, 1);
+        std::ofstream{run / "disks.json"} << R"({"version":1,"disks":[{"name":"sda","major":8,"minor":0,"bytes":4000000,
+            "file":"/nonexistent","nbd":"x","partitions":[
+            {"name":"sda1","major":8,"minor":1,"start":2048,"sectors":6000,"type":"ext4","blockSize":1024}]}]})";
+    }
+
+    struct Result {
+        int code; // exit code, or 1000 + the signal
+        std::string out;
+        std::string err;
+        json document() const { return json::parse(out); }
+    };
+
+    pid_t spawn(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), {QBACKUP_PROGRAM, "--control", (run / "control.sock").string()});
+        const pid_t child = ::fork();
+        if (child == 0) {
+            std::vector<char*> words;
+            for (std::string& word : arguments)
+                words.push_back(word.data());
+            words.push_back(nullptr);
+            ::dup2(::open((run / "out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
+            ::dup2(::open((run / "err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
+            ::execv(words[0], words.data());
+            ::_exit(99);
+        }
+        return child;
+    }
+    Result wait(pid_t child)
+    {
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        return {WIFSIGNALED(status) ? 1000 + WTERMSIG(status) : WEXITSTATUS(status), readText(run / "out"),
+                readText(run / "err")};
+    }
+    Result call(std::vector<std::string> arguments) { return wait(spawn(std::move(arguments))); }
+    Result backup(std::vector<std::string> more = {})
+    {
+        std::vector<std::string> arguments{"backup", "--device", "sda1", "--to", machine.directory.path(), "--json"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return call(arguments);
+    }
+    // Blocks the driver before the n-th read until release() is called.
+    void holdAtRead(int n)
+    {
+        machine.driver.before = [this, n, seen = 0](std::uint32_t command) mutable {
+            if (command != QUENDREL_READ_BLOCKS || ++seen != n)
+                return;
+            held = true;
+            while (held)
+                std::this_thread::sleep_for(std::chrono::milliseconds{5});
+        };
+    }
+    void waitHeld()
+    {
+        for (int i = 0; i < 2000 && !held; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds{5});
+        ASSERT_TRUE(held);
+    }
+    void release() { held = false; }
+
+    Machine machine;
+    Directory run;
+    std::atomic<bool> held{false};
+    fake::Server server{machine.driver, run / "control.sock"};
+};
+
+TEST_F(Program, FullThenIncrementalThenRestoreThenVerify)
+{
+    const Result full = backup();
+    ASSERT_EQ(full.code, 0) << full.err;
+    EXPECT_EQ(full.document()["mode"], "full");
+    EXPECT_EQ(full.document()["copiedBlocks"], 3000);
+    machine.driver.write(17, 2);
+    const Result inc = backup();
+    ASSERT_EQ(inc.code, 0) << inc.err;
+    EXPECT_EQ(inc.document()["mode"], "inc");
+    EXPECT_EQ(inc.document()["copiedBlocks"], 1);
+    EXPECT_EQ(inc.document()["parent"], full.document()["id"]);
+
+    const fs::path image = machine.directory / "image";
+    const Result restored = call({"restore", "--from", inc.document()["path"], "--to", image, "--json"});
+    ASSERT_EQ(restored.code, 0) << restored.err;
+    EXPECT_EQ(restored.document()["chain"], 2);
+    EXPECT_EQ(readAll(image), machine.driver.contents());
+    EXPECT_EQ(call({"verify", "--from", machine.directory.path()}).code, 0);
+    const Result list = call({"list", "--from", machine.directory.path(), "--json"});
+    EXPECT_EQ(list.document()["backups"].size(), 2u);
+    damage(fs::path{full.document()["path"]} / "data", 100);
+    const Result damaged = call({"verify", "--from", machine.directory.path(), "--json"});
+    EXPECT_EQ(damaged.code, 5);
+    EXPECT_EQ(damaged.document()["ok"], false);
+}
+
+TEST_F(Program, HelpAndVersionEndWell)
+{
+    EXPECT_EQ(call({"--help"}).code, 0);
+    EXPECT_NE(call({"backup", "--help"}).out.find("--cache-blocks"), std::string::npos);
+    EXPECT_NE(call({"--version"}).out.find("3.1.0"), std::string::npos);
+}
+
+TEST_F(Program, BadArgumentsGive2)
+{
+    EXPECT_EQ(call({}).code, 2);
+    EXPECT_EQ(call({"backup"}).code, 2);
+    EXPECT_EQ(backup({"--mode", "sometimes"}).code, 2);
+    EXPECT_EQ(backup({"--cache-blocks", "0"}).code, 2);
+}
+
+TEST_F(Program, RefusalsGive3WithAReason)
+{
+    Result result = call({"backup", "--device", "sda", "--to", machine.directory.path(), "--json"});
+    EXPECT_EQ(result.code, 3);
+    EXPECT_NE(result.err.find("whole disk with partitions"), std::string::npos) << result.err;
+    EXPECT_EQ(result.document()["ok"], false);
+    EXPECT_EQ(result.document()["exit"], 3);
+    result = call({"backup", "--device", "sdz1", "--to", machine.directory.path()});
+    EXPECT_EQ(result.code, 3);
+    EXPECT_NE(result.err.find("sda1"), std::string::npos);
+    EXPECT_EQ(call({"backup", "--device", "sda1", "--to", machine.directory / "missing"}).code, 3);
+    EXPECT_EQ(call({"backup", "--control", "/nonexistent", "--device", "sda1", "--to", "/tmp"}).code, 3);
+    EXPECT_TRUE(machine.driver.events().empty());
+}
+
+TEST_F(Program, FallbackIsSaidOnStandardError)
+{
+    const Result result = backup({"--mode", "inc", "--quiet"});
+    EXPECT_EQ(result.code, 0);
+    EXPECT_NE(result.err.find("full backup instead of an incremental"), std::string::npos) << result.err;
+    EXPECT_NE(result.err.find("no earlier backup"), std::string::npos) << result.err;
+    EXPECT_EQ(result.document()["fellBack"], true);
+}
+
+TEST_F(Program, SecondRunIsToldOfTheFirstAndNeverOpensTheDevice)
+{
+    holdAtRead(2);
+    const pid_t first = spawn({"backup", "--device", "sda1", "--to", machine.directory.path()});
+    waitHeld();
+    const int before = server.connections;
+    ::rename((run / "out").c_str(), (run / "out1").c_str());
+    const Result second = backup();
+    EXPECT_EQ(second.code, 4);
+    EXPECT_NE(second.err.find("process " + std::to_string(first)), std::string::npos) << second.err;
+    const Result status = call({"status", "--json"});
+    EXPECT_EQ(status.code, 0);
+    EXPECT_NE(status.document()["running"].get<std::string>().find("backup of sda1"), std::string::npos);
+    EXPECT_EQ(server.connections, before);
+    release();
+    EXPECT_EQ(wait(first).code, 0);
+}
+
+TEST_F(Program, StatusShowsDriverDevicesAndLastBackup)
+{
+    backup();
+    const Result status = call({"status", "--to", machine.directory.path(), "--json"});
+    ASSERT_EQ(status.code, 0) << status.err;
+    const json document = status.document();
+    EXPECT_EQ(document["driver"], "3.1");
+    EXPECT_TRUE(document["running"].is_null());
+    EXPECT_EQ(document["devices"][1]["name"], "sda1");
+    EXPECT_EQ(document["devices"][1]["blockSize"], 1024);
+    EXPECT_EQ(document["lastBackups"].size(), 1u);
+    EXPECT_NE(call({"status"}).out.find("no backup is running"), std::string::npos);
+}
+
+TEST_F(Program, TerminationGives143AndLeavesNothing)
+{
+    for (const int signal : {SIGTERM, SIGINT}) {
+        held = false;
+        holdAtRead(2);
+        const pid_t child = spawn({"backup", "--device", "sda1", "--to", machine.directory.path()});
+        waitHeld();
+        ::kill(child, signal);
+        release();
+        const Result result = wait(child);
+        EXPECT_EQ(result.code, 128 + signal) << result.err;
+        EXPECT_NE(result.err.find("interrupted"), std::string::npos);
+        EXPECT_TRUE(namesIn(machine.repository()).empty());
+        EXPECT_FALSE(machine.driver.isOpen());
+    }
+}
+
+TEST_F(Program, KilledRunLeavesNoBackupAndTheNextOneWorks)
+{
+    ASSERT_EQ(backup().code, 0);
+    for (std::uint32_t block = 0; block < 3000; block += 2)
+        machine.driver.write(block, 4);
+    holdAtRead(2);
+    const pid_t child = spawn({"backup", "--device", "sda1", "--to", machine.directory.path()});
+    waitHeld();
+    ::kill(child, SIGKILL);
+    EXPECT_EQ(wait(child).code, 1000 + SIGKILL);
+    release();
+    EXPECT_EQ(namesIn(machine.repository()).size(), 2u); // the first backup and what the dead run left
+    machine.driver.before = {};
+    const Result next = backup();
+    ASSERT_EQ(next.code, 0) << next.err;
+    EXPECT_EQ(next.document()["mode"], "full");
+    EXPECT_EQ(namesIn(machine.repository()).size(), 2u);
+    EXPECT_EQ(machine.restored(next.document()["path"].get<std::string>()), machine.driver.contents());
+}
+
+TEST_F(Program, DaemonThatDiesFailsTheBackup)
+{
+    server.instead_of = quendrel::wire::Kind::mmap;
+    server.instead = [](const quendrel::wire::Request&) { return std::vector<std::byte>{}; };
+    const Result result = backup();
+    EXPECT_EQ(result.code, 1);
+    EXPECT_NE(result.err.find("daemon ended the connection"), std::string::npos) << result.err;
+    EXPECT_TRUE(namesIn(machine.repository()).empty());
+}
+
+} // namespace

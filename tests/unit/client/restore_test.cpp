@@ -1,0 +1,167 @@
+#include "support.h"
+#include "verify.h"
+
+namespace
+{
+
+using namespace test;
+
+std::vector<VerifyResult> verify(const fs::path& from)
+{
+    Progress progress{Progress::Style::none};
+    const StopSignal stop{0};
+    return verifyBackups(from, progress, stop);
+}
+
+RestoreReport restore(const fs::path& from, const fs::path& to, bool force = false)
+{
+    Progress progress{Progress::Style::none};
+    const StopSignal stop{0};
+    return restoreBackup(from, to, force, progress, stop);
+}
+
+int exitOf(const std::function<void()>& action, std::string* text = nullptr)
+{
+    try {
+        action();
+    } catch (const Failure& failure) {
+        if (text != nullptr)
+            *text = failure.what();
+        return failure.exitCode();
+    }
+    return 0;
+}
+
+// Random writes, zeroed blocks among them, between the backups of a chain with full ones in it.
+TEST(Restore, EveryBackupOfAChainGivesTheDiskAtItsSnapshot)
+{
+    for (unsigned seed = 1; seed <= 5; ++seed) {
+        Machine machine;
+        std::mt19937 random{seed};
+        std::vector<std::pair<fs::path, std::vector<std::byte>>> expected;
+        for (int round = 0; round < 7; ++round) {
+            const auto report = machine.backup(random() % 5 == 0 ? Wanted::full : Wanted::automatic);
+            expected.emplace_back(report.backup.directory, machine.driver.contents());
+            for (unsigned i = random() % 200; i > 0; --i) {
+                const std::uint32_t first = random() % Machine::blocks;
+                const std::uint32_t last = std::min<std::uint32_t>(Machine::blocks, first + 1 + random() % 30);
+                for (std::uint32_t block = first; block < last; ++block)
+                    random() % 4 == 0 ? machine.driver.writeZeros(block)
+                                      : machine.driver.write(block, static_cast<unsigned>(random()));
+            }
+        }
+        for (const auto& [directory, contents] : expected)
+            ASSERT_EQ(machine.restored(directory), contents) << "seed " << seed << " " << directory;
+        for (const auto& result : verify(machine.directory.path()))
+            EXPECT_EQ(result.problem, "");
+    }
+}
+
+TEST(Restore, ImageHasExactlyTheBytesOfTheDevice)
+{
+    Machine machine;
+    const Repository repository = Repository::openForBackup(machine.directory.path(), "sda1");
+    Device device = machine.sda1();
+    device.bytes += 512; // half a block more than the file system has
+    Progress progress{Progress::Style::none};
+    runBackup({fake::connect(machine.driver), "memory"}, repository, {device, Wanted::full, 0}, progress, machine.stop);
+    restore(machine.directory.path(), machine.directory / "image");
+    EXPECT_EQ(fs::file_size(machine.directory / "image"), device.bytes);
+}
+
+TEST(Restore, FileThatIsNotEmptyIsReplacedOnlyWhenForced)
+{
+    Machine machine;
+    machine.backup();
+    const fs::path image = machine.directory / "image";
+    std::ofstream{image} << "precious";
+    EXPECT_EQ(exitOf([&] { restore(machine.directory.path(), image); }), 3);
+    EXPECT_EQ(fs::file_size(image), 8u);
+    restore(machine.directory.path(), image, true);
+    EXPECT_EQ(readAll(image), machine.driver.contents());
+}
+
+TEST(Restore, EmptyFileIsFilled)
+{
+    Machine machine;
+    machine.backup();
+    const fs::path image = machine.directory / "image";
+    std::ofstream{image}.flush();
+    restore(machine.directory.path(), image);
+    EXPECT_EQ(readAll(image), machine.driver.contents());
+}
+
+TEST(Restore, DirectoryIsNoPlaceForAnImage)
+{
+    Machine machine;
+    machine.backup();
+    EXPECT_EQ(exitOf([&] { restore(machine.directory.path(), machine.directory.path()); }), 3);
+}
+
+// The file that is damaged, at a byte in its middle, in the full backup or in the incremental one.
+TEST(Restore, DamageIsFoundAndLeavesNoImage)
+{
+    for (const char* file : {"data", "map", "sums", "manifest.json"})
+        for (const bool in_full : {true, false}) {
+            Machine machine;
+            const auto full = machine.backup();
+            for (std::uint32_t block = 100; block < 400; ++block)
+                machine.driver.write(block, 8);
+            const auto inc = machine.backup();
+            const fs::path damaged = (in_full ? full : inc).backup.directory / file;
+            damage(damaged, fs::file_size(damaged) / 2);
+            const fs::path image = machine.directory / "image";
+            std::string text;
+            EXPECT_EQ(exitOf([&] { restore(inc.backup.directory, image); }, &text), 5) << damaged;
+            EXPECT_NE(text.find(file), std::string::npos) << text;
+            EXPECT_EQ(namesIn(machine.directory.path()), std::vector<std::string>{"sda1"});
+
+            std::size_t problems = 0;
+            for (const auto& result : verify(machine.directory.path()))
+                problems += result.problem.empty() ? 0 : 1;
+            EXPECT_EQ(problems, in_full ? 2u : 1u) << damaged;
+        }
+}
+
+TEST(Restore, MissingLinkOfTheChainIsNamed)
+{
+    Machine machine;
+    const auto first = machine.backup();
+    machine.backup();
+    const auto third = machine.backup();
+    fs::remove_all(first.backup.directory);
+    std::string text;
+    EXPECT_EQ(exitOf([&] { restore(third.backup.directory, machine.directory / "image"); }, &text), 5);
+    EXPECT_NE(text.find(first.backup.manifest.id), std::string::npos);
+}
+
+TEST(Restore, SignalLeavesNoImage)
+{
+    Machine machine;
+    machine.backup();
+    machine.stop = SIGINT;
+    Progress progress{Progress::Style::none};
+    EXPECT_THROW(restoreBackup(machine.directory.path(), machine.directory / "image", false, progress, machine.stop),
+                 Interrupted);
+    EXPECT_EQ(namesIn(machine.directory.path()), std::vector<std::string>{"sda1"});
+}
+
+TEST(Verify, OneBackupIsCheckedWithWhatItBuildsOn)
+{
+    Machine machine;
+    const auto first = machine.backup();
+    const auto second = machine.backup();
+    machine.backup(Wanted::full);
+    const auto results = verify(second.backup.directory);
+    ASSERT_EQ(results.size(), 2u);
+    EXPECT_EQ(results[0].id, first.backup.manifest.id);
+    EXPECT_EQ(results[1].id, second.backup.manifest.id);
+}
+
+TEST(Verify, NothingToVerifyIsRefused)
+{
+    const Directory empty;
+    EXPECT_EQ(exitOf([&] { verify(empty.path()); }), 3);
+}
+
+} // namespace

@@ -1,0 +1,70 @@
+#include "fake_server.h"
+#include "run_lock.h"
+#include "support.h"
+
+#include <sys/wait.h>
+
+namespace
+{
+
+using namespace test;
+
+TEST(RunLock, SecondIsToldWhoHoldsIt)
+{
+    const Directory directory;
+    const fs::path file = directory / "lock";
+    const RunLock first{file, "backup of sda1"};
+    try {
+        const RunLock second{file, "backup of sdb1"};
+        FAIL();
+    } catch (const Failure& failure) {
+        EXPECT_EQ(failure.exitCode(), 4);
+        const std::string text = failure.what();
+        EXPECT_NE(text.find("backup of sda1"), std::string::npos) << text;
+        EXPECT_NE(text.find("process " + std::to_string(::getpid())), std::string::npos) << text;
+    }
+    EXPECT_NE(RunLock::holder(file)->find("backup of sda1"), std::string::npos);
+}
+
+TEST(RunLock, GoesWithItsHolder)
+{
+    const Directory directory;
+    const fs::path file = directory / "lock";
+    {
+        const RunLock lock{file, "one"};
+    }
+    EXPECT_EQ(RunLock::holder(file), std::nullopt);
+    EXPECT_NO_THROW(RunLock(file, "two"));
+}
+
+TEST(RunLock, KilledHolderHoldsNothing)
+{
+    const Directory directory;
+    const fs::path file = directory / "lock";
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const RunLock lock{file, "one"};
+        ::raise(SIGKILL);
+    }
+    ::waitpid(child, nullptr, 0);
+    EXPECT_EQ(RunLock::holder(file), std::nullopt);
+}
+
+TEST(RunLock, LookingDoesNotTakeIt)
+{
+    const Directory directory;
+    const fs::path file = directory / "lock";
+    EXPECT_EQ(RunLock::holder(file), std::nullopt);
+    EXPECT_FALSE(fs::exists(file));
+}
+
+TEST(RunLock, StandsBesideASocketAndInRunLockForANode)
+{
+    const Directory directory;
+    fake::Driver driver{{8, 1}, 4096, 10};
+    const fake::Server server{driver, directory / "control.sock"};
+    EXPECT_EQ(RunLock::placeFor(directory / "control.sock"), directory / "qbackup.lock");
+    EXPECT_EQ(RunLock::placeFor("/dev/quendrel"), "/run/lock/qbackup-quendrel.lock");
+}
+
+} // namespace
