@@ -236,8 +236,11 @@ void unsetQueueMRFAMS(request_queue* q)
 
 // At unload, with no session and no backup left: gives every queue that is still registered its own function back. A
 // device that was backed up without tracking, beside two that are tracked, stays registered for as long as they are.
+// An empty registry is not waited for: after a question for a null queue its count never shows it idle again.
 void closeQueueList()
 {
+    if (listEmpty(&queueListHead))
+        return;
     unsigned long flags;
     waitForQueueListUsers(&flags);
     while (QueueList* ql = nextQueueList(nullptr)) {
