@@ -26,6 +26,7 @@ bool HostFreezer::freeze()
         return false;
     }
     mounted_at_ = *point;
+    since_ = std::chrono::steady_clock::now();
     const int error = guardian_->freeze(mounted_at_, frozen_);
     if (error == 0)
         return true;
@@ -44,9 +45,12 @@ void HostFreezer::thaw()
         return;
     const int error = guardian_->thaw(frozen_);
     frozen_ = 0;
-    // -EINVAL: somebody thawed it already, which only makes the copy less consistent, not the file system stuck.
+    // -EINVAL: somebody thawed it already, which makes the copy less consistent, but nothing is stuck.
     if (error)
-        report_("thaw: " + mounted_at_ + ": " + std::strerror(-error));
+        return report_("thaw: " + mounted_at_ + ": " + std::strerror(-error));
+    const auto lasted = std::chrono::steady_clock::now() - since_;
+    report_(mounted_at_ + ": frozen for " +
+            std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(lasted).count()) + " ms");
 }
 
 } // namespace quendreld

@@ -4,6 +4,7 @@
 #include "guardian.h"
 #include "hosted.h"
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -29,9 +30,10 @@ class HostFreezer final : public hosted::Freezer
     const std::string file_;
     const std::uint64_t start_;
     const std::function<void(std::string_view)> report_;
-    std::mutex mutex_; // guards the two below; before the guardian's
+    std::mutex mutex_; // guards what is below; before the guardian's
     std::string mounted_at_;
-    unsigned frozen_ = 0; // the guardian's id, 0: not frozen
+    std::chrono::steady_clock::time_point since_; // the freeze was asked for
+    unsigned frozen_ = 0;                         // the guardian's id, 0: not frozen
 };
 
 } // namespace quendreld

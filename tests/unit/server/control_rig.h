@@ -1,66 +1,21 @@
-// A control server over a hosted kernel with the driver loaded, and a bare client of its socket: packets as bytes.
+// A control server over a hosted kernel with the driver loaded, and its bare client (wire_client.h).
 #pragma once
 
-#include "client/socket_protocol.h"
 #include "control_server.h"
 #include "hosted.h"
 #include "quendrel.h"
-#include "unique_fd.h"
+#include "wire_client.h"
 
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
 namespace control_rig
 {
 
-namespace wire = quendrel::wire;
 using quendreld::ControlServer;
-using quendreld::UniqueFd;
-
-// Memory of this process below 4 GiB, as a command's arguments have to be.
-class LowPage
-{
-  public:
-    LowPage();
-    ~LowPage();
-    LowPage(const LowPage&) = delete;
-    std::uint32_t address() const { return std::uint32_t(reinterpret_cast<std::uintptr_t>(at_)); }
-    template <typename T> T& as() { return *static_cast<T*>(at_); }
-
-  private:
-    void* at_;
-};
-
-class Client
-{
-  public:
-    explicit Client(const std::string& socket);
-    int fd() const { return fd_.get(); }
-    bool connected() const { return bool(fd_); }
-    void close() { fd_.reset(); }
-
-    bool send(const void* bytes, std::size_t count);
-    bool send(const wire::Request& request) { return send(&request, sizeof request); }
-    // The next reply; nothing when the server has ended the connection. `passed`: the descriptor that came along.
-    std::optional<wire::Reply> receive(UniqueFd* passed = nullptr);
-    std::optional<wire::Reply> ask(const wire::Request& request, UniqueFd* passed = nullptr)
-    {
-        if (!send(request))
-            return std::nullopt;
-        return receive(passed);
-    }
-    std::optional<wire::Reply> ioctl(std::uint32_t command, std::uint32_t argument)
-    {
-        return ask({wire::Kind::ioctl, command, argument, 0, 0});
-    }
-
-  private:
-    UniqueFd fd_;
-};
 
 struct ControlRig : testing::Test {
     ControlRig();
