@@ -1,6 +1,7 @@
 // What is alive, and forgetting it.
 #include "block.h"
 #include "memory.h"
+#include "module.h"
 
 #include <cstdio>
 
@@ -62,6 +63,7 @@ void forget_leaks()
 {
     if (driver_loaded())
         die("forget_leaks while the driver is loaded");
+    join_all_threads();
     release_deferred_memory();
     forget_allocations();
     forget_pages();

@@ -34,7 +34,6 @@ Ring::~Ring()
 
 bool Ring::submit(Transfer* t)
 {
-    handed_over_.fetch_add(1, std::memory_order_release);
     std::lock_guard lock(submit_);
     io_uring_sqe* sqe = io_uring_get_sqe(&ring_);
     if (!sqe)
@@ -44,6 +43,7 @@ bool Ring::submit(Transfer* t)
     else
         io_uring_prep_readv(sqe, t->fd, t->pieces, t->count, t->offset);
     io_uring_sqe_set_data(sqe, t);
+    handed_over_.fetch_add(1, std::memory_order_release);
     // Once the entry is in the queue it cannot be taken back. A busy kernel takes it with a later call.
     while (io_uring_submit(&ring_) < 0)
         sched_yield();

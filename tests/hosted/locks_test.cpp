@@ -325,6 +325,7 @@ TEST(KernelThread, RunsAndIsGoneFromTheAccountsWhenItsCompletionIsSeen)
         EXPECT_TRUE(a.ran);
         ASSERT_EQ(hosted::live().threads, 0);
     }
+    hosted::forget_leaks(); // joins the last one
 }
 
 TEST(KernelThread, FailsToOrder)

@@ -33,7 +33,9 @@ int hook(request_queue* q, bio* b)
 
 void install(hosted::Disk& disk)
 {
-    real = queue_make_request_fn(disk.queue());
+    // The same function for every disk; guests that are still inside the hook read it.
+    if (make_request_fn* own = queue_make_request_fn(disk.queue()); own != real)
+        real = own;
     queue_set_make_request_fn(disk.queue(), hook);
 }
 
