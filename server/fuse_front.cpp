@@ -14,12 +14,12 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <new>
 #include <stdexcept>
 #include <thread>
 
@@ -41,6 +41,7 @@ constexpr std::size_t receive_bytes = page + most_payload + page;
 constexpr std::size_t small_bytes = 64 << 10;
 constexpr unsigned most_small = 256;
 constexpr unsigned most_large = 24;
+constexpr unsigned first_threads = 2;
 constexpr unsigned most_threads = 12;
 constexpr int wake_signal = SIGUSR1;
 constexpr fuse_ino_t first_disk_inode = 2;
@@ -57,15 +58,18 @@ struct FuseFront::Impl {
     BufferPool small{small_bytes, most_small};
     BufferPool large{receive_bytes, most_large + most_threads};
 
-    std::mutex mutex; // guards threads and idle; innermost
+    std::mutex mutex; // guards threads; innermost
     std::vector<std::thread> threads;
-    unsigned idle = 0;
+    std::atomic<unsigned> idle = 0;          // threads in receive
+    std::atomic<std::uint64_t> received = 0; // requests
+    std::thread supervisor;
     std::mutex within_sectors; // one read-modify-write of a part of a sector at a time; before the buffers'
     std::atomic<unsigned> alive = 0;
     std::atomic<bool> stop = false;
     std::atomic<long> in_flight = 0;
 
     void receive_loop();
+    void supervise();
     void start_thread();
     ServedDisk* disk_of(fuse_ino_t inode) const
     {
@@ -404,33 +408,48 @@ void FuseFront::Impl::receive_loop()
     sigemptyset(&wake);
     sigaddset(&wake, wake_signal);
     pthread_sigmask(SIG_UNBLOCK, &wake, nullptr);
-    receiving = large.take();
+    const auto take = [this] {
+        for (;;) {
+            try {
+                return large.take();
+            } catch (const std::bad_alloc&) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(10)); // buffers in use come back
+            }
+        }
+    };
+    receiving = take();
     while (!stop && !fuse_session_exited(session)) {
         fuse_buf buffer{};
         buffer.mem = receive_start(receiving);
-        {
-            std::lock_guard lock(mutex);
-            ++idle;
-        }
+        idle.fetch_add(1);
         const int got = fuse_session_receive_buf(session, &buffer);
-        bool last;
-        {
-            std::lock_guard lock(mutex);
-            last = --idle == 0;
-        }
+        idle.fetch_sub(1);
         if (got == -EINTR || got == -EAGAIN)
             continue;
         if (got <= 0)
             break;
-        // A request may wait (a write while a file system is frozen, a buffer): somebody else has to receive then.
-        if (last)
-            start_thread();
+        received.fetch_add(1, std::memory_order_relaxed);
         fuse_session_process_buf(session, &buffer);
         if (!receiving)
-            receiving = large.take();
+            receiving = take();
     }
     large.give(receiving);
     receiving = nullptr;
+}
+
+// Two threads keep two processors busy, as no request waits for its I/O. But a request may wait for something else: a
+// write while a file system is frozen, a buffer. When all threads do, another has to receive, or reads would wait
+// with them.
+void FuseFront::Impl::supervise()
+{
+    std::uint64_t before = 0;
+    while (!stop) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        const std::uint64_t now = received.load(std::memory_order_relaxed);
+        if (idle == 0 && now == before)
+            start_thread();
+        before = now;
+    }
 }
 
 FuseFront::FuseFront(std::vector<ServedDisk*> disks, const std::string& mount_point,
@@ -464,8 +483,9 @@ FuseFront::FuseFront(std::vector<ServedDisk*> disks, const std::string& mount_po
     };
     action.sa_handler = [](int) {};
     ::sigaction(wake_signal, &action, nullptr);
-    impl.start_thread();
-    impl.start_thread();
+    for (unsigned i = 0; i < first_threads; ++i)
+        impl.start_thread();
+    impl.supervisor = std::thread([&impl] { impl.supervise(); });
 }
 
 FuseFront::~FuseFront()
@@ -474,6 +494,7 @@ FuseFront::~FuseFront()
     if (::umount2(impl.mount_point.c_str(), MNT_DETACH) != 0 && errno != EINVAL)
         impl.report(impl.mount_point + ": cannot unmount: " + std::strerror(errno));
     impl.stop = true;
+    impl.supervisor.join();
     while (impl.alive) {
         {
             std::lock_guard lock(impl.mutex);
