@@ -90,7 +90,7 @@ int commandBackup(const CommonOptions& common, const BackupOptions& options, con
     refuseOutputOnDevice(job.device, host);
 
     const RunLock lock{RunLock::placeFor(common.control),
-                       "backup of " + job.device.name + " to " + fs::absolute(options.target).string()};
+                       "backup of " + job.device.name + " to " + fs::absolute(options.target).string(), common.control};
     const Repository repository = Repository::openForBackup(options.target, job.device.name);
     if (options.wanted == Wanted::full || repository.backups().empty())
         if (const auto warning = checkSpace(job.device, host, options.target))
@@ -145,7 +145,7 @@ int commandStatus(const CommonOptions& common, const StatusOptions& options)
     const fs::path lock_file = RunLock::placeFor(common.control);
     std::optional<RunLock> lock;
     try {
-        lock.emplace(lock_file, "status");
+        lock.emplace(lock_file, "status", common.control);
     } catch (const Failure& failure) {
         const auto holder = RunLock::holder(lock_file);
         if (failure.exitCode() != static_cast<int>(Exit::busy) || !holder)

@@ -62,7 +62,13 @@ PendingBackup::PendingBackup(fs::path repository, std::uint32_t sequence, std::s
       sequence_{sequence}, stamp_{std::move(stamp)}
 {
     fs::create_directory(directory_);
-    data_ = std::make_unique<DataWriter>(directory_ / "data");
+    try {
+        data_ = std::make_unique<DataWriter>(directory_ / "data");
+    } catch (...) {
+        std::error_code error;
+        fs::remove_all(directory_, error);
+        throw;
+    }
 }
 
 PendingBackup::~PendingBackup()

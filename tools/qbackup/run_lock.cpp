@@ -26,6 +26,20 @@ std::string describe(const File& file)
     return text.empty() ? "a process that has not said yet who it is" : text;
 }
 
+// /run/lock is open to all: there the kernel may refuse to open with O_CREAT a file that another user has made.
+File openOrCreate(const fs::path& path)
+{
+    std::error_code error;
+    return File{path, O_RDWR | O_NOFOLLOW | (fs::exists(path, error) ? 0 : O_CREAT), 0660};
+}
+
+bool isOwner(const File& file)
+{
+    struct stat st {
+    };
+    return ::fstat(file.fd(), &st) == 0 && st.st_uid == ::geteuid();
+}
+
 std::string now()
 {
     const std::time_t seconds = std::time(nullptr);
@@ -38,9 +52,14 @@ std::string now()
 
 } // namespace
 
-RunLock::RunLock(const fs::path& lock_file, const std::string& purpose)
-    : file_{lock_file, O_RDWR | O_CREAT | O_NOFOLLOW, 0660}
+RunLock::RunLock(const fs::path& lock_file, const std::string& purpose, const fs::path& control)
+    : file_{openOrCreate(lock_file)}
 {
+    if (struct stat st{}; !control.empty() && ::stat(control.c_str(), &st) == 0 && isOwner(file_)) {
+        // A failure means that the group stays what it was: nobody gets more than they had.
+        if (::fchown(file_.fd(), static_cast<uid_t>(-1), st.st_gid) == 0)
+            ::fchmod(file_.fd(), 0660);
+    }
     int locked = ::flock(file_.fd(), LOCK_EX | LOCK_NB);
     // `status` holds the lock for a moment to see whether it is free; that must not stop a backup.
     for (int again = 0; locked != 0 && again < 10; ++again) {

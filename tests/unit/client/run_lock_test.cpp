@@ -2,6 +2,7 @@
 #include "run_lock.h"
 #include "support.h"
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 namespace
@@ -48,6 +49,20 @@ TEST(RunLock, KilledHolderHoldsNothing)
     }
     ::waitpid(child, nullptr, 0);
     EXPECT_EQ(RunLock::holder(file), std::nullopt);
+}
+
+TEST(RunLock, GroupOfTheControlDeviceMayUseIt)
+{
+    const Directory directory;
+    std::ofstream{directory / "control"}.flush();
+    const gid_t group = ::geteuid() == 0 ? 12345 : ::getegid();
+    ASSERT_EQ(::chown((directory / "control").c_str(), static_cast<uid_t>(-1), group), 0);
+    const RunLock lock{directory / "lock", "one", directory / "control"};
+    struct stat st {
+    };
+    ASSERT_EQ(::stat((directory / "lock").c_str(), &st), 0);
+    EXPECT_EQ(st.st_gid, group);
+    EXPECT_EQ(st.st_mode & 0777, 0660u);
 }
 
 TEST(RunLock, LookingDoesNotTakeIt)

@@ -1,0 +1,106 @@
+// Restoring to a block device: a loop device over a file, where this machine lets the test have one.
+#include "support.h"
+
+#include <fcntl.h>
+#include <linux/loop.h>
+#include <sys/ioctl.h>
+
+#include <optional>
+
+namespace
+{
+
+using namespace test;
+
+class LoopDevice
+{
+  public:
+    explicit LoopDevice(const fs::path& image)
+    {
+        const int control = ::open("/dev/loop-control", O_RDWR | O_CLOEXEC);
+        const int number = control < 0 ? -1 : ::ioctl(control, LOOP_CTL_GET_FREE);
+        if (control >= 0)
+            ::close(control);
+        if (number < 0)
+            return;
+        const fs::path path = "/dev/loop" + std::to_string(number);
+        device_ = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+        const int file = ::open(image.c_str(), O_RDWR | O_CLOEXEC);
+        if (device_ >= 0 && ::ioctl(device_, LOOP_SET_FD, file) == 0)
+            path_ = path;
+        ::close(file);
+    }
+    ~LoopDevice()
+    {
+        if (path_)
+            ::ioctl(device_, LOOP_CLR_FD, 0);
+        if (device_ >= 0)
+            ::close(device_);
+    }
+    LoopDevice(const LoopDevice&) = delete;
+    LoopDevice& operator=(const LoopDevice&) = delete;
+    const std::optional<fs::path>& path() const { return path_; }
+
+  private:
+    int device_ = -1;
+    std::optional<fs::path> path_;
+};
+
+class RestoreToDevice : public testing::Test
+{
+  protected:
+    // A loop device of `bytes`, full of something else.
+    void make(std::uint64_t bytes)
+    {
+        const File image{directory / "image", O_RDWR | O_CREAT};
+        image.writeAt(0, std::vector<std::byte>(bytes, std::byte{0xee}));
+        loop.emplace(directory / "image");
+        if (!loop->path())
+            GTEST_SKIP() << "no loop device to be had";
+    }
+    int restore()
+    try {
+        Progress progress{Progress::Style::none};
+        restoreBackup(machine.directory.path(), *loop->path(), false, progress, machine.stop);
+        return 0;
+    } catch (const Failure& failure) {
+        return failure.exitCode();
+    }
+
+    Machine machine;
+    Directory directory;
+    std::optional<LoopDevice> loop;
+};
+
+TEST_F(RestoreToDevice, WritesZeroBlocksToo)
+{
+    ASSERT_NO_FATAL_FAILURE(make(machine.driver.bytes()));
+    if (IsSkipped())
+        return;
+    machine.backup();
+    ASSERT_EQ(restore(), 0);
+    EXPECT_EQ(readAll(directory / "image"), machine.driver.contents());
+}
+
+TEST_F(RestoreToDevice, DeviceInUseIsRefusedAndUntouched)
+{
+    ASSERT_NO_FATAL_FAILURE(make(machine.driver.bytes()));
+    if (IsSkipped())
+        return;
+    machine.backup();
+    const auto before = readAll(directory / "image");
+    const File user{*loop->path(), O_RDONLY | O_EXCL}; // as a mount claims it
+    EXPECT_EQ(restore(), 3);
+    EXPECT_EQ(readAll(directory / "image"), before);
+}
+
+TEST_F(RestoreToDevice, DeviceThatIsTooSmallIsRefused)
+{
+    ASSERT_NO_FATAL_FAILURE(make(machine.driver.bytes() / 2 / 512 * 512));
+    if (IsSkipped())
+        return;
+    machine.backup();
+    EXPECT_EQ(restore(), 3);
+}
+
+} // namespace
