@@ -151,6 +151,26 @@ TEST_F(Module, UnloadGivesHookedQueuesBackFreesEveryMapAndUnregisters)
     EXPECT_EQ(late.open(), -ENXIO) << "the device is still registered";
 }
 
+TEST_F(Module, AnUntrackedDeviceBesideTwoTrackedOnesKeepsTheHookUntilTheUnload)
+{
+    rig::TestDisk& disk = addDisk("sdb", 16, 4096, {{1, 8, 800, 512}, {2, 808, 800, 512}, {3, 1608, 800, 512}});
+    make_request_fn* own = hookOf(disk);
+    ASSERT_NO_FATAL_FAILURE(track(disk, 2));
+    ASSERT_NO_FATAL_FAILURE(track(disk, 3));
+    Program program;
+    ASSERT_EQ(program.open(), 0);
+    ASSERT_EQ(program.start(disk.device(1), disk.blocks(1), 10), 0);
+    ASSERT_EQ(program.noStartAutoMap(), 0);
+    ASSERT_EQ(program.snapshot(), 0);
+    ASSERT_EQ(program.close(), 0);
+    EXPECT_EQ(qdrShutdown(), 0);
+    EXPECT_EQ(hookOf(disk), qdrAMRF);
+    EXPECT_EQ(isInQueueList(disk.disk().queue(), disk.device(1)), 1);
+    EXPECT_EQ(qdrUnload(), 0);
+    EXPECT_EQ(hookOf(disk), own);
+    EXPECT_TRUE(listEmpty(&queueListHead));
+}
+
 TEST_F(Module, ModuleUnloadWrapsUnload)
 {
     doModuleUnload();

@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <thread>
 
-using rig::Bits;
 using rig::hookOf;
 using rig::Lines;
 using rig::Program;
@@ -495,7 +494,8 @@ TEST_F(Session, CloseKeepsAFailureStateInTheStatistics)
     ASSERT_EQ(program.open(), 0);
     ASSERT_EQ(start(), 0);
     ASSERT_EQ(program.snapshot(), 0);
-    ASSERT_EQ(program.loadMap(Bits(0)), 2);
+    ASSERT_EQ(program.command(QUENDREL_LOAD_BLOCK_MAP, program.put(LoadBlockMap{program.put(UserBlockMap{1, 0}), 8})),
+              2);
     ASSERT_EQ(state(), 9u);
     takeLog();
     EXPECT_EQ(program.close(), 0);
