@@ -2,6 +2,7 @@
 #include "host_mounts.h"
 #include "run_dir.h"
 #include "serving.h"
+#include "wire_client.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -186,11 +187,8 @@ TEST_F(LoopDisk, AFileSystemMadeLaterIsFoundWhenTheControlDeviceIsOpened)
     const std::string loop = serving.attach();
     must_run({"mkfs.ext4", "-q", "-b", "1024", loop + "p1"});
     must_run({"mkfs.ext4", "-q", "-b", "4096", loop + "p2"});
-    // Any opener of the control device will do.
-    must_run({"python3", "-c",
-              "import socket,sys\ns=socket.socket(socket.AF_UNIX,socket.SOCK_SEQPACKET)\ns.connect(sys.argv[1])\n"
-              "assert s.recv(2000)[:4]==b'\\0\\0\\0\\0'",
-              run_dir + "/control.sock"});
+    control_rig::Client client(run_dir + "/control.sock");
+    ASSERT_EQ(client.receive()->result, 0);
     const auto after = records()[0].partitions;
     ASSERT_TRUE(after[0].file_system && after[1].file_system);
     EXPECT_EQ(*after[0].file_system, (quendreld::FileSystemRecord{"ext4", 1024}));
