@@ -7,6 +7,7 @@
 // every step that was over before the backup began is in it, and none that began after its end.
 //
 //   story write-files DIRECTORY LOG                  until SIGTERM
+//   story make-region FILE BLOCKS                    blocks that no step has written
 //   story write-blocks NBD-URI OFFSETS LOG           OFFSETS: a file of byte offsets, one 4-KiB block a line
 //   story check-files DIRECTORY LOG FROM TO          FROM, TO: nanoseconds of CLOCK_REALTIME around the backup
 //   story check-blocks FILE LOG FROM TO              FILE: the region's blocks in order
@@ -145,6 +146,18 @@ std::vector<std::uint64_t> read_offsets(const std::string& path)
     return offsets;
 }
 
+// Not zeros, so that no tool leaves the blocks out; the step in them is 0.
+void make_region(const std::string& path, unsigned blocks)
+{
+    Bytes block(kBlockBytes, 1);
+    std::memset(block.data(), 0, 8);
+    std::ofstream out(path, std::ios::binary);
+    for (unsigned i = 0; i < blocks; i++)
+        out.write(block.data(), long(block.size()));
+    if (!out.flush())
+        throw std::runtime_error(path + ": cannot be written");
+}
+
 void write_blocks(const std::string& uri, const std::string& offsets_path, const std::string& log)
 {
     const auto offsets = read_offsets(offsets_path);
@@ -249,6 +262,8 @@ int main(int argc, char** argv)
     try {
         if (command == "write-files" && argc == 4)
             write_files(argv[2], argv[3]);
+        else if (command == "make-region" && argc == 4)
+            make_region(argv[2], unsigned(std::stoul(argv[3])));
         else if (command == "write-blocks" && argc == 5)
             write_blocks(argv[2], argv[3], argv[4]);
         else if (command == "check-files" && argc == 6)
@@ -258,7 +273,7 @@ int main(int argc, char** argv)
         else if (command == "felt" && argc == 5)
             felt(argv[2], std::stoll(argv[3]), std::stoll(argv[4]));
         else {
-            std::cerr << "usage: story write-files|write-blocks|check-files|check-blocks|felt ... (see its source)\n";
+            std::cerr << "usage: story write-files|make-region|write-blocks|check-files|check-blocks|felt ... (see its source)\n";
             return 2;
         }
     } catch (const std::exception& error) {
