@@ -494,6 +494,43 @@ TEST_F(Snapshot, ASessionThatFellOutOfSyncBeforeTheFreezeStartsAfreshAndHandsOve
     EXPECT_EQ(program.close(), 0);
 }
 
+TEST_F(Snapshot, AShutdownDuringTheFreezeWaitsForTheSessionToBeHandedOver)
+{
+    const Key key = track();
+    EXPECT_EQ(sda().writeBlock(1, 5, 1), 0);
+    auto fileSystem = watch();
+    Program other;
+    ASSERT_EQ(other.open(), 0);
+    Program program;
+    begin(program);
+    const auto isOutOfTheTable = [&] {
+        AutoMapSession* ams = getAMS(sda().device(1));
+        if (ams)
+            putAMS(ams);
+        return ams == nullptr;
+    };
+    std::atomic<bool> done{false};
+    std::thread shutdown;
+    fileSystem->atFreeze = [&] {
+        shutdown = std::thread([&] {
+            EXPECT_EQ(other.command(QUENDREL_SHUTDOWN), 0);
+            done = true;
+        });
+        eventually(isOutOfTheTable);
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        EXPECT_FALSE(done) << "the snapshot still holds its session";
+        return true;
+    };
+    EXPECT_EQ(program.snapshot(key), 0);
+    shutdown.join();
+    EXPECT_EQ(stateOf(program), 4u);
+    EXPECT_EQ(membersOf(recordOf(program)->blockMap), Blocks{5});
+    EXPECT_TRUE(isOutOfTheTable());
+    EXPECT_EQ(atomic_read(&curAllocAMPages), 0);
+    EXPECT_EQ(program.close(), 0);
+    EXPECT_EQ(other.close(), 0);
+}
+
 TEST_F(Snapshot, WritesUnderWayAreRecordedForOneOfTheTwoBackups)
 {
     Key key = track();
