@@ -163,6 +163,8 @@ class Session
             if (!changed)
                 giveUpIncremental("changes since backup " + previous_->manifest.id +
                                   " are not known: the driver was loaded anew or its tracking fell out of sync");
+            else if (changed->count() == 0)
+                distrustEmptyMap(changed);
         }
         rememberKey();
         manifest_.mode = changed ? Mode::incremental : Mode::full;
@@ -174,6 +176,16 @@ class Session
         }
         announce();
         return changed ? std::move(*changed) : Bitmap{manifest_.blocks, true};
+    }
+
+    // Tracking that falls out of sync between the driver's look at the key and the freeze hands out an empty map, and
+    // nothing tells it from a device that nobody wrote to. Freezing a file system that is mounted for writing changes
+    // a block, so a really empty map is rare, and copying an idle device in full is cheaper than losing a change.
+    void distrustEmptyMap(std::optional<Bitmap>& changed)
+    {
+        giveUpIncremental("tracking names no changed block since backup " + previous_->manifest.id +
+                          ", which cannot be told from tracking that was lost");
+        changed.reset();
     }
 
     void snapshot(const quendrel::SessionKey& key)

@@ -96,16 +96,19 @@ TEST(Engine, EveryBlockOfTheMapIsReadOnceInRunsOfAtMost256)
     EXPECT_EQ(times, std::vector<int>(Machine::blocks, 1));
 }
 
-TEST(Engine, BackupWithNothingChangedIsEmptyAndContinuesTheChain)
+TEST(Engine, AnEmptyTrackedMapIsNotTrustedAndTheBackupIsFull)
 {
     Machine machine;
-    machine.backup();
+    const auto first = machine.backup();
     const auto second = machine.backup();
-    EXPECT_EQ(second.backup.manifest.mode, Mode::incremental);
-    EXPECT_EQ(second.backup.manifest.copiedBlocks, 0u);
-    EXPECT_EQ(count(machine.driver.events(), "LoadBlockMap"), 1u);
+    EXPECT_EQ(second.backup.manifest.mode, Mode::full);
+    EXPECT_TRUE(second.fellBack);
+    EXPECT_EQ(second.backup.manifest.fullReason, "tracking names no changed block since backup " +
+                                                     first.backup.manifest.id +
+                                                     ", which cannot be told from tracking that was lost");
     machine.driver.write(7, 7);
     const auto third = machine.backup();
+    EXPECT_EQ(third.backup.manifest.mode, Mode::incremental);
     EXPECT_EQ(third.backup.manifest.copiedBlocks, 1u);
     EXPECT_EQ(machine.restored(third.backup.directory), machine.driver.contents());
 }

@@ -127,7 +127,9 @@ TEST(Restore, MissingLinkOfTheChainIsNamed)
 {
     Machine machine;
     const auto first = machine.backup();
+    machine.driver.write(1, 1);
     machine.backup();
+    machine.driver.write(2, 2);
     const auto third = machine.backup();
     fs::remove_all(first.backup.directory);
     std::string text;
@@ -150,6 +152,7 @@ TEST(Verify, OneBackupIsCheckedWithWhatItBuildsOn)
 {
     Machine machine;
     const auto first = machine.backup();
+    machine.driver.write(1, 1);
     const auto second = machine.backup();
     machine.backup(Wanted::full);
     const auto results = verify(second.backup.directory);
