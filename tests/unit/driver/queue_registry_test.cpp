@@ -129,6 +129,20 @@ TEST_F(QueueRegistry, EntryWithoutAFunctionIsPassedOver)
     entryOf(q)->realMRF = own;
 }
 
+TEST_F(QueueRegistry, EachQueueAnswersWithItsOwnFunction)
+{
+    rig::TestDisk& other = addDisk("sdb", 16, 4096, {{1, 8, 800, 512}});
+    LooseBackup first(other, 1), second(sda(), 1);
+    ASSERT_EQ(setMRF(first.get(), qdrAMRF), 0);
+    ASSERT_EQ(setMRF(second.get(), qdrAMRF), 0);
+    // All disks of these tests have one function; another one stands in, with nothing sent to it.
+    make_request_fn* real = entryOf(other.disk().queue())->realMRF;
+    entryOf(other.disk().queue())->realMRF = qdrMRF;
+    EXPECT_EQ(getRealMRF(other.disk().queue()), qdrMRF);
+    EXPECT_EQ(getRealMRF(q), own);
+    entryOf(other.disk().queue())->realMRF = real;
+}
+
 TEST_F(QueueRegistry, DeviceWithoutAQueueIsNotHooked)
 {
     const kdev_t dev = kdev_make(9, 5);
@@ -414,6 +428,20 @@ TEST_F(QueueRegistry, AHookIsStoredOnlyWithTheRegistryHeld)
     leaveUsers(&queueListUsers);
     ASSERT_TRUE(eventually([&] { return switching.done(); }));
     EXPECT_EQ(hookOf(sda()), qdrMRF);
+}
+
+TEST_F(QueueRegistry, TheRegistryStaysHeldUntilAHookIsStored)
+{
+    LooseBackup b(sda(), 1);
+    ASSERT_EQ(setMRF(b.get(), qdrAMRF), 0);
+    unsigned long flags;
+    spin_lock_irqsave(queue_lock(q), &flags);
+    Running switching([&] { EXPECT_EQ(setMRF(b.get(), qdrMRF), 0); });
+    EXPECT_TRUE(switching.stillWaiting());
+    Running reader([&] { EXPECT_EQ(isInQueueList(q, sda().device(1)), 1); });
+    EXPECT_TRUE(reader.stillWaiting());
+    spin_unlock_irqrestore(queue_lock(q), flags);
+    ASSERT_TRUE(eventually([&] { return switching.done() && reader.done(); }));
 }
 
 TEST_F(QueueRegistry, EveryAccessToAQueuesFunctionTakesItsLock)

@@ -668,13 +668,13 @@ TEST_F(Session, CloseWaitsForTheIntercepterOfTheActiveSession)
 {
     ASSERT_EQ(program.open(), 0);
     ASSERT_EQ(start(), 0);
+    Backup* b = record();
     down_read(&activeSessionUsers);
     std::atomic<bool> closed{false};
     std::thread closer([&] {
         EXPECT_EQ(program.file().close(), 0);
         closed = true;
     });
-    Backup* b = record();
     ASSERT_TRUE(eventually([&] { return load_acquire(&b->state) == 7; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_FALSE(closed);
