@@ -42,6 +42,16 @@ static SessionChoice replaceSession(Backup* b, AutoMapSession* ams)
 static SessionChoice chooseSession(Backup* b, const AMSessionKey* key)
 {
     AutoMapSession* ams = getAMS(b->diskInfo.kdev);
+    const bool mayServe = ams && b->noStartAutoMap != 1 && load_acquire(&ams->state) == 1 && b->noLoadFromAutoMap != 1;
+    if (mayServe && memcmp(key->key, ams->sessionKey.key, sizeof key->key) != 0) {
+        // A success that takes no snapshot: the caller sees it from the unchanged state.
+        printk("<3>%s: session key mismatch%s", "ioctlSnapShot", "\n");
+        putAMS(ams);
+        return finished(QUENDREL_OK);
+    }
+    // Of an earlier attempt whose freeze failed. Left where this attempt hands over no map, it would pass for a backup
+    // in which nothing has changed.
+    closeBUBlockMap(b);
     if (b->noStartAutoMap == 1) {
         if (ams) {
             putAMS(ams);
@@ -51,14 +61,8 @@ static SessionChoice chooseSession(Backup* b, const AMSessionKey* key)
     }
     if (!ams)
         return newSession(b);
-    if (load_acquire(&ams->state) != 1 || b->noLoadFromAutoMap == 1)
+    if (!mayServe)
         return replaceSession(b, ams);
-    if (memcmp(key->key, ams->sessionKey.key, sizeof key->key) != 0) {
-        // A success that takes no snapshot: the caller sees it from the unchanged state.
-        printk("<3>%s: session key mismatch%s", "ioctlSnapShot", "\n");
-        putAMS(ams);
-        return finished(QUENDREL_OK);
-    }
     const u64 numBlocks = b->diskInfo.numBlocks;
     if (numBlocks != ams->map.size) {
         // The two figures are the low and the high word of the device's count; the map's size has no place of its own.
@@ -67,7 +71,6 @@ static SessionChoice chooseSession(Backup* b, const AMSessionKey* key)
         set_mb(&ams->state, 0);
         return replaceSession(b, ams);
     }
-    closeBUBlockMap(b); // of an earlier attempt whose freeze failed
     u32 numPages;
     if (int result = newBlockMap(&b->blockMap, ams->map.size, user_addr(0), 1, &numPages)) {
         putAMS(ams);

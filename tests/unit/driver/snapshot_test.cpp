@@ -449,6 +449,28 @@ TEST_F(Snapshot, AFreezeThatFailsIsNotThawedAndCanBeTriedAgain)
     EXPECT_EQ(program.close(), 0);
 }
 
+TEST_F(Snapshot, TheMapOfAFailedFreezeDoesNotPassForThatOfALaterSnapshot)
+{
+    for (u32 option : {QUENDREL_NO_START_AUTOMAP, QUENDREL_NO_LOAD_FROM_AUTOMAP}) {
+        const Key key = track();
+        EXPECT_EQ(sda().writeBlock(1, 5, 1), 0);
+        Program program;
+        begin(program);
+        hosted::faults::fail_freeze(true);
+        EXPECT_EQ(program.snapshot(key), 2);
+        EXPECT_NE(recordOf(program)->blockMap.map, nullptr);
+        hosted::faults::fail_freeze(false);
+        EXPECT_EQ(program.command(option), 0);
+        EXPECT_EQ(program.snapshot(key), 0);
+        EXPECT_EQ(stateOf(program), 4u);
+        takeLog();
+        Bits bits(4096);
+        EXPECT_EQ(program.autoMap(bits), 2) << "it would say that nothing has changed";
+        EXPECT_EQ(takeLog(), (Lines{"<3>ioctlGetAutoMap: backup error automap is NULL \n"}));
+        EXPECT_EQ(program.close(), 0);
+    }
+}
+
 TEST_F(Snapshot, TheQueueIsHookedAndTheKeyReplacedBeforeTheFreezeAndAllElseIsDoneBeforeTheThaw)
 {
     const Key key = track();
