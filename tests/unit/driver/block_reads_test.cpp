@@ -43,7 +43,8 @@ class SlowStore final : public hosted::Store
         std::lock_guard lock(mutex_);
         return keptBytes_;
     }
-    void serve()
+    // With an error other than 0 the reads fail instead.
+    void serve(int error = 0)
     {
         std::vector<hosted::StoreRequest*> kept;
         {
@@ -51,8 +52,12 @@ class SlowStore final : public hosted::Store
             keeping_ = false;
             kept.swap(kept_);
         }
-        for (hosted::StoreRequest* r : kept)
-            memory_->submit(r);
+        for (hosted::StoreRequest* r : kept) {
+            if (error)
+                r->done(r, error);
+            else
+                memory_->submit(r);
+        }
     }
 
   private:
@@ -79,6 +84,38 @@ class BlockReads : public CopyOnWriteTest
         takeLog();
         return recordOf(program);
     }
+    // A whole disk sdb over a SlowStore that keeps the reads of blocks [from, to) back, and a backup of it with area 0
+    // mapped, after the snapshot.
+    SlowStore& beginOnSlowDisk(u32 from, u32 to, u32 maxCacheBlocks)
+    {
+        auto store = std::make_unique<SlowStore>(4096 * kBlock, u64(from) * kBlock, u64(to) * kBlock);
+        SlowStore& slow = *store;
+        hosted::DiskConfig config;
+        config.name = "sdb";
+        config.first_minor = 16;
+        config.store = std::move(store);
+        slowDisk_ = hosted::add_disk(std::move(config));
+        hosted::mount_file_system(slowDisk_->device(0), kBlock);
+        EXPECT_EQ(program.open(), 0);
+        EXPECT_EQ(program.start(slowDisk_->device(0), 4096, maxCacheBlocks), 0);
+        EXPECT_EQ(program.snapshot(), 0);
+        EXPECT_EQ(program.map(0, 8), 0);
+        takeLog();
+        return slow;
+    }
+    void TearDown() override
+    {
+        if (slowDisk_) {
+            EXPECT_EQ(program.close(), 0);
+            EXPECT_EQ(hosted::unload_driver(), 0);
+            hosted::unmount_file_system(slowDisk_->device(0));
+            hosted::remove_disk(slowDisk_);
+            slowDisk_.reset();
+        }
+        CopyOnWriteTest::TearDown();
+    }
+    std::shared_ptr<hosted::Disk> slowDisk_;
+
     Bytes inArea(u32 index) { return program.blockInArea(0, index, kBlock); }
     Bytes onDisk(u32 block) { return sda().block(1, block); }
 
@@ -186,19 +223,7 @@ TEST_F(BlockReads, AreNeitherHeldNorRecorded)
 
 TEST_F(BlockReads, SendEveryBlockBeforeTheyWaitForAny)
 {
-    auto store = std::make_unique<SlowStore>(4096 * kBlock, 0, 4096 * kBlock);
-    SlowStore& slow = *store;
-    hosted::DiskConfig config;
-    config.name = "sdb";
-    config.first_minor = 16;
-    config.store = std::move(store);
-    auto disk = hosted::add_disk(std::move(config));
-    hosted::mount_file_system(disk->device(0), kBlock);
-    ASSERT_EQ(program.open(), 0);
-    ASSERT_EQ(program.start(disk->device(0), 4096, 100), 0);
-    ASSERT_EQ(program.snapshot(), 0);
-    ASSERT_EQ(program.map(0, 8), 0);
-
+    SlowStore& slow = beginOnSlowDisk(0, 4096, 100);
     std::atomic<bool> over{false};
     std::thread reader([&] {
         EXPECT_EQ(program.readBlocks(10, 8), 0);
@@ -211,10 +236,23 @@ TEST_F(BlockReads, SendEveryBlockBeforeTheyWaitForAny)
     reader.join();
     for (u32 i = 0; i < 8; i++)
         EXPECT_EQ(inArea(i), filled(kBlock, (unsigned char)(11 + i)));
-    EXPECT_EQ(program.close(), 0);
-    EXPECT_EQ(hosted::unload_driver(), 0);
-    hosted::unmount_file_system(disk->device(0));
-    hosted::remove_disk(disk);
+}
+
+TEST_F(BlockReads, LookAtTheResultOfAReadOnlyWhenItHasEnded)
+{
+    SlowStore& slow = beginOnSlowDisk(0, 4096, 100);
+    std::memset(page_address(recordOf(program)->vmAreas[0].mmPages[0]), 0x77, kBlock);
+    std::atomic<bool> over{false};
+    std::thread reader([&] {
+        EXPECT_EQ(program.readBlocks(10, 1), 12);
+        over = true;
+    });
+    eventually([&] { return slow.keptBytes() == kBlock; });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(over);
+    slow.serve(-5);
+    reader.join();
+    EXPECT_EQ(inArea(0), filled(kBlock, 0));
 }
 
 TEST_F(BlockReads, WaitForTheSessionCommandUnderWay)
@@ -390,22 +428,11 @@ TEST_F(BlockReads, GiveTheSavedCopyOfABlockThatTheDiskCouldNotRead)
 
 TEST_F(BlockReads, FreeRequestsNeverWaitedForWhenTheCacheLimitIsReachedInTheMiddle)
 {
-    auto store = std::make_unique<SlowStore>(4096 * kBlock, 11 * kBlock, 13 * kBlock);
-    SlowStore& slow = *store;
-    hosted::DiskConfig config;
-    config.name = "sdb";
-    config.first_minor = 16;
-    config.store = std::move(store);
-    auto disk = hosted::add_disk(std::move(config));
-    hosted::mount_file_system(disk->device(0), kBlock);
-    ASSERT_EQ(program.open(), 0);
-    ASSERT_EQ(program.start(disk->device(0), 4096, 1), 0);
-    ASSERT_EQ(program.snapshot(), 0);
-    ASSERT_EQ(program.map(0, 8), 0);
+    SlowStore& slow = beginOnSlowDisk(11, 13, 1);
     ASSERT_EQ(program.loadMap(Bits(4096, true)), 0);
     Backup* b = recordOf(program);
     const Bytes fresh(kBlock, std::byte(0xAA));
-    ASSERT_EQ(disk->write(10 * kBlock, fresh), 0); // fills the cache
+    ASSERT_EQ(slowDisk_->write(10 * kBlock, fresh), 0); // fills the cache
     settle(b);
     takeLog();
 
@@ -417,7 +444,7 @@ TEST_F(BlockReads, FreeRequestsNeverWaitedForWhenTheCacheLimitIsReachedInTheMidd
         over = true;
     });
     gate.waitUntilStopped();
-    ASSERT_EQ(disk->write(20 * kBlock, fresh), 0);
+    ASSERT_EQ(slowDisk_->write(20 * kBlock, fresh), 0);
     settle(b);
     EXPECT_EQ(load_acquire(&b->state), u32(QUENDREL_STATE_CACHE_EXHAUSTED));
     gate.open();
@@ -437,10 +464,6 @@ TEST_F(BlockReads, FreeRequestsNeverWaitedForWhenTheCacheLimitIsReachedInTheMidd
                "blocks\n"}));
     expectNothingUnderWay(b);
     EXPECT_TRUE(blockInMap(&b->blockMap, 11)); // not waited for, not struck
-    EXPECT_EQ(program.close(), 0);
-    EXPECT_EQ(hosted::unload_driver(), 0);
-    hosted::unmount_file_system(disk->device(0));
-    hosted::remove_disk(disk);
 }
 
 TEST_F(BlockReads, AreRefusedWhenACachedBlockVanished)
