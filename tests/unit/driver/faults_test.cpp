@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <optional>
 #include <set>
+#include <thread>
 
 using namespace rig;
 using hosted::faults::Kind;
@@ -221,6 +222,7 @@ class Story
         const u32 sectors = kBlockSize / 512;
         const unsigned char value = nextValue();
         const int code = disk_.writeSectors(1, sector_type(block) * sectors, count * sectors, value);
+        letWorkerFinish();
         if (code == 0)
             std::fill_n(one_.begin() + block * kBlockSize, count * kBlockSize, std::byte(value));
         // A write that the disk refuses is recorded all the same: it may have changed a part.
@@ -235,6 +237,14 @@ class Story
         if (code == 0)
             std::fill_n(two_.begin() + block * 1024, 1024, std::byte(value));
         return code;
+    }
+    // A held write completes before the worker has marked its blocks; a read in between would go to the disk for a
+    // block that is in the cache, and the number of disk reads would depend on it.
+    void letWorkerFinish()
+    {
+        if (program_ && program_->isOpen())
+            while (atomic_read(&recordOf(*program_)->mrInQueue) != 0)
+                std::this_thread::yield();
     }
     // Never 0, which is what a block that could not be read looks like.
     unsigned char nextValue()

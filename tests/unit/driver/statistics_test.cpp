@@ -272,6 +272,8 @@ TEST_F(Statistics, ABackupLogsItsCountersAsItCloses)
     ASSERT_NO_FATAL_FAILURE(program.beginFullBackup(sda(), 1, 500));
     EXPECT_EQ(sda().writeBlock(1, 10, 1), 0);
     EXPECT_EQ(sda().writeBlock(1, 11, 1), 0);
+    // A held write completes before the worker has marked its block.
+    eventually([&] { return atomic_read(&recordOf(program)->mrInQueue) == 0; });
     EXPECT_EQ(program.readBlocks(8, 4), 0);
     Stats stats{};
     setStats(recordOf(program), &stats);
