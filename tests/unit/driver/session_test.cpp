@@ -148,7 +148,7 @@ TEST_F(Session, NamesUseTwoDigitsEach)
     ASSERT_EQ(program.open(), 0);
     ASSERT_EQ(program.start(disk.device(0), disk.blocks(0), 10), 0);
     EXPECT_STREQ(record()->dataCacheName, "qdrDCfef0");
-    // With one block a page the structure itself decides on a wide word, the stated twelve bytes on a narrow one.
+    // With one block a page the structure itself decides on a wide word, twelve bytes are enough on a narrow one.
     const std::string caches = hosted::describe(hosted::live());
     EXPECT_NE(caches.find("slab cache qdrCPfef0 with 0 object(s) of " +
                           std::to_string(std::max<std::size_t>(12, sizeof(CachePage))) + " bytes"),
