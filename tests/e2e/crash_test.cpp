@@ -1,0 +1,163 @@
+// SIGKILL for qbackup and for the daemon, in the middle of their work.
+#include "backup_rig.h"
+#include "nbd_writers.h"
+
+#include <signal.h>
+
+#include <filesystem>
+#include <fstream>
+
+namespace
+{
+
+using namespace backup_rig;
+using namespace serving;
+
+struct KilledClient : BackupRig {
+};
+
+TEST_F(KilledClient, LeavesTheDaemonAndTheWriterUnharmedAndTheNextBackupSaysWhyItIsFull)
+{
+    serve(128, 40);
+    Writer writer(mnt + "/story", scratch / "writer.log");
+    const Backup first = backup("full");
+    ASSERT_EQ(first.status, 0) << first.err;
+    {
+        const auto program = stopped_in_the_middle("killed");
+        EXPECT_TRUE(writer.goes_on(50)) << "so that the driver keeps old blocks of it";
+        program->signal(SIGKILL);
+        EXPECT_EQ(program->wait(), 128 + SIGKILL);
+    }
+    EXPECT_TRUE(writer.goes_on(50)) << "the writer came to grief: " << writer.program().err();
+    const Outcome list = run_qbackup({"--json", "list", "--from", target});
+    EXPECT_EQ(list.status, 0) << "half a backup is taken for one: " << list.out;
+    EXPECT_EQ(nlohmann::json::parse(list.out)["backups"].size(), 1u);
+
+    const Backup next = backup("inc");
+    ASSERT_EQ(next.status, 0) << next.err;
+    EXPECT_EQ(next.text("mode"), "full");
+    const std::string reason = "changes were not tracked from backup " + first.text("id") +
+                               " on (another backup was started since, or one failed)";
+    EXPECT_EQ(next.text("fullReason"), reason);
+    EXPECT_NE(next.err.find("warning: taking a full backup instead of an incremental one: " + reason),
+              std::string::npos)
+        << next.err;
+    EXPECT_EQ(stored(), (std::vector{first.text("id"), next.text("id")})) << "what the killed one left is still there";
+    const Backup last = backup("inc");
+    EXPECT_EQ(last.text("mode"), "inc") << last.report;
+    EXPECT_TRUE(writer.unharmed());
+    writer.stop();
+    for (const Backup* made : {&first, &next, &last})
+        prove(*made, writer.log());
+}
+
+TEST_F(KilledClient, AlsoBeforeTheFirstBackupWasCompleteLeavesNothingThatLooksLikeOne)
+{
+    serve(128, 40);
+    {
+        const auto program = stopped_in_the_middle("killed");
+        program->signal(SIGKILL);
+        program->wait();
+    }
+    const Outcome restored = run_qbackup({"restore", "--from", target + "/sda1", "--to", scratch / "out.img"});
+    EXPECT_EQ(restored.status, 3);
+    EXPECT_EQ(restored.err, "qbackup: there is no backup in " + target + "/sda1\n");
+    EXPECT_FALSE(std::filesystem::exists(scratch / "out.img"));
+    const Backup next = backup("auto");
+    ASSERT_EQ(next.status, 0) << next.err;
+    EXPECT_EQ(next.text("fullReason"), "there is no earlier backup in " + target + "/sda1");
+    EXPECT_EQ(stored(), std::vector{next.text("id")});
+}
+
+TEST_F(KilledClient, EndedBySigtermLeavesNothingAndExitsWithTheSignal)
+{
+    serve(128, 40);
+    const auto program = stopped_in_the_middle("ended");
+    program->signal(SIGTERM);
+    program->signal(SIGCONT);
+    EXPECT_EQ(program->wait(), 128 + SIGTERM);
+    EXPECT_NE(program->err().find("interrupted by signal 15 (Terminated); nothing was kept of this run"),
+              std::string::npos)
+        << program->err();
+    EXPECT_EQ(stored(), std::vector<std::string>{});
+}
+
+struct KilledDaemon : testing::TestWithParam<std::vector<std::string>> {
+    static constexpr unsigned blocks = 4096; // 16 MiB
+    ScratchDir scratch;
+    std::string image = scratch / "disk.img";
+};
+
+// Needs neither root nor a loop device: the daemon serves NBD only.
+TEST_P(KilledDaemon, TheImageHoldsEveryAcknowledgedAndFlushedWrite)
+{
+    make_image(image, 64 * MiB, {{2048, 65536}});
+    Serving serving({image}, scratch / "run", GetParam());
+    for (int round = 0; round < 3; ++round) {
+        NbdWriters writers(serving.nbd(), MiB, blocks, 4);
+        ASSERT_TRUE(writers.goes_on(20));
+        serving.kill_it();
+        writers.stop();
+        EXPECT_GT(writers.promised(), 300u);
+        ASSERT_EQ(writers.complaint(image), "");
+        must_run([&] {
+            std::vector<std::string> words{Serving::program(), image, "--run-dir", scratch / "run"};
+            words.insert(words.end(), GetParam().begin(), GetParam().end());
+            return words;
+        }());
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Daemon, KilledDaemon,
+                         testing::Values(std::vector<std::string>{"--no-fuse"},
+                                         std::vector<std::string>{"--no-fuse", "--direct"}),
+                         [](const auto& info) { return info.param.size() > 1 ? "PastThePageCache" : "Cached"; });
+
+struct KilledDaemonInABackup : BackupRig {
+};
+
+TEST_F(KilledDaemonInABackup, TheImageHoldsEveryFlushedWriteAndTheBackupFailsCleanly)
+{
+    // Two partitions: one with a file system, and on it, past its files, a region for writers that speak NBD. What
+    // they overwrite the driver has to keep for the backup.
+    make_image(image, 192 * MiB, {{2048, 192 * 2048 - 2048}});
+    const std::uint64_t region = 128 * MiB;
+    const std::string content(40 * MiB, 'r');
+    std::ofstream(scratch / "content") << content;
+    must_run({"mkfs.ext4", "-q", "-b", "4096", "-E", "offset=1048576,nodiscard", image, "48000"});
+    must_run({"dd", "if=/dev/urandom", "of=" + image, "bs=1M", "seek=100", "count=80", "conv=notrunc", "status=none"});
+    serving = std::make_unique<Serving>(std::vector{image}, run_dir, std::vector<std::string>{"--no-fuse"});
+
+    const Backup before = backup("full");
+    ASSERT_EQ(before.status, 0) << before.err;
+    NbdWriters writers(serving->nbd(), region, 8192, 4);
+    ASSERT_TRUE(writers.goes_on());
+    const auto program = stopped_in_the_middle("qbackup", "sda1", 16 * MiB);
+    const auto answered = writers.answered();
+    ASSERT_TRUE(writers.goes_on(20)) << "first writes to blocks are held and kept";
+    EXPECT_GT(writers.answered(), answered);
+    serving->kill_it();
+    writers.stop();
+    EXPECT_EQ(writers.complaint(image), "");
+    program->signal(SIGCONT);
+    EXPECT_EQ(program->wait(), 1);
+    EXPECT_EQ(program->err().find("qbackup: "), 0u) << program->err();
+    EXPECT_EQ(stored(), std::vector{before.text("id")});
+
+    must_run({Serving::program(), image, "--run-dir", run_dir, "--no-fuse"});
+    NbdWriters again(serving->nbd(), region, 8192, 4);
+    EXPECT_TRUE(again.goes_on());
+    const Backup next = backup("inc");
+    ASSERT_EQ(next.status, 0) << next.err;
+    EXPECT_EQ(next.text("mode"), "full");
+    EXPECT_NE(next.text("fullReason"), "");
+    again.stop();
+    EXPECT_EQ(again.complaint(image), "");
+    // What the backup holds outside the region is what the image holds there, now that nothing is written.
+    const Backup last = backup("inc");
+    ASSERT_EQ(last.status, 0) << last.err;
+    const std::string restored = restore(last);
+    must_run({"cmp", "-n", std::to_string(192 * MiB - MiB), restored, image, "0", std::to_string(MiB)});
+}
+
+} // namespace
