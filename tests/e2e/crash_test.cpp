@@ -5,7 +5,6 @@
 #include <signal.h>
 
 #include <filesystem>
-#include <fstream>
 
 namespace
 {
@@ -118,12 +117,10 @@ struct KilledDaemonInABackup : BackupRig {
 
 TEST_F(KilledDaemonInABackup, TheImageHoldsEveryFlushedWriteAndTheBackupFailsCleanly)
 {
-    // Two partitions: one with a file system, and on it, past its files, a region for writers that speak NBD. What
-    // they overwrite the driver has to keep for the backup.
+    // A file system without files, random bytes in its free blocks, and writers that speak NBD on a region of those:
+    // what they overwrite the driver has to keep for the backup.
     make_image(image, 192 * MiB, {{2048, 192 * 2048 - 2048}});
     const std::uint64_t region = 128 * MiB;
-    const std::string content(40 * MiB, 'r');
-    std::ofstream(scratch / "content") << content;
     must_run({"mkfs.ext4", "-q", "-b", "4096", "-E", "offset=1048576,nodiscard", image, "48000"});
     must_run({"dd", "if=/dev/urandom", "of=" + image, "bs=1M", "seek=100", "count=80", "conv=notrunc", "status=none"});
     serving = std::make_unique<Serving>(std::vector{image}, run_dir, std::vector<std::string>{"--no-fuse"});
@@ -141,7 +138,10 @@ TEST_F(KilledDaemonInABackup, TheImageHoldsEveryFlushedWriteAndTheBackupFailsCle
     EXPECT_EQ(writers.complaint(image), "");
     program->signal(SIGCONT);
     EXPECT_EQ(program->wait(), 1);
-    EXPECT_EQ(program->err().find("qbackup: "), 0u) << program->err();
+    for (const char* text :
+         {"qbackup: the backup of sda1 failed: ReadBlocks on device 8:1 ",
+          "the daemon ended the connection; see its log", "Nothing was kept; the next backup will be a full one"})
+        EXPECT_NE(program->err().find(text), std::string::npos) << program->err();
     EXPECT_EQ(stored(), std::vector{before.text("id")});
 
     must_run({Serving::program(), image, "--run-dir", run_dir, "--no-fuse"});
@@ -153,7 +153,7 @@ TEST_F(KilledDaemonInABackup, TheImageHoldsEveryFlushedWriteAndTheBackupFailsCle
     EXPECT_NE(next.text("fullReason"), "");
     again.stop();
     EXPECT_EQ(again.complaint(image), "");
-    // What the backup holds outside the region is what the image holds there, now that nothing is written.
+    // Now that nothing is written, a backup holds what the image holds.
     const Backup last = backup("inc");
     ASSERT_EQ(last.status, 0) << last.err;
     const std::string restored = restore(last);

@@ -42,7 +42,9 @@ TEST_F(Refusal, AnImageThatIsNoDiskIsNotServed)
     std::ofstream(image) << "not a whole number of sectors";
     const Outcome outcome = start(image);
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.err, "quendreld: " + image + ": NODISK");
+    EXPECT_EQ(outcome.err,
+              "quendreld: " + image +
+                  ": its size, 29 bytes, is no multiple of 512; is it a disk image? (truncate -s makes it one)\n");
     EXPECT_FALSE(std::filesystem::exists(run_dir + "/control.sock"));
 }
 
@@ -51,8 +53,10 @@ TEST_F(Refusal, ADiskOfRandomBytesIsServedAsAWholeButHasNothingToBackUp)
     must_run({"dd", "if=/dev/urandom", "of=" + image, "bs=1M", "count=8", "status=none"});
     Serving serving({image}, run_dir, {"--no-fuse"});
     const Outcome outcome = back_up("sda");
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.err, "NOFS");
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_EQ(outcome.err, "qbackup: GetBlockSize on device 8:0 through " + run_dir +
+                               "/control.sock failed with code 8: no mounted file system on the device: mount it, or "
+                               "name the partition that holds the file system\n");
     EXPECT_EQ(entries(), "");
 }
 
@@ -61,8 +65,10 @@ TEST_F(Refusal, APartitionWithoutAFileSystem)
     make_image(image, 16 * MiB, {{2048, 16384}});
     Serving serving({image}, run_dir, {"--no-fuse"});
     const Outcome outcome = back_up("sda1");
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.err, "NOFS1");
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_EQ(outcome.err, "qbackup: GetBlockSize on device 8:1 through " + run_dir +
+                               "/control.sock failed with code 8: no mounted file system on the device: mount it, or "
+                               "name the partition that holds the file system\n");
     EXPECT_EQ(entries(), "");
 }
 

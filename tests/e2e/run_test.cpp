@@ -19,12 +19,8 @@ struct Run : testing::Test {
 
     std::vector<std::string> words(bool mounted) const
     {
-        std::vector<std::string> line{"env",
-                                      "BUILD_DIR=" QUENDREL_BUILD_DIR,
-                                      "REBUILD=no",
-                                      "IMAGE_MB=256",
-                                      "FILES=/usr/include",
-                                      "RUN_DIR=" + work};
+        std::vector<std::string> line{"env",          "BUILD_DIR=" QUENDREL_BUILD_DIR, "REBUILD=no",
+                                      "IMAGE_MB=256", "FILES=/usr/include/linux",      "RUN_DIR=" + work};
         if (!mounted)
             line.push_back("NO_MOUNT=1");
         line.push_back(QUENDREL_SOURCE_DIR "/run");

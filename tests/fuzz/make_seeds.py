@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Writes the first inputs of the control fuzzer: whole backups, in the encoding that control_fuzz.cpp reads."""
+"""Writes the first inputs of the fuzzers: whole backups, in the encodings that control_fuzz.cpp and socket_fuzz.cpp
+read."""
 import pathlib
 
 COMMANDS = ["block_size", "start", "snapshot", "state", "automap_state", "no_load", "no_start", "load_map", "automap",
@@ -63,7 +64,76 @@ seeds = {
     + write(16, 8, 4) + map_area() + read(0, 8),
     "no_tracking": OPEN + start() + command("no_start") + snapshot() + load_map() + map_area() + read(0, 16),
 }
-folder = pathlib.Path(__file__).parent / "corpus" / "control_fuzz"
-folder.mkdir(parents=True, exist_ok=True)
-for name, seed in seeds.items():
-    (folder / name).write_bytes(bytes(seed))
+
+
+class Socket:
+    """One input of the socket fuzzer, on one connection at a time."""
+
+    WAIT, NO_WAIT, PASS = [2], [0], [1]
+
+    def __init__(self):
+        self.bytes, self.known = [], set()
+
+    def _step(self, op, slot, rest):
+        self.bytes += [op, slot] + ([] if slot in self.known else [1]) + rest
+        self.known.add(slot)
+        return self
+
+    def command(self, name, *record, slot=0, how=WAIT, shape=1):
+        words = list(record) + [[0, 3]] * (4 - len(record))
+        return self._step(6, slot, [COMMANDS.index(name), 1, shape] + sum(words, []) + [1] + how)
+
+    def map(self, area=0, pages=16, slot=0, how=WAIT):
+        return self._step(2, slot, [1, area, 1, (pages - 1) & 255, (pages - 1) >> 8, 1, 1] + how)
+
+    def unmap(self, area=0, slot=0):
+        return self._step(3, slot, [1, area, 1] + self.WAIT)
+
+    def raw(self, packet, slot=0, descriptors=()):
+        return self._step(1, slot, [len(packet)] + list(packet[:40]) + (list(descriptors) or [0]))
+
+    def words(self, kind, a, b, c=0, d=0, slot=0):
+        return self._step(4, slot, [kind] + [w >> s & 255 for w in (a, b) for s in (0, 8, 16, 24)] + [c, d] + self.WAIT)
+
+    def end(self, slot=0):
+        return self._step(5, slot, [0])
+
+    def close(self, slot=0):
+        self.bytes += [0, slot]
+        self.known.discard(slot)
+        return self
+
+
+def value(n):
+    return [0, 4, n]
+
+
+SCRATCH, FIRST_AREA = [1, 3, 0], [1, 2, 0]
+
+
+def socket_backup(**how):
+    return (Socket().command("start").command("state", SCRATCH, value(20)).command("snapshot", SCRATCH, value(56))
+            .command("load_map").map().map(1).command("read", value(0), value(16), FIRST_AREA, **how)
+            .command("automap_state", SCRATCH, value(76)).unmap(1).unmap())
+
+
+ioctl = bytes([1, 0, 0, 0]) + bytes(16)
+socket_seeds = {
+    "full": socket_backup().close(),
+    "incremental": socket_backup().close().command("start").command("snapshot", SCRATCH, value(56)).command("automap")
+    .command("load_map").command("dirty_block", SCRATCH).close(),
+    "left_mapped": Socket().command("start").command("snapshot", SCRATCH, value(56)).map(pages=256).close(),
+    "no_wait": socket_backup(how=Socket.NO_WAIT).command("sync", how=Socket.NO_WAIT).end(),
+    "passed": Socket().raw(ioctl, descriptors=[1, 1]).close().command("sync", how=Socket.PASS + [3]),
+    "sizes": Socket().raw(b"").close().raw(b"x").close().raw(ioctl[:19]).close().raw(ioctl + b"x").close().raw(bytes(200)),
+    "others": Socket().command("version_major", SCRATCH).command("sync", slot=1).command("shutdown").close(1)
+    .command("reserved").command("block_size", value(8), value(1), SCRATCH, value(16)),
+    "overlap": Socket().command("start").map(0, 2).map(0, 1).close().words(2, 0x30000000, 4096, 9).words(3, 0x30000000, 0),
+    "no_tracking": Socket().command("no_start").command("no_load").command("start").command("snapshot", SCRATCH, value(0)),
+}
+
+for name, inputs in {"control_fuzz": seeds, "socket_fuzz": {n: s.bytes for n, s in socket_seeds.items()}}.items():
+    folder = pathlib.Path(__file__).parent / "corpus" / name
+    folder.mkdir(parents=True, exist_ok=True)
+    for seed, content in inputs.items():
+        (folder / seed).write_bytes(bytes(content))

@@ -266,8 +266,10 @@ try {
     report.seconds = std::chrono::duration<double>{std::chrono::steady_clock::now() - begun}.count();
     return report;
 } catch (const Error& error) {
-    const bool busy = error.code() == QUENDREL_BUSY;
-    throw Failure{busy ? Exit::busy : Exit::failed, error.what()};
+    const auto exit = error.code() == QUENDREL_BUSY          ? Exit::busy
+                      : error.code() == QUENDREL_NOT_MOUNTED ? Exit::refused
+                                                             : Exit::failed;
+    throw Failure{exit, error.what()};
 }
 
 } // namespace qbackup

@@ -18,12 +18,12 @@ bool before(const Events& events, const std::string& a, const std::string& b)
 }
 
 // Runs a backup that has to fail and gives the message.
-std::string failureOf(Machine& machine, Wanted wanted = Wanted::automatic)
+std::string failureOf(Machine& machine, Wanted wanted = Wanted::automatic, Exit code = Exit::failed)
 {
     try {
         machine.backup(wanted);
     } catch (const Failure& failure) {
-        EXPECT_EQ(failure.exitCode(), 1) << failure.what();
+        EXPECT_EQ(failure.exitCode(), static_cast<int>(code)) << failure.what();
         return failure.what();
     }
     ADD_FAILURE() << "the backup did not fail";
@@ -307,11 +307,11 @@ TEST(Engine, KeyChangedDuringTheBackupFailsIt)
     expectFullNext(machine);
 }
 
-TEST(Engine, DeviceWithoutAMountedFileSystemIsReported)
+TEST(Engine, DeviceWithoutAMountedFileSystemIsRefused)
 {
     Machine machine;
     machine.driver.mounted = false;
-    EXPECT_TRUE(contains(failureOf(machine), "no mounted file system"));
+    EXPECT_TRUE(contains(failureOf(machine, Wanted::automatic, Exit::refused), "no mounted file system"));
     EXPECT_TRUE(namesIn(machine.repository()).empty());
 }
 
