@@ -141,11 +141,10 @@ int Model::snapshot(const Options& options)
         replace();
     } else {
         reuse = true;
-        // The pages for the exchange are made here and stay, empty, when the freeze fails: a later snapshot of the same
-        // file that exchanges nothing then hands out an empty map. A program starts over with a new file instead.
-        b.mapFromTracking = true;
-        b.changed.clear();
     }
+    // The pages for the exchange are made here and stay, empty, when the freeze fails; the next attempt frees them.
+    b.mapFromTracking = reuse;
+    b.changed.clear();
     registered_.insert(b.partition);
     hook_ = Hook::backup;
     if (options.freezeFails)
