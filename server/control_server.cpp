@@ -168,6 +168,14 @@ void ControlServer::listen_loop()
         const int error = errno;
         std::list<Client> ended;
         std::unique_lock lock(mutex_);
+        // Some more than can be inside, for those that are told that it is busy. When even these are taken, by clients
+        // that hung up and are being closed, say, the next one waits a little for one of them to end.
+        const std::size_t most = 2 * options_.most_clients;
+        if (socket && clients_.size() >= most)
+            changed_.wait_for(lock, std::chrono::seconds(1), [this] {
+                return stop_ ||
+                       std::any_of(clients_.begin(), clients_.end(), [](const Client& c) { return c.finished; });
+            });
         if (stop_)
             return;
         for (auto at = clients_.begin(); at != clients_.end();) {
@@ -177,11 +185,12 @@ void ControlServer::listen_loop()
             at = next;
         }
         if (socket) {
-            // Some more than can be inside, for those that are told that it is busy.
-            if (clients_.size() < 2 * options_.most_clients) {
+            if (clients_.size() < most) {
                 Client& client = clients_.emplace_back();
                 client.socket = std::move(socket);
                 client.thread = std::thread([this, &client] { serve(client); });
+            } else {
+                send(socket.get(), ControlSession::answer(-EBUSY));
             }
         } else if (error != EINTR && error != ECONNABORTED) {
             changed_.wait_for(lock, std::chrono::milliseconds(100)); // no descriptors left: let some be closed
