@@ -17,6 +17,11 @@ int BIOToMinor(bio* bio)
     block_device* bdev = bio_bdev(bio);
     bdev_lock_partitions(bdev);
     gendisk* disk = bdev_disk(bdev);
+    if (!disk) {
+        // Unplugged under the request; the device's own function will fail it.
+        bdev_unlock_partitions(bdev);
+        return int(kdev_minor(bdev_dev(bdev)));
+    }
     const u32 firstMinor = disk_first_minor(disk);
     const u32 minors = disk_minors(disk);
     const u32 slots = disk_partition_slots(disk);
