@@ -157,13 +157,16 @@ class Connection
     UniqueFd fd_;
 };
 
-int open_descriptors()
+int entries(const char* directory)
 {
     int count = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(directory))
         ++count;
     return count;
 }
+
+int open_descriptors() { return entries("/proc/self/fd"); }
+int threads() { return entries("/proc/self/task"); }
 
 // What closes on the server's threads is closed soon.
 void require_soon(const std::function<bool()>& holds, const char* what)
@@ -204,7 +207,11 @@ class Ground
         options.socket = socket = name + "/control.sock";
         server_ = std::make_unique<ControlServer>(std::move(options));
         well();
+        (void)hosted::transfer_memory_fd(); // made when it is first asked for
         descriptors_ = open_descriptors();
+        require_soon([] { return hosted::driver_references() == 0; }, "the first client's file is closed");
+        std::this_thread::sleep_for(std::chrono::milliseconds(100)); // its thread ends
+        threads_ = threads();
     }
     ~Ground()
     {
@@ -231,7 +238,10 @@ class Ground
             require_soon([] { return hosted::driver_references() == 0; }, "the files of ended connections are closed");
         }
         hosted::log_clear();
-        if (stop_tracking() && inputs_ % 64 != 0)
+        const bool stopped = stop_tracking();
+        // Besides, a thread that is about to end can look like a leak to the search for leaks that follows an input.
+        require_soon([this] { return threads() <= threads_; }, "the threads of ended connections end");
+        if (stopped && inputs_ % 64 != 0)
             return;
         // The one backup slot can be left taken for ever; only a reload gives it back, and with it goes what the
         // driver leaves behind deliberately. A connection that nobody waited for may be let in as late as now.
@@ -282,7 +292,7 @@ class Ground
     std::vector<std::byte> original_;
     std::string directory_;
     std::unique_ptr<ControlServer> server_;
-    int descriptors_ = 0;
+    int descriptors_ = 0, threads_ = 0;
     unsigned inputs_ = 0;
 };
 
