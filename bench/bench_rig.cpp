@@ -4,7 +4,9 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <pthread.h>
 #include <random>
+#include <sched.h>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -194,12 +196,16 @@ double quantile(std::vector<double> values, double q)
 namespace
 {
 
-// Threads that run one batch at a time, all at once.
+// Threads that run one batch at a time, all at once, each on a processor of its own: left to the scheduler, two that
+// wait for each other in turns may share one for a whole time slice.
 class Team
 {
   public:
     explicit Team(unsigned threads)
     {
+        pthread_getaffinity_np(pthread_self(), sizeof before_, &before_);
+        if (threads > 1)
+            pin(0);
         for (unsigned t = 1; t < threads; ++t)
             others_.emplace_back([this, t] { follow(t); });
     }
@@ -209,38 +215,56 @@ class Team
         round_.fetch_add(1);
         for (std::thread& t : others_)
             t.join();
+        pthread_setaffinity_np(pthread_self(), sizeof before_, &before_);
     }
     // Nanoseconds until all have run the batch.
-    double run(const Batch& batch)
+    double run(const Batch& batch, unsigned turn)
     {
         batch_ = &batch;
+        turn_ = turn;
         left_ = unsigned(others_.size());
         const auto begin = std::chrono::steady_clock::now();
         round_.fetch_add(1);
-        batch(0);
+        batch(0, turn);
         while (left_.load() != 0)
-            hosted_pause();
+            __builtin_ia32_pause();
         return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - begin).count();
     }
 
   private:
-    static void hosted_pause() { __builtin_ia32_pause(); }
+    // The `index`-th processor that this process may use, round and round.
+    void pin(unsigned index) const
+    {
+        index %= unsigned(CPU_COUNT(&before_));
+        for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+            if (!CPU_ISSET(cpu, &before_) || index-- != 0)
+                continue;
+            cpu_set_t one;
+            CPU_ZERO(&one);
+            CPU_SET(cpu, &one);
+            pthread_setaffinity_np(pthread_self(), sizeof one, &one);
+            return;
+        }
+    }
     void follow(unsigned t)
     {
+        pin(t);
         for (unsigned seen = 0;;) {
             while (round_.load() == seen)
-                hosted_pause();
+                __builtin_ia32_pause();
             ++seen;
             const Batch* batch = batch_;
             if (!batch)
                 return;
-            (*batch)(t);
+            (*batch)(t, turn_);
             left_.fetch_sub(1);
         }
     }
+    cpu_set_t before_; // of the calling thread
     std::atomic<unsigned> round_{0};
     std::atomic<unsigned> left_{0};
     std::atomic<const Batch*> batch_{nullptr};
+    std::atomic<unsigned> turn_{0};
     std::vector<std::thread> others_;
 };
 
@@ -249,22 +273,23 @@ class Team
 void compare(benchmark::State& state, unsigned threads, u32 operations, const Batch& base, const Batch& ours)
 {
     Team team(threads);
-    for (int i = 0; i < 3; ++i) { // warms caches up
-        team.run(base);
-        team.run(ours);
+    for (unsigned turn = 0; turn < 8; ++turn) { // warms caches up
+        team.run(base, 2 * turn);
+        team.run(ours, 2 * turn + 1);
     }
     std::vector<double> bases, mine, above;
-    bool base_first = true;
+    unsigned turn = 0;
     for (auto _ : state) {
+        // Different blocks: the second of the two must not find in the processor's caches what the first has fetched.
         double b, m;
-        if (base_first) {
-            b = team.run(base);
-            m = team.run(ours);
+        if (turn % 2 == 0) {
+            b = team.run(base, 2 * turn);
+            m = team.run(ours, 2 * turn + 1);
         } else {
-            m = team.run(ours);
-            b = team.run(base);
+            m = team.run(ours, 2 * turn + 1);
+            b = team.run(base, 2 * turn);
         }
-        base_first = !base_first;
+        ++turn;
         bases.push_back(b / operations);
         mine.push_back(m / operations);
         above.push_back((m - b) / operations);

@@ -111,7 +111,7 @@ std::vector<u32> shuffled(u32 first, u32 among, u32 step, u32 count);
 
 // Runs `base` and `ours` in alternate turns on `threads` threads at once and reports, as medians over the turns in
 // nanoseconds an operation, counters base_ns, ours_ns, above_ns and the quartiles above_q1, above_q3.
-using Batch = std::function<void(unsigned thread)>; // `operations` of them
+using Batch = std::function<void(unsigned thread, unsigned turn)>; // `operations` of them
 void compare(benchmark::State& state, unsigned threads, u32 operations, const Batch& base, const Batch& ours);
 
 double quantile(std::vector<double> values, double q);

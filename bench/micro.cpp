@@ -13,30 +13,35 @@ namespace
 {
 
 constexpr u32 disk_blocks = 65536; // 256 MiB
-constexpr u32 operations = 2048;   // a thread and turn
-constexpr int turns = 201;
+constexpr u32 places_each = 2048;  // blocks that a thread goes through, over and over
+constexpr u32 operations = 256;    // a thread and turn: few, so that most turns are not interrupted
+constexpr int turns = 2001;
 
 // The bios of each thread and where they go.
 struct Load {
     Load(unsigned threads, u32 bytes, u32 first, u32 among)
-        : places(shuffled(first, among, bytes / block_bytes, operations * threads))
+        : places(shuffled(first, among, bytes / block_bytes, places_each * threads))
     {
         for (unsigned t = 0; t < threads; ++t)
             bios.push_back(std::make_unique<BenchBio>(bytes));
     }
     Batch own(BenchDisk& disk, Op op)
     {
-        return [this, &disk, op](unsigned t) {
+        return [this, &disk, op](unsigned thread, unsigned turn) {
             for (u32 i = 0; i < operations; ++i)
-                bios[t]->own(disk, op, places[t * operations + i]);
+                bios[thread]->own(disk, op, place(thread, turn, i));
         };
     }
     Batch submit(BenchDisk& disk, Op op)
     {
-        return [this, &disk, op](unsigned t) {
+        return [this, &disk, op](unsigned thread, unsigned turn) {
             for (u32 i = 0; i < operations; ++i)
-                bios[t]->submit(disk, op, places[t * operations + i], nullptr);
+                bios[thread]->submit(disk, op, place(thread, turn, i), nullptr);
         };
+    }
+    u32 place(unsigned thread, unsigned turn, u32 i) const
+    {
+        return places[thread * places_each + (turn * operations + i) % places_each];
     }
     std::vector<u32> places;
     std::vector<std::unique_ptr<BenchBio>> bios; // one a thread
@@ -101,8 +106,8 @@ void second_write(benchmark::State& state, unsigned threads)
 #define IN_TURNS Iterations(turns)->UseManualTime()->Unit(benchmark::kNanosecond)
 BENCHMARK_CAPTURE(tracked_write, 4KiB_1_thread, 1, block_bytes)->IN_TURNS;
 BENCHMARK_CAPTURE(tracked_write, 4KiB_2_threads, 2, block_bytes)->IN_TURNS;
-BENCHMARK_CAPTURE(tracked_write, 64KiB_1_thread, 1, 16 * block_bytes)->Iterations(51)->UseManualTime();
-BENCHMARK_CAPTURE(tracked_write, 64KiB_2_threads, 2, 16 * block_bytes)->Iterations(51)->UseManualTime();
+BENCHMARK_CAPTURE(tracked_write, 64KiB_1_thread, 1, 16 * block_bytes)->Iterations(401)->UseManualTime();
+BENCHMARK_CAPTURE(tracked_write, 64KiB_2_threads, 2, 16 * block_bytes)->Iterations(401)->UseManualTime();
 BENCHMARK_CAPTURE(pass_through, read_1_thread, 1, Op::read)->IN_TURNS;
 BENCHMARK_CAPTURE(pass_through, read_2_threads, 2, Op::read)->IN_TURNS;
 BENCHMARK_CAPTURE(pass_through, write_1_thread, 1, Op::write)->IN_TURNS;
