@@ -18,6 +18,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -125,7 +126,10 @@ class Connection
         header.msg_iovlen = 1;
         header.msg_control = control;
         header.msg_controllen = sizeof control;
-        const ssize_t got = ::recvmsg(fd_.get(), &header, MSG_CMSG_CLOEXEC);
+        ssize_t got;
+        do { // libFuzzer's alarm interrupts
+            got = ::recvmsg(fd_.get(), &header, MSG_CMSG_CLOEXEC);
+        } while (got < 0 && errno == EINTR);
         if (got < 0)
             require(errno != EAGAIN, "a packet is answered or ends the connection");
         if (got <= 0)
