@@ -14,13 +14,14 @@ namespace
 
 constexpr u32 disk_blocks = 65536; // 256 MiB
 constexpr u32 places_each = 2048;  // blocks that a thread goes through, over and over
-constexpr u32 operations = 256;    // a thread and turn: few, so that most turns are not interrupted
+// Requests a thread and turn: few, so that most turns are not interrupted.
+constexpr u32 operations_of(u32 bytes) { return 256 * block_bytes / bytes; }
 constexpr int turns = 2001;
 
 // The bios of each thread and where they go.
 struct Load {
     Load(unsigned threads, u32 bytes, u32 first, u32 among)
-        : places(shuffled(first, among, bytes / block_bytes, places_each * threads))
+        : operations(operations_of(bytes)), places(shuffled(first, among, bytes / block_bytes, places_each * threads))
     {
         for (unsigned t = 0; t < threads; ++t)
             bios.push_back(std::make_unique<BenchBio>(bytes));
@@ -43,6 +44,7 @@ struct Load {
     {
         return places[thread * places_each + (turn * operations + i) % places_each];
     }
+    const u32 operations;
     std::vector<u32> places;
     std::vector<std::unique_ptr<BenchBio>> bios; // one a thread
 };
@@ -54,7 +56,7 @@ void tracked_write(benchmark::State& state, unsigned threads, u32 bytes)
     Loaded driver;
     BenchBackup(disk, 1024).load_map(0, disk_blocks);
     Load load(threads, bytes, 0, disk_blocks);
-    compare(state, threads, operations, load.own(disk, Op::write), load.submit(disk, Op::write));
+    compare(state, threads, load.operations, load.own(disk, Op::write), load.submit(disk, Op::write));
 }
 
 // Requests for blocks that the running backup does not want.
@@ -65,7 +67,7 @@ void pass_through(benchmark::State& state, unsigned threads, Op op)
     BenchBackup backup(disk, 1024);
     backup.load_map(0, disk_blocks / 2);
     Load load(threads, block_bytes, disk_blocks / 2, disk_blocks / 2);
-    compare(state, threads, operations, load.own(disk, op), load.submit(disk, op));
+    compare(state, threads, load.operations, load.own(disk, op), load.submit(disk, op));
     if (backup.state() != QUENDREL_STATE_MAP_LOADED)
         throw std::runtime_error("the backup failed");
 }
@@ -96,7 +98,7 @@ void second_write(benchmark::State& state, unsigned threads)
         while (BenchBio::ended.load(std::memory_order_acquire) != sent)
             schedule();
     }
-    compare(state, threads, operations, load.own(disk, Op::write), load.submit(disk, Op::write));
+    compare(state, threads, load.operations, load.own(disk, Op::write), load.submit(disk, Op::write));
     if (backup.state() != QUENDREL_STATE_MAP_LOADED)
         throw std::runtime_error("the backup failed");
 }
@@ -106,8 +108,8 @@ void second_write(benchmark::State& state, unsigned threads)
 #define IN_TURNS Iterations(turns)->UseManualTime()->Unit(benchmark::kNanosecond)
 BENCHMARK_CAPTURE(tracked_write, 4KiB_1_thread, 1, block_bytes)->IN_TURNS;
 BENCHMARK_CAPTURE(tracked_write, 4KiB_2_threads, 2, block_bytes)->IN_TURNS;
-BENCHMARK_CAPTURE(tracked_write, 64KiB_1_thread, 1, 16 * block_bytes)->Iterations(401)->UseManualTime();
-BENCHMARK_CAPTURE(tracked_write, 64KiB_2_threads, 2, 16 * block_bytes)->Iterations(401)->UseManualTime();
+BENCHMARK_CAPTURE(tracked_write, 64KiB_1_thread, 1, 16 * block_bytes)->IN_TURNS;
+BENCHMARK_CAPTURE(tracked_write, 64KiB_2_threads, 2, 16 * block_bytes)->IN_TURNS;
 BENCHMARK_CAPTURE(pass_through, read_1_thread, 1, Op::read)->IN_TURNS;
 BENCHMARK_CAPTURE(pass_through, read_2_threads, 2, Op::read)->IN_TURNS;
 BENCHMARK_CAPTURE(pass_through, write_1_thread, 1, Op::write)->IN_TURNS;

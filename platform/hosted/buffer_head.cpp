@@ -27,6 +27,7 @@ constexpr u32 up_to_date = 8;
 constexpr u32 eopnotsupp = 16;
 constexpr u32 completing = 32; // its end_io runs
 constexpr u32 waiters = 64;
+constexpr unsigned short_wait = 100; // turns of a busy wait, a few microseconds
 
 // Waits until none of the bits is set.
 void wait_until_clear(buffer_head* bh, u32 bits)
@@ -35,6 +36,9 @@ void wait_until_clear(buffer_head* bh, u32 bits)
     if (!(state & bits))
         return;
     before_waiting(this_task());
+    // Buffers of one run end right after each other: going to sleep for each would take longer than that.
+    for (unsigned step = 0; step < short_wait && (bh->state.load(std::memory_order_acquire) & bits); ++step)
+        cpu_relax();
     while ((state = bh->state.load(std::memory_order_acquire)) & bits) {
         if (!(state & waiters) && !bh->state.compare_exchange_weak(state, state | waiters, std::memory_order_relaxed))
             continue;

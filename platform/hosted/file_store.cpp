@@ -1,9 +1,10 @@
 // A disk that is a raw image file or a block device of this host.
 //
-// Through the page cache a write is a copy and is made at once, and so is a read that the cache holds. Everything
-// else is asynchronous: reads and writes by io_uring, or a pool of threads where the host has none; flushes, discards
-// and write-zeroes by a small pool. With O_DIRECT, memory that is not aligned goes through a bounce buffer, and
-// requests whose place or size is not aligned go through the page cache, which the kernel keeps coherent.
+// Through the page cache a write is a copy and is made at once, and so is a read that the cache holds, unless it is
+// long and its submitter has more to do: then a thread of the pool makes it. Everything else is asynchronous: reads and
+// writes by io_uring, or a pool of threads where the host has none; flushes, discards and write-zeroes by a small pool.
+// With O_DIRECT, memory that is not aligned goes through a bounce buffer, and requests whose place or size is not
+// aligned go through the page cache, which the kernel keeps coherent.
 #include "hosted.h"
 #include "ring.h"
 #include "worker_pool.h"
@@ -30,6 +31,8 @@ namespace
 
 constexpr std::size_t direct_alignment = 4096;
 constexpr std::size_t most_pieces = 1024; // IOV_MAX
+// From here on a copy takes longer than its handing over to another thread.
+constexpr std::uint64_t long_copy = 128 << 10;
 
 [[noreturn]] void fail(int error, const std::string& path, const std::string& what)
 {
@@ -92,7 +95,7 @@ class FileStore final : public Store
     {
         return r.offset % direct_alignment == 0 && r.bytes % direct_alignment == 0;
     }
-    bool try_at_once(StoreRequest* r);
+    bool try_at_once(const StoreRequest& r) const;
     bool try_ring(StoreRequest* r);
     void finish(StoreRequest* r, int error)
     {
@@ -162,34 +165,45 @@ void FileStore::submit(StoreRequest* r)
         r->done(r, -EROFS);
         return;
     }
-    if (try_at_once(r))
+    if (r->more && r->op == Op::read && r->bytes >= long_copy && direct_.get() < 0) {
+        in_flight_.fetch_add(1, std::memory_order_relaxed);
+        pool_.push([this, r] {
+            if (try_at_once(*r))
+                finish(r, 0);
+            else if (!try_ring(r))
+                finish(r, perform(*r));
+        });
         return;
+    }
+    if (try_at_once(*r)) {
+        r->done(r, 0);
+        return;
+    }
     in_flight_.fetch_add(1, std::memory_order_relaxed);
     if (try_ring(r))
         return;
     pool_.push([this, r] { finish(r, perform(*r)); });
 }
 
-// Copies to or from the page cache, where that waits for nothing.
-bool FileStore::try_at_once(StoreRequest* r)
+// Copies to or from the page cache, where that waits for nothing. False: not done.
+bool FileStore::try_at_once(const StoreRequest& r) const
 {
-    bool transfer = r->op == Op::read || (r->op == Op::write && !r->fua);
-    if (!transfer || direct_.get() >= 0 || r->pieces.size() > most_pieces)
+    bool transfer = r.op == Op::read || (r.op == Op::write && !r.fua);
+    if (!transfer || direct_.get() >= 0 || r.pieces.size() > most_pieces)
         return false;
     iovec few[16];
     std::vector<iovec> many;
     iovec* pieces = few;
-    if (r->pieces.size() > std::size(few)) {
-        many.resize(r->pieces.size());
+    if (r.pieces.size() > std::size(few)) {
+        many.resize(r.pieces.size());
         pieces = many.data();
     }
-    for (std::size_t i = 0; i < r->pieces.size(); ++i)
-        pieces[i] = {r->pieces[i].data, r->pieces[i].bytes};
-    ssize_t n = r->op == Op::read ? preadv2(cached_.get(), pieces, int(r->pieces.size()), off_t(r->offset), RWF_NOWAIT)
-                                  : pwritev(cached_.get(), pieces, int(r->pieces.size()), off_t(r->offset));
-    if (n < 0 || std::uint64_t(n) != r->bytes)
+    for (std::size_t i = 0; i < r.pieces.size(); ++i)
+        pieces[i] = {r.pieces[i].data, r.pieces[i].bytes};
+    ssize_t n = r.op == Op::read ? preadv2(cached_.get(), pieces, int(r.pieces.size()), off_t(r.offset), RWF_NOWAIT)
+                                 : pwritev(cached_.get(), pieces, int(r.pieces.size()), off_t(r.offset));
+    if (n < 0 || std::uint64_t(n) != r.bytes)
         return false; // the slow way finds out why
-    r->done(r, 0);
     return true;
 }
 

@@ -31,6 +31,7 @@ struct StoreRequest {
     Op op;
     bool fua = false;         // write, write_zeroes: durable before it completes
     bool may_unmap = false;   // write_zeroes: may leave a hole
+    bool more = false;        // the submitting thread has more to send: a store may spare it long copies
     std::uint64_t offset = 0; // bytes
     std::uint64_t bytes = 0;
     struct Piece {

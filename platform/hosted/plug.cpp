@@ -15,6 +15,8 @@ namespace
 {
 
 constexpr u32 most_bytes = 1 << 20;
+// Reads go in smaller runs, so that a store can work on one while the next is made.
+constexpr u32 most_read_bytes = 256 << 10;
 constexpr u32 most_bios = 256;
 
 StoreRequest::Piece piece_of(bio* b)
@@ -24,8 +26,9 @@ StoreRequest::Piece piece_of(bio* b)
     return {static_cast<std::byte*>(page_address(b->vector[0].p)) + b->vector[0].offset, b->size};
 }
 
-void fill(StoreRequest& request, bio* first)
+void fill(StoreRequest& request, bio* first, bool more)
 {
+    request.more = more;
     request.op = first->op;
     request.fua = first->fua;
     request.may_unmap = first->may_unmap;
@@ -38,9 +41,9 @@ void single_done(StoreRequest* request, int error)
     bio_endio(b, error);
 }
 
-void send_single(DiskImpl& disk, bio* b)
+void send_single(DiskImpl& disk, bio* b, bool more)
 {
-    fill(b->request, b);
+    fill(b->request, b, more);
     b->request.bytes = b->size;
     if (b->op == Op::read || b->op == Op::write) {
         b->piece = piece_of(b);
@@ -67,13 +70,13 @@ struct Batch {
     }
 };
 
-void send_batch(DiskImpl& disk, bio* head, u32 bytes)
+void send_batch(DiskImpl& disk, bio* head, u32 bytes, bool more)
 {
     auto* batch = new (std::nothrow) Batch;
     if (!batch) {
         for (bio* b = head; b;) {
             bio* next = b->next;
-            send_single(disk, b);
+            send_single(disk, b, more);
             b = next;
         }
         return;
@@ -87,7 +90,7 @@ void send_batch(DiskImpl& disk, bio* head, u32 bytes)
         else
             batch->pieces[pieces++] = p;
     }
-    fill(batch->request, head);
+    fill(batch->request, head, more);
     batch->request.bytes = bytes;
     batch->request.pieces = {batch->pieces, pieces};
     batch->request.done = Batch::done;
@@ -99,8 +102,8 @@ bool continues(const Task& task, const DiskImpl& disk, const bio* b)
 {
     const bio* tail = task.plug_tail;
     return task.plug_disk == &disk && tail->op == b->op && tail->fua == b->fua &&
-           tail->sector + (tail->size >> 9) == b->sector && task.plug_bytes + b->size <= most_bytes &&
-           task.plug_bios < most_bios;
+           tail->sector + (tail->size >> 9) == b->sector && task.plug_bios < most_bios &&
+           task.plug_bytes + b->size <= (b->op == Op::read ? most_read_bytes : most_bytes);
 }
 
 struct Probe {
@@ -127,7 +130,7 @@ void call_probe(const bio* b)
 
 } // namespace
 
-void flush_plug(Task& task)
+void flush_plug(Task& task, bool more)
 {
     while (bio* head = task.plug_head) {
         DiskImpl& disk = *task.plug_disk;
@@ -137,9 +140,9 @@ void flush_plug(Task& task)
         task.plug_disk = nullptr;
         task.plug_bytes = task.plug_bios = 0;
         if (alone)
-            send_single(disk, head);
+            send_single(disk, head, more);
         else
-            send_batch(disk, head, bytes);
+            send_batch(disk, head, bytes, more);
     }
 }
 
@@ -163,11 +166,11 @@ int disk_make_request(request_queue* q, bio* b)
     }
     if (task.run_depth == 0 || disk.inline_store() || (b->op != Op::read && b->op != Op::write)) {
         before_waiting(task);
-        send_single(disk, b);
+        send_single(disk, b, false);
         return 0;
     }
     if (task.plug_head && !continues(task, disk, b))
-        flush_plug(task);
+        flush_plug(task, true);
     b->next = nullptr;
     if (task.plug_head)
         task.plug_tail->next = b;
@@ -176,8 +179,7 @@ int disk_make_request(request_queue* q, bio* b)
     task.plug_tail = b;
     task.plug_disk = &disk;
     task.plug_bytes += b->size;
-    if (++task.plug_bios == most_bios || task.plug_bytes == most_bytes)
-        flush_plug(task);
+    ++task.plug_bios;
     return 0;
 }
 

@@ -81,8 +81,8 @@ long counted(Counter counter);
 // Prints "hosted kernel: ..." to stderr and aborts.
 [[noreturn]] void die(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// Sends the bios that the task keeps back.
-void flush_plug(Task& task);
+// Sends the bios that the task keeps back. `more`: the task has another bio to send.
+void flush_plug(Task& task, bool more = false);
 
 // At the entry of an operation that may sleep.
 inline void may_sleep(Task& task, const char* operation)

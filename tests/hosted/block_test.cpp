@@ -37,12 +37,13 @@ class SlowStore final : public Store
         std::uint64_t bytes;
         std::size_t pieces;
         bool fua;
+        bool more;
     };
     std::uint64_t size() const override { return memory_->size(); }
     void submit(StoreRequest* r) override
     {
         std::lock_guard lock(mutex_);
-        seen_.push_back({r->op, r->offset, r->bytes, r->pieces.size(), r->fua});
+        seen_.push_back({r->op, r->offset, r->bytes, r->pieces.size(), r->fua, r->more});
         threads_.emplace_back([this, r] {
             while (held_)
                 std::this_thread::yield();
@@ -268,6 +269,36 @@ TEST(Block, AdjacentBiosOfOneRequestReachTheStoreAsOne)
     reads.clear();
     f.reset();
     EXPECT_EQ(live().bios, 0);
+}
+
+TEST(Block, ALongRunOfReadsReachesTheStoreInPiecesWhileItGoesOn)
+{
+    auto owned = std::make_unique<SlowStore>(8 * mebibyte);
+    SlowStore& store = *owned;
+    MemoryDisk d(0, {}, std::move(owned));
+    test_driver::Loaded driver;
+    std::vector<std::unique_ptr<DirectRead>> reads;
+    test_driver::calls.ioctl = [&](file*, unsigned, unsigned long) {
+        for (u32 i = 0; i < 256; ++i) {
+            reads.push_back(std::make_unique<DirectRead>(*d.disk, 0, i * 8));
+            reads.back()->submit(*d.disk);
+        }
+        for (auto& r : reads)
+            wait_for_completion(&r->done);
+        return 0;
+    };
+    std::unique_ptr<ControlFile> f;
+    ASSERT_EQ(open_control(test_driver::major_number, nullptr, f), 0);
+    f->ioctl(1, 2);
+    const auto seen = store.seen();
+    ASSERT_EQ(seen.size(), 4u);
+    for (std::size_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(seen[i].offset, i * mebibyte / 4);
+        EXPECT_EQ(seen[i].bytes, mebibyte / 4);
+        EXPECT_EQ(seen[i].more, i < 3) << "the last piece goes when the thread waits";
+    }
+    reads.clear();
+    f.reset();
 }
 
 TEST(Block, ALoneBioOutsideARunIsSentAtOnce)

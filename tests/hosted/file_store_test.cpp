@@ -106,6 +106,46 @@ TEST_P(FileStoreTest, KeepsWhatWasWrittenAtAnyPlaceAndSize)
     EXPECT_EQ(image.content(), model);
 }
 
+TEST(FileStore, ALongReadWhoseSubmitterHasMoreToSendIsCopiedByAnotherThread)
+{
+    Image image(mebibyte);
+    auto store = open_file_store(image.path);
+    std::vector<std::byte> content(mebibyte / 2), copy(mebibyte / 2);
+    for (std::size_t i = 0; i < content.size(); ++i)
+        content[i] = std::byte(i * 31 >> 5);
+    struct Noting : StoreRequest {
+        std::thread::id thread;
+        int error = 1;
+        std::atomic<bool> ended{false};
+    };
+    const auto transfer = [&](Op op, std::vector<std::byte>& data, bool more) {
+        Noting r;
+        StoreRequest::Piece piece{data.data(), u32(data.size())};
+        r.op = op;
+        r.more = more;
+        r.offset = 4096;
+        r.bytes = data.size();
+        r.pieces = {&piece, 1};
+        r.done = [](StoreRequest* done, int error) {
+            auto* noting = static_cast<Noting*>(done);
+            noting->thread = std::this_thread::get_id();
+            noting->error = error;
+            noting->ended = true;
+        };
+        store->submit(&r);
+        while (!r.ended)
+            std::this_thread::yield();
+        EXPECT_EQ(r.error, 0);
+        return r.thread;
+    };
+    transfer(Op::write, content, false); // into the page cache
+    EXPECT_NE(transfer(Op::read, copy, true), std::this_thread::get_id());
+    EXPECT_EQ(copy, content);
+    copy.assign(copy.size(), std::byte{0});
+    EXPECT_EQ(transfer(Op::read, copy, false), std::this_thread::get_id());
+    EXPECT_EQ(copy, content);
+}
+
 TEST_P(FileStoreTest, ServesManyRequestsAtOnce)
 {
     Image image(4 * mebibyte);
