@@ -35,10 +35,10 @@ bool contains(const std::string& text, const std::string& part) { return text.fi
 // Calls `action` once, before the n-th command `number`.
 void onCommand(Machine& machine, std::uint32_t number, int n, std::function<void()> action)
 {
-    machine.driver.before = [=, seen = 0](std::uint32_t command) mutable {
+    machine.driver.before.set([=, seen = 0](std::uint32_t command) mutable {
         if (command == number && ++seen == n)
             action();
-    };
+    });
 }
 
 TEST(Engine, FirstBackupIsFullAndSaysWhy)
@@ -77,7 +77,7 @@ TEST(Engine, BackupIsThePointInTimeWhateverIsWrittenMeanwhile)
     const auto first = machine.backup();
     EXPECT_EQ(machine.restored(first.backup.directory), machine.driver.frozen());
     EXPECT_NE(machine.driver.frozen(), machine.driver.contents());
-    machine.driver.before = {};
+    machine.driver.before.set({});
     const auto second = machine.backup();
     EXPECT_EQ(second.backup.manifest.copiedBlocks, Machine::blocks / 2);
     EXPECT_EQ(machine.restored(second.backup.directory), machine.driver.contents());
@@ -241,7 +241,7 @@ TEST(Engine, DeviceIsClosedBeforeTheBackupIsMadeDurable)
 
 void expectFullNext(Machine& machine)
 {
-    machine.driver.before = {};
+    machine.driver.before.set({});
     machine.driver.unreadable.reset();
     machine.driver.write(1234, 99);
     const auto next = machine.backup();

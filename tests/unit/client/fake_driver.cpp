@@ -227,8 +227,8 @@ void Driver::unmap(std::uint32_t address)
 
 int Driver::command(std::uint32_t number, std::uint32_t argument)
 {
-    if (before)
-        before(number);
+    if (const auto call = before.get())
+        (*call)(number);
     const std::lock_guard lock{mutex_};
     events_.push_back(name(number));
     return run(number, argument);

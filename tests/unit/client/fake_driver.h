@@ -5,6 +5,8 @@
 // a copy of the whole disk, and writes down what it was asked.
 #pragma once
 
+#include "hook.h"
+
 #include "client/control_device.h"
 
 #include <sys/types.h>
@@ -39,10 +41,10 @@ class Driver
     // ---- what the tests turn
     int open_result = 0;
     bool mounted = true;
-    std::function<void(std::uint32_t number)> before; // called before each command, without the lock
-    std::optional<std::uint32_t> unreadable;          // reading this block gives 12
-    void loseTracking();                              // as after a failure: out of sync
-    void forget();                                    // as after loading the driver anew
+    Hook<void(std::uint32_t number)> before; // called before each command, without the lock
+    std::optional<std::uint32_t> unreadable; // reading this block gives 12
+    void loseTracking();                     // as after a failure: out of sync
+    void forget();                           // as after loading the driver anew
     void replaceKey();
     void fail(std::uint32_t state); // the running backup's state, if one runs
 

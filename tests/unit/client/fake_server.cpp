@@ -102,8 +102,9 @@ void Server::serveOne(int connection)
 
 bool Server::answer(int connection, const wire::Request& request)
 {
-    if (instead && request.kind == instead_of) {
-        const auto packet = instead(request);
+    const auto call = instead.get();
+    if (call && request.kind == instead_of) {
+        const auto packet = (*call)(request);
         ::send(connection, packet.data(), packet.size(), MSG_NOSIGNAL);
         return !packet.empty();
     }

@@ -23,8 +23,8 @@ class Server
 
     // Lets a test answer a request itself: gives the packet to send, or an empty one to end the connection. Called
     // for requests of this kind only.
-    std::function<std::vector<std::byte>(const quendrel::wire::Request&)> instead;
-    quendrel::wire::Kind instead_of{};
+    Hook<std::vector<std::byte>(const quendrel::wire::Request&)> instead;
+    std::atomic<quendrel::wire::Kind> instead_of{};
     std::atomic<std::uint32_t> version{quendrel::wire::protocol_version};
     std::atomic<bool> close_slowly{false};
     std::atomic<int> connections{0}; // closed again, wholly

@@ -68,13 +68,13 @@ class Program : public testing::Test
     // Blocks the driver before the n-th read until release() is called.
     void holdAtRead(int n)
     {
-        machine.driver.before = [this, n, seen = 0](std::uint32_t command) mutable {
+        machine.driver.before.set([this, n, seen = 0](std::uint32_t command) mutable {
             if (command != QUENDREL_READ_BLOCKS || ++seen != n)
                 return;
             held = true;
             while (held)
                 std::this_thread::sleep_for(std::chrono::milliseconds{5});
-        };
+        });
     }
     void waitHeld()
     {
@@ -217,7 +217,7 @@ TEST_F(Program, KilledRunLeavesNoBackupAndTheNextOneWorks)
     EXPECT_EQ(wait(child).code, 1000 + SIGKILL);
     release();
     EXPECT_EQ(namesIn(machine.repository()).size(), 2u); // the first backup and what the dead run left
-    machine.driver.before = {};
+    machine.driver.before.set({});
     const Result next = backup();
     ASSERT_EQ(next.code, 0) << next.err;
     EXPECT_EQ(next.document()["mode"], "full");
@@ -228,7 +228,7 @@ TEST_F(Program, KilledRunLeavesNoBackupAndTheNextOneWorks)
 TEST_F(Program, DaemonThatDiesFailsTheBackup)
 {
     server.instead_of = quendrel::wire::Kind::mmap;
-    server.instead = [](const quendrel::wire::Request&) { return std::vector<std::byte>{}; };
+    server.instead.set([](const quendrel::wire::Request&) { return std::vector<std::byte>{}; });
     const Result result = backup();
     EXPECT_EQ(result.code, 1);
     EXPECT_NE(result.err.find("daemon ended the connection"), std::string::npos) << result.err;

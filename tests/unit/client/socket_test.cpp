@@ -218,7 +218,7 @@ TEST_F(Socket, DaemonThatEndsTheConnectionIsAnError)
 {
     ControlDevice device = open();
     server.instead_of = wire::Kind::ioctl;
-    server.instead = [](const wire::Request&) { return std::vector<std::byte>{}; };
+    server.instead.set([](const wire::Request&) { return std::vector<std::byte>{}; });
     EXPECT_EQ(codeOf([&] { device.state(); }), -ECONNRESET);
     const int after = codeOf([&] { device.state(); });
     EXPECT_TRUE(after == -EPIPE || after == -ECONNRESET) << after;
@@ -228,14 +228,14 @@ TEST_F(Socket, ReplyOfAWrongSizeIsAnError)
 {
     ControlDevice device = open();
     server.instead_of = wire::Kind::ioctl;
-    server.instead = [](const wire::Request&) { return std::vector<std::byte>(10); };
+    server.instead.set([](const wire::Request&) { return std::vector<std::byte>(10); });
     EXPECT_EQ(codeOf([&] { device.state(); }), -EPROTO);
-    server.instead = [](const wire::Request&) {
+    server.instead.set([](const wire::Request&) {
         const wire::Reply reply{0, wire::protocol_version, 5, {}}; // says five pages follow, and none does
         std::vector<std::byte> packet(wire::reply_header_bytes);
         std::memcpy(packet.data(), &reply, packet.size());
         return packet;
-    };
+    });
     EXPECT_EQ(codeOf([&] { device.state(); }), -EPROTO);
 }
 
@@ -243,12 +243,12 @@ TEST_F(Socket, MappingWithoutItsMemoryIsAnError)
 {
     ControlDevice device = loaded();
     server.instead_of = wire::Kind::mmap;
-    server.instead = [](const wire::Request&) {
+    server.instead.set([](const wire::Request&) {
         const wire::Reply reply{0, wire::protocol_version, 1, {}};
         std::vector<std::byte> packet(wire::reply_header_bytes + 4);
         std::memcpy(packet.data(), &reply, packet.size());
         return packet;
-    };
+    });
     EXPECT_EQ(codeOf([&] { device.map(4096); }), -EPROTO);
 }
 
