@@ -1,7 +1,5 @@
 #include "served_disk.h"
 
-#include "futex.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <new>
@@ -36,11 +34,8 @@ void part_done(GuestRequest* guest, int error)
     drop_part(r);
 }
 
-// A request whose thread waits for it. The thread sleeps at once when the request is not through: what lets a held
-// write go is another thread, which needs the processor more than a busy wait does.
 struct Waiting : IoRequest {
-    enum Stage : std::uint32_t { running, awaited, ended };
-    std::atomic<std::uint32_t> stage = running;
+    std::atomic<bool> finished = false;
     int result = 0;
 };
 
@@ -119,22 +114,16 @@ int ServedDisk::run(Op op, std::uint64_t offset, std::uint64_t bytes, std::byte*
     r.data = data;
     r.fua = fua;
     r.may_unmap = may_unmap;
-    // The waiter may be gone as soon as it sees `ended`, so nothing of the record is touched after that; the wake-up
-    // that follows only uses its address.
+    // The waiter may be gone as soon as it sees `finished`, so nothing of the record is touched after the store; the
+    // wake-up that follows only uses its address.
     r.done = [](IoRequest* done, int error) {
         auto* waiting = static_cast<Waiting*>(done);
         waiting->result = error;
-        auto& stage = waiting->stage;
-        if (stage.exchange(Waiting::ended, std::memory_order_acq_rel) == Waiting::awaited)
-            hosted::futex_wake(&stage, 1);
+        waiting->finished.store(true, std::memory_order_release);
+        waiting->finished.notify_one();
     };
     submit(&r);
-    std::uint32_t stage = Waiting::running;
-    if (r.stage.load(std::memory_order_acquire) != Waiting::ended &&
-        r.stage.compare_exchange_strong(stage, Waiting::awaited, std::memory_order_acq_rel)) {
-        while (r.stage.load(std::memory_order_acquire) != Waiting::ended)
-            hosted::futex_wait(&r.stage, Waiting::awaited);
-    }
+    r.finished.wait(false, std::memory_order_acquire);
     return r.result;
 }
 
