@@ -191,17 +191,23 @@ bool FileStore::try_at_once(const StoreRequest& r) const
     bool transfer = r.op == Op::read || (r.op == Op::write && !r.fua);
     if (!transfer || direct_.get() >= 0 || r.pieces.size() > most_pieces)
         return false;
-    iovec few[16];
-    std::vector<iovec> many;
-    iovec* pieces = few;
-    if (r.pieces.size() > std::size(few)) {
-        many.resize(r.pieces.size());
-        pieces = many.data();
+    ssize_t n;
+    if (r.op == Op::write && r.pieces.size() == 1) {
+        n = pwrite(cached_.get(), r.pieces[0].data, r.pieces[0].bytes, off_t(r.offset));
+    } else {
+        iovec few[16];
+        std::vector<iovec> many;
+        iovec* pieces = few;
+        if (r.pieces.size() > std::size(few)) {
+            many.resize(r.pieces.size());
+            pieces = many.data();
+        }
+        for (std::size_t i = 0; i < r.pieces.size(); ++i)
+            pieces[i] = {r.pieces[i].data, r.pieces[i].bytes};
+        const int count = int(r.pieces.size());
+        n = r.op == Op::read ? preadv2(cached_.get(), pieces, count, off_t(r.offset), RWF_NOWAIT)
+                             : pwritev(cached_.get(), pieces, count, off_t(r.offset));
     }
-    for (std::size_t i = 0; i < r.pieces.size(); ++i)
-        pieces[i] = {r.pieces[i].data, r.pieces[i].bytes};
-    ssize_t n = r.op == Op::read ? preadv2(cached_.get(), pieces, int(r.pieces.size()), off_t(r.offset), RWF_NOWAIT)
-                                 : pwritev(cached_.get(), pieces, int(r.pieces.size()), off_t(r.offset));
     if (n < 0 || std::uint64_t(n) != r.bytes)
         return false; // the slow way finds out why
     return true;
