@@ -16,7 +16,7 @@ namespace
 
 constexpr u32 most_bytes = 1 << 20;
 // Reads go in smaller runs, so that a store can work on one while the next is made.
-constexpr u32 most_read_bytes = 256 << 10;
+constexpr u32 most_read_bytes = 128 << 10;
 constexpr u32 most_bios = 256;
 
 StoreRequest::Piece piece_of(bio* b)

@@ -291,11 +291,11 @@ TEST(Block, ALongRunOfReadsReachesTheStoreInPiecesWhileItGoesOn)
     ASSERT_EQ(open_control(test_driver::major_number, nullptr, f), 0);
     f->ioctl(1, 2);
     const auto seen = store.seen();
-    ASSERT_EQ(seen.size(), 4u);
-    for (std::size_t i = 0; i < 4; ++i) {
-        EXPECT_EQ(seen[i].offset, i * mebibyte / 4);
-        EXPECT_EQ(seen[i].bytes, mebibyte / 4);
-        EXPECT_EQ(seen[i].more, i < 3) << "the last piece goes when the thread waits";
+    ASSERT_EQ(seen.size(), 8u);
+    for (std::size_t i = 0; i < 8; ++i) {
+        EXPECT_EQ(seen[i].offset, i * mebibyte / 8);
+        EXPECT_EQ(seen[i].bytes, mebibyte / 8);
+        EXPECT_EQ(seen[i].more, i < 7) << "the last piece goes when the thread waits";
     }
     reads.clear();
     f.reset();
