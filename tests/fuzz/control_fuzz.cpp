@@ -3,6 +3,7 @@
 // nothing left when all is closed.
 //
 // Files are closed at the end only: closing one while another's backup holds a write waits for ever, by design.
+#include "fuzz_input.h"
 #include "hosted.h"
 #include "quendrel.h"
 
@@ -14,43 +15,14 @@
 
 namespace {
 
+using fuzz::Input;
+using fuzz::kCommands;
+using fuzz::require;
+
 constexpr sector_type kPartitionStart = 8;
 constexpr u32 kBlocks = 64;
 constexpr u32 kBlockBytes = 4096;
 constexpr u32 kMostBlocks = 1u << 22;  // of a map that is really allocated, so that a run stays fast
-
-// The input, read piece by piece; zeros when it is used up.
-class Input
-{
-  public:
-    Input(const uint8_t* data, size_t size) : data_(data), left_(size) {}
-    bool empty() const { return left_ == 0; }
-    u32 word(unsigned bytes = 4)
-    {
-        u32 value = 0;
-        for (unsigned i = 0; i < bytes && left_; i++, data_++, left_--)
-            value |= u32(*data_) << (8 * i);
-        return value;
-    }
-
-  private:
-    const uint8_t* data_;
-    size_t left_;
-};
-
-void require(bool holds, const char* what)
-{
-    if (!holds) {
-        std::fprintf(stderr, "does not hold: %s\n", what);
-        std::abort();
-    }
-}
-
-constexpr std::array<u32, 16> kCommands = {
-    QUENDREL_GET_BLOCK_SIZE,       QUENDREL_START_BACKUP,     QUENDREL_SNAPSHOT,          QUENDREL_GET_STATE,
-    QUENDREL_GET_AUTOMAP_STATE,    QUENDREL_NO_LOAD_FROM_AUTOMAP, QUENDREL_NO_START_AUTOMAP, QUENDREL_LOAD_BLOCK_MAP,
-    QUENDREL_GET_AUTOMAP,          QUENDREL_GET_DIRTY_BLOCK,  QUENDREL_READ_BLOCKS,       QUENDREL_GET_VERSION_MAJOR,
-    QUENDREL_GET_VERSION_MINOR,    QUENDREL_SYNC,             QUENDREL_SHUTDOWN,          QUENDREL_RESERVED16};
 
 // The disk and the loaded driver, kept from input to input: loading takes longer than most inputs do.
 class Ground

@@ -5,6 +5,7 @@
 //
 // The server uses the memory of this process as the client's. AddressSanitizer keeps its own records from 0x7fff8000
 // on, so the addresses in requests stay below that.
+#include "fuzz_input.h"
 #include "client/socket_protocol.h"
 #include "control_server.h"
 #include "hosted.h"
@@ -34,6 +35,10 @@
 namespace
 {
 
+using fuzz::Input;
+using fuzz::kCommands;
+using fuzz::require;
+
 namespace wire = quendrel::wire;
 using quendreld::ControlServer;
 using quendreld::UniqueFd;
@@ -44,42 +49,6 @@ constexpr u32 kBlockBytes = 4096;
 constexpr u32 kMostBlocks = 1u << 16; // of a map that is really allocated, so that a run stays fast
 constexpr u32 kHighest = 0x7fff8000;
 constexpr std::size_t kScratchBytes = 65536;
-
-void require(bool holds, const char* what)
-{
-    if (!holds) {
-        std::fprintf(stderr, "does not hold: %s\n", what);
-        std::abort();
-    }
-}
-
-// The input, read piece by piece; zeros when it is used up.
-class Input
-{
-  public:
-    Input(const uint8_t* data, size_t size) : data_(data), left_(size) {}
-    bool empty() const { return left_ == 0; }
-    u32 word(unsigned bytes = 4)
-    {
-        u32 value = 0;
-        for (unsigned i = 0; i < bytes && left_; i++, data_++, left_--)
-            value |= u32(*data_) << (8 * i);
-        return value;
-    }
-
-  private:
-    const uint8_t* data_;
-    size_t left_;
-};
-
-constexpr std::array<u32, 16> kCommands = {QUENDREL_GET_BLOCK_SIZE,    QUENDREL_START_BACKUP,
-                                           QUENDREL_SNAPSHOT,          QUENDREL_GET_STATE,
-                                           QUENDREL_GET_AUTOMAP_STATE, QUENDREL_NO_LOAD_FROM_AUTOMAP,
-                                           QUENDREL_NO_START_AUTOMAP,  QUENDREL_LOAD_BLOCK_MAP,
-                                           QUENDREL_GET_AUTOMAP,       QUENDREL_GET_DIRTY_BLOCK,
-                                           QUENDREL_READ_BLOCKS,       QUENDREL_GET_VERSION_MAJOR,
-                                           QUENDREL_GET_VERSION_MINOR, QUENDREL_SYNC,
-                                           QUENDREL_SHUTDOWN,          QUENDREL_RESERVED16};
 
 class Connection
 {
