@@ -2,25 +2,13 @@
 //
 // Runs on the write path: it allocates nothing and holds no lock while it sets bits. The reference taken here keeps
 // the session and its map alive; whoever frees or swaps them waits for it.
-#include "guards.h"
 #include "qdrlib.h"
-
-// The session's reference for a device named by its place in the table, or null.
-static AutoMapSession* sessionAt(u32 major, u32 minor)
-{
-    UserGuard reader(&amListUsers, &amListUsersLock);
-    AutoMapSession** slot = amSlot(major, minor);
-    if (!slot || !*slot)
-        return nullptr;
-    enterUsers(&(*slot)->users, &(*slot)->usersLock);
-    return *slot;
-}
 
 // `bio` is a write as it entered the queue's function, `bioMinor` the minor number of the partition it falls in. A
 // block beyond the map means that the device has grown: the session goes out of sync, and every such block is logged.
 void updateAM(bio* bio, int bioMinor)
 {
-    AutoMapSession* ams = sessionAt(kdev_major(bdev_dev(bio_bdev(bio))), u32(bioMinor));
+    AutoMapSession* ams = getAMS(kdev_make(kdev_major(bdev_dev(bio_bdev(bio))), u32(bioMinor)));
     if (!ams)
         return;
     u32 startBN, endBN;
