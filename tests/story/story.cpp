@@ -1,20 +1,21 @@
 // The writer of ./run and of the end-to-end tests, and the judge of what was restored.
 //
 // The writer works in numbered steps, one at a time: each replaces one file as a whole (written beside it, then
-// renamed), or one block of a region of an NBD export. What a step writes follows from its number alone. So a copy of
-// one moment holds the outcome of a first part of the steps and of nothing else, and the judge can tell: it finds the
-// newest step in the copy and demands that every file or block holds what the steps up to that one left there, that
-// every step that was over before the backup began is in it, and none that began after its end.
+// renamed), or one block of a region of an NBD export or a device. What a step writes follows from its number alone. So
+// a copy of one moment holds the outcome of a first part of the steps and of nothing else, and the judge can tell: it
+// finds the newest step in the copy and demands that every file or block holds what the steps up to that one left
+// there, that every step that was over before the backup began is in it, and none that began after its end.
 //
 //   story write-files DIRECTORY LOG                  until SIGTERM
 //   story make-region FILE BLOCKS                    blocks that no step has written
-//   story write-blocks NBD-URI OFFSETS LOG           OFFSETS: a file of byte offsets, one 4-KiB block a line
+//   story write-blocks TARGET OFFSETS LOG            TARGET: an NBD URI; in a static build a file or block device
+//                                                    OFFSETS: a file of byte offsets, one 4-KiB block a line
 //   story check-files DIRECTORY LOG FROM TO          FROM, TO: nanoseconds of CLOCK_REALTIME around the backup
 //   story check-blocks FILE LOG FROM TO              FILE: the region's blocks in order
 //   story felt LOG FROM TO                           what the writer felt in that time
 //
 // LOG has a line a step: number, target, begin, end (nanoseconds).
-#include <libnbd.h>
+#include "block_target.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -158,16 +159,12 @@ void make_region(const std::string& path, unsigned blocks)
         throw std::runtime_error(path + ": cannot be written");
 }
 
-void write_blocks(const std::string& uri, const std::string& offsets_path, const std::string& log)
+void write_blocks(const std::string& target_name, const std::string& offsets_path, const std::string& log)
 {
     const auto offsets = read_offsets(offsets_path);
-    std::unique_ptr<nbd_handle, void (*)(nbd_handle*)> nbd(nbd_create(), nbd_close);
-    if (!nbd || nbd_connect_uri(nbd.get(), uri.c_str()) != 0)
-        throw std::runtime_error(uri + ": " + nbd_get_error());
+    const auto out = open_block_target(target_name);
     write_steps(log, unsigned(offsets.size()), [&](std::uint64_t step, unsigned target) {
-        const Bytes content = content_of(step, kBlockBytes);
-        if (nbd_pwrite(nbd.get(), content.data(), content.size(), offsets[target], 0) != 0)
-            throw std::runtime_error(uri + ": " + nbd_get_error());
+        out->write(offsets[target], content_of(step, kBlockBytes));
         ::usleep(300);
     });
 }
