@@ -28,9 +28,10 @@ std::string refusedText(std::string_view command)
 {
     if (command == "SnapShot")
         return "the snapshot was refused: the backup was not in the started state, or the file system could not be "
-               "frozen (it may be frozen already, for instance by fsfreeze; thaw it and try again)";
+               "frozen (it may be frozen already, for instance by fsfreeze: thaw it and try again; or be of a kind "
+               "that cannot be frozen through its device, such as btrfs)";
     if (command == "StartBackup")
-        return "the device number is refused: major and minor have to be below 256";
+        return "the driver does not take this device number; its log says which ones it takes";
     if (command == "GetAutoMap")
         return "there is no map of changed blocks for this snapshot";
     if (command == "LoadBlockMap")
@@ -50,16 +51,21 @@ std::string errnoText(std::string_view command, int number)
                                                        : text;
     switch (number) {
     case ENOENT:
+        return text + " (is the driver loaded, or the daemon running with this run directory? \"modprobe quendrel\" loads "
+                      "the driver)";
     case ENODEV:
     case ENXIO:
-        return text + " (is the driver loaded, or the daemon running with this run directory?)";
+        return text + " (the node is there but no driver behind it: load it with \"modprobe quendrel\"; if that fails, "
+                      "the kernel log says why)";
     case ECONNREFUSED:
         return text + " (a socket is there but no daemon behind it: start the daemon again)";
     case EACCES:
     case EPERM:
-        return text + " (the control device is for its owner and group only)";
+        return text + " (the control device is for its owner and group only: run this as root, or as a member of the "
+                      "group that \"ls -l\" shows for it)";
     case EBUSY:
-        return text + " (another program has the control device open; wait for it to end)";
+        return text + " (another program has the control device open, and the driver lets in one at a time; wait for it "
+                      "to end, \"fuser -v\" with the path names it)";
     default:
         return text;
     }

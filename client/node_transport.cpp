@@ -1,11 +1,16 @@
 // The control device as a character device of this machine's kernel.
+//
+// Positive results of the driver reach a program as they are: as ioctl()'s own value, and as an address below 4096 from
+// mmap(). An open has no such way out, since a descriptor is positive too: there the kernel side answers an errno.
 #include "client/error.h"
-#include "client/low_memory.h"
 #include "client/transport.h"
+#include "quendrel.h"
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -33,6 +38,7 @@ class NodeTransport final : public Transport
 
     Mapping map(std::size_t bytes) override
     {
+        // A 32-bit kernel has nothing else and leaves MAP_32BIT unread.
         void* p = ::mmap(nullptr, bytes, PROT_READ, MAP_PRIVATE | MAP_32BIT, fd_, 0);
         if (p == MAP_FAILED)
             return {-errno, nullptr};
@@ -53,7 +59,19 @@ class NodeTransport final : public Transport
 
 std::unique_ptr<Transport> openNodeTransport(const std::string& path)
 {
-    const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    // Opening some devices does something (a watchdog starts, a tape is wound back): the right one is told by its number.
+    struct stat st {
+    };
+    if (::stat(path.c_str(), &st) != 0)
+        throw Error{"open", "", path, -errno};
+    if (major(st.st_rdev) != QUENDREL_CHRDEV_MAJOR)
+        throw Error{"open", "", path, -ENOTTY,
+                    "It is a character device of major number " + std::to_string(major(st.st_rdev)) + ", and the control "
+                    "device has " + std::to_string(QUENDREL_CHRDEV_MAJOR)};
+    int fd;
+    do
+        fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    while (fd < 0 && errno == EINTR);
     if (fd < 0)
         throw Error{"open", "", path, -errno};
     return std::make_unique<NodeTransport>(fd);
