@@ -1,0 +1,15 @@
+#!/bin/sh
+# Fails when the module contains what no kernel loader runs or what needs a C++ run-time library.
+#
+# usage: check_object.sh quendrel.ko
+set -eu
+bad=0
+if readelf -SW "$1" | grep -E ' \.(init_array|fini_array|ctors|eh_frame|tdata|tbss|gcc_except_table)'; then
+	echo "$1: the sections above are never run or need an unwinder" >&2
+	bad=1
+fi
+if nm -u "$1" | grep -E ' (__cxa_|_Zn[wa]|_Zd[la]|_Z|__u?(div|mod)di3|__atomic_|__popcount|_GLOBAL_OFFSET_TABLE_|_Unwind_)'; then
+	echo "$1: the symbols above need a run-time library" >&2
+	bad=1
+fi
+exit $bad

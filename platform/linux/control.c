@@ -1,0 +1,289 @@
+/*
+ * The control device: files, commands, mappings.
+ *
+ * Commands answer with the driver's own small positive codes, and so does mmap: an "address" below one page is such a
+ * code. An open with a positive result would leave the kernel with a file that was never opened, so there the matching
+ * error is given instead.
+ */
+#include "glue.h"
+#include "quendrel.h"
+
+#include <linux/compat.h>
+#include <linux/moduleparam.h>
+#include <linux/poll.h>
+#include <linux/uaccess.h>
+
+/*
+ * Any open and close of the control device detaches the backup that runs on another file, so the package sets this:
+ * while one file is open, a second open is refused.
+ */
+static bool exclusive;
+module_param(exclusive, bool, 0644);
+MODULE_PARM_DESC(exclusive, "refuse a second open of the control device (default: no)");
+
+static const struct qdr_file_operations *core_ops;
+static atomic_t open_files = ATOMIC_INIT(0);
+
+/* ---- Calls under way ----------------------------------------------------------------------------------------------- */
+
+static LIST_HEAD(calls);
+static DEFINE_SPINLOCK(calls_lock); /* the list; innermost, interrupts off */
+
+void qdr_call_begin(struct qdr_call *call)
+{
+	unsigned long flags;
+
+	call->task = current;
+	spin_lock_irqsave(&calls_lock, flags);
+	list_add(&call->list, &calls);
+	spin_unlock_irqrestore(&calls_lock, flags);
+}
+
+void qdr_call_end(struct qdr_call *call)
+{
+	unsigned long flags;
+
+	spin_lock_irqsave(&calls_lock, flags);
+	list_del(&call->list);
+	spin_unlock_irqrestore(&calls_lock, flags);
+	qdr_free_deferred(call);
+}
+
+struct qdr_call *qdr_current_call(void)
+{
+	struct qdr_call *call, *found = NULL;
+	unsigned long flags;
+
+	if (list_empty_careful(&calls))
+		return NULL;
+	spin_lock_irqsave(&calls_lock, flags);
+	list_for_each_entry(call, &calls, list) {
+		if (call->task == current) {
+			found = call;
+			break;
+		}
+	}
+	spin_unlock_irqrestore(&calls_lock, flags);
+	return found;
+}
+
+/* ---- Files --------------------------------------------------------------------------------------------------------- */
+
+static int open_error(int result)
+{
+	switch (result) {
+	case QUENDREL_NO_MEMORY:
+		return -ENOMEM;
+	case QUENDREL_BUSY:
+		return -EBUSY;
+	default:
+		return result > 0 ? -ENODEV : result;
+	}
+}
+
+static int control_open(struct inode *inode, struct file *file)
+{
+	int result;
+
+	if (atomic_inc_return(&open_files) > 1 && exclusive) {
+		atomic_dec(&open_files);
+		return -EBUSY;
+	}
+	qdr_files_begin();
+	result = open_error(core_ops->open(inode, file));
+	if (result) {
+		qdr_files_end();
+		atomic_dec(&open_files);
+	}
+	return result;
+}
+
+static int control_release(struct inode *inode, struct file *file)
+{
+	struct qdr_call call = {.release = true};
+
+	qdr_call_begin(&call);
+	core_ops->release(inode, file);
+	qdr_may_sleep();
+	qdr_call_end(&call);
+	qdr_files_end();
+	atomic_dec(&open_files);
+	return 0;
+}
+
+static ssize_t control_read(struct file *file, char __user *buffer, size_t count, loff_t *position)
+{
+	return core_ops->read(file, (qdr_user_addr)(unsigned long)buffer, count, position);
+}
+
+static ssize_t control_write(struct file *file, const char __user *buffer, size_t count, loff_t *position)
+{
+	return core_ops->write(file, (qdr_user_addr)(unsigned long)buffer, count, position);
+}
+
+static __poll_t control_poll(struct file *file, struct poll_table_struct *table)
+{
+	return (__force __poll_t)core_ops->poll(file, table);
+}
+
+/* ---- Commands ------------------------------------------------------------------------------------------------------ */
+
+static long control_ioctl(struct file *file, unsigned int cmd, unsigned long arg)
+{
+	struct qdr_call call = {.cmd = cmd};
+	struct blk_plug plug;
+	long result;
+
+	/* The driver's pointers have 32 bits. A record beyond them cannot be read. */
+	if (arg > U32_MAX && _IOC_DIR(cmd) != _IOC_NONE)
+		return QUENDREL_COPY_FROM_USER;
+	qdr_call_begin(&call);
+	qdr_translate_record(&call, (qdr_user_addr)arg);
+	/* A run of blocks goes to the disk in as few requests as it takes. */
+	blk_start_plug(&plug);
+	result = core_ops->ioctl(file_inode(file), file, cmd, arg);
+	qdr_may_sleep();
+	blk_finish_plug(&plug);
+	qdr_call_end(&call);
+	return result;
+}
+
+#ifdef CONFIG_COMPAT
+static long control_compat_ioctl(struct file *file, unsigned int cmd, unsigned long arg)
+{
+	return control_ioctl(file, cmd, (unsigned long)compat_ptr(arg));
+}
+#endif
+
+/* ---- Mappings ------------------------------------------------------------------------------------------------------ */
+
+static const struct qdr_vm_operations *ops_of(struct vm_area_struct *vma)
+{
+	return vma->vm_private_data;
+}
+
+static void mapping_open(struct vm_area_struct *vma)
+{
+	ops_of(vma)->open(vma);
+}
+
+static void mapping_close(struct vm_area_struct *vma)
+{
+	ops_of(vma)->close(vma);
+}
+
+static vm_fault_t mapping_fault(struct vm_fault *vmf)
+{
+	return (__force vm_fault_t)ops_of(vmf->vma)->fault(vmf->vma, vmf);
+}
+
+static const struct vm_operations_struct mapping_ops = {
+	.open = mapping_open,
+	.close = mapping_close,
+	.fault = mapping_fault,
+};
+
+static int control_mmap(struct file *file, struct vm_area_struct *vma)
+{
+	return core_ops->mmap(file, vma);
+}
+
+unsigned long qk_vma_start(struct vm_area_struct *vma)
+{
+	return vma->vm_start;
+}
+
+unsigned long qk_vma_end(struct vm_area_struct *vma)
+{
+	return vma->vm_end;
+}
+
+unsigned long qk_vma_flags(struct vm_area_struct *vma)
+{
+	BUILD_BUG_ON(VM_READ != 1 || VM_WRITE != 2 || VM_SHARED != 8);
+	return vma->vm_flags;
+}
+
+unsigned long qk_vma_page_offset(struct vm_area_struct *vma)
+{
+	return vma->vm_pgoff;
+}
+
+struct file *qk_vma_file(struct vm_area_struct *vma)
+{
+	return vma->vm_file;
+}
+
+void qk_vma_set_ops(struct vm_area_struct *vma, const struct qdr_vm_operations *ops)
+{
+	vma->vm_private_data = (void *)ops;
+	vma->vm_ops = &mapping_ops;
+}
+
+unsigned long qk_vm_fault_address(struct vm_fault *vmf)
+{
+	return vmf->address;
+}
+
+void qk_vm_fault_set_page(struct vm_fault *vmf, struct page *p)
+{
+	vmf->page = p;
+}
+
+/* ---- Registration and modules -------------------------------------------------------------------------------------- */
+
+static const struct file_operations control_fops = {
+	.owner = THIS_MODULE,
+	.open = control_open,
+	.release = control_release,
+	.read = control_read,
+	.write = control_write,
+	.poll = control_poll,
+	.unlocked_ioctl = control_ioctl,
+#ifdef CONFIG_COMPAT
+	.compat_ioctl = control_compat_ioctl,
+#endif
+	.mmap = control_mmap,
+	.llseek = noop_llseek,
+};
+
+int qk_register_chrdev(unsigned int major, const char *name, const struct qdr_file_operations *fops)
+{
+	core_ops = fops;
+	return register_chrdev(major, name, &control_fops);
+}
+
+void qk_unregister_chrdev(unsigned int major, const char *name)
+{
+	unregister_chrdev(major, name);
+}
+
+void *qk_file_private(struct file *f)
+{
+	return f->private_data;
+}
+
+void qk_file_set_private(struct file *f, void *data)
+{
+	f->private_data = data;
+}
+
+struct module *qk_this_module(void)
+{
+	return THIS_MODULE;
+}
+
+int qk_module_is_going(struct module *m)
+{
+	return READ_ONCE(m->state) == MODULE_STATE_GOING;
+}
+
+int qk_try_module_get(struct module *m)
+{
+	return try_module_get(m);
+}
+
+void qk_module_put(struct module *m)
+{
+	module_put(m);
+}

@@ -1,0 +1,193 @@
+/*
+ * The contract (../kernel.h) on a Linux kernel: the glue's types and what its files offer each other.
+ *
+ * The core sees opaque structures. Most are the kernel's own; four are the glue's, because the kernel's have another
+ * life than the contract promises:
+ *
+ *   qdr_gendisk        one a disk instance, never freed before unload. A disk that is pulled and plugged in again is
+ *                      another instance. It holds the disk's queue as the core sees it, so that a hook can be put back
+ *                      long after the disk is gone.
+ *   qdr_request_queue  the entry point of a disk, inside its qdr_gendisk.
+ *   qdr_block_device   one a device number as the core sees it, never freed before unload. It has the kernel's block
+ *                      device open from the first use until no control file is open any more.
+ *   qdr_buffer_head    what the contract asks of a buffer, without the page cache behind the kernel's.
+ *
+ * Device numbers as the core sees them: both halves below 256. A device whose real number does not fit, or whose real
+ * number is still tied to a disk that has gone, gets another one (numbers.c); user space never sees it.
+ */
+#ifndef QUENDREL_GLUE_H
+#define QUENDREL_GLUE_H
+
+#include <linux/atomic.h>
+#include <linux/blkdev.h>
+#include <linux/completion.h>
+#include <linux/fs.h>
+#include <linux/list.h>
+#include <linux/mm.h>
+#include <linux/module.h>
+#include <linux/rwsem.h>
+#include <linux/sched.h>
+#include <linux/semaphore.h>
+#include <linux/slab.h>
+#include <linux/spinlock.h>
+
+/* ---- The contract's types ---------------------------------------------------------------------------------------- */
+
+typedef u32 qdr_user_addr;
+typedef u32 qdr_kdev_t; /* major << 20 | minor, as the core sees it */
+typedef u32 qdr_gfp_type;
+typedef int qdr_pid_type;
+
+#define QDR_GFP_KERNEL 1
+#define QDR_GFP_NOIO 2
+#define QDR_GFP_HIGHUSER 3
+#define QDR_GFP_NOFAIL 16
+
+struct qdr_block_device;
+struct qdr_buffer_head;
+struct qdr_gendisk;
+struct qdr_request_queue;
+struct qdr_super_block;
+struct poll_table_struct;
+
+typedef int qdr_make_request_fn(struct qdr_request_queue *q, struct bio *b);
+typedef void qdr_bio_end_io_fn(struct bio *b, int error);
+typedef void qdr_bh_end_io_fn(struct qdr_buffer_head *bh, int uptodate);
+
+struct qdr_kernel_timespec {
+	s32 tv_sec;
+	s32 tv_nsec;
+};
+
+struct qdr_vm_operations {
+	void (*open)(struct vm_area_struct *vma);
+	void (*close)(struct vm_area_struct *vma);
+	int (*fault)(struct vm_area_struct *vma, struct vm_fault *vmf);
+};
+
+struct qdr_file_operations {
+	struct module *owner;
+	long (*read)(struct file *f, qdr_user_addr buffer, size_t count, s64 *position);
+	long (*write)(struct file *f, qdr_user_addr buffer, size_t count, s64 *position);
+	unsigned int (*poll)(struct file *f, struct poll_table_struct *table);
+	int (*ioctl)(struct inode *i, struct file *f, unsigned int cmd, unsigned long arg);
+	int (*mmap)(struct file *f, struct vm_area_struct *vma);
+	int (*open)(struct inode *i, struct file *f);
+	int (*release)(struct inode *i, struct file *f);
+};
+
+#include "contract.h"
+
+/* ---- What the module holds (memory.c) ---------------------------------------------------------------------------- */
+
+enum qdr_held {
+	QDR_HELD_PAGES,
+	QDR_HELD_ALLOCATIONS,
+	QDR_HELD_AREAS, /* vmalloc */
+	QDR_HELD_CACHES,
+	QDR_HELD_OBJECTS, /* of the caches */
+	QDR_HELD_BIOS,    /* references */
+	QDR_HELD_BUFFERS,
+	QDR_HELD_DEVICES, /* opened */
+	QDR_HELD_SUPERS,
+	QDR_HELD_THREADS,
+	QDR_HELD_KINDS
+};
+extern atomic_t qdr_held[QDR_HELD_KINDS];
+/* Writes "pages=0 allocations=0 ..." of at most `bytes` bytes; the number written. */
+int qdr_print_held(char *to, size_t bytes);
+bool qdr_holds_anything(void);
+
+/* ---- Calls of the control device under way (control.c) ----------------------------------------------------------- */
+
+/* One a command or release, on the stack of the task that makes it. */
+struct qdr_call {
+	struct list_head list;
+	struct task_struct *task;
+	unsigned int cmd; /* 0: a release */
+	bool release;
+	void *freed; /* what a release freed, linked through the allocations' headers */
+	/* The device number in the caller's record: where it stands, and what the core is shown instead. */
+	qdr_user_addr number_at; /* 0: nowhere */
+	u32 number[2];           /* major, minor */
+};
+void qdr_call_begin(struct qdr_call *call);
+void qdr_call_end(struct qdr_call *call);
+struct qdr_call *qdr_current_call(void); /* of this task, or null */
+/* Frees what a release left, once no task can use it any more. */
+void qdr_free_deferred(struct qdr_call *call);
+
+/* ---- Device numbers (numbers.c) ---------------------------------------------------------------------------------- */
+
+/* Chooses the number that the core sees for a new disk instance, into disk->{major,first_minor,minors}. 0 or -ENOSPC. */
+int qdr_number_disk(struct qdr_gendisk *disk, struct gendisk *kernel_disk);
+/* What the core sees for partition `partno` of the disk (0: the whole disk); 0 when it has no number for it. */
+qdr_kdev_t qdr_kdev_of(struct qdr_gendisk *disk, unsigned int partno);
+/* Translates the number in a command's record before the core reads it, and the one in the answer. */
+void qdr_translate_record(struct qdr_call *call, qdr_user_addr record);
+void qdr_translate_answer(const struct qdr_call *call, void *record, size_t bytes);
+
+/* ---- Disks and devices (devices.c) ------------------------------------------------------------------------------- */
+
+struct qdr_request_queue {
+	spinlock_t lock;
+	qdr_make_request_fn *fn;
+};
+
+struct qdr_gendisk {
+	struct hlist_node hash;
+	struct gendisk *disk; /* valid while one of its devices is open here, or a bio for it is at hand */
+	u64 diskseq;
+	u32 major, first_minor, minors; /* as the core sees them */
+	bool alias;                     /* they are not the real ones */
+	struct qdr_request_queue queue;
+	struct qdr_block_device *whole;
+};
+
+struct qdr_block_device {
+	struct list_head list;
+	qdr_kdev_t kdev;
+	dev_t real;
+	struct qdr_gendisk *disk;  /* null: there is no such device */
+	struct block_device *bdev; /* open, or null */
+};
+
+/* The instance of a live disk, or null when the core never met it. Any context. */
+struct qdr_gendisk *qdr_find_disk(const struct gendisk *disk);
+static inline bool qdr_is_hooked(const struct qdr_gendisk *disk);
+/* Opens the device of real number `real`, makes what the core needs to know of it. Null when there is none that can be
+ * used. May sleep. */
+struct qdr_block_device *qdr_open_real(dev_t real);
+/* Whether some hooked disk has one of these numbers. The caller is numbers.c, inside qdr_number_disk. */
+bool qdr_numbers_in_use(u32 major, u32 first, u32 count);
+/* Files of the control device come and go; with the last one every device is closed. */
+void qdr_files_begin(void);
+void qdr_files_end(void);
+void qdr_devices_exit(void);
+struct block_device *qdr_kernel_bdev(struct qdr_block_device *bdev); /* open, or null */
+dev_t qdr_real_number(qdr_kdev_t kdev);                             /* 0 when the core has no such device */
+
+/* ---- Interception (intercept.c) ---------------------------------------------------------------------------------- */
+
+int qdr_intercept_init(void);
+void qdr_intercept_exit(void); /* the core is gone; returns when no task is inside any more */
+void qdr_wait_for_hooks(void); /* returns when every task that is inside a hook now has left it */
+qdr_make_request_fn qdr_original; /* a queue's own function */
+
+static inline bool qdr_is_hooked(const struct qdr_gendisk *disk)
+{
+	return READ_ONCE(disk->queue.fn) != qdr_original;
+}
+
+/* ---- The rest ------------------------------------------------------------------------------------------------------ */
+
+/* To be called by every operation that may sleep: interrupts come back on when no spin lock of the driver is held. */
+void qdr_may_sleep(void);
+gfp_t qdr_gfp(qdr_gfp_type gfp);
+void *qdr_kzalloc_nofail(size_t bytes); /* counted; for kfree, by way of qk_kfree */
+int qdr_bios_init(void);
+void qdr_bios_exit(void);
+int qdr_buffers_init(void);
+void qdr_buffers_exit(void);
+
+#endif

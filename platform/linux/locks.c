@@ -1,0 +1,138 @@
+/*
+ * Locks. The driver's spin locks all switch interrupts off, so the number held is counted for the processor: with
+ * interrupts off and the count at zero nothing is held, and an operation that may sleep can put interrupts back on.
+ * (One function of the core returns with interrupts still off, by its own rules.)
+ */
+#include "glue.h"
+
+#include <linux/delay.h>
+#include <linux/percpu.h>
+#include <linux/sched/signal.h>
+
+static DEFINE_PER_CPU(unsigned int, spin_locks_held);
+
+static bool spin_lock_held(void)
+{
+	return irqs_disabled() && this_cpu_read(spin_locks_held);
+}
+
+void qdr_may_sleep(void)
+{
+	if (unlikely(irqs_disabled()) && !this_cpu_read(spin_locks_held))
+		local_irq_enable();
+}
+
+void qk_spin_lock_init(spinlock_t *lock)
+{
+	spin_lock_init(lock);
+}
+
+void qk_spin_lock_irqsave(spinlock_t *lock, unsigned long *flags)
+{
+	unsigned long saved;
+
+	spin_lock_irqsave(lock, saved);
+	*flags = saved;
+	this_cpu_inc(spin_locks_held);
+}
+
+void qk_spin_unlock_irqrestore(spinlock_t *lock, unsigned long flags)
+{
+	this_cpu_dec(spin_locks_held);
+	spin_unlock_irqrestore(lock, flags);
+}
+
+void qk_sema_init(struct semaphore *sem, int count)
+{
+	sema_init(sem, count);
+}
+
+void qk_down(struct semaphore *sem)
+{
+	qdr_may_sleep();
+	down(sem);
+}
+
+/* A signal ends one wait. Left pending it would end every later one at once, and the worker would never sleep again. */
+int qk_down_interruptible(struct semaphore *sem)
+{
+	int result;
+
+	qdr_may_sleep();
+	result = down_interruptible(sem);
+	if (result && (current->flags & PF_KTHREAD))
+		flush_signals(current);
+	return result;
+}
+
+int qk_down_trylock(struct semaphore *sem)
+{
+	return down_trylock(sem);
+}
+
+void qk_up(struct semaphore *sem)
+{
+	up(sem);
+}
+
+void qk_init_rwsem(struct rw_semaphore *sem)
+{
+	init_rwsem(sem);
+}
+
+void qk_down_read(struct rw_semaphore *sem)
+{
+	qdr_may_sleep();
+	down_read(sem);
+}
+
+void qk_up_read(struct rw_semaphore *sem)
+{
+	up_read(sem);
+}
+
+void qk_down_write(struct rw_semaphore *sem)
+{
+	qdr_may_sleep();
+	down_write(sem);
+}
+
+void qk_up_write(struct rw_semaphore *sem)
+{
+	up_write(sem);
+}
+
+void qk_init_completion(struct completion *c)
+{
+	init_completion(c);
+}
+
+void qk_complete(struct completion *c)
+{
+	complete(c);
+}
+
+void qk_wait_for_completion(struct completion *c)
+{
+	qdr_may_sleep();
+	wait_for_completion(c);
+}
+
+/*
+ * The core calls this in loops that wait for another task. A short sleep lets that task run whatever its priority is.
+ * With a spin lock held only another processor can be waited for.
+ */
+void qk_schedule(void)
+{
+	if (spin_lock_held()) {
+		cpu_relax();
+		return;
+	}
+	qdr_may_sleep();
+	usleep_range(20, 60);
+}
+
+void qk_set_current_running(void)
+{
+	__set_current_state(TASK_RUNNING);
+}

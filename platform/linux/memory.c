@@ -1,0 +1,257 @@
+/*
+ * Memory: allocations, pages, slab caches, the caller's memory; and the count of all that is held.
+ *
+ * Each kmalloc has a header in front. A file's release frees records that a task inside a hook may still look at; what
+ * the releasing task frees is therefore chained through the headers and freed once those tasks have left.
+ */
+#include "glue.h"
+
+#include <linux/highmem.h>
+#include <linux/uaccess.h>
+#include <linux/vmalloc.h>
+
+atomic_t qdr_held[QDR_HELD_KINDS];
+
+static const char *const held_names[QDR_HELD_KINDS] = {
+	[QDR_HELD_PAGES] = "pages",     [QDR_HELD_ALLOCATIONS] = "allocations",
+	[QDR_HELD_AREAS] = "areas",     [QDR_HELD_CACHES] = "caches",
+	[QDR_HELD_OBJECTS] = "objects", [QDR_HELD_BIOS] = "bios",
+	[QDR_HELD_BUFFERS] = "buffers", [QDR_HELD_DEVICES] = "devices",
+	[QDR_HELD_SUPERS] = "supers",   [QDR_HELD_THREADS] = "threads",
+};
+
+int qdr_print_held(char *to, size_t bytes)
+{
+	int used = 0;
+	int i;
+
+	for (i = 0; i < QDR_HELD_KINDS; i++)
+		used += scnprintf(to + used, bytes - used, "%s%s=%d", i ? " " : "", held_names[i],
+				  atomic_read(&qdr_held[i]));
+	return used;
+}
+
+bool qdr_holds_anything(void)
+{
+	int i;
+
+	for (i = 0; i < QDR_HELD_KINDS; i++)
+		if (atomic_read(&qdr_held[i]))
+			return true;
+	return false;
+}
+
+static void *held(void *p, enum qdr_held kind)
+{
+	if (p)
+		atomic_inc(&qdr_held[kind]);
+	return p;
+}
+
+/* The driver reports what it could not get; the kernel need not. */
+gfp_t qdr_gfp(qdr_gfp_type gfp)
+{
+	gfp_t result = __GFP_NOWARN;
+
+	switch (gfp & ~QDR_GFP_NOFAIL) {
+	case QDR_GFP_NOIO:
+		result |= GFP_NOIO;
+		break;
+	case QDR_GFP_HIGHUSER:
+		result |= GFP_HIGHUSER;
+		break;
+	default:
+		result |= GFP_KERNEL;
+		break;
+	}
+	if (gfp & QDR_GFP_NOFAIL)
+		result |= __GFP_NOFAIL;
+	return result;
+}
+
+/* ---- kmalloc ------------------------------------------------------------------------------------------------------- */
+
+struct header {
+	void *next; /* freed by the same release */
+} __aligned(ARCH_KMALLOC_MINALIGN);
+
+static void *allocate(size_t bytes, gfp_t gfp)
+{
+	struct header *header;
+
+	qdr_may_sleep();
+	header = held(kmalloc(bytes + sizeof(struct header), gfp), QDR_HELD_ALLOCATIONS);
+	return header ? header + 1 : NULL;
+}
+
+void *qk_kmalloc(size_t bytes, qdr_gfp_type gfp)
+{
+	return allocate(bytes, qdr_gfp(gfp));
+}
+
+void *qdr_kzalloc_nofail(size_t bytes)
+{
+	return memset(allocate(bytes, GFP_NOIO | __GFP_NOFAIL), 0, bytes);
+}
+
+static void free_now(struct header *header)
+{
+	kfree(header);
+	atomic_dec(&qdr_held[QDR_HELD_ALLOCATIONS]);
+}
+
+/* Also called with spin locks held. */
+void qk_kfree(const void *p)
+{
+	struct header *header = (struct header *)p - 1;
+	struct qdr_call *call;
+
+	if (!p)
+		return;
+	call = qdr_current_call();
+	if (call && call->release) {
+		header->next = call->freed;
+		call->freed = header;
+	} else {
+		free_now(header);
+	}
+}
+
+void qdr_free_deferred(struct qdr_call *call)
+{
+	if (!call->freed)
+		return;
+	qdr_wait_for_hooks();
+	while (call->freed) {
+		struct header *header = call->freed;
+
+		call->freed = header->next;
+		free_now(header);
+	}
+}
+
+void *qk_vmalloc(unsigned long bytes)
+{
+	qdr_may_sleep();
+	return held(__vmalloc(bytes, GFP_KERNEL | __GFP_NOWARN), QDR_HELD_AREAS);
+}
+
+void qk_vfree(const void *p)
+{
+	if (!p)
+		return;
+	qdr_may_sleep();
+	vfree(p);
+	atomic_dec(&qdr_held[QDR_HELD_AREAS]);
+}
+
+/* ---- Pages --------------------------------------------------------------------------------------------------------- */
+
+struct page *qk_alloc_page(qdr_gfp_type gfp)
+{
+	qdr_may_sleep();
+	return held(alloc_page(qdr_gfp(gfp)), QDR_HELD_PAGES);
+}
+
+/* References are counted, not pages: a page that user space has mapped outlives the driver's interest in it. */
+void qk_free_page_ref(struct page *p)
+{
+	__free_page(p);
+	atomic_dec(&qdr_held[QDR_HELD_PAGES]);
+}
+
+/* Taken for a mapping of user space, which gives it back by itself. */
+void qk_get_page(struct page *p)
+{
+	get_page(p);
+}
+
+void *qk_kmap(struct page *p)
+{
+	qdr_may_sleep();
+	return kmap(p);
+}
+
+void qk_kunmap(struct page *p)
+{
+	kunmap(p);
+}
+
+void *qk_page_address(struct page *p)
+{
+	return page_address(p);
+}
+
+/* ---- Slab caches --------------------------------------------------------------------------------------------------- */
+
+struct kmem_cache *qk_kmem_cache_create(const char *name, size_t bytes)
+{
+	qdr_may_sleep();
+	return held(kmem_cache_create(name, bytes, 0, SLAB_HWCACHE_ALIGN, NULL), QDR_HELD_CACHES);
+}
+
+void *qk_kmem_cache_alloc(struct kmem_cache *cache, qdr_gfp_type gfp)
+{
+	qdr_may_sleep();
+	return held(kmem_cache_alloc(cache, qdr_gfp(gfp)), QDR_HELD_OBJECTS);
+}
+
+void qk_kmem_cache_free(struct kmem_cache *cache, void *object)
+{
+	kmem_cache_free(cache, object);
+	atomic_dec(&qdr_held[QDR_HELD_OBJECTS]);
+}
+
+void qk_kmem_cache_destroy(struct kmem_cache *cache)
+{
+	if (!cache)
+		return;
+	qdr_may_sleep();
+	kmem_cache_destroy(cache);
+	atomic_dec(&qdr_held[QDR_HELD_CACHES]);
+}
+
+/* ---- The caller's memory ------------------------------------------------------------------------------------------- */
+
+static void __user *user(qdr_user_addr address)
+{
+	return (void __user *)(unsigned long)address;
+}
+
+/* A command's record names a device by its real number; the core is shown the one that it knows. */
+static void show_number(const struct qdr_call *call, void *to, qdr_user_addr from, unsigned long bytes)
+{
+	if (call && call->number_at && from == call->number_at && bytes >= sizeof(call->number))
+		memcpy(to, call->number, sizeof(call->number));
+}
+
+unsigned long qk_copy_from_user(void *to, qdr_user_addr from, unsigned long bytes)
+{
+	unsigned long missing;
+
+	qdr_may_sleep();
+	missing = copy_from_user(to, user(from), bytes);
+	if (!missing)
+		show_number(qdr_current_call(), to, from, bytes);
+	return missing;
+}
+
+unsigned long qk_copy_to_user(qdr_user_addr to, const void *from, unsigned long bytes)
+{
+	const struct qdr_call *call = qdr_current_call();
+	char answer[80];
+
+	qdr_may_sleep();
+	if (call && bytes <= sizeof(answer)) {
+		memcpy(answer, from, bytes);
+		qdr_translate_answer(call, answer, bytes);
+		from = answer;
+	}
+	return copy_to_user(user(to), from, bytes);
+}
+
+int qk_put_user_u32(u32 value, qdr_user_addr to)
+{
+	qdr_may_sleep();
+	return put_user(value, (u32 __user *)user(to)) ? -EFAULT : 0;
+}

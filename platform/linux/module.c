@@ -1,0 +1,126 @@
+/*
+ * Load and unload, parameters, the log.
+ *
+ * The order at unload matters: the core gives every queue its own function back, then the interception waits until no
+ * task is inside, and only then goes what such a task may use.
+ */
+#include "glue.h"
+#include "quendrel.h"
+
+#include <linux/moduleparam.h>
+
+static int show_held(char *to, const struct kernel_param *kp)
+{
+	int bytes = qdr_print_held(to, PAGE_SIZE - 1);
+
+	to[bytes] = '\n';
+	return bytes + 1;
+}
+
+static const struct kernel_param_ops held_ops = {.get = show_held};
+module_param_cb(held, &held_ops, NULL, 0444);
+MODULE_PARM_DESC(held, "what the module holds now, by kind");
+
+/* ---- The log ------------------------------------------------------------------------------------------------------- */
+
+/*
+ * The core's formats begin with "<level>", which kernels of today no longer read, and its %p is plain hexadecimal, which
+ * they have under another name.
+ */
+int qk_printk(const char *format, ...)
+{
+	char copy[320];
+	size_t n = 0;
+	va_list args;
+	int result;
+
+	if (format[0] == '<' && format[1] >= '0' && format[1] <= '7' && format[2] == '>') {
+		copy[n++] = KERN_SOH[0];
+		copy[n++] = format[1];
+		format += 3;
+	}
+	while (*format && n < sizeof(copy) - 3) {
+		copy[n++] = *format;
+		if (format[0] == '%' && format[1] == 'p') {
+			copy[n++] = 'p';
+			copy[n++] = 'x';
+			format++;
+		} else if (format[0] == '%' && format[1] == '%') {
+			copy[n++] = '%';
+			format++;
+		}
+		format++;
+	}
+	copy[n] = '\0';
+	va_start(args, format);
+	result = vprintk(copy, args);
+	va_end(args);
+	return result;
+}
+
+/* The core's side of this is in inlines.h, and stops the task behind the call. */
+void qk_report_bug(const char *file, int line);
+void qk_report_bug(const char *file, int line)
+{
+	pr_crit("quendrel: inconsistency found at %s:%d\n", file, line);
+}
+
+int qk_sprintf(char *to, const char *format, ...)
+{
+	va_list args;
+	int result;
+
+	va_start(args, format);
+	result = vsprintf(to, format, args);
+	va_end(args);
+	return result;
+}
+
+/* ---- Load and unload ----------------------------------------------------------------------------------------------- */
+
+static int __init quendrel_init(void)
+{
+	int result = qdr_bios_init();
+
+	if (result)
+		return result;
+	result = qdr_buffers_init();
+	if (result)
+		goto no_buffers;
+	result = qdr_intercept_init();
+	if (result)
+		goto no_interception;
+	qk_driver_static_init();
+	result = qk_driver_init();
+	if (!result)
+		return 0;
+	qdr_intercept_exit();
+no_interception:
+	qdr_buffers_exit();
+no_buffers:
+	qdr_bios_exit();
+	return result;
+}
+
+static void __exit quendrel_exit(void)
+{
+	qk_driver_exit();
+	qdr_intercept_exit();
+	qdr_devices_exit();
+	qdr_buffers_exit();
+	qdr_bios_exit();
+	if (qdr_holds_anything()) {
+		char held[256];
+
+		qdr_print_held(held, sizeof(held));
+		pr_warn("quendrel: left behind at unload: %s\n", held);
+	}
+}
+
+module_init(quendrel_init);
+module_exit(quendrel_exit);
+MODULE_LICENSE("GPL");
+MODULE_DESCRIPTION("point-in-time images of mounted block devices, and the blocks written between them");
+#define TEXT_OF(number) #number
+#define TEXT(number) TEXT_OF(number)
+MODULE_VERSION(TEXT(QUENDREL_VERSION_MAJOR) "." TEXT(QUENDREL_VERSION_MINOR) "." TEXT(QUENDREL_VERSION_MINOR2));

@@ -1,0 +1,106 @@
+/*
+ * Device numbers as the core sees them.
+ *
+ * The core's tables hold majors and minors below 256, and take partition n of a disk to be its first minor plus n. Most
+ * disks are numbered like that. Those that are not (NVMe: major 259, partitions anywhere) get a row of numbers of major
+ * 0, which no block device has, and so does a disk that comes under the number of one that has gone while it was being
+ * tracked: tracking knows nothing of what happened to a disk that was away, and must not be continued on it.
+ *
+ * The numbers go with the disk instance until unload. User space always names a device by its real number: the numbers
+ * in commands and answers are translated on the way.
+ */
+#include "glue.h"
+#include "quendrel.h"
+
+#include <linux/uaccess.h>
+
+#define ALIAS_MAJOR 0
+#define NUMBERS 256 /* of majors, of minors */
+
+static u32 next_alias = 1; /* devices_lock; 0:0 is no device */
+
+static u32 highest_partition(struct gendisk *disk)
+{
+	struct block_device *part;
+	unsigned long index, highest = 0;
+
+	xa_for_each(&disk->part_tbl, index, part)
+		highest = index;
+	return highest;
+}
+
+static bool real_numbers_fit(struct gendisk *disk, u32 minors)
+{
+	return disk->major > 0 && disk->major < NUMBERS && disk->first_minor + minors <= NUMBERS &&
+	       disk_devt(disk) == MKDEV(disk->major, disk->first_minor) && highest_partition(disk) < minors;
+}
+
+int qdr_number_disk(struct qdr_gendisk *disk, struct gendisk *kernel_disk)
+{
+	u32 minors = max(kernel_disk->minors, 1);
+
+	if (real_numbers_fit(kernel_disk, minors) &&
+	    !qdr_numbers_in_use(kernel_disk->major, kernel_disk->first_minor, minors)) {
+		disk->major = kernel_disk->major;
+		disk->first_minor = kernel_disk->first_minor;
+		disk->minors = minors;
+		return 0;
+	}
+	minors = kernel_disk->flags & GENHD_FL_NO_PART ? 1 : roundup(highest_partition(kernel_disk) + 1, 16);
+	if (next_alias + minors > NUMBERS) {
+		pr_warn("quendrel: no device number is left for %s: unload the module and load it again\n",
+			kernel_disk->disk_name);
+		return -ENOSPC;
+	}
+	disk->major = ALIAS_MAJOR;
+	disk->first_minor = next_alias;
+	disk->minors = minors;
+	disk->alias = true;
+	next_alias += minors;
+	pr_info("quendrel: %s (%u:%u) is major=%u minor=%u in the lines of this log\n", kernel_disk->disk_name,
+		MAJOR(disk_devt(kernel_disk)), MINOR(disk_devt(kernel_disk)), disk->major, disk->first_minor);
+	return 0;
+}
+
+qdr_kdev_t qdr_kdev_of(struct qdr_gendisk *disk, unsigned int partno)
+{
+	return partno < disk->minors ? disk->major << 20 | (disk->first_minor + partno) : 0;
+}
+
+/* StartBackup and GetBlockSize begin with a number. */
+void qdr_translate_record(struct qdr_call *call, qdr_user_addr record)
+{
+	struct qdr_block_device *device;
+	u32 number[2];
+
+	if (call->cmd != QUENDREL_START_BACKUP && call->cmd != QUENDREL_GET_BLOCK_SIZE)
+		return;
+	if (copy_from_user(number, (void __user *)(unsigned long)record, sizeof(number)))
+		return;
+	if (number[0] > MAJOR(~0U) || number[1] > MINORMASK)
+		return;
+	device = qdr_open_real(MKDEV(number[0], number[1]));
+	if (!device)
+		return;
+	call->number[0] = device->kdev >> 20;
+	call->number[1] = device->kdev & MINORMASK;
+	call->number_at = record;
+}
+
+/* So do the answers BlockSize, State and AutoMapState. */
+void qdr_translate_answer(const struct qdr_call *call, void *record, size_t bytes)
+{
+	u32 *number = record;
+	dev_t real;
+
+	if (call->cmd != QUENDREL_GET_BLOCK_SIZE && call->cmd != QUENDREL_GET_STATE &&
+	    call->cmd != QUENDREL_GET_AUTOMAP_STATE)
+		return;
+	if (bytes < 2 * sizeof(*number) || number[0] != ALIAS_MAJOR || !number[1])
+		return;
+	real = qdr_real_number(number[0] << 20 | number[1]);
+	if (!real)
+		return;
+	number[0] = MAJOR(real);
+	number[1] = MINOR(real);
+}
