@@ -22,7 +22,7 @@ static struct bio_set pool;
 
 int qdr_bios_init(void)
 {
-	return bioset_init(&pool, POOL_BIOS, offsetof(struct own_bio, bio), 0);
+	return bioset_init(&pool, POOL_BIOS, offsetof(struct own_bio, bio), BIOSET_NEED_BVECS);
 }
 
 void qdr_bios_exit(void)
