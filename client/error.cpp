@@ -50,6 +50,8 @@ std::string errnoText(std::string_view command, int number)
         return number == EPIPE || number == ECONNRESET ? text + " (the daemon ended the connection; see its log)"
                                                        : text;
     switch (number) {
+    case ENOTTY:
+        return "this is not the control device";
     case ENOENT:
         return text + " (is the driver loaded, or the daemon running with this run directory? \"modprobe quendrel\" loads "
                       "the driver)";

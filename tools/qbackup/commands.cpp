@@ -8,6 +8,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <sys/sysmacros.h>
+
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -33,7 +35,7 @@ quendrel::ControlDevice openControl(const fs::path& control)
         } catch (const quendrel::Error& error) {
             const bool busy = error.code() == QUENDREL_BUSY || error.code() == -EBUSY;
             if (!busy || std::chrono::steady_clock::now() >= give_up)
-                throw Failure{busy ? Exit::busy : Exit::failed, error.what()};
+                throw Failure{busy ? Exit::busy : Exit::refused, error.what()};
         }
         std::this_thread::sleep_for(std::chrono::milliseconds{100});
     }
@@ -44,8 +46,8 @@ void requireControl(const fs::path& control)
     std::error_code error;
     if (!fs::exists(control, error))
         throw Failure{Exit::refused, "there is no control device at " + control.string() +
-                                         ": load the driver or start the daemon, or name its socket with --control "
-                                         "or QUENDREL_CONTROL"};
+                                         ": load the driver (modprobe quendrel) or start the daemon, and name its "
+                                         "socket with --control or QUENDREL_CONTROL"};
 }
 
 json describe(const StoredBackup& backup)
@@ -85,6 +87,12 @@ int commandBackup(const CommonOptions& common, const BackupOptions& options, con
     const DeviceCatalog catalog{common.control, host};
     BackupJob job{catalog.find(options.device), options.wanted, options.cacheBlocks};
     refuseUnfitDevice(job.device);
+    if (catalog.runDirectory().empty()) {
+        refuseUnfitFileSystem(job.device);
+        job.instance = [&host, number = makedev(job.device.number.major, job.device.number.minor)] {
+            return host.instance(number);
+        };
+    }
     refuseOnDevice(job.device, host, options.target, "the target directory");
     refuseOnDevice(job.device, host, catalog.runDirectory(), "the daemon's run directory");
     refuseOutputOnDevice(job.device, host);

@@ -36,8 +36,12 @@ bool isSocket(const fs::path& path)
 
 DeviceCatalog::DeviceCatalog(const fs::path& control, HostBlocks host) : host_{std::move(host)}
 {
-    if (!isSocket(control))
+    if (!isSocket(control)) {
+        for (const dev_t number : host_.mounted())
+            if (auto device = describe({major(number), minor(number)}))
+                devices_.push_back(std::move(*device));
         return;
+    }
     run_directory_ = fs::absolute(control).parent_path();
     load(run_directory_ / "disks.json");
 }
@@ -100,25 +104,41 @@ Device DeviceCatalog::find(const std::string& text) const
 
 Device DeviceCatalog::findOnHost(const std::string& text) const
 {
-    Device device;
-    if (const auto number = parseNumber(text)) {
-        device.number = *number;
-    } else {
-        const fs::path path = text.find('/') == std::string::npos ? fs::path{"/dev"} / text : fs::path{text};
-        const auto node = blockNumber(path);
+    auto number = parseNumber(text);
+    if (!number) {
+        const fs::path dev{"/dev"};
+        const std::vector<fs::path> places = text.find('/') == std::string::npos
+                                                 ? std::vector{dev / text, dev / "mapper" / text}
+                                                 : std::vector{fs::path{text}};
+        std::optional<dev_t> node;
+        for (std::size_t i = 0; i < places.size() && !node; ++i)
+            node = blockNumber(places[i]);
         if (!node)
-            throw Failure{Exit::refused, path.string() + " is not a block device; name one as sda1, 8:1 or /dev/sda1"};
-        device.number = {major(*node), minor(*node)};
+            throw Failure{Exit::refused, places[0].string() +
+                                             " is not a block device; name one as sda1, 8:1, /dev/sda1, "
+                                             "/dev/disk/by-uuid/... or /dev/mapper/..."};
+        number = {major(*node), minor(*node)};
     }
-    const dev_t number = makedev(device.number.major, device.number.minor);
-    const auto node = host_.node(number);
+    if (auto device = describe(*number))
+        return std::move(*device);
+    throw Failure{Exit::refused, "this machine has no block device " + text};
+}
+
+std::optional<Device> DeviceCatalog::describe(quendrel::DeviceNumber number) const
+{
+    const dev_t on_host = makedev(number.major, number.minor);
+    const auto node = host_.node(on_host);
     if (!node)
-        throw Failure{Exit::refused, "this machine has no block device " + text};
+        return std::nullopt;
+    Device device;
     device.name = node->name;
+    device.number = number;
     device.bytes = node->bytes;
-    device.hostDevices = {number};
-    if (node->partitioned)
-        device.partitions = {node->name + "1"};
+    device.partitions = node->partitions;
+    device.holders = node->holders;
+    device.hostDevices = {on_host};
+    if (const auto mounts = host_.mountsOf(on_host); !mounts.empty())
+        device.type = mounts.front().type;
     return device;
 }
 

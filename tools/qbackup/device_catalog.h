@@ -16,11 +16,12 @@ namespace qbackup
 {
 
 struct Device {
-    std::string name; // "sda1"; "8-1" when nothing better is known
+    std::string name; // "sda1"
     quendrel::DeviceNumber number;
     std::uint64_t bytes = 0;             // 0: not known, ask the driver
     std::string type;                    // of the file system; empty when not known
     std::vector<std::string> partitions; // of a whole disk: their names
+    std::vector<std::string> holders;    // of a disk or partition: what it is a part of, as a logical volume
     std::set<dev_t> hostDevices;         // the device as this host sees it: what is mounted when it is mounted here
 };
 
@@ -30,9 +31,10 @@ class DeviceCatalog
     // `control`: the control device node or socket.
     DeviceCatalog(const fs::path& control, HostBlocks host);
 
-    // `text`: "sda1", "8:1" or "/dev/sda1". Throws Failure (refused) with the names that there are.
+    // `text`: "sda1", "8:1" or "/dev/sda1"; on this host any path that leads to a block device, too, and the name of a
+    // device-mapper device. Throws Failure (refused) with the names that there are.
     Device find(const std::string& text) const;
-    // The daemon's disks and partitions, in order; empty for a device node.
+    // The daemon's disks and partitions, in order; this host's mounted devices for a device node.
     const std::vector<Device>& listed() const noexcept { return devices_; }
     // The directory where the daemon keeps its files; empty for a device node.
     const fs::path& runDirectory() const noexcept { return run_directory_; }
@@ -40,6 +42,7 @@ class DeviceCatalog
   private:
     void load(const fs::path& disks_json);
     Device findOnHost(const std::string& text) const;
+    std::optional<Device> describe(quendrel::DeviceNumber number) const;
 
     HostBlocks host_;
     fs::path run_directory_;

@@ -82,7 +82,10 @@ class Session
         manifest_.deviceBytes = bytes;
         manifest_.blockSize = geometry.blockSize;
         manifest_.blocks = static_cast<std::uint32_t>(blocks);
+        manifest_.instance = instance();
     }
+
+    std::string instance() const { return job_.instance ? job_.instance() : std::string{}; }
 
     // The stored backup that an incremental would build on, or the reason why there can be none.
     void choosePrevious()
@@ -103,6 +106,11 @@ class Session
         if (m.number != manifest_.number || m.blockSize != manifest_.blockSize || m.blocks != manifest_.blocks ||
             m.deviceBytes != manifest_.deviceBytes) {
             giveUpIncremental("the device is not of the size and number it had at backup " + m.id);
+            return;
+        }
+        if (m.instance != manifest_.instance) {
+            giveUpIncremental("the device was not there all the time since backup " + m.id +
+                              ": the machine was started anew, or the disk was taken away, laid out anew or replaced");
             return;
         }
         try {
@@ -234,6 +242,8 @@ class Session
             lost("the driver's tracking of the device fell out of sync during the backup");
         if (tracking.key != manifest_.key)
             lost("another program took a snapshot of the device during the backup");
+        if (instance() != manifest_.instance)
+            lost("the disk was taken away or replaced during the backup");
     }
 
     void expectState(unsigned expected, const char* when)

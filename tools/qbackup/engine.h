@@ -2,6 +2,8 @@
 //
 // Whatever goes wrong after the snapshot has given the tracking session a new key that no stored backup has, so the
 // next run finds that its key does not match and takes a full backup: a failed run never leaves a gap in a chain.
+// The key belongs to a device number. Whether the same disk has stood behind it all the time is asked of the host: a disk
+// that was taken away may have been written to elsewhere.
 #pragma once
 
 #include "client/control_device.h"
@@ -11,6 +13,7 @@
 #include "repository.h"
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 namespace qbackup
@@ -22,6 +25,9 @@ struct BackupJob {
     Device device;
     Wanted wanted = Wanted::automatic;
     std::uint32_t cacheBlocks = 0; // 0: default_cache_bytes' worth
+    // What the device is known by as long as it is there, asked before the start and again at the end. Empty where
+    // devices cannot be exchanged behind the driver's back.
+    std::function<std::string()> instance{};
 };
 
 constexpr std::uint64_t default_cache_bytes = 256ULL << 20;

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -43,20 +44,51 @@ std::string unescape(const std::string& text)
     return out;
 }
 
-// The number of the device that `path` lies on, or that of the nearest directory above it that exists.
-std::optional<dev_t> fileSystemOf(fs::path path)
+// `path`, or the nearest directory above it that exists.
+fs::path nearest(fs::path path)
 {
     std::error_code error;
     path = fs::absolute(path, error);
-    for (;;) {
-        struct stat st {
-        };
-        if (::stat(path.c_str(), &st) == 0)
-            return st.st_dev;
-        if (!path.has_relative_path())
-            return std::nullopt;
+    while (!fs::exists(path, error) && path.has_relative_path())
         path = path.parent_path();
-    }
+    return path;
+}
+
+std::optional<dev_t> fileSystemOf(const fs::path& path)
+{
+    struct stat st {
+    };
+    if (::stat(path.c_str(), &st) != 0)
+        return std::nullopt;
+    return st.st_dev;
+}
+
+// The value of a file system's option, as overlays have them; nothing when it is not there.
+std::optional<std::string> option(const std::string& options, const std::string& name)
+{
+    std::istringstream fields{options};
+    for (std::string field; std::getline(fields, field, ',');)
+        if (field.starts_with(name + "="))
+            return unescape(field.substr(name.size() + 1));
+    return std::nullopt;
+}
+
+std::vector<std::string> namesIn(const fs::path& directory)
+{
+    std::vector<std::string> names;
+    std::error_code error;
+    for (fs::directory_iterator entry{directory, error}, end; !error && entry != end; entry.increment(error))
+        names.push_back(entry->path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// Device-mapper numbers change from one start to the next, the names of its devices do not.
+std::string nameOf(const fs::path& sys_directory)
+{
+    const std::string given = firstLine(sys_directory / "dm" / "name");
+    const bool usable = !given.empty() && given.find('/') == std::string::npos && given.front() != '.';
+    return usable ? given : sys_directory.filename().string();
 }
 
 bool sameFile(const fs::path& a, const fs::path& b)
@@ -80,7 +112,10 @@ std::optional<dev_t> blockNumber(const fs::path& path)
     return st.st_rdev;
 }
 
-HostBlocks::HostBlocks(fs::path sys, fs::path mountinfo) : sys_{std::move(sys)}, mountinfo_{std::move(mountinfo)} {}
+HostBlocks::HostBlocks(fs::path sys, fs::path mountinfo, fs::path boot_id)
+    : sys_{std::move(sys)}, mountinfo_{std::move(mountinfo)}, boot_id_{std::move(boot_id)}
+{
+}
 
 fs::path HostBlocks::sysDirectory(dev_t device) const
 {
@@ -97,41 +132,59 @@ std::vector<HostBlocks::Mount> HostBlocks::mounts() const
     std::ifstream in{mountinfo_};
     for (std::string line; std::getline(in, line);) {
         std::istringstream fields{line};
-        std::string id, parent, number, root, point, word, type, source;
+        std::string id, parent, number, root, point, word, type, source, options;
         fields >> id >> parent >> number >> root >> point;
         while (fields >> word && word != "-")
             ;
-        fields >> type >> source;
+        fields >> type >> source >> options;
         if (const auto device = parseNumber(number))
-            result.push_back({*device, unescape(root), unescape(point), unescape(source)});
+            result.push_back({*device, unescape(root), unescape(point), type, unescape(source), options});
     }
     return result;
 }
 
 std::set<dev_t> HostBlocks::underlying(const fs::path& path) const
 {
-    std::set<dev_t> found;
-    addPath(path, mounts(), found);
-    return found;
+    Walk walk{mounts(), {}, {}};
+    addPath(path, walk);
+    return walk.found;
 }
 
-void HostBlocks::addPath(const fs::path& path, const std::vector<Mount>& mounts, std::set<dev_t>& found) const
+void HostBlocks::addPath(const fs::path& path, Walk& walk) const
 {
-    const auto device = fileSystemOf(path);
-    if (!device)
-        return;
-    if (major(*device) != 0)
-        addDevice(*device, mounts, found);
-    // Some file systems (btrfs) show a number of their own; their mount names the device.
-    for (const Mount& mount : mounts)
-        if (mount.device == *device)
-            if (const auto source = blockNumber(mount.source))
-                addDevice(*source, mounts, found);
+    const fs::path there = nearest(path);
+    std::error_code error;
+    if (const auto device = fileSystemOf(there))
+        addFileSystem(*device, walk);
+    // A file on an overlay may bear a number that no mount has; its directory never does.
+    if (!fs::is_directory(there, error))
+        if (const auto device = fileSystemOf(there.parent_path()))
+            addFileSystem(*device, walk);
 }
 
-void HostBlocks::addDevice(dev_t device, const std::vector<Mount>& mounts, std::set<dev_t>& found) const
+void HostBlocks::addFileSystem(dev_t device, Walk& walk) const
 {
-    if (!found.insert(device).second)
+    if (major(device) != 0)
+        addDevice(device, walk);
+    for (std::size_t i = 0; i < walk.mounts.size(); ++i) {
+        const Mount mount = walk.mounts[i];
+        if (mount.device != device)
+            continue;
+        // Some file systems (btrfs) show a number of their own; their mount names the device.
+        if (const auto source = blockNumber(mount.source))
+            addDevice(*source, walk);
+        // What is written to an overlay goes to its upper directory, by a name of whoever mounted it: in a container
+        // that may mean nothing.
+        if (mount.type == "overlay" && walk.overlays.insert(device).second)
+            for (const char* name : {"upperdir", "workdir"})
+                if (const auto below = option(mount.options, name); below && fileSystemOf(*below))
+                    addPath(*below, walk);
+    }
+}
+
+void HostBlocks::addDevice(dev_t device, Walk& walk) const
+{
+    if (!walk.found.insert(device).second)
         return;
     const fs::path directory = sysDirectory(device);
     if (directory.empty())
@@ -139,10 +192,10 @@ void HostBlocks::addDevice(dev_t device, const std::vector<Mount>& mounts, std::
     std::error_code error;
     const fs::path disk = fs::exists(directory / "partition", error) ? directory.parent_path() : directory;
     if (const std::string backing = firstLine(disk / "loop" / "backing_file"); !backing.empty())
-        addPath(backing, mounts, found);
-    for (fs::directory_iterator slave{disk / "slaves", error}, end; !error && slave != end; slave.increment(error))
-        if (const auto number = parseNumber(firstLine(slave->path() / "dev")))
-            addDevice(*number, mounts, found);
+        addPath(backing, walk);
+    for (const std::string& slave : namesIn(disk / "slaves"))
+        if (const auto number = parseNumber(firstLine(disk / "slaves" / slave / "dev")))
+            addDevice(*number, walk);
 }
 
 std::set<dev_t> HostBlocks::loopsOver(const fs::path& file, std::uint64_t start) const
@@ -167,12 +220,25 @@ std::set<dev_t> HostBlocks::loopsOver(const fs::path& file, std::uint64_t start)
     return found;
 }
 
-std::optional<fs::path> HostBlocks::mountPoint(dev_t device) const
+std::vector<HostBlocks::Mounted> HostBlocks::mountsOf(dev_t device) const
 {
+    std::vector<Mounted> result;
     for (const Mount& mount : mounts())
         if (mount.device == device || blockNumber(mount.source) == device)
-            return mount.point;
-    return std::nullopt;
+            result.push_back({mount.point, mount.type});
+    return result;
+}
+
+std::set<dev_t> HostBlocks::mounted() const
+{
+    std::set<dev_t> result;
+    for (const Mount& mount : mounts()) {
+        if (major(mount.device) != 0)
+            result.insert(mount.device);
+        else if (const auto source = blockNumber(mount.source))
+            result.insert(*source);
+    }
+    return result;
 }
 
 std::optional<HostBlocks::Node> HostBlocks::node(dev_t device) const
@@ -180,14 +246,58 @@ std::optional<HostBlocks::Node> HostBlocks::node(dev_t device) const
     const fs::path directory = sysDirectory(device);
     if (directory.empty())
         return std::nullopt;
-    Node result{directory.filename().string(), 0, false};
+    Node result{nameOf(directory), 0, {}, {}};
     const std::string sectors = firstLine(directory / "size");
     result.bytes = sectors.empty() ? 0 : std::strtoull(sectors.c_str(), nullptr, 10) * 512;
     std::error_code error;
-    for (fs::directory_iterator entry{directory, error}, end; !error && entry != end; entry.increment(error))
-        if (fs::exists(entry->path() / "partition", error))
-            result.partitioned = true;
+    for (const std::string& name : namesIn(directory))
+        if (fs::exists(directory / name / "partition", error))
+            result.partitions.push_back(name);
+    for (const std::string& name : namesIn(directory / "holders"))
+        result.holders.push_back(nameOf(fs::weakly_canonical(directory / "holders" / name, error)));
     return result;
+}
+
+std::string HostBlocks::instance(dev_t device) const
+{
+    std::string text = "boot " + firstLine(boot_id_);
+    describe(device, text, 0);
+    return text;
+}
+
+void HostBlocks::describe(dev_t device, std::string& text, unsigned depth) const
+{
+    text += (depth == 0 ? "; " : " over ") + std::to_string(major(device)) + ":" + std::to_string(minor(device));
+    fs::path disk = sysDirectory(device);
+    if (disk.empty()) {
+        text += " gone";
+        return;
+    }
+    std::error_code error;
+    if (fs::exists(disk / "partition", error)) {
+        text += " from sector " + firstLine(disk / "start");
+        disk = disk.parent_path();
+    }
+    // Every disk that appears, and every change of a medium or of a loop device's file, gets a sequence number that was
+    // never used since the kernel started. Kernels before 5.15 have none; there the directory's number has to do.
+    if (const std::string sequence = firstLine(disk / "diskseq"); !sequence.empty()) {
+        text += " disk " + sequence;
+    } else if (struct stat st{}; ::stat(disk.c_str(), &st) == 0) {
+        text += " directory " + std::to_string(st.st_ino);
+    }
+    for (const char* name : {"serial", "wwid", "device/serial", "device/wwid", "dm/uuid"})
+        if (const std::string value = firstLine(disk / name); !value.empty())
+            text += std::string{" "} + name + " " + value;
+    // A logical volume can be laid over other disks while it is in use. Paths of a multipath device, and members of a
+    // RAID array, come and go without the contents being others.
+    const std::string uuid = firstLine(disk / "dm" / "uuid");
+    const bool layered = fs::exists(disk / "dm", error) && !uuid.starts_with("mpath-");
+    constexpr unsigned deepest = 16;
+    if (!layered || depth >= deepest)
+        return;
+    for (const std::string& slave : namesIn(disk / "slaves"))
+        if (const auto number = parseNumber(firstLine(disk / "slaves" / slave / "dev")))
+            describe(*number, text, depth + 1);
 }
 
 } // namespace qbackup

@@ -69,6 +69,8 @@ std::string encode(const Manifest& m)
         document["parent"] = {{"id", m.parent}, {"manifestHash", m.parentHash}};
     else
         document["fullReason"] = m.fullReason;
+    if (!m.instance.empty())
+        document["device"]["instance"] = m.instance;
     document[self_field] = selfHash(document);
     return document.dump(2) + "\n";
 }
@@ -88,6 +90,7 @@ try {
     m.device = document.at("device").at("name");
     m.number = {document.at("device").at("major").get<std::uint32_t>(),
                 document.at("device").at("minor").get<std::uint32_t>()};
+    m.instance = document.at("device").value("instance", "");
     m.blockSize = document.at("blockSize");
     m.blocks = document.at("blocks");
     m.deviceBytes = document.at("deviceBytes");

@@ -21,6 +21,7 @@ struct Manifest {
     std::string fullReason; // why this is a full backup
     std::string device;
     quendrel::DeviceNumber number;
+    std::string instance; // of the device, see HostBlocks::instance(); empty when the device cannot be exchanged
     std::uint32_t blockSize = 0;
     std::uint32_t blocks = 0;
     std::uint64_t deviceBytes = 0;

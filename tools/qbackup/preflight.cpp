@@ -11,7 +11,13 @@ namespace qbackup
 namespace
 {
 
-constexpr std::uint32_t number_limit = 256;
+std::string listed(const std::vector<std::string>& names)
+{
+    std::string text;
+    for (const std::string& name : names)
+        text += (text.empty() ? "" : ", ") + name;
+    return text;
+}
 
 std::string refusal(const Device& device, const std::string& place, const std::string& role)
 {
@@ -41,24 +47,23 @@ std::uint64_t freeBytes(const fs::path& path)
 
 void refuseUnfitDevice(const Device& device)
 {
-    const auto [major_number, minor_number] = device.number;
-    if (major_number >= number_limit || minor_number >= number_limit) {
-        std::string text = device.name + " has device number " + toString(device.number) +
-                           ", and the driver takes only major and minor numbers below 256.";
-        if (major_number == 259)
-            text += " Major 259 is what today's kernels give to NVMe disks and to partitions added with partx: such "
-                    "a device cannot be backed up this way.";
-        throw Failure{Exit::refused, text + " Use a device with smaller numbers (sd, vd, loop, md, dm)"};
-    }
-    if (!device.partitions.empty()) {
-        std::string names;
-        for (const std::string& name : device.partitions)
-            names += (names.empty() ? "" : ", ") + name;
+    if (!device.partitions.empty())
         throw Failure{Exit::refused, device.name +
                                          " is a whole disk with partitions, and its writes belong to them; "
                                          "back up its partitions one by one: " +
-                                         names};
-    }
+                                         listed(device.partitions)};
+    if (!device.holders.empty() && device.type.empty())
+        throw Failure{Exit::refused, device.name + " has no file system mounted and is a part of " +
+                                         listed(device.holders) + "; back up what is mounted there"};
+}
+
+void refuseUnfitFileSystem(const Device& device)
+{
+    // It may span several devices, and freezes none of them by itself.
+    if (device.type == "btrfs")
+        throw Failure{Exit::refused, device.name +
+                                         " is mounted as btrfs, which cannot be frozen through its device; the driver "
+                                         "backs up ext2, ext3, ext4 and xfs"};
 }
 
 void refuseOnDevice(const Device& device, const HostBlocks& host, const fs::path& place, const std::string& role)
@@ -86,17 +91,22 @@ std::optional<std::string> checkSpace(const Device& device, const HostBlocks& ho
 {
     const std::uint64_t available = freeBytes(target);
     for (const dev_t node : device.hostDevices) {
-        const auto mounted = host.mountPoint(node);
-        struct statvfs info {
-        };
-        if (!mounted || ::statvfs(mounted->c_str(), &info) != 0)
-            continue;
-        const std::uint64_t used = std::uint64_t{info.f_blocks - info.f_bfree} * info.f_frsize;
-        if (used > available)
-            throw Failure{Exit::refused, "a full backup of " + device.name + " does not fit: its file system has " +
-                                             formatBytes(used) + " in use and " + target.string() + " has " +
-                                             formatBytes(available) +
-                                             " free. Free some space there or choose another target"};
+        for (const auto& mounted : host.mountsOf(node)) {
+            struct stat st {
+            };
+            struct statvfs info {
+            };
+            // Another file system may be mounted over it.
+            if (::stat(mounted.point.c_str(), &st) != 0 || st.st_dev != node ||
+                ::statvfs(mounted.point.c_str(), &info) != 0)
+                continue;
+            const std::uint64_t used = std::uint64_t{info.f_blocks - info.f_bfree} * info.f_frsize;
+            if (used > available)
+                throw Failure{Exit::refused, "a full backup of " + device.name + " does not fit: its file system has " +
+                                                 formatBytes(used) + " in use and " + target.string() + " has " +
+                                                 formatBytes(available) +
+                                                 " free. Free some space there or choose another target"};
+        }
     }
     if (device.bytes > available)
         return target.string() + " has " + formatBytes(available) + " free; a full backup of " + device.name +

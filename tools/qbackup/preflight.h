@@ -10,9 +10,12 @@
 namespace qbackup
 {
 
-// Throws Failure (refused) when the device cannot be backed up at all: a device number of 256 or more, a whole disk
-// that has partitions.
+// Throws Failure (refused) when the device cannot be backed up at all: a whole disk that has partitions, a part of
+// another device.
 void refuseUnfitDevice(const Device& device);
+
+// Throws Failure (refused) when this host's kernel cannot freeze the file system mounted on the device.
+void refuseUnfitFileSystem(const Device& device);
 
 // Throws Failure (refused) when `place` lies on the device itself: what is written there during the backup would
 // change what is being backed up, and waits while the file system is frozen. `role` as in "the target directory".

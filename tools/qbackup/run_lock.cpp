@@ -30,6 +30,7 @@ std::string describe(const File& file)
 File openOrCreate(const fs::path& path)
 {
     std::error_code error;
+    fs::create_directories(path.parent_path(), error); // a machine without an init may lack /run/lock
     return File{path, O_RDWR | O_NOFOLLOW | (fs::exists(path, error) ? 0 : O_CREAT), 0660};
 }
 
@@ -93,7 +94,8 @@ fs::path RunLock::placeFor(const fs::path& control)
     const fs::path path = fs::absolute(control);
     if (::stat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode))
         return path.parent_path() / "qbackup.lock";
-    return fs::path{"/run/lock"} / ("qbackup-" + path.filename().string() + ".lock");
+    // Whatever a node is called, there is one driver behind all of them.
+    return "/run/lock/qbackup-quendrel.lock";
 }
 
 } // namespace qbackup

@@ -208,6 +208,42 @@ TEST(Engine, DeviceOfAnotherSizeGivesAFullBackup)
     EXPECT_EQ(Repository{machine.repository()}.backups().size(), 1u);
 }
 
+// The driver's key knows nothing of it: it goes with the number.
+TEST(Engine, DiskThatWasAwayGivesAFullBackup)
+{
+    Machine machine;
+    machine.instance = "boot 1; 8:1 disk 3";
+    machine.backup();
+    machine.driver.write(7, 9);
+    EXPECT_EQ(machine.backup().backup.manifest.mode, Mode::incremental);
+    machine.driver.write(8, 9);
+    machine.instance = "boot 1; 8:1 disk 4";
+    const BackupReport report = machine.backup();
+    EXPECT_EQ(report.backup.manifest.mode, Mode::full);
+    EXPECT_TRUE(report.fellBack);
+    EXPECT_NE(report.backup.manifest.fullReason.find("not there all the time"), std::string::npos);
+    machine.driver.write(9, 9);
+    EXPECT_EQ(machine.backup().backup.manifest.mode, Mode::incremental);
+}
+
+TEST(Engine, ChainThatDoesNotSayWhichDiskGivesAFullBackup)
+{
+    Machine machine;
+    machine.backup();
+    machine.driver.write(7, 9);
+    machine.instance = "boot 1; 8:1 disk 3";
+    EXPECT_EQ(machine.backup().backup.manifest.mode, Mode::full);
+}
+
+TEST(Engine, DiskReplacedDuringTheBackupFailsIt)
+{
+    Machine machine;
+    machine.instance = "boot 1; 8:1 disk 3";
+    onCommand(machine, QUENDREL_READ_BLOCKS, 2, [&] { machine.instance = "boot 1; 8:1 disk 4"; });
+    EXPECT_THROW(machine.backup(), Failure);
+    EXPECT_TRUE(namesIn(machine.repository()).empty());
+}
+
 TEST(Engine, ChangedMapIsFetchedBeforeAMapIsLoaded)
 {
     Machine machine;

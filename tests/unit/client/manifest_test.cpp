@@ -19,6 +19,7 @@ Manifest incremental()
     m.mode = Mode::incremental;
     m.device = "sda1";
     m.number = {8, 1};
+    m.instance = "boot 1; 8:1 from sector 2048 disk 3";
     m.blockSize = 4096;
     m.blocks = 0xfffffff0;
     m.deviceBytes = 1ULL << 43;
@@ -38,6 +39,7 @@ TEST(Manifest, ComesBackAsItWasWritten)
     const Manifest m = incremental();
     const Manifest back = decode(encode(m), "here");
     EXPECT_EQ(encode(back), encode(m));
+    EXPECT_EQ(back.instance, m.instance);
     EXPECT_EQ(back.key, m.key);
     EXPECT_EQ(back.parent, m.parent);
     EXPECT_EQ(back.number, m.number);

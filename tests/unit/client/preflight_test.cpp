@@ -33,6 +33,7 @@ class Host
     {
         write(sys / "block" / name / "dev", number(device));
         write(sys / "block" / name / "size", "2048");
+        write(sys / "block" / name / "diskseq", std::to_string(++disks));
         if (!backing.empty())
             write(sys / "block" / name / "loop" / "backing_file", backing);
         fs::create_directory_symlink(sys / "block" / name, sys / "dev" / "block" / number(device));
@@ -45,7 +46,14 @@ class Host
         write(directory / "partition", "1");
         fs::create_directory_symlink(directory, sys / "dev" / "block" / number(device));
     }
-    HostBlocks blocks() const { return HostBlocks{sys, root / "mountinfo"}; }
+    void madeOf(const std::string& upper, const fs::path& lower)
+    {
+        fs::create_directories(sys / "block" / upper / "slaves");
+        fs::create_directories(lower / "holders");
+        fs::create_directory_symlink(lower, sys / "block" / upper / "slaves" / lower.filename());
+        fs::create_directory_symlink(sys / "block" / upper, lower / "holders" / upper);
+    }
+    HostBlocks blocks() const { return HostBlocks{sys, root / "mountinfo", root / "boot_id"}; }
     // What the real directory lies on.
     dev_t real() const
     {
@@ -57,6 +65,7 @@ class Host
 
     Directory root;
     fs::path sys = root / "sys";
+    int disks = 0;
 };
 
 Device on(std::set<dev_t> nodes)
@@ -144,9 +153,43 @@ TEST(HostBlocks, FileUnderALoopDeviceCountsToo)
 TEST(HostBlocks, MountPointIsFoundWithEscapedBlanks)
 {
     Host host;
-    host.write(host.root / "mountinfo", "36 27 7:3 / /mnt/with\\040blank rw - ext4 /dev/loop3 rw");
-    EXPECT_EQ(host.blocks().mountPoint(makedev(7, 3)), fs::path{"/mnt/with blank"});
-    EXPECT_EQ(host.blocks().mountPoint(makedev(7, 4)), std::nullopt);
+    host.write(host.root / "mountinfo", "36 27 7:3 / /mnt/with\\040blank rw - ext4 /dev/loop3 rw\n"
+                                        "37 27 0:40 / /proc rw - proc proc rw");
+    const auto mounts = host.blocks().mountsOf(makedev(7, 3));
+    ASSERT_EQ(mounts.size(), 1u);
+    EXPECT_EQ(mounts[0].point, fs::path{"/mnt/with blank"});
+    EXPECT_EQ(mounts[0].type, "ext4");
+    EXPECT_TRUE(host.blocks().mountsOf(makedev(7, 4)).empty());
+    EXPECT_EQ(host.blocks().mounted(), std::set<dev_t>{makedev(7, 3)});
+}
+
+// A container's root, or a live system's: what is written there is written to the upper directory.
+TEST(HostBlocks, TargetOnAnOverlayLiesWhereItsUpperDirectoryLies)
+{
+    Host host;
+    struct stat proc {
+    };
+    ASSERT_EQ(::stat("/proc", &proc), 0); // plays the overlay: a real directory on no block device
+    host.write(host.root / "mountinfo", "36 27 " + Host::number(proc.st_dev) +
+                                            " / /proc rw - overlay overlay rw,lowerdir=/a:/b,upperdir=" +
+                                            (host.root / "upper").string() + ",workdir=/proc/nothing\n" + "37 27 " +
+                                            Host::number(host.real()) + " / / rw - ext4 x rw");
+    const auto before = host.blocks().underlying("/proc");
+    EXPECT_TRUE(before.empty()) << "the upper directory is not there";
+    fs::create_directory(host.root / "upper");
+    const std::set<dev_t> found = host.blocks().underlying("/proc");
+    EXPECT_EQ(found, host.blocks().underlying(host.root.path()));
+    if (major(host.real()) != 0) {
+        EXPECT_TRUE(found.contains(host.real()));
+    }
+}
+
+TEST(HostBlocks, OverlayWhoseUpperDirectoryLiesOnItselfEndsTheSearch)
+{
+    Host host;
+    host.write(host.root / "mountinfo", "36 27 " + Host::number(host.real()) + " / / rw - overlay overlay rw,upperdir=" +
+                                            host.root.path().string());
+    host.blocks().underlying(host.root.path());
 }
 
 TEST(HostBlocks, WholeDiskWithPartitionsIsKnown)
@@ -155,23 +198,128 @@ TEST(HostBlocks, WholeDiskWithPartitionsIsKnown)
     host.disk("sda", makedev(8, 0));
     host.partition("sda", "sda1", makedev(8, 1), "2048");
     host.disk("sdb", makedev(8, 16));
-    EXPECT_TRUE(host.blocks().node(makedev(8, 0))->partitioned);
-    EXPECT_FALSE(host.blocks().node(makedev(8, 1))->partitioned);
-    EXPECT_FALSE(host.blocks().node(makedev(8, 16))->partitioned);
+    EXPECT_EQ(host.blocks().node(makedev(8, 0))->partitions, std::vector<std::string>{"sda1"});
+    EXPECT_TRUE(host.blocks().node(makedev(8, 1))->partitions.empty());
+    EXPECT_TRUE(host.blocks().node(makedev(8, 16))->partitions.empty());
     EXPECT_EQ(host.blocks().node(makedev(8, 16))->bytes, 2048u * 512);
     EXPECT_EQ(host.blocks().node(makedev(8, 32)), std::nullopt);
 }
 
-TEST(Preflight, DeviceNumberAbove255IsRefusedAndNvmeSaidPlainly)
+TEST(HostBlocks, LogicalVolumeHasItsGivenNameAndItsPartKnowsIt)
+{
+    Host host;
+    host.disk("nvme0n1", makedev(259, 0));
+    host.partition("nvme0n1", "nvme0n1p3", makedev(259, 3), "4096");
+    host.disk("dm-0", makedev(254, 0));
+    host.write(host.sys / "block/dm-0/dm/name", "vg0-root");
+    host.madeOf("dm-0", host.sys / "block/nvme0n1/nvme0n1p3");
+    EXPECT_EQ(host.blocks().node(makedev(254, 0))->name, "vg0-root");
+    EXPECT_EQ(host.blocks().node(makedev(259, 3))->holders, std::vector<std::string>{"vg0-root"});
+    EXPECT_EQ(host.blocks().node(makedev(259, 0))->partitions, std::vector<std::string>{"nvme0n1p3"});
+    host.write(host.sys / "block/dm-0/dm/name", "../../etc");
+    EXPECT_EQ(host.blocks().node(makedev(254, 0))->name, "dm-0");
+}
+
+// A stick that was unplugged and comes back has its old number, name, size and serial number, and may have been written
+// to elsewhere.
+TEST(Instance, DiskThatWasAwayIsAnotherOne)
+{
+    Host host;
+    host.disk("sdb", makedev(8, 16));
+    host.partition("sdb", "sdb1", makedev(8, 17), "2048");
+    host.write(host.root / "boot_id", "11111111-2222");
+    const std::string before = host.blocks().instance(makedev(8, 17));
+    EXPECT_EQ(host.blocks().instance(makedev(8, 17)), before);
+    host.write(host.sys / "block/sdb/diskseq", "77");
+    EXPECT_NE(host.blocks().instance(makedev(8, 17)), before);
+    fs::remove_all(host.sys / "dev/block/8:17");
+    EXPECT_NE(host.blocks().instance(makedev(8, 17)).find("gone"), std::string::npos);
+}
+
+TEST(Instance, StartAndBootAndLayoutCount)
+{
+    Host host;
+    host.disk("sdb", makedev(8, 16));
+    host.partition("sdb", "sdb1", makedev(8, 17), "2048");
+    host.write(host.root / "boot_id", "11111111-2222");
+    std::set<std::string> seen{host.blocks().instance(makedev(8, 17))};
+    host.write(host.sys / "block/sdb/sdb1/start", "4096");
+    seen.insert(host.blocks().instance(makedev(8, 17)));
+    host.write(host.root / "boot_id", "11111111-3333");
+    seen.insert(host.blocks().instance(makedev(8, 17)));
+    host.write(host.sys / "block/sdb/serial", "another stick");
+    seen.insert(host.blocks().instance(makedev(8, 17)));
+    EXPECT_EQ(seen.size(), 4u);
+}
+
+TEST(Instance, WithoutASequenceNumberTheDirectoryIsTheDisk)
+{
+    Host host;
+    host.disk("sdb", makedev(8, 16));
+    fs::remove(host.sys / "block/sdb/diskseq");
+    const std::string before = host.blocks().instance(makedev(8, 16));
+    fs::rename(host.sys / "block/sdb", host.sys / "block/old");
+    fs::create_directory(host.sys / "block/sdb");
+    EXPECT_NE(host.blocks().instance(makedev(8, 16)), before);
+}
+
+TEST(Instance, OfALogicalVolumeGoesDownToItsDisks)
+{
+    Host host;
+    host.disk("sda", makedev(8, 0));
+    host.partition("sda", "sda3", makedev(8, 3), "4096");
+    host.disk("sdb", makedev(8, 16));
+    host.disk("dm-0", makedev(254, 0));
+    host.write(host.sys / "block/dm-0/dm/uuid", "LVM-abc");
+    host.madeOf("dm-0", host.sys / "block/sda/sda3");
+    const std::string before = host.blocks().instance(makedev(254, 0));
+    EXPECT_NE(before.find("8:3 from sector 4096 disk 1"), std::string::npos) << before;
+    host.madeOf("dm-0", host.sys / "block/sdb");
+    EXPECT_NE(host.blocks().instance(makedev(254, 0)), before);
+}
+
+// Its paths come and go.
+TEST(Instance, OfAMultipathDeviceIsItsOwn)
+{
+    Host host;
+    host.disk("sda", makedev(8, 0));
+    host.disk("sdb", makedev(8, 16));
+    host.disk("dm-0", makedev(254, 0));
+    host.write(host.sys / "block/dm-0/dm/uuid", "mpath-36001");
+    host.madeOf("dm-0", host.sys / "block/sda");
+    const std::string before = host.blocks().instance(makedev(254, 0));
+    host.madeOf("dm-0", host.sys / "block/sdb");
+    EXPECT_EQ(host.blocks().instance(makedev(254, 0)), before);
+}
+
+TEST(Preflight, DeviceNumberIsTheDriversBusiness)
 {
     Device device;
     device.name = "nvme0n1p1";
     device.number = {259, 1};
-    EXPECT_NE(refusalOf([&] { refuseUnfitDevice(device); }).find("NVMe"), std::string::npos);
-    device.number = {8, 256};
-    EXPECT_NE(refusalOf([&] { refuseUnfitDevice(device); }).find("8:256"), std::string::npos);
-    device.number = {255, 255};
     EXPECT_EQ(refusalOf([&] { refuseUnfitDevice(device); }), "");
+    device.number = {8, 256};
+    EXPECT_EQ(refusalOf([&] { refuseUnfitDevice(device); }), "");
+}
+
+TEST(Preflight, PartOfAnotherDeviceIsRefusedAndThatOneIsNamed)
+{
+    Device device = on({});
+    device.holders = {"vg0-root", "vg0-home"};
+    EXPECT_NE(refusalOf([&] { refuseUnfitDevice(device); }).find("vg0-root, vg0-home"), std::string::npos);
+    device.type = "ext4"; // mounted all the same
+    EXPECT_EQ(refusalOf([&] { refuseUnfitDevice(device); }), "");
+}
+
+TEST(Preflight, FileSystemThatIsNotFrozenThroughItsDeviceIsRefused)
+{
+    Device device = on({});
+    for (const char* type : {"ext2", "ext3", "ext4", "xfs", "vfat", ""}) {
+        device.type = type;
+        EXPECT_EQ(refusalOf([&] { refuseUnfitFileSystem(device); }), "") << type;
+    }
+    device.type = "btrfs";
+    EXPECT_NE(refusalOf([&] { refuseUnfitFileSystem(device); }).find("btrfs"), std::string::npos);
 }
 
 TEST(Preflight, WholeDiskWithPartitionsIsRefusedAndTheyAreNamed)
@@ -197,9 +345,14 @@ TEST(Preflight, DeviceLargerThanTheFreeSpaceIsWarnedOf)
 TEST(Preflight, FullBackupThatCannotFitIsRefused)
 {
     Host host;
-    host.write(host.root / "mountinfo", "36 27 7:3 / / rw - ext4 /dev/loop3 rw");
-    const std::string text = refusalOf([&] { checkSpace(on({makedev(7, 3)}), host.blocks(), "/proc"); });
-    EXPECT_NE(text.find("does not fit"), std::string::npos);
+    const auto mountedHere = [&](dev_t device) {
+        host.write(host.root / "mountinfo",
+                   "36 27 " + Host::number(device) + " / " + host.root.path().string() + " rw - ext4 x rw");
+        return refusalOf([&] { checkSpace(on({device}), host.blocks(), "/proc"); });
+    };
+    EXPECT_NE(mountedHere(host.real()).find("does not fit"), std::string::npos);
+    // Something else was mounted over it, and says nothing about it.
+    EXPECT_EQ(mountedHere(makedev(7, 3)), "");
 }
 
 } // namespace

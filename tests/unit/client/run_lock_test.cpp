@@ -80,6 +80,7 @@ TEST(RunLock, StandsBesideASocketAndInRunLockForANode)
     const fake::Server server{driver, directory / "control.sock"};
     EXPECT_EQ(RunLock::placeFor(directory / "control.sock"), directory / "qbackup.lock");
     EXPECT_EQ(RunLock::placeFor("/dev/quendrel"), "/run/lock/qbackup-quendrel.lock");
+    EXPECT_EQ(RunLock::placeFor("/dev/another-name-of-it"), "/run/lock/qbackup-quendrel.lock");
 }
 
 } // namespace

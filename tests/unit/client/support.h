@@ -94,7 +94,7 @@ class Machine
         const Repository repository = Repository::openForBackup(directory.path(), "sda1");
         quendrel::ControlDevice device{fake::connect(driver), "memory"};
         Progress progress{Progress::Style::none};
-        return runBackup(std::move(device), repository, {sda1(), wanted, 0}, progress, stop, watcher);
+        return runBackup(std::move(device), repository, {sda1(), wanted, 0, [this] { return instance; }}, progress, stop, watcher);
     }
 
     Device sda1() const
@@ -119,6 +119,7 @@ class Machine
     Directory directory;
     fake::Driver driver;
     StopSignal stop{0};
+    std::string instance; // of sda1
 };
 
 } // namespace test
