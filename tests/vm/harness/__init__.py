@@ -1,0 +1,1 @@
+"""Runs the driver's tests in virtual machines; see ../README.md."""

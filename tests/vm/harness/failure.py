@@ -1,0 +1,5 @@
+"""The error of everything that goes wrong outside a test: what happened, to what, and what to do next."""
+
+
+class HarnessError(Exception):
+    pass

@@ -1,0 +1,144 @@
+"""What the machine is started with: the root file system, the initial file system with the tests in it, raw disks."""
+import hashlib
+import os
+import shutil
+import stat
+import subprocess
+import tempfile
+from pathlib import Path
+
+from .failure import HarnessError
+
+# Not needed by any test; leaves the image at a third of its size.
+LEFT_OUT = ["usr/share/doc", "usr/share/man", "usr/share/locale", "usr/share/info", "usr/share/perl", "usr/lib/x86_64-linux-gnu/perl",
+            "usr/lib/i386-linux-gnu/perl", "usr/share/zoneinfo", "usr/lib/x86_64-linux-gnu/gconv", "usr/lib/i386-linux-gnu/gconv"]
+TOOLS_PATH = os.environ.get("PATH", "") + ":/usr/sbin:/sbin"
+
+
+def tool(arguments, what, **more):
+    run = subprocess.run([str(a) for a in arguments], capture_output=True, text=True, env={**os.environ, "PATH": TOOLS_PATH}, **more)
+    if run.returncode != 0:
+        raise HarnessError(f"{what} failed: {(run.stderr or run.stdout).strip()[-600:]}")
+    return run.stdout
+
+
+def root_image(packages, cache):
+    """An ext4 image with these packages unpacked; made once for each set of packages."""
+    key = hashlib.sha256(("\n".join(p.name for p in packages) + Path(__file__).read_text()).encode()).hexdigest()[:16]
+    image = cache / f"root-{key}.img"
+    if image.exists():
+        return image
+    for old in cache.glob("root-*.img"):
+        if packages and old.stat().st_mtime < packages[0].stat().st_mtime - 30 * 86400:
+            old.unlink()
+    with tempfile.TemporaryDirectory(dir=cache) as temporary:
+        tree = Path(temporary) / "root"
+        tree.mkdir()
+        for package in packages:
+            tool(["dpkg-deb", "-x", package, tree], f"unpacking {package.name}")
+        for name in LEFT_OUT:
+            shutil.rmtree(tree / name, ignore_errors=True)
+        # No package's installation script runs here: what they would have linked is linked by hand.
+        for directory in ("proc", "sys", "dev", "run", "tmp", "mnt", "root", "etc"):
+            (tree / directory).mkdir(exist_ok=True)
+        for link, target in (("bin/sh", "dash"), ("usr/bin/awk", "mawk"), ("etc/mtab", "/proc/self/mounts")):
+            if not os.path.lexists(tree / link):
+                (tree / link).symlink_to(target)
+        (tree / "etc/passwd").write_text("root:x:0:0:root:/root:/bin/bash\n")
+        (tree / "etc/group").write_text("root:x:0:\ndisk:x:6:\n")
+        (tree / "etc/ld.so.conf").write_text("include /etc/ld.so.conf.d/*.conf\n")
+        tool(["ldconfig", "-r", tree], "making the library cache")
+        used = sum(f.lstat().st_size for f in tree.rglob("*"))
+        partial = Path(temporary) / "image"
+        tool(["mke2fs", "-q", "-t", "ext4", "-O", "^has_journal,^metadata_csum", "-m", "0", "-E", "root_owner=0:0", "-d", tree,
+              partial, f"{used // 1024 * 13 // 10 + 20000}k"], "making the root image")
+        partial.rename(image)
+    return image
+
+
+class Cpio:
+    """An initial file system in the kernel's format (newc)."""
+
+    def __init__(self):
+        self.parts = []
+        self.number = 0
+        self.directories = set()
+
+    def _entry(self, name, mode, data, device=(0, 0)):
+        self.number += 1
+        encoded = name.encode() + b"\0"
+        fields = [self.number, mode, 0, 0, 1, 0, len(data), 0, 0, device[0], device[1], len(encoded), 0]
+        head = b"070701" + b"".join(b"%08x" % f for f in fields) + encoded
+        self.parts += [head, b"\0" * (-len(head) % 4), data, b"\0" * (-len(data) % 4)]
+
+    def directory(self, name):
+        parent = os.path.dirname(name)
+        if parent and parent not in self.directories:
+            self.directory(parent)
+        if name not in self.directories:
+            self.directories.add(name)
+            self._entry(name, stat.S_IFDIR | 0o755, b"")
+
+    def file(self, name, data, mode=0o644):
+        self.directory(os.path.dirname(name)) if os.path.dirname(name) else None
+        self._entry(name, stat.S_IFREG | mode, data)
+
+    def character_device(self, name, major, minor):
+        self.directory(os.path.dirname(name))
+        self._entry(name, stat.S_IFCHR | 0o600, b"", (major, minor))
+
+    def bytes(self):
+        self._entry("TRAILER!!!", 0, b"")
+        return b"".join(self.parts)
+
+
+def stripped(program, cache):
+    """The bytes of a program or module without what only a debugger reads."""
+    with tempfile.NamedTemporaryFile(dir=cache) as copy:
+        tool(["strip", "--strip-debug", "-o", copy.name, program], f"stripping {program}")
+        return Path(copy.name).read_bytes()
+
+
+def initial_file_system(target, *, busybox, modules, more_modules, kit, settings, cache):
+    """Writes the archive: busybox, the modules to load in order, and the kit (a mapping of names to paths)."""
+    archive = Cpio()
+    for name in ("proc", "sys", "dev", "newroot", "kit", "modules"):
+        archive.directory(name)
+    archive.character_device("dev/console", 5, 1)
+    archive.file("bin/busybox", busybox.read_bytes(), 0o755)
+    order = []
+    for path in modules:
+        archive.file(f"modules/{path.name}", path.read_bytes())
+        order.append(path.name)
+    archive.file("modules/order", ("\n".join(order) + "\n").encode())
+    for path in more_modules:
+        archive.file(f"kit/modules/{path.name}", path.read_bytes())
+    archive.file("kit/modules/order", ("".join(p.name + "\n" for p in more_modules)).encode())
+    for name, path in kit.items():
+        with path.open("rb") as start:
+            binary = start.read(4) == b"\x7fELF"
+        archive.file(f"kit/{name}", stripped(path, cache) if binary else path.read_bytes(), path.stat().st_mode & 0o777)
+    archive.file("kit/settings", "".join(f"{k}={v}\n" for k, v in settings.items()).encode())
+    archive.file("init", kit["guest/first-init"].read_bytes(), 0o755)
+    target.write_bytes(archive.bytes())
+
+
+def busybox_of(packages, cache, arch):
+    """The static busybox of the guest's packages, for the initial file system."""
+    target = cache / arch / "busybox"
+    package = next((p for p in packages if p.name.startswith("busybox-static_")), None)
+    if package is None:
+        raise HarnessError("the guest's packages have no busybox-static; run tests/vm/fetch --update")
+    if not target.exists() or target.stat().st_mtime < package.stat().st_mtime:
+        with tempfile.TemporaryDirectory(dir=cache) as temporary:
+            tool(["dpkg-deb", "-x", package, temporary], f"unpacking {package.name}")
+            shutil.copyfile(Path(temporary) / "bin/busybox", target)
+    return target
+
+
+def raw_disk(path, mebibytes):
+    """A fresh disk of zeros that takes no space yet."""
+    path.unlink(missing_ok=True)
+    with path.open("wb") as out:
+        out.truncate(mebibytes << 20)
+    return path

@@ -1,0 +1,139 @@
+"""The kernel under test: its image in a form that QEMU starts quickly, its modules, its build tree."""
+import bz2
+import hashlib
+import lzma
+import re
+import shutil
+import struct
+import subprocess
+import zlib
+from dataclasses import dataclass
+from pathlib import Path
+
+from .failure import HarnessError
+
+# Loaded at boot, in this order, with all that they depend on. What the kernel has built in, or has not got, is left out.
+BOOT_MODULES = [
+    "virtio_pci", "virtio_blk", "ext4", "ext3", "xfs", "btrfs", "dm_mod", "nvme", "crc32c_generic", "crc32c_intel",
+    "crc32_generic", "libcrc32c", "virtio_balloon",
+]
+# Loaded by tests that need them.
+MORE_MODULES = ["brd", "loop", "dm_flakey", "scsi_debug", "dm_snapshot", "null_blk"]
+
+KMOD_PATH = "/usr/sbin:/sbin:/usr/bin:/bin"
+
+
+@dataclass
+class Kernel:
+    arch: str               # amd64 or i386
+    release: str            # as uname -r says
+    image: Path             # bzImage or vmlinux
+    kdir: Path              # build tree
+    modules: Path | None    # directory that holds lib/modules/RELEASE; None: all that is needed is built in
+
+    @property
+    def make_arch(self):
+        return {"amd64": "x86_64", "i386": "i386"}[self.arch]
+
+    @property
+    def version(self):
+        match = re.match(r"(\d+)\.(\d+)", self.release)
+        return tuple(map(int, match.groups())) if match else (0, 0)
+
+
+def from_cache(cache, arch):
+    """The kernel that `fetch` has put into its cache."""
+    release = (cache / arch / "release").read_text().strip()
+    base = cache / arch / "kernel"
+    return Kernel(arch, release, base / "boot" / f"vmlinuz-{release}", Path((cache / arch / "kdir").read_text().strip()), base)
+
+
+def from_build(image, kdir, arch, modules):
+    """A kernel built elsewhere."""
+    for path, what in ((image, "kernel image"), (kdir, "build tree")):
+        if not path.exists():
+            raise HarnessError(f"the {what} {path} does not exist")
+    release_file = kdir / "include/config/kernel.release"
+    if not release_file.exists():
+        raise HarnessError(f"{kdir} is no built kernel tree: it has no include/config/kernel.release; build the kernel there first")
+    release = release_file.read_text().strip()
+    if modules is not None and not (modules / "lib/modules" / release).is_dir():
+        raise HarnessError(f"{modules} has no lib/modules/{release}; give the directory named as INSTALL_MOD_PATH to modules_install")
+    return Kernel(arch, release, image, kdir, modules)
+
+
+def has_pvh_note(elf):
+    """Whether QEMU can start this ELF image directly: it then carries Xen's note 18, the 32-bit entry point."""
+    return re.search(struct.pack("<II", 4, 4) + struct.pack("<I", 18) + rb"Xen\0", elf, re.DOTALL) is not None or \
+        re.search(struct.pack("<II", 4, 8) + struct.pack("<I", 18) + rb"Xen\0", elf, re.DOTALL) is not None
+
+
+def decompressors():
+    yield b"\x1f\x8b\x08", lambda data: zlib.decompressobj(31).decompress(data)
+    yield b"\xfd7zXZ\0", lambda data: lzma.LZMADecompressor().decompress(data)
+    yield b"BZh", lambda data: bz2.BZ2Decompressor().decompress(data)
+    yield b"]\0\0\0", lambda data: lzma.LZMADecompressor(lzma.FORMAT_ALONE).decompress(data)
+    if shutil.which("zstd"):
+        yield b"(\xb5/\xfd", lambda data: subprocess.run(["zstd", "-dc"], input=data, capture_output=True).stdout
+
+
+def bootable(kernel, cache):
+    """The file to give to QEMU: the image's own kernel, unpacked, where QEMU can start that; else the image.
+
+    Unpacking takes the guest several seconds on an emulated processor.
+    """
+    data = kernel.image.read_bytes()
+    if data[:4] == b"\x7fELF":
+        return kernel.image
+    target = cache / f"vmlinux-{hashlib.sha256(data).hexdigest()[:16]}"
+    if target.exists():
+        return target if target.stat().st_size else kernel.image
+    unpacked = b""
+    for magic, unpack in decompressors():
+        at = data.find(magic)
+        while at >= 0:
+            try:
+                candidate = unpack(data[at:])
+            except (zlib.error, lzma.LZMAError, OSError, EOFError, ValueError):
+                candidate = b""
+            if candidate[:4] == b"\x7fELF":
+                unpacked = candidate
+                break
+            at = data.find(magic, at + 1)
+        if unpacked:
+            break
+    if not (unpacked and has_pvh_note(unpacked)):
+        unpacked = b""
+    partial = target.with_suffix(".partial")
+    partial.write_bytes(unpacked)
+    partial.rename(target)
+    return target if unpacked else kernel.image
+
+
+def module_files(kernel, names):
+    """The files to load, in order, for the modules of these names; those that the kernel lacks are left out."""
+    if kernel.modules is None:
+        return []
+    files = []
+    for name in names:
+        shown = subprocess.run(["modprobe", "-d", str(kernel.modules), "-S", kernel.release, "-D", name],
+                               capture_output=True, text=True, env={"PATH": KMOD_PATH})
+        for line in shown.stdout.splitlines():
+            words = line.split()
+            if words[:1] == ["insmod"] and words[1] not in files:
+                files.append(words[1])
+    return [Path(file) for file in files]
+
+
+def build_module(kernel, source, build, jobs):
+    """Builds the driver for this kernel and returns the path of quendrel.ko."""
+    build.mkdir(parents=True, exist_ok=True)
+    log = build / "build.log"
+    command = ["make", "-C", str(source), f"-j{jobs}", f"KDIR={kernel.kdir}", f"ARCH={kernel.make_arch}", f"BUILD={build}"]
+    with log.open("wb") as out:
+        status = subprocess.run(command, stdout=out, stderr=subprocess.STDOUT).returncode
+    module = build / "quendrel.ko"
+    if status != 0 or not module.exists():
+        tail = "\n".join(log.read_text(errors="replace").splitlines()[-25:])
+        raise HarnessError(f"building the module for {kernel.release} failed; {log} ends with:\n{tail}")
+    return module

@@ -1,0 +1,166 @@
+"""Boots machines and runs tests in them, one after another; a machine that dies is replaced and the rest goes on."""
+import time
+from dataclasses import dataclass
+
+from . import images, kernel_log, write_log
+from .failure import HarnessError
+from .machine import Disk, Machine, MachineDied
+from .suite import MACHINES
+
+TESTED_MIB, LOOSE_MIB, NVME_MIB, STORE_MIB, REGION_MIB, REGIONS = 192, 64, 64, 1536, 192, 8
+BOOT_LIMIT = 120
+GRACE = 60
+
+
+@dataclass
+class Verdict:
+    test: str
+    verdict: str            # PASS, FAIL or SKIP
+    seconds: float
+    reason: str = ""
+    log: str = ""
+
+
+class Session:
+    """All tests of one kernel."""
+
+    def __init__(self, kernel, *, work, boot_image, root, initial, time_factor, tell, verbose):
+        self.kernel, self.work = kernel, work
+        self.boot_image, self.root, self.initial = boot_image, root, initial
+        self.time_factor, self.tell, self.verbose = time_factor, tell, verbose
+        self.machine = None
+        self.judge = None
+        self.kind = None
+        self.boots = 0
+        self.boot_seconds = 0.0
+
+    def boot(self, kind):
+        self.stop()
+        self.boots += 1
+        here = self.work / f"boot-{self.boots}"
+        here.mkdir(parents=True, exist_ok=True)
+        self.here, self.kind = here, kind
+        log = here / "tested.log"
+        write_log.fresh_log(log)
+        disks = [
+            Disk("root", self.root, 4, read_only=True),
+            Disk("tested", images.raw_disk(here / "tested.img", TESTED_MIB), 5, log=log),
+            Disk("spare", images.raw_disk(here / "spare.img", REGIONS * REGION_MIB + 8), 6),
+            Disk("store", images.raw_disk(here / "store.img", STORE_MIB), 7),
+            Disk("loose", images.raw_disk(here / "loose.img", LOOSE_MIB), 8),
+            Disk("nvme", images.raw_disk(here / "nvme.img", NVME_MIB), 9, interface="nvme"),
+        ]
+        began = time.monotonic()
+        try:
+            self.machine = Machine(here, kernel=self.boot_image, initial=self.initial, memory=MACHINES[kind].memory, processors=2,
+                                   disks=disks, arguments=MACHINES[kind].arguments, boot_limit=BOOT_LIMIT * self.time_factor)
+        except MachineDied:
+            self.machine = None
+            console = (here / "console.log").read_text(errors="replace")
+            raise HarnessError(f"the machine did not come up; {here / 'console.log'} ends with:\n" + tail(console, 30)) from None
+        self.boot_seconds = time.monotonic() - began
+        self.judge = write_log.Judge(log, TESTED_MIB << 20)
+        self.console_seen = self.machine.console_bytes()
+        early = kernel_log.trouble(self.machine.console())
+        if early:
+            self.tell(f"   the kernel's log of the boot: {early[0]}")
+
+    def stop(self):
+        if self.machine is None:
+            return
+        try:
+            self.machine.say("off")
+            self.machine.wait(20)
+        except MachineDied:
+            pass
+        self.machine.stop()
+        self.machine = None
+        for name in ("tested.img", "spare.img", "store.img", "loose.img", "nvme.img", "tested.log"):
+            (self.here / name).unlink(missing_ok=True)
+
+    def kill(self):
+        self.machine.stop()
+        self.machine = None
+
+    def run(self, test):
+        if self.machine is None or self.kind != test.machine:
+            self.boot(test.machine)
+        began = time.monotonic()
+        try:
+            verdict = self._run(test)
+        except MachineDied:
+            verdict = Verdict(test.name, "FAIL", time.monotonic() - began, "the machine died", tail(self._console_of_test(), 40))
+            self.machine.stop()
+            self.machine = None
+        return verdict
+
+    def _console_of_test(self):
+        return self.machine.console(self.console_seen)
+
+    def _run(self, test):
+        machine = self.machine
+        self.judge.keep()
+        limit = int(test.limit * self.time_factor)
+        began = time.monotonic()
+        deadline = began + limit + GRACE * self.time_factor
+        self.console_seen = machine.console_bytes()
+        printed = []
+        machine.say(f"run {test.name} {limit}")
+        while True:
+            line = machine.line(deadline)
+            if line is None:
+                console = self._console_of_test()
+                self.kill()
+                return Verdict(test.name, "FAIL", time.monotonic() - began, f"hangs: not over {GRACE} s after its limit of {limit} s",
+                               "\n".join(printed[-25:]) + "\n" + tail(console, 60))
+            if line.startswith("> "):
+                printed.append(line[2:])
+                if self.verbose:
+                    self.tell(f"      {line[2:]}")
+            elif line.startswith("host "):
+                ok, text = self._host(line.split()[1:])
+                machine.say(f"{'ok' if ok else 'no'} {text}")
+            elif line.startswith("end "):
+                break
+        word, seconds, reason = (line[4:].split(" ", 2) + ["", ""])[:3]
+        verdict = Verdict(test.name, word, float(seconds), reason.strip())
+        machine.wait_for_console(f"vm-test: end {test.name}", self.console_seen, 10)
+        console = self._console_of_test()
+        trouble = kernel_log.trouble(console, test.allows)
+        if trouble:
+            verdict.verdict = "FAIL"
+            verdict.reason = "; ".join(filter(None, [verdict.reason, f"the kernel's log: {trouble[0]}"]))
+        if verdict.verdict == "FAIL":
+            verdict.log = "\n".join(printed[-30:]) + "\n---- kernel\n" + tail(console, 120 if trouble else 20)
+            # What it left behind must not fail the next one.
+            self.kill()
+        return verdict
+
+    # ---- what a test may ask for
+
+    def _host(self, words):
+        try:
+            return getattr(self, "host_" + words[0].replace("-", "_"))(*words[1:])
+        except (HarnessError, AttributeError, TypeError, ValueError) as error:
+            return False, str(error).replace("\n", " ")
+
+    def host_judge(self, before, after, extents, region_start):
+        extents = write_log.parse_extents(extents)
+        length = sum(count for _, count in extents) * write_log.SECTOR
+        image = write_log.image_part(self.here / "spare.img", int(region_start) * write_log.SECTOR, length)
+        return self.judge.find(before, after, extents, image)
+
+    def host_flushed_between(self, first, second, pairs):
+        return self.judge.flushed_between(int(first), int(second), int(pairs))
+
+    def host_unplug(self, disk):
+        self.machine.command("device_del", id=f"{disk}-device")
+        return True, f"{disk} is being unplugged"
+
+    def host_log_size(self):
+        self.judge.log.update()
+        return True, str(len(self.judge.log.entries))
+
+
+def tail(text, lines):
+    return "\n".join(text.splitlines()[-lines:])

@@ -1,0 +1,74 @@
+"""The tests: bash scripts in guest/tests whose first lines say what they show and what they need.
+
+    # One sentence: the behaviour.
+    # needs: WORD...      what the kernel and the machine must have, else the test is skipped (see need() in guest/lib.sh)
+    # limit: SECONDS      of its own
+    # machine: NAME       one of MACHINES; default standard
+    # allows: REGEX       lines of the kernel's log that are no failure here
+"""
+import fnmatch
+from dataclasses import dataclass, field
+from pathlib import Path
+
+from .failure import HarnessError
+
+
+@dataclass(frozen=True)
+class MachineKind:
+    memory: int
+    arguments: str = ""
+
+
+MACHINES = {
+    "standard": MachineKind(memory=512),
+    "small": MachineKind(memory=256),
+}
+
+
+@dataclass
+class Test:
+    name: str
+    path: Path
+    says: str
+    needs: list = field(default_factory=list)
+    limit: int = 60
+    machine: str = "standard"
+    allows: list = field(default_factory=list)
+    order: int = 50
+
+
+def read(path):
+    test = None
+    for line in path.read_text().splitlines():
+        if not line.startswith("# "):
+            break
+        if test is None:
+            test = Test(path.name, path, line[2:])
+            continue
+        word, colon, value = line[2:].partition(":")
+        value = value.strip()
+        if not colon:
+            continue
+        if word == "needs":
+            test.needs += value.split()
+        elif word == "limit":
+            test.limit = int(value)
+        elif word == "order":
+            test.order = int(value)
+        elif word == "machine":
+            test.machine = value
+        elif word == "allows":
+            test.allows.append(value)
+    if test is None:
+        raise HarnessError(f"{path} does not begin with a line that says what it shows")
+    if test.machine not in MACHINES:
+        raise HarnessError(f"{path} wants the machine '{test.machine}'; there are: {', '.join(MACHINES)}")
+    return test
+
+
+def load(directory, pattern):
+    tests = [read(path) for path in sorted(directory.iterdir()) if path.is_file() and not path.name.startswith(".")]
+    chosen = [t for t in tests if any(fnmatch.fnmatch(t.name, p) for p in pattern.split(","))]
+    if not chosen:
+        raise HarnessError(f"no test's name matches '{pattern}'; --list shows them")
+    return sorted(chosen, key=lambda t: (list(MACHINES).index(t.machine), t.order, t.name))

@@ -1,0 +1,205 @@
+"""The judge of restored images: QEMU's log of all writes to the tested disk, replayed and compared.
+
+The log is QEMU's blklogwrites, in the order in which the disk got the requests. Around each backup the guest writes a
+marker sector. A restored image is right if between the two markers there is a state of the disk that it equals in
+every bit. No file system and nothing of the driver takes part in that.
+"""
+import struct
+from pathlib import Path
+
+from .failure import HarnessError
+
+MAGIC = 0x6A736677736872
+FLUSH, FUA, DISCARD, MARK = 1, 2, 4, 8
+MARKER = b"quendrel-vm-marker "
+SECTOR = 512
+
+
+class Entry:
+    __slots__ = ("sector", "count", "flags", "at")
+
+    def __init__(self, sector, count, flags, at):
+        self.sector, self.count, self.flags, self.at = sector, count, flags, at
+
+
+class WriteLog:
+    """Reads the log as it grows."""
+
+    def __init__(self, path):
+        self.file = open(path, "rb")
+        self.entries = []
+        self.markers = {}
+        self.next = SECTOR
+
+    def update(self):
+        self.file.seek(0)
+        head = self.file.read(28)
+        if len(head) < 28:
+            return      # QEMU writes it with the first flush.
+        magic, version, count, sector_size = struct.unpack("<QQQI", head)
+        if magic != MAGIC or version != 1 or sector_size != SECTOR:
+            raise HarnessError("QEMU's write log is not of the form that is known here (blklogwrites, version 1, 512-byte sectors)")
+        while len(self.entries) < count:
+            self.file.seek(self.next)
+            sector, sectors, flags, _ = struct.unpack("<QQQQ", self.file.read(32))
+            at = self.next + SECTOR
+            entry = Entry(sector, sectors, flags, at)
+            self.next = at + (0 if flags & DISCARD else sectors * SECTOR)
+            if sectors == 1 and not flags & DISCARD:
+                data = self.data(entry)
+                if data.startswith(MARKER):
+                    self.markers.setdefault(data[len(MARKER):].split(b"\n")[0].decode(errors="replace"), []).append(len(self.entries))
+            self.entries.append(entry)
+
+    def data(self, entry):
+        self.file.seek(entry.at)
+        return self.file.read(entry.count * SECTOR)
+
+    def marker(self, name):
+        """The position of the newest marker of that name."""
+        if name not in self.markers:
+            raise HarnessError(f"the log of the tested disk has no marker {name}")
+        return self.markers[name][-1]
+
+
+class Comparison:
+    """Which sectors of an image differ from the disk's present state."""
+
+    def __init__(self, state, extents, image):
+        self.extents, self.image = extents, image
+        self.differs = bytearray(len(image) // SECTOR)
+        at = 0
+        for start, sectors in extents:
+            self.compare(state, start, sectors, at)
+            at += sectors
+        self.count = self.differs.count(1)
+
+    def compare(self, state, start, sectors, image_sector, step=64):
+        """Sets the marks of a range; equal pieces are recognised as a whole."""
+        for first in range(0, sectors, step):
+            some = min(step, sectors - first)
+            ours = state[(start + first) * SECTOR:(start + first + some) * SECTOR]
+            theirs = self.image[(image_sector + first) * SECTOR:(image_sector + first + some) * SECTOR]
+            if ours == theirs:
+                self.differs[image_sector + first:image_sector + first + some] = bytes(some)
+            else:
+                for i in range(some):
+                    self.differs[image_sector + first + i] = ours[i * SECTOR:(i + 1) * SECTOR] != theirs[i * SECTOR:(i + 1) * SECTOR]
+
+    def changed(self, state, sector, count):
+        at = 0
+        for start, sectors in self.extents:
+            first, end = max(sector, start), min(sector + count, start + sectors)
+            if first < end:
+                place = at + first - start
+                self.count -= self.differs.count(1, place, place + end - first)
+                self.compare(state, first, end - first, place)
+                self.count += self.differs.count(1, place, place + end - first)
+            at += sectors
+
+
+class Judge:
+    """Holds a state of the disk and moves it along the log."""
+
+    def __init__(self, log_path, disk_bytes):
+        self.log = WriteLog(log_path)
+        self.state = bytearray(disk_bytes)
+        self.position = 0                 # entries that are in `state`
+        self.kept = (0, bytes(0))         # a state to go back to
+
+    def keep(self):
+        """Called before a test: no later question is about an earlier state."""
+        self.log.update()
+        self.advance(len(self.log.entries))
+        self.kept = (self.position, bytes(self.state))
+
+    def advance(self, position, comparison=None):
+        while self.position < position:
+            entry = self.log.entries[self.position]
+            self.position += 1
+            if not entry.count:
+                continue
+            begin, length = entry.sector * SECTOR, entry.count * SECTOR
+            if begin + length > len(self.state):
+                raise HarnessError("the log has a write past the end of the disk")
+            self.state[begin:begin + length] = bytes(length) if entry.flags & DISCARD else self.log.data(entry)
+            if comparison is not None:
+                comparison.changed(self.state, entry.sector, entry.count)
+
+    def find(self, before, after, extents, image):
+        """(True, text) if the image equals a state between the markers; (False, text) if none."""
+        self.log.update()
+        begin, end = self.log.marker(before), self.log.marker(after)
+        if begin >= end:
+            raise HarnessError(f"the marker {after} is not behind {before}")
+        if len(image) != SECTOR * sum(count for _, count in extents):
+            raise HarnessError("the restored image and the device differ in size")
+        if self.position > begin + 1:
+            self.position, state = self.kept
+            self.state[:] = state or bytes(len(self.state))
+            if self.position > begin + 1:
+                raise HarnessError(f"the marker {before} is older than the test")
+        self.advance(begin + 1)
+        comparison = Comparison(self.state, extents, image)
+        found, best, best_at, best_sectors = None, comparison.count, 0, comparison.differs[:]
+        first_count = comparison.count
+        if comparison.count == 0:
+            found = 0
+        while self.position <= end:
+            self.advance(self.position + 1, comparison)
+            if comparison.count == 0 and found is None:
+                found = self.position - begin - 1
+            if comparison.count < best:
+                best, best_at, best_sectors = comparison.count, self.position - begin - 1, comparison.differs[:]
+        total = end - begin - 1
+        moved = f"{first_count} sectors differ from it at the first marker, {comparison.count} at the second"
+        if found is not None:
+            return True, f"equals the disk after write {found} of {total} between the markers; {moved}"
+        wrong = [i for i, mark in enumerate(best_sectors) if mark][:12]
+        return False, (f"equals no state of the disk between the markers ({total} writes); nearest after write {best_at}: "
+                       f"{best} sectors differ, the first of them {wrong}; {moved}")
+
+    def flushed_between(self, first_extent, second_extent, pairs):
+        """Whether for each n of 1..pairs a flush or a write with FUA lies between number n's arrival in two places.
+
+        The guest writes n to the first place, has it made durable, and only then writes n to the second.
+        """
+        self.log.update()
+        first, second, flushes = {}, {}, []
+        for index in range(self.kept[0], len(self.log.entries)):
+            entry = self.log.entries[index]
+            if entry.flags & FLUSH:
+                flushes.append(index)
+            if entry.count and not entry.flags & DISCARD:
+                for extent, seen in ((first_extent, first), (second_extent, second)):
+                    if entry.sector <= extent < entry.sector + entry.count:
+                        data = self.log.data(entry)[(extent - entry.sector) * SECTOR:][:16]
+                        if data.startswith(b"flush-"):
+                            number = int(data[6:14])
+                            seen.setdefault(number, index)
+                            if entry.flags & FUA and seen is first:
+                                flushes.append(index + 0.5)
+        missing = []
+        for number in range(1, pairs + 1):
+            if number not in first or number not in second:
+                missing.append(number)
+            elif not any(first[number] < flush < second[number] for flush in flushes):
+                missing.append(number)
+        if missing:
+            return False, f"no flush reached the disk between the two writes of {len(missing)} of {pairs} pairs (first: {missing[:5]})"
+        return True, f"each of {pairs} writes was flushed before the next one"
+
+
+def image_part(path, offset, length):
+    with open(path, "rb") as file:
+        file.seek(offset)
+        return file.read(length)
+
+
+def parse_extents(text):
+    return [tuple(int(number) for number in extent.split("+")) for extent in text.split(",")]
+
+
+def fresh_log(path):
+    """QEMU writes the first super block itself; the file has to exist."""
+    Path(path).write_bytes(b"")
