@@ -5,12 +5,19 @@
  * device that it names for the core is the whole disk's. The core's own reads carry absolute sectors as well; they are
  * given to the whole disk and go past the remapping. They come from a pool of their own, because the path that needs
  * them is the one that memory is written out through.
+ *
+ * A command that reads a run of blocks sends a bio for each. Those that follow each other on the disk are gathered and
+ * sent as one, the carrier, which costs the disk and the block layer a fraction; they are sent when the next one does
+ * not follow, when the carrier is full, and before the command waits for any of them. Should the carrier fail, each is
+ * sent again by itself, so that only what cannot be read fails.
  */
 #include "glue.h"
 
 #include <linux/bio.h>
+#include <linux/workqueue.h>
 
 #define POOL_BIOS 64
+#define POOL_CARRIERS 4
 
 struct own_bio {
 	qdr_bio_end_io_fn *end_io;
@@ -18,15 +25,39 @@ struct own_bio {
 	struct bio bio; /* last: its vector follows */
 };
 
+struct carrier {
+	struct work_struct retry;
+	struct bio *carried; /* linked by bi_next */
+	struct bio bio;
+};
+
 static struct bio_set pool;
+static struct bio_set carriers;
+static struct workqueue_struct *retries;
 
 int qdr_bios_init(void)
 {
-	return bioset_init(&pool, POOL_BIOS, offsetof(struct own_bio, bio), BIOSET_NEED_BVECS);
+	int result = bioset_init(&pool, POOL_BIOS, offsetof(struct own_bio, bio), BIOSET_NEED_BVECS);
+
+	if (result)
+		return result;
+	result = bioset_init(&carriers, POOL_CARRIERS, offsetof(struct carrier, bio), BIOSET_NEED_BVECS);
+	if (result)
+		goto no_carriers;
+	retries = alloc_workqueue("quendrel_retry", WQ_MEM_RECLAIM, 0);
+	if (retries)
+		return 0;
+	result = -ENOMEM;
+	bioset_exit(&carriers);
+no_carriers:
+	bioset_exit(&pool);
+	return result;
 }
 
 void qdr_bios_exit(void)
 {
+	destroy_workqueue(retries);
+	bioset_exit(&carriers);
 	bioset_exit(&pool);
 }
 
@@ -73,8 +104,8 @@ void qk_bio_set_bdev(struct bio *b, struct qdr_block_device *bdev)
 	struct block_device *open = qdr_kernel_bdev(bdev);
 
 	own(b)->bdev = bdev;
-	if (open)
-		bio_set_dev(b, bdev_whole(open));
+	/* Most are carried, and need no more of what a bio of its own needs. */
+	b->bi_bdev = open ? bdev_whole(open) : NULL;
 }
 
 u64 qk_bio_sector(struct bio *b)
@@ -156,6 +187,124 @@ int qk_bio_uptodate(struct bio *b)
 /* A mark that nothing of this kernel looks for; the status says it all. */
 void qk_bio_set_eopnotsupp(struct bio *b)
 {
+}
+
+/* ---- Reads that follow each other ---------------------------------------------------------------------------------- */
+
+bool qdr_is_own_bio(const struct bio *b)
+{
+	return b->bi_pool == &pool || b->bi_pool == &carriers;
+}
+
+static void send_alone(struct bio *b)
+{
+	bio_associate_blkg(b);
+	qdr_submit(b);
+}
+
+static void retry(struct work_struct *work)
+{
+	struct carrier *carrier = container_of(work, struct carrier, retry);
+	struct bio *b = carrier->carried;
+
+	while (b) {
+		struct bio *next = b->bi_next;
+
+		b->bi_next = NULL;
+		send_alone(b);
+		b = next;
+	}
+	bio_put(&carrier->bio);
+	atomic_dec(&qdr_held[QDR_HELD_BIOS]);
+}
+
+static void carrier_end_io(struct bio *c)
+{
+	struct carrier *carrier = container_of(c, struct carrier, bio);
+	struct bio *b = carrier->carried;
+
+	if (c->bi_status) {
+		queue_work(retries, &carrier->retry);
+		return;
+	}
+	while (b) {
+		struct bio *next = b->bi_next;
+
+		b->bi_next = NULL;
+		bio_endio(b);
+		b = next;
+	}
+	bio_put(c);
+	atomic_dec(&qdr_held[QDR_HELD_BIOS]);
+}
+
+static void send_carried(struct qdr_call *call)
+{
+	struct bio *first = call->gathered, *b;
+	struct bio *c = bio_alloc_bioset(first->bi_bdev, call->gathered_count, REQ_OP_READ, GFP_NOIO, &carriers);
+	struct carrier *carrier = container_of(c, struct carrier, bio);
+
+	atomic_inc(&qdr_held[QDR_HELD_BIOS]);
+	INIT_WORK(&carrier->retry, retry);
+	carrier->carried = first;
+	c->bi_iter.bi_sector = first->bi_iter.bi_sector;
+	c->bi_end_io = carrier_end_io;
+	for (b = first; b; b = b->bi_next)
+		__bio_add_page(c, b->bi_io_vec[0].bv_page, b->bi_io_vec[0].bv_len, b->bi_io_vec[0].bv_offset);
+	qdr_submit(c);
+}
+
+void qdr_send_gathered(struct qdr_call *call)
+{
+	if (!call || !call->gathered)
+		return;
+	if (call->gathered_count == 1)
+		send_alone(call->gathered);
+	else
+		send_carried(call);
+	call->gathered = NULL;
+	call->gathered_count = 0;
+}
+
+static bool follows(const struct qdr_call *call, const struct bio *b)
+{
+	const struct bio *last = call->last_gathered;
+	const struct request_queue *q = bdev_get_queue(b->bi_bdev);
+	sector_t first_sector = call->gathered->bi_iter.bi_sector;
+
+	return b->bi_bdev == last->bi_bdev && b->bi_iter.bi_sector == bio_end_sector((struct bio *)last) &&
+	       bio_end_sector((struct bio *)b) - first_sector <= queue_max_sectors(q) &&
+	       call->gathered_count < min_t(unsigned int, queue_max_segments(q), BIO_MAX_VECS);
+}
+
+/* Takes a read of the core's own out of a command that reads a run. False: to be sent now. */
+static bool gather(struct qdr_call *call, struct bio *b)
+{
+	if (!call || !call->gathers)
+		return false;
+	if (call->gathered && !follows(call, b))
+		qdr_send_gathered(call);
+	b->bi_next = NULL;
+	if (call->gathered)
+		call->last_gathered->bi_next = b;
+	else
+		call->gathered = b;
+	call->last_gathered = b;
+	call->gathered_count++;
+	return true;
+}
+
+/* A queue's own function. */
+int qdr_original(struct qdr_request_queue *q, struct bio *b)
+{
+	qdr_may_sleep();
+	if (!b->bi_bdev)
+		bio_io_error(b);
+	else if (b->bi_pool != &pool)
+		qdr_submit(b);
+	else if (!gather(qdr_current_call(), b))
+		send_alone(b);
+	return 0;
 }
 
 void qk_generic_make_request(struct bio *b)

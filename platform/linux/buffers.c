@@ -45,10 +45,18 @@ struct qdr_buffer_head *qk_alloc_buffer_head(qdr_gfp_type gfp)
 	return bh;
 }
 
+static void wait_until_unlocked(struct qdr_buffer_head *bh)
+{
+	if (!test_bit(LOCKED, &bh->state))
+		return;
+	qdr_send_gathered(qdr_current_call());
+	wait_on_bit_io(&bh->state, LOCKED, TASK_UNINTERRUPTIBLE);
+}
+
 void qk_free_buffer_head(struct qdr_buffer_head *bh)
 {
 	qdr_may_sleep();
-	wait_on_bit_io(&bh->state, LOCKED, TASK_UNINTERRUPTIBLE);
+	wait_until_unlocked(bh);
 	wait_on_bit(&bh->state, COMPLETING, TASK_UNINTERRUPTIBLE);
 	kmem_cache_free(cache, bh);
 	atomic_dec(&qdr_held[QDR_HELD_BUFFERS]);
@@ -157,5 +165,5 @@ void qk_unlock_buffer(struct qdr_buffer_head *bh)
 void qk_wait_on_buffer_locked(struct qdr_buffer_head *bh)
 {
 	qdr_may_sleep();
-	wait_on_bit_io(&bh->state, LOCKED, TASK_UNINTERRUPTIBLE);
+	wait_until_unlocked(bh);
 }

@@ -130,8 +130,7 @@ static __poll_t control_poll(struct file *file, struct poll_table_struct *table)
 
 static long control_ioctl(struct file *file, unsigned int cmd, unsigned long arg)
 {
-	struct qdr_call call = {.cmd = cmd};
-	struct blk_plug plug;
+	struct qdr_call call = {.cmd = cmd, .gathers = cmd == QUENDREL_READ_BLOCKS};
 	long result;
 
 	/* The driver's pointers have 32 bits. A record beyond them cannot be read. */
@@ -139,11 +138,9 @@ static long control_ioctl(struct file *file, unsigned int cmd, unsigned long arg
 		return QUENDREL_COPY_FROM_USER;
 	qdr_call_begin(&call);
 	qdr_translate_record(&call, (qdr_user_addr)arg);
-	/* A run of blocks goes to the disk in as few requests as it takes. */
-	blk_start_plug(&plug);
 	result = core_ops->ioctl(file_inode(file), file, cmd, arg);
 	qdr_may_sleep();
-	blk_finish_plug(&plug);
+	qdr_send_gathered(&call);
 	qdr_call_end(&call);
 	return result;
 }

@@ -107,6 +107,10 @@ struct qdr_call {
 	unsigned int cmd; /* 0: a release */
 	bool release;
 	void *freed; /* what a release freed, linked through the allocations' headers */
+	/* Reads of a run of blocks that are not sent yet (bios.c), linked by bi_next. */
+	bool gathers;
+	struct bio *gathered, *last_gathered;
+	unsigned int gathered_count;
 	/* The device number in the caller's record: where it stands, and what the core is shown instead. */
 	qdr_user_addr number_at; /* 0: nowhere */
 	u32 number[2];           /* major, minor */
@@ -172,7 +176,8 @@ dev_t qdr_real_number(qdr_kdev_t kdev);                             /* 0 when th
 int qdr_intercept_init(void);
 void qdr_intercept_exit(void); /* the core is gone; returns when no task is inside any more */
 void qdr_wait_for_hooks(void); /* returns when every task that is inside a hook now has left it */
-qdr_make_request_fn qdr_original; /* a queue's own function */
+void qdr_submit(struct bio *bio); /* to its disk, past the hook; its device is set. May sleep */
+qdr_make_request_fn qdr_original; /* a queue's own function (bios.c) */
 
 static inline bool qdr_is_hooked(const struct qdr_gendisk *disk)
 {
@@ -185,6 +190,9 @@ static inline bool qdr_is_hooked(const struct qdr_gendisk *disk)
 void qdr_may_sleep(void);
 gfp_t qdr_gfp(qdr_gfp_type gfp);
 void *qdr_kzalloc_nofail(size_t bytes); /* counted; for kfree, by way of qk_kfree */
+/* Sends the reads that the call has gathered (null: none). Before any wait for one. */
+void qdr_send_gathered(struct qdr_call *call);
+bool qdr_is_own_bio(const struct bio *b);
 int qdr_bios_init(void);
 void qdr_bios_exit(void);
 int qdr_buffers_init(void);

@@ -8,7 +8,8 @@
  * interrupts off and from inside a hook. For all other disks the callback looks and lets the call go on.
  *
  * The functions are called from tasks that may sleep, with a list of bios to submit later at current->bio_list. A call
- * that comes from this module is let through: that is a queue's own function, called by the core.
+ * that comes from this module is let through, since that is a queue's own function, called by the core; so is what the
+ * disk cuts off from one of the core's own reads.
  *
  * Tasks inside a hook are counted by hooks (SRCU). To leave: unregister, wait for tasks between the redirection and the
  * count, for those counted, and for those between the count and their return.
@@ -43,7 +44,7 @@ static bool takes_bios(const struct gendisk *disk)
 	return disk->fops->submit_bio;
 }
 
-/* ---- The queue's own function -------------------------------------------------------------------------------------- */
+/* ---- To the disk --------------------------------------------------------------------------------------------------- */
 
 /* Compiled without tail calls: the return address must lie in this module. */
 static noinline void submit_original(struct bio *bio)
@@ -55,21 +56,20 @@ static noinline void submit_original(struct bio *bio)
 }
 
 /*
- * Gives a bio to its disk. Inside a hook that is what the caller was about to do. In the worker and in commands there is
- * no list for the bios that a disk sends on to others, nor anybody who would try again or poll.
+ * Inside a hook this is what the caller was about to do. In the worker and in commands there is no list for the bios
+ * that a disk sends on to others, nor anybody who would try again or poll.
  */
-int qdr_original(struct qdr_request_queue *q, struct bio *bio)
+void qdr_submit(struct bio *bio)
 {
 	struct bio_list lists[2];
 
-	qdr_may_sleep();
-	if (!bio->bi_bdev || test_bit(GD_DEAD, &bio->bi_bdev->bd_disk->state)) {
+	if (test_bit(GD_DEAD, &bio->bi_bdev->bd_disk->state)) {
 		bio_io_error(bio);
-		return 0;
+		return;
 	}
 	if (current->bio_list) {
 		submit_original(bio);
-		return 0;
+		return;
 	}
 	bio->bi_opf &= ~(REQ_NOWAIT | REQ_POLLED);
 	bio_list_init(&lists[0]);
@@ -79,7 +79,6 @@ int qdr_original(struct qdr_request_queue *q, struct bio *bio)
 	current->bio_list = NULL;
 	while ((bio = bio_list_pop(&lists[0])))
 		submit_bio_noacct(bio);
-	return 0;
 }
 
 /* ---- The hook ------------------------------------------------------------------------------------------------------ */
@@ -118,7 +117,7 @@ static void notrace redirect(unsigned long ip, unsigned long parent, struct ftra
 	bio = (struct bio *)regs->ax;
 #endif
 	kernel_disk = bio->bi_bdev->bd_disk;
-	if (takes_bios(kernel_disk) != entry->takes_bios)
+	if (takes_bios(kernel_disk) != entry->takes_bios || qdr_is_own_bio(bio))
 		return;
 	disk = qdr_find_disk(kernel_disk);
 	if (disk && qdr_is_hooked(disk))
