@@ -1,0 +1,164 @@
+#!/usr/bin/env bash
+# One test of the Debian packages.
+#
+# usage: packages.sh TEST DIRECTORY      DIRECTORY: for what is built; kept, so that the next run is faster
+#   QUENDREL_KDIR   build tree of the kernel that the module is built for; default: the one that tests/vm/fetch
+#                   downloaded, else that of the running kernel
+# Exit status: 0 passed, 1 failed, 77 skipped.
+set -euo pipefail
+
+test=$1
+mkdir -p "$2"
+place=$(cd "$2" && pwd)
+top=$(cd "$(dirname "$0")/../.." && pwd)
+version=$(sed -nE 's/^project\(quendrel VERSION ([0-9.]+).*/\1/p' "$top/CMakeLists.txt")
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+fail() {
+  echo "$*" >&2
+  exit 1
+}
+
+# expect FILE PATTERN: the file has a line that matches.
+expect() { grep -qE -- "$2" "$1" || fail "${1#"$work"/}: no line matches $2"; }
+
+# unpack PACKAGE-FILE: into $work/tree and $work/control, after what holds for any package.
+unpack() {
+  local deb=$1 tree=$work/tree control=$work/control
+  rm -rf "$tree" "$control"
+  dpkg-deb -x "$deb" "$tree"
+  dpkg-deb -e "$deb" "$control"
+  (cd "$tree" && md5sum --quiet -c "$control/md5sums") || fail "md5sums do not match"
+  [ "$(find "$tree" -type f | wc -l)" = "$(wc -l <"$control/md5sums")" ] || fail "md5sums do not name every file"
+  [ "$(dpkg-deb -f "$deb" Version)" = "$version" ] || fail "the package is not of version $version"
+  local wrong
+  wrong=$(dpkg-deb -c "$deb" | awk '$2 != "root/root" || $1 !~ /^(drwxr-xr-x|-rw-r--r--|-rwxr-xr-x)$/')
+  [ -z "$wrong" ] || fail "owner or mode is wrong: $wrong"
+  wrong=$(find "$tree" -type f -exec grep -lF "$top" {} + || true)
+  [ -z "$wrong" ] || fail "the path of the checkout is in $wrong"
+  wrong=$(find "$tree" -name '*.in' -o -name '*.orig' -o -name '*.o' -o -name '*.ko')
+  [ -z "$wrong" ] || fail "left over: $wrong"
+  wrong=$(grep -rlF '@VERSION@' "$tree" "$control" || true)
+  [ -z "$wrong" ] || fail "without its version: $wrong"
+  for script in preinst postinst prerm postrm; do
+    [ ! -e "$control/$script" ] || { [ -x "$control/$script" ] && sh -n "$control/$script"; } || fail "$script is no program"
+  done
+  local page
+  while IFS= read -r page; do
+    gzip -dc "$page" | groff -mandoc -ww -Tutf8 -z 2>&1 | grep . && fail "$page has warnings"
+  done < <(find "$tree/usr/share/man" -name '*.gz')
+  local package
+  package=$(dpkg-deb -f "$deb" Package)
+  [ -s "$tree/usr/share/doc/$package/copyright" ] || fail "no copyright file"
+  gzip -dc "$tree/usr/share/doc/$package/changelog.gz" | head -1 | grep -qF "$package ($version)" || fail "no changelog"
+  # Every command of the description line and its text: short, no line too long.
+  dpkg-deb -f "$deb" Description | awk 'length > 80 { bad = 1 } END { exit bad }' || fail "a line of the description is too long"
+}
+
+dkms_package() {
+  "$top/packaging/build" --only dkms --output "$place" >"$work/built"
+  [ "$(cat "$work/built")" = "$place/quendrel-dkms_${version}_all.deb" ] || fail "packaging/build printed $(cat "$work/built")"
+  unpack "$(cat "$work/built")"
+}
+
+dkms_package_is_sound() {
+  dkms_package
+  local tree=$work/tree source=$work/tree/usr/src/quendrel-$version
+  expect "$tree/lib/modprobe.d/quendrel.conf" '^options quendrel exclusive=1$'
+  grep -qF 'module_param(exclusive' "$top"/platform/linux/*.c || fail "the module has no parameter exclusive"
+  expect "$tree/usr/lib/modules-load.d/quendrel.conf" '^quendrel$'
+  expect "$tree/lib/udev/rules.d/60-quendrel.rules" 'KERNEL=="quendrel".*RUN\+="quendrel-node '
+  local major
+  major=$(sed -nE 's/^#define QUENDREL_CHRDEV_MAJOR ([0-9]+)/\1/p' "$top/quendrel/2.6/quendrel.h")
+  expect "$tree/lib/udev/quendrel-node" "mknod .* c $major 0\$"
+  [ -x "$tree/lib/udev/quendrel-node" ] || fail "quendrel-node cannot be run"
+  local status=0
+  "$tree/lib/udev/quendrel-node" 2>/dev/null || status=$?
+  [ $status = 2 ] || fail "quendrel-node without an argument ends with $status"
+  for file in postinst prerm; do
+    expect "$work/control/$file" "^version=$version\$"
+  done
+  [[ " $(dpkg-deb -f "$(cat "$work/built")" Depends | tr -d ,) " = *" dkms "*" g++ "* ]] || fail "dkms and g++ have to be there"
+  # DKMS reads its file as bash.
+  (
+    kernel_source_dir=/the/kernel
+    # shellcheck disable=SC1091
+    . "$source/dkms.conf"
+    [ "$PACKAGE_NAME/$PACKAGE_VERSION" = "quendrel/$version" ] || fail "dkms.conf is of $PACKAGE_NAME/$PACKAGE_VERSION"
+    [ "${MAKE[0]}" = "./dkms-make /the/kernel" ] || fail "dkms.conf does not build for the kernel that it is given"
+    for machine in x86_64 i686; do
+      [[ $machine =~ $BUILD_EXCLUSIVE_ARCH ]] || fail "dkms.conf leaves out $machine"
+    done
+    [ "$AUTOINSTALL" = yes ] || fail "new kernels would get no module"
+  )
+  # The sources are all there: what the checkout's Kbuild would compile, and no more of the tree than it needs.
+  local file
+  while IFS= read -r file; do
+    cmp -s "$top/$file" "$source/$file" || fail "$file is missing or not the same"
+  done < <(cd "$top" && find quendrel/2.6 platform/linux platform/kernel.h -name '*.cpp' -o -name '*.[ch]' -o -name Kbuild -o -name Makefile -o -path platform/kernel.h)
+  [ ! -e "$source/platform/hosted" ] || fail "the hosted kernel is of no use to a module"
+}
+
+dkms_package_is_the_same_wherever_it_is_built() {
+  export SOURCE_DATE_EPOCH=1700000000
+  mkdir -p "$work/elsewhere/a" "$work/one" "$work/two"
+  cp -r "$top"/{CMakeLists.txt,quendrel,platform,packaging,docs} "$work/elsewhere/a/"
+  find "$work/elsewhere" -exec touch -d '2001-01-01' {} +
+  "$top/packaging/build" --only dkms --output "$work/one" >/dev/null
+  (umask 077 && LC_ALL=C TZ=Asia/Tokyo "$work/elsewhere/a/packaging/build" --only dkms --output "$work/two" >/dev/null)
+  cmp "$work/one/quendrel-dkms_${version}_all.deb" "$work/two/quendrel-dkms_${version}_all.deb"
+}
+
+tools_package_is_sound() {
+  local deb
+  "$top/packaging/build" --only tools --output "$place" --build-dir "$place/build" >"$work/built"
+  deb=$(cat "$work/built")
+  [ "$deb" = "$place/quendrel_${version}_$(dpkg --print-architecture).deb" ] || fail "packaging/build printed $deb"
+  unpack "$deb"
+  local tree=$work/tree file
+  for file in usr/bin/qbackup usr/sbin/quendreld; do
+    [ "$("$tree/$file" --version)" = "${file##*/} $version" ] || fail "$file says $("$tree/$file" --version)"
+  done
+  [ -n "$(find "$tree/usr/lib" -name quendreld-nbd.so)" ] || fail "the daemon's plugin is missing"
+  while IFS= read -r file; do
+    ! readelf -S "$file" | grep -q ' \.debug_' || fail "$file has debug sections"
+    ! readelf -d "$file" | grep -qE 'RPATH|RUNPATH' || fail "$file looks for libraries in a place of its own"
+  done < <(find "$tree/usr/bin" "$tree/usr/sbin" "$tree/usr/lib" -type f)
+  dpkg-deb -f "$deb" Depends | grep -qE '(^|, )libc6 ' || fail "the libraries are not among the dependencies"
+  for file in man1/qbackup.1.gz man8/quendreld.8.gz; do
+    [ -e "$tree/usr/share/man/$file" ] || fail "$file is missing"
+  done
+  # Completion offers every option that the program has, and none that it has not.
+  local command offered known
+  # shellcheck disable=SC1091
+  . "$tree/usr/share/bash-completion/completions/qbackup"
+  for command in backup restore status verify list; do
+    COMP_WORDS=(qbackup "$command" --) COMP_CWORD=2 COMPREPLY=()
+    _qbackup
+    offered=$(printf '%s\n' "${COMPREPLY[@]}" | grep -vxE -- '--(control|json|quiet|help)' | sort)
+    known=$("$tree/usr/bin/qbackup" "$command" --help | grep -oE '^ +(-[a-z], ?)?--[a-z-]+' | grep -oE -- '--[a-z-]+' | grep -vxE -- '--help' | sort)
+    [ "$offered" = "$known" ] || fail "$command has the options $known and completion offers $offered"
+  done
+}
+
+module_builds_from_the_dkms_package() {
+  local kdir=${QUENDREL_KDIR:-} fetched=$top/build/vm/cache/amd64/kdir
+  [ -n "$kdir" ] || [ ! -s "$fetched" ] || kdir=$(cat "$fetched")
+  [ -n "$kdir" ] || kdir=/lib/modules/$(uname -r)/build
+  if [ ! -e "$kdir/Makefile" ]; then
+    echo "no kernel build tree at $kdir: run tests/vm/fetch, or set QUENDREL_KDIR"
+    exit 77
+  fi
+  dkms_package
+  local source=$work/tree/usr/src/quendrel-$version
+  chmod -R a-w "$source/quendrel" "$source/platform"
+  (cd "$source" && ./dkms-make "$kdir") >"$work/log" 2>&1 || { tail -30 "$work/log" >&2 && fail "it does not build with $kdir"; }
+  chmod -R u+w "$source"
+  local info
+  info=$(PATH=$PATH:/sbin:/usr/sbin modinfo "$source/ko/quendrel.ko")
+  grep -q "^version: *$version\$" <<<"$info" || fail "the module is not of version $version"
+  grep -q '^parm: *exclusive:' <<<"$info" || fail "the module has no parameter exclusive"
+}
+
+"$test"
