@@ -184,6 +184,32 @@ marked_backup() {
   backup "$@"
   mark "after-$label"
 }
+# hold_backup DEVICE [OPTIONS]: starts a backup and stops it in the middle of copying. resume_backup STATUS lets it go on
+# and demands that exit status; its output goes to $OUTPUT.
+hold_backup() {
+  local device=$1 tries=0 size
+  shift
+  qbackup -q --json backup --device "$device" --to $STORE "$@" >/run/held-backup.log 2>&1 3>&- &
+  HELD=$!
+  while :; do
+    size=$(du -sk --apparent-size $STORE/"$(basename "$(readlink -f "$device")")" 2>/dev/null | cut -f1)
+    [ "${size:-0}" -lt "$((${HELD_BASE:-0} + 1000))" ] || break
+    kill -0 $HELD 2>/dev/null || fail "the backup ended before it could be held: $(tail -1 /run/held-backup.log)"
+    tries=$((tries + 1))
+    [ $tries -lt 2000 ] || fail "the backup does not come to copying"
+    sleep 0.01
+  done
+  kill -STOP $HELD
+  kill -0 $HELD || fail "the backup was over before it could be held"
+}
+resume_backup() {
+  local status=0
+  kill -CONT $HELD
+  wait $HELD || status=$?
+  OUTPUT=$(cat /run/held-backup.log)
+  echo "$OUTPUT"
+  [ $status = "$1" ] || fail "the held backup ended with $status, not $1: $(tail -1 /run/held-backup.log)"
+}
 # prove LABEL BACKUP REGION EXTENTS: restores the backup and has the host compare it with every state that the disk
 # had between the two marks. EXTENTS: where the device lies on the tested disk, START+SECTORS, joined by commas.
 prove() {
@@ -191,7 +217,7 @@ prove() {
   expect 0 qbackup -q restore --from "$from" --to "$place" --force
   # The host reads the disk that holds the region.
   sync "$place"
-  host judge "$TEST-before-$label" "$TEST-after-$label" "$extents" "$(start_of "$place")"
+  host judge "${JUDGED:-tested}" "$TEST-before-$label" "$TEST-after-$label" "$extents" "$(start_of "$place")"
 }
 extent() { echo "$(start_of "$1")+$(sectors "$1")"; }
 
@@ -274,17 +300,18 @@ clean_up() {
 # ---- the story that every kind of device goes through
 
 # chain TYPE DEVICE EXTENTS: the file system on DEVICE, mounted on /mnt/chain, is backed up in full and three times
-# incrementally while writers work on it; each restored backup is proved and checked. TRIM=trim lets the writers trim.
+# incrementally while writers work on it; each restored backup is proved and checked. TRIM=trim lets the writers trim,
+# LAST is the number of incremental backups, OPTIONS are more options of qbackup.
 chain() {
-  local type=$1 device=$2 extents=$3 number mode paths=() copied=() places=()
+  local type=$1 device=$2 extents=$3 number mode paths=() copied=()
   mkdir -p /mnt/chain
   mount "$device" /mnt/chain
   start_writers /mnt/chain "${TRIM:-}"
   sleep 1
-  for number in 0 1 2 3; do
-    marked_backup $number "$device"
+  for number in $(seq 0 "${LAST:-3}"); do
+    marked_backup "$number" "$device" ${OPTIONS:-}
     mode=inc
-    [ $number != 0 ] || mode=full
+    [ "$number" != 0 ] || mode=full
     expect_mode $mode
     paths+=("$(report_field path)")
     copied+=("$(report_field copiedBlocks)")
@@ -292,11 +319,11 @@ chain() {
   done
   stop_writers
   umount /mnt/chain
-  for number in 1 2 3; do
+  for number in $(seq 1 "${LAST:-3}"); do
     [ "${copied[number]}" -lt "${copied[0]}" ] || fail "an incremental backup has copied ${copied[number]} blocks, the full one ${copied[0]}"
   done
-  for number in 0 1 2 3; do
-    prove $number "${paths[number]}" "$(region $((number + 1)))" "$extents"
+  for number in $(seq 0 "${LAST:-3}"); do
+    prove "$number" "${paths[number]}" "$(region $((number + 1)))" "$extents"
     check_fs "$type" "$(region $((number + 1)))"
   done
 }

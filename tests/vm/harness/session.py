@@ -29,7 +29,7 @@ class Session:
         self.boot_image, self.root, self.initial = boot_image, root, initial
         self.time_factor, self.tell, self.verbose = time_factor, tell, verbose
         self.machine = None
-        self.judge = None
+        self.judges = {}
         self.kind = None
         self.boots = 0
         self.boot_seconds = 0.0
@@ -40,15 +40,16 @@ class Session:
         here = self.work / f"boot-{self.boots}"
         here.mkdir(parents=True, exist_ok=True)
         self.here, self.kind = here, kind
-        log = here / "tested.log"
-        write_log.fresh_log(log)
+        logs = {name: here / f"{name}.log" for name in ("tested", "nvme")}
+        for log in logs.values():
+            write_log.fresh_log(log)
         disks = [
             Disk("root", self.root, 4, read_only=True),
-            Disk("tested", images.raw_disk(here / "tested.img", TESTED_MIB), 5, log=log),
+            Disk("tested", images.raw_disk(here / "tested.img", TESTED_MIB), 5, log=logs["tested"]),
             Disk("spare", images.raw_disk(here / "spare.img", REGIONS * REGION_MIB + 8), 6),
             Disk("store", images.raw_disk(here / "store.img", STORE_MIB), 7),
             Disk("loose", images.raw_disk(here / "loose.img", LOOSE_MIB), 8),
-            Disk("nvme", images.raw_disk(here / "nvme.img", NVME_MIB), 9, interface="nvme"),
+            Disk("nvme", images.raw_disk(here / "nvme.img", NVME_MIB), 9, interface="nvme", log=logs["nvme"]),
         ]
         began = time.monotonic()
         try:
@@ -59,7 +60,7 @@ class Session:
             console = (here / "console.log").read_text(errors="replace")
             raise HarnessError(f"the machine did not come up; {here / 'console.log'} ends with:\n" + tail(console, 30)) from None
         self.boot_seconds = time.monotonic() - began
-        self.judge = write_log.Judge(log, TESTED_MIB << 20)
+        self.judges = {"tested": write_log.Judge(logs["tested"], TESTED_MIB << 20), "nvme": write_log.Judge(logs["nvme"], NVME_MIB << 20)}
         self.console_seen = self.machine.console_bytes()
         early = kernel_log.trouble(self.machine.console())
         if early:
@@ -73,14 +74,17 @@ class Session:
             self.machine.wait(20)
         except MachineDied:
             pass
-        self.machine.stop()
-        self.machine = None
-        for name in ("tested.img", "spare.img", "store.img", "loose.img", "nvme.img", "tested.log"):
+        self.discard()
+        for name in ("tested.img", "spare.img", "store.img", "loose.img", "nvme.img", "tested.log", "nvme.log"):
             (self.here / name).unlink(missing_ok=True)
 
-    def kill(self):
+    def discard(self):
+        """Ends the machine at once; its disks stay."""
         self.machine.stop()
         self.machine = None
+        for judge in self.judges.values():
+            judge.log.close()
+        self.judges = {}
 
     def run(self, test):
         if self.machine is None or self.kind != test.machine:
@@ -90,8 +94,7 @@ class Session:
             verdict = self._run(test)
         except MachineDied:
             verdict = Verdict(test.name, "FAIL", time.monotonic() - began, "the machine died", tail(self._console_of_test(), 40))
-            self.machine.stop()
-            self.machine = None
+            self.discard()
         return verdict
 
     def _console_of_test(self):
@@ -99,7 +102,8 @@ class Session:
 
     def _run(self, test):
         machine = self.machine
-        self.judge.keep()
+        for judge in self.judges.values():
+            judge.keep()
         limit = int(test.limit * self.time_factor)
         began = time.monotonic()
         deadline = began + limit + GRACE * self.time_factor
@@ -110,7 +114,7 @@ class Session:
             line = machine.line(deadline)
             if line is None:
                 console = self._console_of_test()
-                self.kill()
+                self.discard()
                 return Verdict(test.name, "FAIL", time.monotonic() - began, f"hangs: not over {GRACE} s after its limit of {limit} s",
                                "\n".join(printed[-25:]) + "\n" + tail(console, 60))
             if line.startswith("> "):
@@ -133,7 +137,7 @@ class Session:
         if verdict.verdict == "FAIL":
             verdict.log = "\n".join(printed[-30:]) + "\n---- kernel\n" + tail(console, 120 if trouble else 20)
             # What it left behind must not fail the next one.
-            self.kill()
+            self.discard()
         return verdict
 
     # ---- what a test may ask for
@@ -144,22 +148,18 @@ class Session:
         except (HarnessError, AttributeError, TypeError, ValueError) as error:
             return False, str(error).replace("\n", " ")
 
-    def host_judge(self, before, after, extents, region_start):
+    def host_judge(self, disk, before, after, extents, region_start):
         extents = write_log.parse_extents(extents)
         length = sum(count for _, count in extents) * write_log.SECTOR
         image = write_log.image_part(self.here / "spare.img", int(region_start) * write_log.SECTOR, length)
-        return self.judge.find(before, after, extents, image)
+        return self.judges[disk].find(before, after, extents, image)
 
     def host_flushed_between(self, first, second, pairs):
-        return self.judge.flushed_between(int(first), int(second), int(pairs))
+        return self.judges["tested"].flushed_between(int(first), int(second), int(pairs))
 
     def host_unplug(self, disk):
         self.machine.command("device_del", id=f"{disk}-device")
         return True, f"{disk} is being unplugged"
-
-    def host_log_size(self):
-        self.judge.log.update()
-        return True, str(len(self.judge.log.entries))
 
 
 def tail(text, lines):

@@ -4,6 +4,7 @@ The log is QEMU's blklogwrites, in the order in which the disk got the requests.
 marker sector. A restored image is right if between the two markers there is a state of the disk that it equals in
 every bit. No file system and nothing of the driver takes part in that.
 """
+import os
 import struct
 from pathlib import Path
 
@@ -26,22 +27,20 @@ class WriteLog:
     """Reads the log as it grows."""
 
     def __init__(self, path):
-        self.file = open(path, "rb")
+        self.file = os.open(path, os.O_RDONLY)      # QEMU goes on writing: nothing may be kept in a buffer.
         self.entries = []
         self.markers = {}
         self.next = SECTOR
 
     def update(self):
-        self.file.seek(0)
-        head = self.file.read(28)
+        head = os.pread(self.file, 28, 0)
         if len(head) < 28:
             return      # QEMU writes it with the first flush.
         magic, version, count, sector_size = struct.unpack("<QQQI", head)
         if magic != MAGIC or version != 1 or sector_size != SECTOR:
             raise HarnessError("QEMU's write log is not of the form that is known here (blklogwrites, version 1, 512-byte sectors)")
         while len(self.entries) < count:
-            self.file.seek(self.next)
-            sector, sectors, flags, _ = struct.unpack("<QQQQ", self.file.read(32))
+            sector, sectors, flags, _ = struct.unpack("<QQQQ", os.pread(self.file, 32, self.next))
             at = self.next + SECTOR
             entry = Entry(sector, sectors, flags, at)
             self.next = at + (0 if flags & DISCARD else sectors * SECTOR)
@@ -52,8 +51,10 @@ class WriteLog:
             self.entries.append(entry)
 
     def data(self, entry):
-        self.file.seek(entry.at)
-        return self.file.read(entry.count * SECTOR)
+        return os.pread(self.file, entry.count * SECTOR, entry.at)
+
+    def close(self):
+        os.close(self.file)
 
     def marker(self, name):
         """The position of the newest marker of that name."""
@@ -159,34 +160,33 @@ class Judge:
         return False, (f"equals no state of the disk between the markers ({total} writes); nearest after write {best_at}: "
                        f"{best} sectors differ, the first of them {wrong}; {moved}")
 
-    def flushed_between(self, first_extent, second_extent, pairs):
-        """Whether for each n of 1..pairs a flush or a write with FUA lies between number n's arrival in two places.
+    def flushed_between(self, first_sector, second_sector, pairs):
+        """Whether for each n the flush between the guest's n-th two writes reached the disk between them.
 
-        The guest writes n to the first place, has it made durable, and only then writes n to the second.
+        The guest writes block n of one place, has it made durable, and only then writes block n of the other.
         """
         self.log.update()
-        first, second, flushes = {}, {}, []
+        arrivals = ({}, {})
+        flushes = []
         for index in range(self.kept[0], len(self.log.entries)):
             entry = self.log.entries[index]
-            if entry.flags & FLUSH:
+            if entry.flags & (FLUSH | FUA):
                 flushes.append(index)
-            if entry.count and not entry.flags & DISCARD:
-                for extent, seen in ((first_extent, first), (second_extent, second)):
-                    if entry.sector <= extent < entry.sector + entry.count:
-                        data = self.log.data(entry)[(extent - entry.sector) * SECTOR:][:16]
-                        if data.startswith(b"flush-"):
-                            number = int(data[6:14])
-                            seen.setdefault(number, index)
-                            if entry.flags & FUA and seen is first:
-                                flushes.append(index + 0.5)
-        missing = []
-        for number in range(1, pairs + 1):
-            if number not in first or number not in second:
-                missing.append(number)
-            elif not any(first[number] < flush < second[number] for flush in flushes):
-                missing.append(number)
-        if missing:
-            return False, f"no flush reached the disk between the two writes of {len(missing)} of {pairs} pairs (first: {missing[:5]})"
+            if not entry.count or entry.flags & DISCARD:
+                continue
+            for place, seen in zip((first_sector, second_sector), arrivals):
+                for number in range(pairs):
+                    sector = place + 8 * number
+                    if entry.sector <= sector < entry.sector + entry.count:
+                        if self.log.data(entry)[(sector - entry.sector) * SECTOR:].startswith(b"pair %06d" % number):
+                            seen[number] = index
+        first, second = arrivals
+        lost = [n for n in range(pairs) if n not in first or n not in second]
+        if lost:
+            return False, f"{len(lost)} of {pairs} pairs of writes did not reach the disk (first: {lost[:5]})"
+        bare = [n for n in range(pairs) if not any(first[n] < flush < second[n] for flush in flushes)]
+        if bare:
+            return False, f"no flush reached the disk between the two writes of {len(bare)} of {pairs} pairs (first: {bare[:5]})"
         return True, f"each of {pairs} writes was flushed before the next one"
 
 
