@@ -6,8 +6,6 @@
  */
 #include "glue.h"
 
-#include <linux/wait_bit.h>
-
 enum { LOCKED, REQ, MAPPED, UPTODATE, COMPLETING };
 
 struct qdr_buffer_head {
@@ -49,15 +47,15 @@ static void wait_until_unlocked(struct qdr_buffer_head *bh)
 {
 	if (!test_bit(LOCKED, &bh->state))
 		return;
-	qdr_send_gathered(qdr_current_call());
-	wait_on_bit_io(&bh->state, LOCKED, TASK_UNINTERRUPTIBLE);
+	qdr_start_reads(bh->bdev);
+	family_wait_on_bit(&bh->state, LOCKED);
 }
 
 void qk_free_buffer_head(struct qdr_buffer_head *bh)
 {
 	qdr_may_sleep();
 	wait_until_unlocked(bh);
-	wait_on_bit(&bh->state, COMPLETING, TASK_UNINTERRUPTIBLE);
+	family_wait_on_bit(&bh->state, COMPLETING);
 	kmem_cache_free(cache, bh);
 	atomic_dec(&qdr_held[QDR_HELD_BUFFERS]);
 }
@@ -67,7 +65,7 @@ void qk_bh_end_io(struct qdr_buffer_head *bh, int uptodate)
 	set_bit(COMPLETING, &bh->state);
 	bh->end_io(bh, uptodate);
 	clear_bit_unlock(COMPLETING, &bh->state);
-	smp_mb__after_atomic();
+	family_after_clear_bit();
 	/* Only the address is used: the buffer may be gone. */
 	wake_up_bit(&bh->state, COMPLETING);
 }
@@ -158,7 +156,7 @@ void qk_set_buffer_eopnotsupp(struct qdr_buffer_head *bh)
 void qk_unlock_buffer(struct qdr_buffer_head *bh)
 {
 	clear_bit_unlock(LOCKED, &bh->state);
-	smp_mb__after_atomic();
+	family_after_clear_bit();
 	wake_up_bit(&bh->state, LOCKED);
 }
 

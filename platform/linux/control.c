@@ -8,7 +8,9 @@
 #include "glue.h"
 #include "quendrel.h"
 
+#ifdef CONFIG_COMPAT
 #include <linux/compat.h>
+#endif
 #include <linux/moduleparam.h>
 #include <linux/poll.h>
 #include <linux/uaccess.h>
@@ -128,19 +130,19 @@ static __poll_t control_poll(struct file *file, struct poll_table_struct *table)
 
 /* ---- Commands ------------------------------------------------------------------------------------------------------ */
 
-static long control_ioctl(struct file *file, unsigned int cmd, unsigned long arg)
+static long command(struct file *file, unsigned int cmd, unsigned long arg)
 {
 	struct qdr_call call = {.cmd = cmd, .gathers = cmd == QUENDREL_READ_BLOCKS};
 	long result;
 
 	/* The driver's pointers have 32 bits. A record beyond them cannot be read. */
-	if (arg > U32_MAX && _IOC_DIR(cmd) != _IOC_NONE)
+	if (arg > 0xFFFFFFFFUL && _IOC_DIR(cmd) != _IOC_NONE)
 		return QUENDREL_COPY_FROM_USER;
 	qdr_call_begin(&call);
 	qdr_translate_record(&call, (qdr_user_addr)arg);
-	result = core_ops->ioctl(file_inode(file), file, cmd, arg);
+	result = core_ops->ioctl(family_inode(file), file, cmd, arg);
 	qdr_may_sleep();
-	qdr_send_gathered(&call);
+	qdr_start_reads(NULL);
 	qdr_call_end(&call);
 	return result;
 }
@@ -148,7 +150,14 @@ static long control_ioctl(struct file *file, unsigned int cmd, unsigned long arg
 #ifdef CONFIG_COMPAT
 static long control_compat_ioctl(struct file *file, unsigned int cmd, unsigned long arg)
 {
-	return control_ioctl(file, cmd, (unsigned long)compat_ptr(arg));
+	return command(file, cmd, (unsigned long)compat_ptr(arg));
+}
+#endif
+
+#ifdef FAMILY_LOCKED_IOCTL
+static int control_ioctl(struct inode *inode, struct file *file, unsigned int cmd, unsigned long arg)
+{
+	return command(file, cmd, arg);
 }
 #endif
 
@@ -169,9 +178,9 @@ static void mapping_close(struct vm_area_struct *vma)
 	ops_of(vma)->close(vma);
 }
 
-static vm_fault_t mapping_fault(struct vm_fault *vmf)
+static vm_fault_t mapping_fault(FAMILY_FAULT_ARGUMENTS)
 {
-	return (__force vm_fault_t)ops_of(vmf->vma)->fault(vmf->vma, vmf);
+	return (__force vm_fault_t)ops_of(FAMILY_FAULT_MAPPING)->fault(FAMILY_FAULT_MAPPING, vmf);
 }
 
 static const struct vm_operations_struct mapping_ops = {
@@ -219,7 +228,7 @@ void qk_vma_set_ops(struct vm_area_struct *vma, const struct qdr_vm_operations *
 
 unsigned long qk_vm_fault_address(struct vm_fault *vmf)
 {
-	return vmf->address;
+	return (unsigned long)FAMILY_FAULT_ADDRESS(vmf);
 }
 
 void qk_vm_fault_set_page(struct vm_fault *vmf, struct page *p)
@@ -236,12 +245,15 @@ static const struct file_operations control_fops = {
 	.read = control_read,
 	.write = control_write,
 	.poll = control_poll,
-	.unlocked_ioctl = control_ioctl,
+#ifdef FAMILY_LOCKED_IOCTL
+	.ioctl = control_ioctl,
+#else
+	.unlocked_ioctl = command,
+#endif
 #ifdef CONFIG_COMPAT
 	.compat_ioctl = control_compat_ioctl,
 #endif
 	.mmap = control_mmap,
-	.llseek = noop_llseek,
 };
 
 int qk_register_chrdev(unsigned int major, const char *name, const struct qdr_file_operations *fops)

@@ -31,6 +31,8 @@
 #include <linux/slab.h>
 #include <linux/spinlock.h>
 
+#include "family.h"
+
 /* ---- The contract's types ---------------------------------------------------------------------------------------- */
 
 typedef u32 qdr_user_addr;
@@ -141,7 +143,7 @@ struct qdr_request_queue {
 struct qdr_gendisk {
 	struct hlist_node hash;
 	struct gendisk *disk; /* valid while one of its devices is open here, or a bio for it is at hand */
-	u64 diskseq;
+	u64 diskseq; /* 6.1 */
 	u32 major, first_minor, minors; /* as the core sees them */
 	bool alias;                     /* they are not the real ones */
 	struct qdr_request_queue queue;
@@ -190,8 +192,8 @@ static inline bool qdr_is_hooked(const struct qdr_gendisk *disk)
 void qdr_may_sleep(void);
 gfp_t qdr_gfp(qdr_gfp_type gfp);
 void *qdr_kzalloc_nofail(size_t bytes); /* counted; for kfree, by way of qk_kfree */
-/* Sends the reads that the call has gathered (null: none). Before any wait for one. */
-void qdr_send_gathered(struct qdr_call *call);
+/* Sends what waits to be sent together with more: before a wait for a read of `bdev` (null: at a command's end). */
+void qdr_start_reads(struct qdr_block_device *bdev);
 bool qdr_is_own_bio(const struct bio *b);
 int qdr_bios_init(void);
 void qdr_bios_exit(void);

@@ -5,40 +5,46 @@
  */
 #include "glue.h"
 
-#include <linux/delay.h>
 #include <linux/percpu.h>
-#include <linux/sched/signal.h>
 
 static DEFINE_PER_CPU(unsigned int, spin_locks_held);
+#define DEEPEST 7U /* subclasses that the lock checker knows */
+
+/* To the kernel's lock checker, all locks that one place in the code makes are of one class. */
+#define CALLERS_CLASS ((struct lock_class_key *)__builtin_return_address(0))
 
 static bool spin_lock_held(void)
 {
-	return irqs_disabled() && this_cpu_read(spin_locks_held);
+	return irqs_disabled() && per_cpu(spin_locks_held, raw_smp_processor_id());
 }
 
 void qdr_may_sleep(void)
 {
-	if (unlikely(irqs_disabled()) && !this_cpu_read(spin_locks_held))
+	if (unlikely(irqs_disabled()) && !spin_lock_held())
 		local_irq_enable();
 }
 
 void qk_spin_lock_init(spinlock_t *lock)
 {
-	spin_lock_init(lock);
+	family_spin_lock_init(lock, CALLERS_CLASS);
 }
 
 void qk_spin_lock_irqsave(spinlock_t *lock, unsigned long *flags)
 {
-	unsigned long saved;
+	unsigned long saved, inner;
+	unsigned int *depth;
 
-	spin_lock_irqsave(lock, saved);
+	/* Two locks of one class are taken inside each other in one place, so the depth is part of the class. */
+	local_irq_save(saved);
+	depth = &per_cpu(spin_locks_held, raw_smp_processor_id());
+	spin_lock_irqsave_nested(lock, inner, min(*depth, DEEPEST));
+	(*depth)++;
 	*flags = saved;
-	this_cpu_inc(spin_locks_held);
 }
 
 void qk_spin_unlock_irqrestore(spinlock_t *lock, unsigned long flags)
 {
-	this_cpu_dec(spin_locks_held);
+	per_cpu(spin_locks_held, raw_smp_processor_id())--;
 	spin_unlock_irqrestore(lock, flags);
 }
 
@@ -77,7 +83,11 @@ void qk_up(struct semaphore *sem)
 
 void qk_init_rwsem(struct rw_semaphore *sem)
 {
+#ifdef CONFIG_LOCKDEP
+	__init_rwsem(sem, "quendrel", CALLERS_CLASS);
+#else
 	init_rwsem(sem);
+#endif
 }
 
 void qk_down_read(struct rw_semaphore *sem)
@@ -119,7 +129,7 @@ void qk_wait_for_completion(struct completion *c)
 }
 
 /*
- * The core calls this in loops that wait for another task. A short sleep lets that task run whatever its priority is.
+ * The core calls this in loops that wait for another task.
  * With a spin lock held only another processor can be waited for.
  */
 void qk_schedule(void)
@@ -129,7 +139,7 @@ void qk_schedule(void)
 		return;
 	}
 	qdr_may_sleep();
-	usleep_range(20, 60);
+	family_short_sleep();
 }
 
 void qk_set_current_running(void)

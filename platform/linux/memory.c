@@ -8,7 +8,6 @@
 
 #include <linux/highmem.h>
 #include <linux/uaccess.h>
-#include <linux/vmalloc.h>
 
 atomic_t qdr_held[QDR_HELD_KINDS];
 
@@ -73,7 +72,7 @@ gfp_t qdr_gfp(qdr_gfp_type gfp)
 
 struct header {
 	void *next; /* freed by the same release */
-} __aligned(ARCH_KMALLOC_MINALIGN);
+} __attribute__((aligned(__alignof__(u64))));
 
 static void *allocate(size_t bytes, gfp_t gfp)
 {
@@ -133,7 +132,7 @@ void qdr_free_deferred(struct qdr_call *call)
 void *qk_vmalloc(unsigned long bytes)
 {
 	qdr_may_sleep();
-	return held(__vmalloc(bytes, GFP_KERNEL | __GFP_NOWARN), QDR_HELD_AREAS);
+	return held(family_vmalloc(bytes, GFP_KERNEL | __GFP_NOWARN), QDR_HELD_AREAS);
 }
 
 void qk_vfree(const void *p)
@@ -187,7 +186,7 @@ void *qk_page_address(struct page *p)
 struct kmem_cache *qk_kmem_cache_create(const char *name, size_t bytes)
 {
 	qdr_may_sleep();
-	return held(kmem_cache_create(name, bytes, 0, SLAB_HWCACHE_ALIGN, NULL), QDR_HELD_CACHES);
+	return held(family_cache_create(name, bytes), QDR_HELD_CACHES);
 }
 
 void *qk_kmem_cache_alloc(struct kmem_cache *cache, qdr_gfp_type gfp)
@@ -207,7 +206,7 @@ void qk_kmem_cache_destroy(struct kmem_cache *cache)
 	if (!cache)
 		return;
 	qdr_may_sleep();
-	kmem_cache_destroy(cache);
+	family_cache_destroy(cache);
 	atomic_dec(&qdr_held[QDR_HELD_CACHES]);
 }
 

@@ -9,7 +9,7 @@
 
 #include <linux/moduleparam.h>
 
-static int show_held(char *to, const struct kernel_param *kp)
+static int show_held(char *to, family_param *kp)
 {
 	int bytes = qdr_print_held(to, PAGE_SIZE - 1);
 
@@ -17,12 +17,24 @@ static int show_held(char *to, const struct kernel_param *kp)
 	return bytes + 1;
 }
 
-static const struct kernel_param_ops held_ops = {.get = show_held};
-module_param_cb(held, &held_ops, NULL, 0444);
+family_param_get(held, show_held);
 MODULE_PARM_DESC(held, "what the module holds now, by kind");
 
 /* ---- The log ------------------------------------------------------------------------------------------------------- */
 
+#ifndef KERN_SOH
+/* The contract's own conventions. */
+int qk_printk(const char *format, ...)
+{
+	va_list args;
+	int result;
+
+	va_start(args, format);
+	result = vprintk(format, args);
+	va_end(args);
+	return result;
+}
+#else
 /*
  * The core's formats begin with "<level>", which kernels of today no longer read, and its %p is plain hexadecimal, which
  * they have under another name.
@@ -57,6 +69,7 @@ int qk_printk(const char *format, ...)
 	va_end(args);
 	return result;
 }
+#endif
 
 /* The core's side of this is in inlines.h, and stops the task behind the call. */
 void qk_report_bug(const char *file, int line);

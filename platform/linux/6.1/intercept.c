@@ -46,8 +46,8 @@ static bool takes_bios(const struct gendisk *disk)
 
 /* ---- To the disk --------------------------------------------------------------------------------------------------- */
 
-/* Compiled without tail calls: the return address must lie in this module. */
-static noinline void submit_original(struct bio *bio)
+/* Without tail calls: the return address must lie in this module. */
+static noinline __attribute__((optimize("no-optimize-sibling-calls"))) void submit_original(struct bio *bio)
 {
 	if (takes_bios(bio->bi_bdev->bd_disk))
 		bio_entry.original(bio);

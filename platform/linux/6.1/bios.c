@@ -254,7 +254,7 @@ static void send_carried(struct qdr_call *call)
 	qdr_submit(c);
 }
 
-void qdr_send_gathered(struct qdr_call *call)
+static void send_gathered(struct qdr_call *call)
 {
 	if (!call || !call->gathered)
 		return;
@@ -264,6 +264,11 @@ void qdr_send_gathered(struct qdr_call *call)
 		send_carried(call);
 	call->gathered = NULL;
 	call->gathered_count = 0;
+}
+
+void qdr_start_reads(struct qdr_block_device *bdev)
+{
+	send_gathered(qdr_current_call());
 }
 
 static bool follows(const struct qdr_call *call, const struct bio *b)
@@ -283,7 +288,7 @@ static bool gather(struct qdr_call *call, struct bio *b)
 	if (!call || !call->gathers)
 		return false;
 	if (call->gathered && !follows(call, b))
-		qdr_send_gathered(call);
+		send_gathered(call);
 	b->bi_next = NULL;
 	if (call->gathered)
 		call->last_gathered->bi_next = b;

@@ -1,0 +1,81 @@
+/* What the shared part of the glue does differently on kernels that have multi-queue block devices only (6.1). */
+#ifndef QUENDREL_FAMILY_H
+#define QUENDREL_FAMILY_H
+
+#include <linux/blk_types.h>
+#include <linux/blkdev.h>
+#include <linux/delay.h>
+#include <linux/moduleparam.h>
+#include <linux/spinlock.h>
+#include <linux/vmalloc.h>
+#include <linux/wait_bit.h>
+
+/* Parameters of a module that are computed when they are read. */
+#define family_param_get(name, reader)                                                                                     \
+	static const struct kernel_param_ops name##_ops = {.get = reader};                                                 \
+	module_param_cb(name, &name##_ops, NULL, 0444)
+typedef const struct kernel_param family_param;
+
+/* A lock of the caller's place in the code, for the lock checker. */
+static inline void family_spin_lock_init(spinlock_t *lock, struct lock_class_key *key)
+{
+#ifdef CONFIG_DEBUG_SPINLOCK
+	__raw_spin_lock_init(spinlock_check(lock), "quendrel", key, LD_WAIT_CONFIG);
+#else
+	spin_lock_init(lock);
+#endif
+}
+
+/* Lets another task run, whatever its priority. */
+static inline void family_short_sleep(void)
+{
+	usleep_range(20, 60);
+}
+
+static inline void *family_vmalloc(unsigned long bytes, gfp_t gfp)
+{
+	return __vmalloc(bytes, gfp);
+}
+
+/* The kernel copies a cache's name and lets two have the same. */
+static inline struct kmem_cache *family_cache_create(const char *name, size_t bytes)
+{
+	return kmem_cache_create(name, bytes, 0, SLAB_HWCACHE_ALIGN, NULL);
+}
+
+static inline void family_cache_destroy(struct kmem_cache *cache)
+{
+	kmem_cache_destroy(cache);
+}
+
+static inline void family_wait_on_bit(unsigned long *word, int bit)
+{
+	wait_on_bit_io(word, bit, TASK_UNINTERRUPTIBLE);
+}
+
+static inline void family_after_clear_bit(void)
+{
+	smp_mb__after_atomic();
+}
+
+static inline u32 family_highest_partition(struct gendisk *disk)
+{
+	struct block_device *part;
+	unsigned long index, highest = 0;
+
+	xa_for_each(&disk->part_tbl, index, part)
+		highest = index;
+	return highest;
+}
+
+static inline bool family_takes_partitions(const struct gendisk *disk)
+{
+	return !(disk->flags & GENHD_FL_NO_PART);
+}
+
+#define family_inode(file) file_inode(file)
+#define FAMILY_FAULT_ARGUMENTS struct vm_fault *vmf
+#define FAMILY_FAULT_MAPPING vmf->vma
+#define FAMILY_FAULT_ADDRESS(vmf) ((vmf)->address)
+
+#endif
