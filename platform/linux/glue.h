@@ -18,7 +18,6 @@
 #ifndef QUENDREL_GLUE_H
 #define QUENDREL_GLUE_H
 
-#include <linux/atomic.h>
 #include <linux/blkdev.h>
 #include <linux/completion.h>
 #include <linux/fs.h>
@@ -136,14 +135,16 @@ void qdr_translate_answer(const struct qdr_call *call, void *record, size_t byte
 /* ---- Disks and devices (devices.c) ------------------------------------------------------------------------------- */
 
 struct qdr_request_queue {
-	spinlock_t lock;
+	spinlock_t lock; /* 6.1; older queues have one */
 	qdr_make_request_fn *fn;
 };
 
 struct qdr_gendisk {
 	struct hlist_node hash;
 	struct gendisk *disk; /* valid while one of its devices is open here, or a bio for it is at hand */
-	u64 diskseq; /* 6.1 */
+	u64 diskseq;                                /* 6.1 */
+	struct request_queue *q;                    /* 2.6: held until unload */
+	int (*original)(struct request_queue *, struct bio *); /* 2.6: what the queue had */
 	u32 major, first_minor, minors; /* as the core sees them */
 	bool alias;                     /* they are not the real ones */
 	struct qdr_request_queue queue;
@@ -160,6 +161,7 @@ struct qdr_block_device {
 
 /* The instance of a live disk, or null when the core never met it. Any context. */
 struct qdr_gendisk *qdr_find_disk(const struct gendisk *disk);
+struct qdr_gendisk *qdr_find_queue(const struct request_queue *q); /* 2.6 */
 static inline bool qdr_is_hooked(const struct qdr_gendisk *disk);
 /* Opens the device of real number `real`, makes what the core needs to know of it. Null when there is none that can be
  * used. May sleep. */
@@ -179,7 +181,9 @@ int qdr_intercept_init(void);
 void qdr_intercept_exit(void); /* the core is gone; returns when no task is inside any more */
 void qdr_wait_for_hooks(void); /* returns when every task that is inside a hook now has left it */
 void qdr_submit(struct bio *bio); /* to its disk, past the hook; its device is set. May sleep */
-qdr_make_request_fn qdr_original; /* a queue's own function (bios.c) */
+qdr_make_request_fn qdr_original; /* a queue's own function */
+void qdr_give_back(struct qdr_gendisk *disk); /* 2.6: a queue that still has the hook gets its own function */
+void qdr_give_all_back(void);                 /* 2.6 */
 
 static inline bool qdr_is_hooked(const struct qdr_gendisk *disk)
 {

@@ -2,6 +2,7 @@
 #ifndef QUENDREL_FAMILY_H
 #define QUENDREL_FAMILY_H
 
+#include <linux/atomic.h>
 #include <linux/blk_types.h>
 #include <linux/blkdev.h>
 #include <linux/delay.h>

@@ -1,0 +1,110 @@
+/* What the shared part of the glue does differently on kernels whose queues have a request function (2.6.29). */
+#ifndef QUENDREL_FAMILY_H
+#define QUENDREL_FAMILY_H
+
+#include <asm/atomic.h>
+#include <linux/blkdev.h>
+#include <linux/genhd.h>
+#include <linux/module.h>
+#include <linux/moduleparam.h>
+#include <linux/sched.h>
+#include <linux/slab.h>
+#include <linux/spinlock.h>
+#include <linux/vmalloc.h>
+#include <linux/wait.h>
+
+#define READ_ONCE(word) ACCESS_ONCE(word)
+#define WRITE_ONCE(word, value) (ACCESS_ONCE(word) = (value))
+#define pr_warn pr_warning
+typedef int vm_fault_t;
+typedef unsigned int __poll_t;
+
+#define FAMILY_LOCKED_IOCTL
+
+/* Parameters of a module that are computed when they are read. */
+#define family_param_get(name, reader) module_param_call(name, NULL, reader, NULL, 0444)
+typedef struct kernel_param family_param;
+
+/* A lock of the caller's place in the code, for the lock checker. */
+static inline void family_spin_lock_init(spinlock_t *lock, struct lock_class_key *key)
+{
+#ifdef CONFIG_DEBUG_SPINLOCK
+	__spin_lock_init(lock, "quendrel", key);
+#else
+	spin_lock_init(lock);
+#endif
+}
+
+/* Lets another task run. */
+static inline void family_short_sleep(void)
+{
+	schedule();
+}
+
+static inline void *family_vmalloc(unsigned long bytes, gfp_t gfp)
+{
+	return __vmalloc(bytes, gfp | __GFP_HIGHMEM, PAGE_KERNEL);
+}
+
+/* The kernel keeps the pointer to a cache's name, and one of its allocators refuses a name that is taken. */
+static inline struct kmem_cache *family_cache_create(const char *name, size_t bytes)
+{
+	static atomic_t number = ATOMIC_INIT(0);
+	char *copy = kasprintf(GFP_KERNEL, "%s.%d", name, atomic_inc_return(&number));
+	struct kmem_cache *cache = copy ? kmem_cache_create(copy, bytes, 0, SLAB_HWCACHE_ALIGN, NULL) : NULL;
+
+	if (!cache)
+		kfree(copy);
+	return cache;
+}
+
+static inline void family_cache_destroy(struct kmem_cache *cache)
+{
+	const char *name = kmem_cache_name(cache);
+
+	kmem_cache_destroy(cache);
+	kfree(name);
+}
+
+static inline int family_wait(void *word)
+{
+	io_schedule();
+	return 0;
+}
+
+static inline void family_wait_on_bit(unsigned long *word, int bit)
+{
+	wait_on_bit(word, bit, family_wait, TASK_UNINTERRUPTIBLE);
+}
+
+static inline void family_after_clear_bit(void)
+{
+	smp_mb__after_clear_bit();
+}
+
+static inline u32 family_highest_partition(struct gendisk *disk)
+{
+	struct disk_part_tbl *table;
+	u32 highest = 0;
+	int i;
+
+	rcu_read_lock();
+	table = rcu_dereference(disk->part_tbl);
+	for (i = 1; i < table->len; i++)
+		if (rcu_dereference(table->part[i]))
+			highest = i;
+	rcu_read_unlock();
+	return highest;
+}
+
+static inline bool family_takes_partitions(const struct gendisk *disk)
+{
+	return disk->minors > 1;
+}
+
+#define family_inode(file) ((file)->f_path.dentry->d_inode)
+#define FAMILY_FAULT_ARGUMENTS struct vm_area_struct *vma, struct vm_fault *vmf
+#define FAMILY_FAULT_MAPPING vma
+#define FAMILY_FAULT_ADDRESS(vmf) ((vmf)->virtual_address)
+
+#endif
