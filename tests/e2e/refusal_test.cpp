@@ -97,8 +97,8 @@ TEST_F(Refusal, NoDaemon)
     const Outcome outcome = back_up("sda1");
     EXPECT_EQ(outcome.status, 3);
     EXPECT_EQ(outcome.err, "qbackup: there is no control device at " + run_dir +
-                               "/control.sock: load the driver or start the daemon, or name its socket with --control "
-                               "or QUENDREL_CONTROL\n");
+                               "/control.sock: load the driver (modprobe quendrel) or start the daemon, and name its "
+                               "socket with --control or QUENDREL_CONTROL\n");
 }
 
 struct Second : BackupRig {
