@@ -18,7 +18,7 @@ class MachineDied(Exception):
 class Machine:
     """Started by the constructor; `stop` ends it whatever it does."""
 
-    def __init__(self, work, *, kernel, initial, memory, processors, disks, arguments, boot_limit):
+    def __init__(self, work, *, kernel, initial, memory, processors, disks, arguments, boot_limit, emulator=()):
         self.work = work
         self.console_path = work / "console.log"
         self.console_path.write_bytes(b"")
@@ -34,7 +34,7 @@ class Machine:
             "-cpu", "qemu64,+rdrand,+rdseed,+ssse3,+sse4.1,+sse4.2,+popcnt", "-smp", str(processors), "-m", str(memory), "-kernel", str(kernel), "-initrd", str(initial), "-append", append,
             "-chardev", f"file,id=console,path={self.console_path}", "-serial", "chardev:console",
             "-chardev", f"socket,id=channel,path={self.channel_path},server=on,wait=off", "-serial", "chardev:channel",
-            "-qmp", f"unix:{self.qmp_path},server=on,wait=off",
+            "-qmp", f"unix:{self.qmp_path},server=on,wait=off", *emulator,
         ]
         for disk in disks:
             command += disk.options()
