@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # One test of the Debian packages.
 #
-# usage: packages.sh TEST DIRECTORY      DIRECTORY: for what is built; kept, so that the next run is faster
+# usage: packages.sh TEST DIRECTORY      DIRECTORY: for the programs; kept, so that the next run is faster
 #   QUENDREL_KDIR   build tree of the kernel that the module is built for; default: the one that tests/vm/fetch
 #                   downloaded, else that of the running kernel
 # Exit status: 0 passed, 1 failed, 77 skipped.
@@ -57,8 +57,8 @@ unpack() {
 }
 
 dkms_package() {
-  "$top/packaging/build" --only dkms --output "$place" >"$work/built"
-  [ "$(cat "$work/built")" = "$place/quendrel-dkms_${version}_all.deb" ] || fail "packaging/build printed $(cat "$work/built")"
+  "$top/packaging/build" --only dkms --output "$work" >"$work/built"
+  [ "$(cat "$work/built")" = "$work/quendrel-dkms_${version}_all.deb" ] || fail "packaging/build printed $(cat "$work/built")"
   unpack "$(cat "$work/built")"
 }
 
@@ -112,9 +112,9 @@ dkms_package_is_the_same_wherever_it_is_built() {
 
 tools_package_is_sound() {
   local deb
-  "$top/packaging/build" --only tools --output "$place" --build-dir "$place/build" >"$work/built"
+  "$top/packaging/build" --only tools --output "$work" --build-dir "$place/build" >"$work/built"
   deb=$(cat "$work/built")
-  [ "$deb" = "$place/quendrel_${version}_$(dpkg --print-architecture).deb" ] || fail "packaging/build printed $deb"
+  [ "$deb" = "$work/quendrel_${version}_$(dpkg --print-architecture).deb" ] || fail "packaging/build printed $deb"
   unpack "$deb"
   local tree=$work/tree file
   for file in usr/bin/qbackup usr/sbin/quendreld; do

@@ -8,10 +8,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <memory>
 #include <random>
+#include <thread>
 
 namespace
 {
@@ -254,7 +256,11 @@ TEST_F(Quendreld, TheDriversLinesAreInTheLog)
 {
     make();
     Serving serving({image}, run_dir, {"--no-fuse"});
-    EXPECT_NE(serving.log().find("quendrel version 3.1.0 build 9504 loaded"), std::string::npos);
+    // A thread of the daemon's own writes the lines out.
+    const auto loaded = [&] { return serving.log().find("quendrel version 3.1.0 build 9504 loaded") != std::string::npos; };
+    for (int i = 0; i < 500 && !loaded(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds{10});
+    EXPECT_TRUE(loaded()) << serving.log();
     EXPECT_EQ(serving.log().find("<6>"), std::string::npos) << "without the kernel's priority marker";
 }
 
