@@ -123,6 +123,10 @@ class ControlDevice
     // Reads `count` blocks from `first` on into the area. QUENDREL_READ_ERROR: some could not be read and are zeros.
     void readBlocks(std::uint32_t first, std::uint32_t count, const TransferArea& area);
     Version version();
+    // How many files of the control device have been closed, or nothing when that is not told. The close of any file,
+    // an idle one too, detaches the backup that runs on another: what is written from then on is not saved, and nothing
+    // else shows it.
+    std::optional<std::uint64_t> closes() const { return transport_->closes(); }
     // Flushes the device named in start().
     void sync();
     // Ends all tracking, of every device.

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <fstream>
 
 namespace quendrel
 {
@@ -50,6 +51,15 @@ class NodeTransport final : public Transport
     }
 
     void unmap(std::byte* data, std::size_t bytes) noexcept override { ::munmap(data, bytes); }
+
+    std::optional<std::uint64_t> closes() const override
+    {
+        std::ifstream parameter{"/sys/module/quendrel/parameters/closes"};
+        std::uint64_t count;
+        if (!(parameter >> count))
+            return std::nullopt;
+        return count;
+    }
 
   private:
     int fd_;

@@ -23,6 +23,17 @@ static bool exclusive;
 module_param(exclusive, bool, 0644);
 MODULE_PARM_DESC(exclusive, "refuse a second open of the control device (default: no)");
 
+/* How often a file of the control device was closed: a backup program sees by it that its backup was detached. */
+static atomic_t closes = ATOMIC_INIT(0);
+
+static int show_closes(char *to, family_param *kp)
+{
+	return sprintf(to, "%u\n", (unsigned int)atomic_read(&closes));
+}
+
+family_param_get(closes, show_closes);
+MODULE_PARM_DESC(closes, "how often a file of the control device was closed");
+
 static const struct qdr_file_operations *core_ops;
 static atomic_t open_files = ATOMIC_INIT(0);
 
@@ -104,6 +115,8 @@ static int control_release(struct inode *inode, struct file *file)
 {
 	struct qdr_call call = {.release = true};
 
+	/* Counted first: from here on another file's backup may be detached. */
+	atomic_inc(&closes);
 	qdr_call_begin(&call);
 	core_ops->release(inode, file);
 	qdr_may_sleep();

@@ -140,6 +140,7 @@ class Session
         const std::uint64_t cache = job_.cacheBlocks != 0
                                         ? job_.cacheBlocks
                                         : std::max<std::uint64_t>(1, default_cache_bytes / manifest_.blockSize);
+        closes_ = device_->closes();
         device_->start(job_.device.number, manifest_.blocks, static_cast<std::uint32_t>(cache));
         const auto state = device_->state();
         if (state.state != QUENDREL_STATE_STARTED)
@@ -237,6 +238,9 @@ class Session
     void checkStillGood()
     {
         expectState(QUENDREL_STATE_MAP_LOADED, "after the last block");
+        if (device_->closes() != closes_)
+            lost("another program closed the control device meanwhile, which ends the protection of a backup that runs "
+                 "(load the driver with exclusive=1 to keep others out)");
         const auto tracking = device_->autoMapState();
         if (!tracking.inSync)
             lost("the driver's tracking of the device fell out of sync during the backup");
@@ -263,6 +267,7 @@ class Session
     std::string reason_; // why this is a full backup
     bool fell_back_ = false;
     std::size_t area_bytes_ = 0;
+    std::optional<std::uint64_t> closes_; // of the control device, at the start
 };
 
 } // namespace

@@ -343,6 +343,16 @@ TEST(Engine, KeyChangedDuringTheBackupFailsIt)
     expectFullNext(machine);
 }
 
+TEST(Engine, AnotherFilesCloseDuringTheBackupFailsIt)
+{
+    Machine machine;
+    machine.driver.closes = 7;
+    onCommand(machine, QUENDREL_READ_BLOCKS, 1, [&] { machine.driver.closes = 8; });
+    EXPECT_TRUE(contains(failureOf(machine), "another program closed the control device"));
+    EXPECT_TRUE(namesIn(machine.repository()).empty());
+    expectFullNext(machine);
+}
+
 TEST(Engine, DeviceWithoutAMountedFileSystemIsRefused)
 {
     Machine machine;

@@ -71,6 +71,8 @@ class InProcess final : public quendrel::Transport
         areas_.erase(data);
     }
 
+    std::optional<std::uint64_t> closes() const override { return driver_.closes; }
+
   private:
     Driver& driver_;
     std::map<std::byte*, quendrel::LowMemory> areas_;

@@ -41,6 +41,7 @@ class Driver
     // ---- what the tests turn
     int open_result = 0;
     bool mounted = true;
+    std::optional<std::uint64_t> closes; // what it tells of closed files
     Hook<void(std::uint32_t number)> before; // called before each command, without the lock
     std::optional<std::uint32_t> unreadable; // reading this block gives 12
     void loseTracking();                     // as after a failure: out of sync
