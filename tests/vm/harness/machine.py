@@ -1,4 +1,5 @@
 """One virtual machine: its QEMU process, the kernel's console, the channel to the tests, and QEMU's own control socket."""
+import fcntl
 import json
 import os
 import select
@@ -15,11 +16,20 @@ class MachineDied(Exception):
     pass
 
 
+def wait_for_turn(work):
+    """One machine at a time for each checkout: two would take each other's time, and with it their limits."""
+    top = next((parent for parent in work.parents if parent.name == "vm"), work)
+    turn = open(top / "machine.lock", "w")
+    fcntl.flock(turn, fcntl.LOCK_EX)
+    return turn
+
+
 class Machine:
     """Started by the constructor; `stop` ends it whatever it does."""
 
     def __init__(self, work, *, kernel, initial, memory, processors, disks, arguments, boot_limit, emulator=()):
         self.work = work
+        self.turn = wait_for_turn(work)
         self.console_path = work / "console.log"
         self.console_path.write_bytes(b"")
         self.channel_path = work / "channel"
@@ -147,6 +157,7 @@ class Machine:
             self.process.kill()
         self.process.wait()
         self.stderr.close()
+        self.turn.close()
 
 
 class Disk:

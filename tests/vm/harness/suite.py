@@ -20,7 +20,7 @@ class MachineKind:
 
 
 MACHINES = {
-    "standard": MachineKind(memory=512),
+    "standard": MachineKind(memory=512, arguments="log_buf_len=8M"),
     "small": MachineKind(memory=256),
 }
 

@@ -1,11 +1,13 @@
-// Random commands, mappings and touches of mapped pages on three files of the control device, right ones and wrong
-// ones. What must hold is for others to see: the kernel's log, the disk, a backup afterwards. Commands in the right
-// order are frequent, so that all states of a backup are reached.
+// Random commands, mappings, touches of mapped pages and writes to the disk, on three files of the control device, right
+// ones and wrong ones. What must hold is for others to see: the kernel's log, the disk, a backup afterwards.
 //
-//   control_fuzz CONTROL MAJOR MINOR STEPS SEED
+//   control_fuzz CONTROL MAJOR MINOR FILE STEPS SEED     FILE: on the mounted device; it is written to
 //
-// When all steps are done it says so and waits for the end of its input: its files must be closed while nobody writes
-// to the disk, since closing one while another's backup holds a write waits for ever, by design.
+// One of the files goes through the states of a backup in the right order, among all the rest, so that all states are
+// reached; after some thousand steps all files are closed and opened again. Nobody else may write to the device: files
+// are closed while no write is held, since closing one while another's backup holds a write waits for ever, by design.
+// Starting twice on the running file takes the driver's one place for a backup until it is loaded anew, by design too:
+// then the program ends early. It prints how many steps it has done.
 #include "quendrel/2.6/quendrel.h"
 
 #include <fcntl.h>
@@ -64,43 +66,73 @@ struct Area {
 class Fuzzer
 {
 public:
-    Fuzzer(const char* control, std::uint32_t major, std::uint32_t minor, unsigned seed)
-        : major_(major), minor_(minor), random_(seed), scratch_(low_memory(kScratchBytes, PROT_READ | PROT_WRITE)),
-          read_only_(low_memory(4096, PROT_READ))
+    Fuzzer(const char* control, std::uint32_t major, std::uint32_t minor, const char* written, unsigned seed)
+        : control_(control), major_(major), minor_(minor), random_(seed),
+          scratch_(low_memory(kScratchBytes, PROT_READ | PROT_WRITE)), read_only_(low_memory(4096, PROT_READ)),
+          written_(open_or_exit(written, O_RDWR | O_CREAT))
     {
-        for (int& file : files_) {
-            file = ::open(control, O_RDWR | O_CLOEXEC);
-            if (file < 0) {
-                std::perror(control);
-                std::exit(1);
-            }
-        }
     }
 
-    void step()
+    // Some thousand steps with the files open. False when the driver takes no more backups.
+    bool epoch(std::uint32_t& steps_left)
     {
-        const std::uint32_t kind = below(100);
-        if (kind < 6)
-            map();
-        else if (kind < 9)
-            unmap();
-        else if (kind < 14)
-            touch();
-        else if (kind < 60)
-            likely_command();
-        else
-            any_command();
+        for (int& file : files_)
+            file = open_or_exit(control_, O_RDWR);
+        stage_ = 0;
+        started_twice_ = false;
+        for (std::uint32_t steps = 1000 + below(5000); steps > 0 && steps_left > 0; --steps, --steps_left)
+            step();
+        for (Area& area : areas_) {
+            if (area.start != nullptr)
+                ::munmap(area.start, area.bytes);
+            area = {};
+        }
+        ::syncfs(written_);
+        for (int& file : files_)
+            ::close(file);
+        return !started_twice_;
     }
 
     void report() const
     {
-        std::printf("%lu commands, %lu mappings, %lu touches, %lu faults; results:", commands_, mappings_, touches_, faults_);
+        std::printf("%lu commands, %lu mappings, %lu touches, %lu faults, %lu writes; results:", commands_, mappings_, touches_, faults_, writes_);
         for (const auto& [result, count] : results_)
             std::printf(" %d:%lu", result, count);
         std::printf("\n");
     }
 
 private:
+    static int open_or_exit(const char* path, int flags)
+    {
+        const int fd = ::open(path, flags | O_CLOEXEC, 0600);
+        if (fd < 0) {
+            std::perror(path);
+            std::exit(1);
+        }
+        return fd;
+    }
+
+    void step()
+    {
+        const std::uint32_t kind = below(100);
+        if (kind < 4)
+            map();
+        else if (kind < 6)
+            unmap();
+        else if (kind < 12)
+            touch();
+        else if (kind < 13)
+            write();
+        else if (kind < 18)
+            next_command();
+        else if (kind < 21)
+            read();
+        else if (kind < 50)
+            likely_command();
+        else
+            any_command();
+    }
+
     std::uint32_t word() { return static_cast<std::uint32_t>(random_()); }
     std::uint32_t below(std::uint32_t bound) { return word() % bound; }
 
@@ -141,66 +173,111 @@ private:
         }
     }
 
-    int file() { return files_[below(8) ? 0 : below(files_.size())]; }
-
-    void command(unsigned request, const void* record, std::size_t bytes)
+    int command(unsigned request, const void* record, std::size_t bytes, std::size_t number = ~std::size_t{0})
     {
+        if (number == ~std::size_t{0})
+            number = below(8) ? 0 : below(files_.size());
+        if (request == QUENDREL_START_BACKUP && number == 0 && stage_ > 0) {
+            if (below(4000))
+                return 0;
+            started_twice_ = true;
+        }
         std::uint32_t argument = scratch_ + 64;
         if (below(32) == 0)
             argument = pointer();
-        else
+        else if (bytes != 0)
             std::memcpy(at<void>(argument), record, bytes);
-        const int result = ::ioctl(file(), static_cast<unsigned long>(request), at<void>(argument));
+        int result = ::ioctl(files_[number], static_cast<unsigned long>(request), at<void>(argument));
+        if (result < 0)
+            result = -errno;
         ++commands_;
-        ++results_[result < 0 ? -errno : result];
+        ++results_[result];
+        if (result == 0 && number == 0 && request == QUENDREL_START_BACKUP)
+            stage_ = 1;
+        return result;
     }
 
-    // The next step of a backup, with arguments as a client would give them.
-    void likely_command()
+    // The file that goes through a backup: its next command, as a client gives it.
+    void next_command()
     {
-        switch (below(10)) {
+        switch (stage_) {
         case 0: {
-            const StartBackup start{major_, minor_, 6144 + below(2) * below(64), below(4) ? 2048 : below(32)};
-            return command(QUENDREL_START_BACKUP, &start, sizeof start);
+            const StartBackup start{major_, minor_, 6144, below(4) ? 2048 : 16 + below(64)};
+            command(QUENDREL_START_BACKUP, &start, sizeof start, 0);
+            return;
         }
         case 1: {
-            // Freezes the file system: not too often.
-            if (below(8))
-                return;
-            const SnapShot snapshot{scratch_ + 4096, below(4) ? 56u : number()};
-            return command(QUENDREL_SNAPSHOT, &snapshot, sizeof snapshot);
+            const SnapShot snapshot{scratch_ + 4096, 56};
+            if (command(QUENDREL_SNAPSHOT, &snapshot, sizeof snapshot, 0) == 0)
+                stage_ = 2;
+            return;
         }
         case 2: {
             const UserBlockMap map{scratch_ + 8192, 6144};
             std::memset(at<void>(scratch_ + 8192), static_cast<int>(word()), 768);
             std::memcpy(at<void>(scratch_ + 1024), &map, sizeof map);
             const LoadBlockMap load{scratch_ + 1024, sizeof map};
-            return command(below(2) ? QUENDREL_LOAD_BLOCK_MAP : QUENDREL_GET_AUTOMAP, &load, sizeof load);
-        }
-        case 3: {
-            const GetState get{scratch_ + 512, 20};
-            return command(QUENDREL_GET_STATE, &get, sizeof get);
-        }
-        case 4: {
-            const GetAutoMapState get{scratch_ + 512, 76};
-            return command(QUENDREL_GET_AUTOMAP_STATE, &get, sizeof get);
-        }
-        case 5: {
-            const DirtyBlock get{scratch_ + 512};
-            return command(QUENDREL_GET_DIRTY_BLOCK, &get, sizeof get);
-        }
-        case 6:
-        case 7: {
-            const Area& area = areas_[below(areas_.size())];
-            const ReadBlocks read{below(6200), 1 + below(32), static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(area.start))};
-            return command(QUENDREL_READ_BLOCKS, &read, sizeof read);
-        }
-        case 8: {
-            const GetBlockSize get{major_, minor_, scratch_ + 512, 16};
-            return command(QUENDREL_GET_BLOCK_SIZE, &get, sizeof get);
+            if (command(QUENDREL_LOAD_BLOCK_MAP, &load, sizeof load, 0) == 0)
+                stage_ = 3;
+            return;
         }
         default:
-            return command(below(2) ? QUENDREL_NO_LOAD_FROM_AUTOMAP : QUENDREL_NO_START_AUTOMAP, nullptr, 0);
+            return read();
+        }
+    }
+
+    void read()
+    {
+        const Area& area = areas_[below(areas_.size())];
+        const ReadBlocks read{below(6150), 1 + below(16), static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(area.start))};
+        command(QUENDREL_READ_BLOCKS, &read, sizeof read, 0);
+    }
+
+    void likely_command()
+    {
+        switch (below(7)) {
+        case 0: {
+            const UserBlockMap map{scratch_ + 8192, 6144};
+            std::memcpy(at<void>(scratch_ + 1024), &map, sizeof map);
+            const LoadBlockMap get{scratch_ + 1024, sizeof map};
+            command(QUENDREL_GET_AUTOMAP, &get, sizeof get);
+            return;
+        }
+        case 1: {
+            const GetState get{scratch_ + 512, 20};
+            command(QUENDREL_GET_STATE, &get, sizeof get);
+            return;
+        }
+        case 2: {
+            const GetAutoMapState get{scratch_ + 512, 76};
+            command(QUENDREL_GET_AUTOMAP_STATE, &get, sizeof get);
+            return;
+        }
+        case 3: {
+            const DirtyBlock get{scratch_ + 512};
+            command(QUENDREL_GET_DIRTY_BLOCK, &get, sizeof get);
+            return;
+        }
+        case 4:
+        case 5: {
+            const GetBlockSize get{major_, minor_, scratch_ + 512, 16};
+            command(QUENDREL_GET_BLOCK_SIZE, &get, sizeof get);
+            return;
+        }
+        default:
+            command(below(2) ? QUENDREL_NO_LOAD_FROM_AUTOMAP : QUENDREL_NO_START_AUTOMAP, nullptr, 0);
+        }
+    }
+
+    void write()
+    {
+        // Durable, so that it reaches the driver's hook now.
+        char block[4096];
+        std::memset(block, static_cast<int>(word()), sizeof block);
+        ++writes_;
+        if (::pwrite(written_, block, sizeof block, static_cast<off_t>(below(512)) * 4096) < 0 || (below(8) == 0 && ::fdatasync(written_) != 0)) {
+            std::perror("writing to the device");
+            std::exit(1);
         }
     }
 
@@ -239,7 +316,7 @@ private:
         const std::size_t bytes = below(8) ? 4096 * (1 + below(32)) : 1 + below(4u << 20);
         const off_t offset = below(4) ? 0 : static_cast<off_t>(4096 * below(64));
         void* start = ::mmap(nullptr, bytes, below(4) ? PROT_READ | PROT_WRITE : PROT_READ, (below(8) ? MAP_SHARED : MAP_PRIVATE) | kLow,
-                             file(), offset);
+                             files_[below(8) ? 0 : below(files_.size())], offset);
         ++mappings_;
         // A small address is a result of the driver.
         if (start != MAP_FAILED && reinterpret_cast<std::uintptr_t>(start) >= 4096)
@@ -273,12 +350,16 @@ private:
             (void)*byte;
     }
 
+    const char* control_;
     std::uint32_t major_, minor_;
     std::mt19937 random_;
     std::uint32_t scratch_, read_only_;
+    int written_;
+    unsigned stage_ = 0; // of the first file's backup: started, snapshot, map loaded
+    bool started_twice_ = false;
     std::array<int, 3> files_{};
     std::array<Area, 6> areas_{};
-    unsigned long commands_ = 0, mappings_ = 0, touches_ = 0, faults_ = 0;
+    unsigned long commands_ = 0, mappings_ = 0, touches_ = 0, faults_ = 0, writes_ = 0;
     std::map<int, unsigned long> results_;
 };
 
@@ -286,8 +367,8 @@ private:
 
 int main(int argc, char** argv)
 {
-    if (argc != 6) {
-        std::fprintf(stderr, "usage: control_fuzz CONTROL MAJOR MINOR STEPS SEED\n");
+    if (argc != 7) {
+        std::fprintf(stderr, "usage: control_fuzz CONTROL MAJOR MINOR FILE STEPS SEED\n");
         return 2;
     }
     struct sigaction action {
@@ -296,12 +377,12 @@ int main(int argc, char** argv)
     ::sigaction(SIGBUS, &action, nullptr);
     ::sigaction(SIGSEGV, &action, nullptr);
     const auto parse = [](const char* text) { return static_cast<std::uint32_t>(std::strtoul(text, nullptr, 0)); };
-    Fuzzer fuzzer(argv[1], parse(argv[2]), parse(argv[3]), parse(argv[5]));
-    for (std::uint32_t n = parse(argv[4]); n > 0; --n)
-        fuzzer.step();
-    fuzzer.report();
-    std::fflush(stdout);
-    while (std::getchar() != EOF)
+    Fuzzer fuzzer(argv[1], parse(argv[2]), parse(argv[3]), argv[4], parse(argv[6]));
+    const std::uint32_t steps = parse(argv[5]);
+    std::uint32_t left = steps;
+    while (left > 0 && fuzzer.epoch(left))
         ;
+    fuzzer.report();
+    std::printf("steps: %u\n", steps - left);
     return 0;
 }
