@@ -15,7 +15,7 @@ static DEFINE_PER_CPU(unsigned int, spin_locks_held);
 
 static bool spin_lock_held(void)
 {
-	return irqs_disabled() && per_cpu(spin_locks_held, raw_smp_processor_id());
+	return irqs_disabled() && family_cpu_read(spin_locks_held);
 }
 
 void qdr_may_sleep(void)
@@ -31,20 +31,23 @@ void qk_spin_lock_init(spinlock_t *lock)
 
 void qk_spin_lock_irqsave(spinlock_t *lock, unsigned long *flags)
 {
-	unsigned long saved, inner;
-	unsigned int *depth;
+	unsigned long saved;
 
+#ifdef CONFIG_DEBUG_LOCK_ALLOC
 	/* Two locks of one class are taken inside each other in one place, so the depth is part of the class. */
-	local_irq_save(saved);
-	depth = &per_cpu(spin_locks_held, raw_smp_processor_id());
-	spin_lock_irqsave_nested(lock, inner, min(*depth, DEEPEST));
-	(*depth)++;
+	unsigned int depth = family_cpu_read(spin_locks_held);
+
+	spin_lock_irqsave_nested(lock, saved, min(depth, DEEPEST));
+#else
+	spin_lock_irqsave(lock, saved);
+#endif
+	family_cpu_add(spin_locks_held, 1);
 	*flags = saved;
 }
 
 void qk_spin_unlock_irqrestore(spinlock_t *lock, unsigned long flags)
 {
-	per_cpu(spin_locks_held, raw_smp_processor_id())--;
+	family_cpu_add(spin_locks_held, -1);
 	spin_unlock_irqrestore(lock, flags);
 }
 

@@ -35,6 +35,10 @@ static inline void family_spin_lock_init(spinlock_t *lock, struct lock_class_key
 #endif
 }
 
+/* A variable of this processor's own, with interrupts off or where another's value does no harm. */
+#define family_cpu_read(variable) per_cpu(variable, raw_smp_processor_id())
+#define family_cpu_add(variable, n) (per_cpu(variable, raw_smp_processor_id()) += (n))
+
 /* Lets another task run. */
 static inline void family_short_sleep(void)
 {

@@ -27,6 +27,10 @@ static inline void family_spin_lock_init(spinlock_t *lock, struct lock_class_key
 #endif
 }
 
+/* A variable of this processor's own, with interrupts off or where another's value does no harm. */
+#define family_cpu_read(variable) raw_cpu_read(variable)
+#define family_cpu_add(variable, n) this_cpu_add(variable, n)
+
 /* Lets another task run, whatever its priority. */
 static inline void family_short_sleep(void)
 {

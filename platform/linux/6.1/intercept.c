@@ -22,6 +22,8 @@
 #include <linux/rcupdate.h>
 #include <linux/srcu.h>
 
+#define ENDBR64 0xfa1e0ff3
+
 DEFINE_STATIC_SRCU(hooks);
 
 typedef void submit_fn(struct bio *bio);
@@ -144,10 +146,27 @@ static unsigned long find(const char *name)
 	unregister_kprobe(&probe);
 #ifdef CONFIG_X86_KERNEL_IBT
 	/* A probe stands behind the instruction that marks a function as callable. */
-	if (*(u32 *)(address - 4) == 0xfa1e0ff3)
+	if (*(u32 *)(address - 4) == ENDBR64)
 		address -= 4;
 #endif
 	return address;
+}
+
+/*
+ * Where to call a function so that it does what it always did. Behind the tracer's place, which is its first
+ * instruction, there is no detour; but where the processor lets calls arrive at marked places only, the function is
+ * called at its mark, and the redirection sees that the call is ours.
+ */
+static submit_fn *body_of(unsigned long address)
+{
+#ifdef CONFIG_X86_KERNEL_IBT
+	if (*(u32 *)address == ENDBR64) {
+		if (boot_cpu_has(X86_FEATURE_IBT))
+			return (submit_fn *)address;
+		address += 4;
+	}
+#endif
+	return (submit_fn *)(address + MCOUNT_INSN_SIZE);
 }
 
 static int stand(struct entry *entry)
@@ -159,7 +178,7 @@ static int stand(struct entry *entry)
 		pr_err("quendrel: this kernel has no %s to stand in front of\n", entry->name);
 		return -ENOENT;
 	}
-	entry->original = (submit_fn *)address;
+	entry->original = body_of(address);
 	result = ftrace_set_filter_ip(&entry->ops, address, 0, 0);
 	if (!result)
 		result = register_ftrace_function(&entry->ops);
