@@ -140,7 +140,7 @@ struct qdr_request_queue {
 };
 
 struct qdr_gendisk {
-	struct hlist_node hash;
+	struct list_head list; /* of its bucket */
 	struct gendisk *disk; /* valid while one of its devices is open here, or a bio for it is at hand */
 	u64 diskseq;                                /* 6.1 */
 	struct request_queue *q;                    /* 2.6: held until unload */
@@ -161,7 +161,6 @@ struct qdr_block_device {
 
 /* The instance of a live disk, or null when the core never met it. Any context. */
 struct qdr_gendisk *qdr_find_disk(const struct gendisk *disk);
-struct qdr_gendisk *qdr_find_queue(const struct request_queue *q); /* 2.6 */
 static inline bool qdr_is_hooked(const struct qdr_gendisk *disk);
 /* Opens the device of real number `real`, makes what the core needs to know of it. Null when there is none that can be
  * used. May sleep. */
@@ -171,9 +170,29 @@ bool qdr_numbers_in_use(u32 major, u32 first, u32 count);
 /* Files of the control device come and go; with the last one every device is closed. */
 void qdr_files_begin(void);
 void qdr_files_end(void);
+void qdr_devices_init(void);
 void qdr_devices_exit(void);
+void qdr_for_each_disk(void (*fn)(struct qdr_gendisk *disk));
 struct block_device *qdr_kernel_bdev(struct qdr_block_device *bdev); /* open, or null */
 dev_t qdr_real_number(qdr_kdev_t kdev);                             /* 0 when the core has no such device */
+
+/* ---- Disks of a family of kernels (FAMILY/disks.c) ----------------------------------------------------------------- */
+
+const void *family_disk_key(const struct gendisk *disk); /* two disks with different ones are different */
+bool family_is_disk(const struct qdr_gendisk *known, const struct gendisk *disk);
+bool family_can_be_hooked(struct gendisk *disk);
+void family_adopt(struct qdr_gendisk *disk); /* fills what is the family's own, from disk->disk */
+void family_let_go(struct qdr_gendisk *disk);
+bool family_is_live(struct gendisk *disk);
+struct block_device *family_open(dev_t real); /* for reading; null when there is none to be had. May sleep */
+void family_close(struct block_device *bdev);
+unsigned int family_partno(struct block_device *bdev); /* of an open device; 0: a whole disk */
+u64 family_start(struct block_device *bdev);           /* of an open partition, in sectors */
+u64 family_sectors(struct block_device *bdev);
+bool family_takes_partitions(const struct gendisk *disk);
+/* Under rcu_read_lock: one more than the last partition's number; where a partition lies, or false. */
+u32 family_slots(struct gendisk *disk);
+bool family_partition(struct gendisk *disk, u32 index, u64 *start, u64 *sectors);
 
 /* ---- Interception (intercept.c) ---------------------------------------------------------------------------------- */
 
@@ -182,8 +201,6 @@ void qdr_intercept_exit(void); /* the core is gone; returns when no task is insi
 void qdr_wait_for_hooks(void); /* returns when every task that is inside a hook now has left it */
 void qdr_submit(struct bio *bio); /* to its disk, past the hook; its device is set. May sleep */
 qdr_make_request_fn qdr_original; /* a queue's own function */
-void qdr_give_back(struct qdr_gendisk *disk); /* 2.6: a queue that still has the hook gets its own function */
-void qdr_give_all_back(void);                 /* 2.6 */
 
 static inline bool qdr_is_hooked(const struct qdr_gendisk *disk)
 {

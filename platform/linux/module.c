@@ -103,6 +103,7 @@ static int __init quendrel_init(void)
 	result = qdr_intercept_init();
 	if (result)
 		goto no_interception;
+	qdr_devices_init();
 	qk_driver_static_init();
 	result = qk_driver_init();
 	if (!result)

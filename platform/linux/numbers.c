@@ -19,10 +19,20 @@
 
 static u32 next_alias = 1; /* devices_lock; 0:0 is no device */
 
+static u32 highest_partition(struct gendisk *disk)
+{
+	u32 slots;
+
+	rcu_read_lock();
+	slots = family_slots(disk);
+	rcu_read_unlock();
+	return slots - 1;
+}
+
 static bool real_numbers_fit(struct gendisk *disk, u32 minors)
 {
 	return disk->major > 0 && disk->major < NUMBERS && disk->first_minor + minors <= NUMBERS &&
-	       disk_devt(disk) == MKDEV(disk->major, disk->first_minor) && family_highest_partition(disk) < minors;
+	       disk_devt(disk) == MKDEV(disk->major, disk->first_minor) && highest_partition(disk) < minors;
 }
 
 int qdr_number_disk(struct qdr_gendisk *disk, struct gendisk *kernel_disk)
@@ -36,7 +46,7 @@ int qdr_number_disk(struct qdr_gendisk *disk, struct gendisk *kernel_disk)
 		disk->minors = minors;
 		return 0;
 	}
-	minors = family_takes_partitions(kernel_disk) ? roundup(family_highest_partition(kernel_disk) + 1, 16) : 1;
+	minors = family_takes_partitions(kernel_disk) ? roundup(highest_partition(kernel_disk) + 1, 16) : 1;
 	if (next_alias + minors > NUMBERS) {
 		pr_warn("quendrel: no device number is left for %s: unload the module and load it again\n",
 			kernel_disk->disk_name);

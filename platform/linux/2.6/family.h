@@ -86,26 +86,6 @@ static inline void family_after_clear_bit(void)
 	smp_mb__after_clear_bit();
 }
 
-static inline u32 family_highest_partition(struct gendisk *disk)
-{
-	struct disk_part_tbl *table;
-	u32 highest = 0;
-	int i;
-
-	rcu_read_lock();
-	table = rcu_dereference(disk->part_tbl);
-	for (i = 1; i < table->len; i++)
-		if (rcu_dereference(table->part[i]))
-			highest = i;
-	rcu_read_unlock();
-	return highest;
-}
-
-static inline bool family_takes_partitions(const struct gendisk *disk)
-{
-	return disk->minors > 1;
-}
-
 #define family_inode(file) ((file)->f_path.dentry->d_inode)
 #define FAMILY_FAULT_ARGUMENTS struct vm_area_struct *vma, struct vm_fault *vmf
 #define FAMILY_FAULT_MAPPING vma

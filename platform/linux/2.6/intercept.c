@@ -20,7 +20,7 @@ static struct srcu_struct hooks;
 
 static int hook(struct request_queue *q, struct bio *bio)
 {
-	struct qdr_gendisk *disk = qdr_find_queue(q);
+	struct qdr_gendisk *disk = qdr_find_disk(bio->bi_bdev->bd_disk);
 	int inside = srcu_read_lock(&hooks);
 	int result;
 
@@ -74,7 +74,7 @@ void qk_queue_set_make_request_fn(struct qdr_request_queue *queue, qdr_make_requ
 	disk->q->make_request_fn = fn == qdr_original ? disk->original : hook;
 }
 
-void qdr_give_back(struct qdr_gendisk *disk)
+static void give_back(struct qdr_gendisk *disk)
 {
 	if (disk->q->make_request_fn == hook)
 		disk->q->make_request_fn = disk->original;
@@ -101,7 +101,7 @@ int qdr_intercept_init(void)
 
 void qdr_intercept_exit(void)
 {
-	qdr_give_all_back();
+	qdr_for_each_disk(give_back);
 	wait_for_tasks_at_the_edges();
 	synchronize_srcu(&hooks);
 	wait_for_tasks_at_the_edges();

@@ -63,21 +63,6 @@ static inline void family_after_clear_bit(void)
 	smp_mb__after_atomic();
 }
 
-static inline u32 family_highest_partition(struct gendisk *disk)
-{
-	struct block_device *part;
-	unsigned long index, highest = 0;
-
-	xa_for_each(&disk->part_tbl, index, part)
-		highest = index;
-	return highest;
-}
-
-static inline bool family_takes_partitions(const struct gendisk *disk)
-{
-	return !(disk->flags & GENHD_FL_NO_PART);
-}
-
 #define family_inode(file) file_inode(file)
 #define FAMILY_FAULT_ARGUMENTS struct vm_fault *vmf
 #define FAMILY_FAULT_MAPPING vmf->vma

@@ -2,8 +2,8 @@
  * Disks and block devices (glue.h says what their records are).
  *
  * A device is opened when the core first asks for it and closed with the last control file. Meanwhile its disk cannot
- * go away under a backup, nor its driver; between backups nothing of it is held, and tracking needs nothing: a request
- * finds its disk's record by the kernel's disk and its sequence number, which no other instance ever has.
+ * go away under a backup, nor its driver; between backups none is open, and tracking needs none: a request finds its
+ * disk's record by what tells one instance of a disk from every other (disks.c of the family).
  *
  * Records are only ever added, so looking one up takes no lock.
  */
@@ -16,7 +16,7 @@
 static DEFINE_MUTEX(devices_lock); /* both tables' additions, opens and closes; taken before any of the kernel's locks */
 
 #define DISK_BUCKETS_SHIFT 6
-static struct hlist_head disks[1 << DISK_BUCKETS_SHIFT];
+static struct list_head disks[1 << DISK_BUCKETS_SHIFT];
 static LIST_HEAD(devices);
 static unsigned int files; /* control files that are open */
 
@@ -26,19 +26,29 @@ static unsigned int next_nowhere;
 
 /* ---- Disks --------------------------------------------------------------------------------------------------------- */
 
-static struct hlist_head *bucket_of(const struct gendisk *disk)
+static struct list_head *bucket_of(const void *key)
 {
-	return &disks[hash_ptr(disk, DISK_BUCKETS_SHIFT)];
+	return &disks[hash_ptr((void *)key, DISK_BUCKETS_SHIFT)];
 }
 
 struct qdr_gendisk *qdr_find_disk(const struct gendisk *disk)
 {
 	struct qdr_gendisk *known;
 
-	hlist_for_each_entry_rcu(known, bucket_of(disk), hash, true)
-		if (known->disk == disk && known->diskseq == disk->diskseq)
+	list_for_each_entry_rcu(known, bucket_of(family_disk_key(disk)), list)
+		if (family_is_disk(known, disk))
 			return known;
 	return NULL;
+}
+
+void qdr_for_each_disk(void (*fn)(struct qdr_gendisk *disk))
+{
+	struct qdr_gendisk *disk, *next;
+	int i;
+
+	for (i = 0; i < ARRAY_SIZE(disks); i++)
+		list_for_each_entry_safe(disk, next, &disks[i], list)
+			fn(disk);
 }
 
 bool qdr_numbers_in_use(u32 major, u32 first, u32 count)
@@ -47,7 +57,7 @@ bool qdr_numbers_in_use(u32 major, u32 first, u32 count)
 	int i;
 
 	for (i = 0; i < ARRAY_SIZE(disks); i++)
-		hlist_for_each_entry(known, &disks[i], hash)
+		list_for_each_entry(known, &disks[i], list)
 			if (qdr_is_hooked(known) && known->major == major && known->first_minor < first + count &&
 			    first < known->first_minor + known->minors)
 				return true;
@@ -58,7 +68,7 @@ static struct qdr_block_device *find_device(qdr_kdev_t kdev)
 {
 	struct qdr_block_device *device;
 
-	list_for_each_entry_rcu(device, &devices, list, true)
+	list_for_each_entry_rcu(device, &devices, list)
 		if (device->kdev == kdev)
 			return device;
 	return NULL;
@@ -82,11 +92,14 @@ static struct qdr_block_device *device_of(struct qdr_gendisk *disk, unsigned int
 	return device;
 }
 
-/* The record of an open disk, made when it is new; null when it cannot be numbered. */
+/* The record of an open disk, made when it is new; null when it cannot be hooked or numbered. */
 static struct qdr_gendisk *disk_of(struct gendisk *kernel_disk)
 {
-	struct qdr_gendisk *disk = qdr_find_disk(kernel_disk);
+	struct qdr_gendisk *disk;
 
+	if (!family_can_be_hooked(kernel_disk))
+		return NULL;
+	disk = qdr_find_disk(kernel_disk);
 	if (disk)
 		return disk;
 	disk = kzalloc(sizeof(*disk), GFP_KERNEL | __GFP_NOFAIL);
@@ -95,11 +108,10 @@ static struct qdr_gendisk *disk_of(struct gendisk *kernel_disk)
 		return NULL;
 	}
 	disk->disk = kernel_disk;
-	disk->diskseq = kernel_disk->diskseq;
-	spin_lock_init(&disk->queue.lock);
 	disk->queue.fn = qdr_original;
+	family_adopt(disk);
 	disk->whole = device_of(disk, 0, disk_devt(kernel_disk));
-	hlist_add_head_rcu(&disk->hash, bucket_of(kernel_disk));
+	list_add_rcu(&disk->list, bucket_of(family_disk_key(kernel_disk)));
 	return disk;
 }
 
@@ -109,39 +121,26 @@ static void close_device(struct qdr_block_device *device)
 {
 	if (!device->bdev)
 		return;
-	blkdev_put(device->bdev, FMODE_READ);
+	family_close(device->bdev);
 	WRITE_ONCE(device->bdev, NULL);
 	atomic_dec(&qdr_held[QDR_HELD_DEVICES]);
-}
-
-/* A number that no driver has taken would make the kernel look for a module; the core only wants to know. */
-static bool exists(dev_t real)
-{
-	struct inode *inode = ilookup(blockdev_superblock, real);
-
-	if (!inode)
-		return false;
-	iput(inode);
-	return true;
 }
 
 static struct qdr_block_device *open_real(dev_t real)
 {
 	struct qdr_block_device *device = NULL;
+	struct block_device *bdev = family_open(real);
 	struct qdr_gendisk *disk;
-	struct block_device *bdev;
+	unsigned int partno;
 
-	if (!exists(real))
+	if (!bdev)
 		return NULL;
-	bdev = blkdev_get_by_dev(real, FMODE_READ, NULL);
-	if (IS_ERR(bdev))
-		return NULL;
-	if (bdev_is_zoned(bdev))
-		pr_warn("quendrel: %pg is a zoned device: resets of its zones cannot be seen, it is left alone\n", bdev);
-	else if ((disk = disk_of(bdev->bd_disk)) && qdr_kdev_of(disk, bdev->bd_partno))
-		device = device_of(disk, bdev->bd_partno, real);
+	disk = disk_of(bdev->bd_disk);
+	partno = family_partno(bdev);
+	if (disk && qdr_kdev_of(disk, partno))
+		device = device_of(disk, partno, real);
 	if (!device || device->bdev == bdev) {
-		blkdev_put(bdev, FMODE_READ);
+		family_close(bdev);
 		return device;
 	}
 	/* Of an instance that has gone. */
@@ -176,7 +175,7 @@ struct qdr_block_device *qk_bdget(qdr_kdev_t kdev)
 	qdr_may_sleep();
 	mutex_lock(&devices_lock);
 	device = find_device(kdev);
-	if (device && device->bdev && disk_live(device->bdev->bd_disk))
+	if (device && device->bdev && family_is_live(device->bdev->bd_disk))
 		goto out;
 	/* The device of a backup that has lost its disk stays what it was. */
 	if (device && device->bdev && qdr_is_hooked(device->disk))
@@ -209,18 +208,27 @@ void qdr_files_end(void)
 	mutex_unlock(&devices_lock);
 }
 
-void qdr_devices_exit(void)
+void qdr_devices_init(void)
 {
-	struct qdr_block_device *device, *next_device;
-	struct qdr_gendisk *disk;
-	struct hlist_node *next;
 	int i;
 
-	list_for_each_entry_safe(device, next_device, &devices, list)
-		kfree(device);
 	for (i = 0; i < ARRAY_SIZE(disks); i++)
-		hlist_for_each_entry_safe(disk, next, &disks[i], hash)
-			kfree(disk);
+		INIT_LIST_HEAD(&disks[i]);
+}
+
+static void forget_disk(struct qdr_gendisk *disk)
+{
+	family_let_go(disk);
+	kfree(disk);
+}
+
+void qdr_devices_exit(void)
+{
+	struct qdr_block_device *device, *next;
+
+	list_for_each_entry_safe(device, next, &devices, list)
+		kfree(device);
+	qdr_for_each_disk(forget_disk);
 }
 
 struct block_device *qdr_kernel_bdev(struct qdr_block_device *bdev)
@@ -256,21 +264,17 @@ int qk_bdev_has_partition(struct qdr_block_device *bdev)
 {
 	struct block_device *open = qdr_kernel_bdev(bdev);
 
-	return open && bdev_is_partition(open);
+	return open && family_partno(open) != 0;
 }
 
 u64 qk_bdev_partition_start(struct qdr_block_device *bdev)
 {
-	struct block_device *open = qdr_kernel_bdev(bdev);
-
-	return open ? open->bd_start_sect : 0;
+	return qk_bdev_has_partition(bdev) ? family_start(bdev->bdev) : 0;
 }
 
 u64 qk_bdev_partition_sectors(struct qdr_block_device *bdev)
 {
-	struct block_device *open = qdr_kernel_bdev(bdev);
-
-	return open ? bdev_nr_sectors(open) : 0;
+	return qk_bdev_has_partition(bdev) ? family_sectors(bdev->bdev) : 0;
 }
 
 /* The hook runs inside requests that the kernel sends while it holds the disk's own lock, so that one is not for us. */
@@ -306,37 +310,15 @@ u32 qk_disk_minors(struct qdr_gendisk *disk)
 
 u32 qk_disk_partition_slots(struct qdr_gendisk *disk)
 {
-	struct block_device *part;
-	unsigned long index, slots = 1;
-
-	xa_for_each_start(&disk->disk->part_tbl, index, part, 1)
-		slots = index + 1;
-	return slots;
+	return family_slots(disk->disk);
 }
 
 int qk_disk_partition(struct qdr_gendisk *disk, u32 index, u64 *start, u64 *sectors)
 {
-	struct block_device *part = xa_load(&disk->disk->part_tbl, index);
-
-	if (!part)
-		return 0;
-	*start = part->bd_start_sect;
-	*sectors = bdev_nr_sectors(part);
-	return 1;
-}
-
-spinlock_t *qk_queue_lock(struct qdr_request_queue *q)
-{
-	return &q->lock;
+	return family_partition(disk->disk, index, start, sectors);
 }
 
 qdr_make_request_fn *qk_queue_make_request_fn(struct qdr_request_queue *q)
 {
 	return READ_ONCE(q->fn);
-}
-
-/* Interrupts are off here, and the caller may be inside a hook: all that changes is what the interception finds. */
-void qk_queue_set_make_request_fn(struct qdr_request_queue *q, qdr_make_request_fn *fn)
-{
-	WRITE_ONCE(q->fn, fn);
 }
