@@ -126,6 +126,7 @@ class Session:
                 machine.say(f"{'ok' if ok else 'no'} {text}")
             elif line.startswith("end "):
                 break
+        (self.here / f"{test.name}.log").write_text("\n".join(printed) + "\n")
         word, seconds, reason = (line[4:].split(" ", 2) + ["", ""])[:3]
         verdict = Verdict(test.name, word, float(seconds), reason.strip())
         machine.wait_for_console(f"vm-test: end {test.name}", self.console_seen, 10)
