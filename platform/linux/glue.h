@@ -108,7 +108,7 @@ struct qdr_call {
 	unsigned int cmd; /* 0: a release */
 	bool release;
 	void *freed; /* what a release freed, linked through the allocations' headers */
-	/* Reads of a run of blocks that are not sent yet (bios.c), linked by bi_next. */
+	/* Reads of a run of blocks that are not sent yet (6.1), linked by bi_next. */
 	bool gathers;
 	struct bio *gathered, *last_gathered;
 	unsigned int gathered_count;
@@ -207,6 +207,18 @@ static inline bool qdr_is_hooked(const struct qdr_gendisk *disk)
 	return READ_ONCE(disk->queue.fn) != qdr_original;
 }
 
+/* ---- The core's own reads (FAMILY/reads.c) -------------------------------------------------------------------------- */
+
+struct qdr_own_bio {
+	qdr_bio_end_io_fn *end_io;
+	struct qdr_block_device *bdev;
+	struct bio bio; /* last: its vector follows */
+};
+struct bio *family_own_bio(gfp_t gfp, int vectors); /* of a qdr_own_bio */
+bool family_is_own_bio(const struct bio *b);
+void family_own_end_io(FAMILY_END_IO_ARGUMENTS);
+bool qdr_is_own_read(const struct bio *b); /* 6.1: an own bio, or one that carries several */
+
 /* ---- The rest ------------------------------------------------------------------------------------------------------ */
 
 /* To be called by every operation that may sleep: interrupts come back on when no spin lock of the driver is held. */
@@ -215,7 +227,6 @@ gfp_t qdr_gfp(qdr_gfp_type gfp);
 void *qdr_kzalloc_nofail(size_t bytes); /* counted; for kfree, by way of qk_kfree */
 /* Sends what waits to be sent together with more: before a wait for a read of `bdev` (null: at a command's end). */
 void qdr_start_reads(struct qdr_block_device *bdev);
-bool qdr_is_own_bio(const struct bio *b);
 int qdr_bios_init(void);
 void qdr_bios_exit(void);
 int qdr_buffers_init(void);

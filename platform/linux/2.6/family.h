@@ -86,6 +86,29 @@ static inline void family_after_clear_bit(void)
 	smp_mb__after_clear_bit();
 }
 
+/* ---- Bios ---------------------------------------------------------------------------------------------------------- */
+
+#define family_bio_sector(b) ((b)->bi_sector)
+#define family_bio_size(b) ((b)->bi_size)
+#define family_bio_index(b) ((b)->bi_idx)
+#define family_bio_uptodate(b) test_bit(BIO_UPTODATE, &(b)->bi_flags)
+#define family_whole(bdev) ((bdev)->bd_contains)
+#define family_submit(b) generic_make_request(b)
+#define FAMILY_END_IO_ARGUMENTS struct bio *b, int error
+
+/* A discard says that it reads, and changes data. */
+static inline u32 family_bio_rw(const struct bio *b)
+{
+	return bio_discard(b) ? 1 : b->bi_rw & 3;
+}
+
+static inline void family_bio_set_read(struct bio *b)
+{
+	b->bi_rw = READ;
+}
+
+/* ---- The control device ---------------------------------------------------------------------------------------------- */
+
 #define family_inode(file) ((file)->f_path.dentry->d_inode)
 #define FAMILY_FAULT_ARGUMENTS struct vm_area_struct *vma, struct vm_fault *vmf
 #define FAMILY_FAULT_MAPPING vma

@@ -63,6 +63,30 @@ static inline void family_after_clear_bit(void)
 	smp_mb__after_atomic();
 }
 
+/* ---- Bios ---------------------------------------------------------------------------------------------------------- */
+
+#define family_bio_sector(b) ((b)->bi_iter.bi_sector)
+#define family_bio_size(b) ((b)->bi_iter.bi_size)
+#define family_bio_index(b) ((b)->bi_iter.bi_idx)
+#define family_bio_uptodate(b) (!(b)->bi_status)
+#define family_whole(bdev) bdev_whole(bdev)
+#define family_submit(b) submit_bio_noacct(b)
+#define FAMILY_END_IO_ARGUMENTS struct bio *b
+
+static inline u32 family_bio_rw(const struct bio *b)
+{
+	if (op_is_write(bio_op(b)))
+		return 1;
+	return b->bi_opf & REQ_RAHEAD ? 2 : 0;
+}
+
+static inline void family_bio_set_read(struct bio *b)
+{
+	b->bi_opf = REQ_OP_READ;
+}
+
+/* ---- The control device ---------------------------------------------------------------------------------------------- */
+
 #define family_inode(file) file_inode(file)
 #define FAMILY_FAULT_ARGUMENTS struct vm_fault *vmf
 #define FAMILY_FAULT_MAPPING vmf->vma

@@ -119,7 +119,7 @@ static void notrace redirect(unsigned long ip, unsigned long parent, struct ftra
 	bio = (struct bio *)regs->ax;
 #endif
 	kernel_disk = bio->bi_bdev->bd_disk;
-	if (takes_bios(kernel_disk) != entry->takes_bios || qdr_is_own_bio(bio))
+	if (takes_bios(kernel_disk) != entry->takes_bios || qdr_is_own_read(bio))
 		return;
 	disk = qdr_find_disk(kernel_disk);
 	if (disk && qdr_is_hooked(disk))
