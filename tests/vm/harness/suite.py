@@ -1,7 +1,7 @@
 """The tests: bash scripts in guest/tests whose first lines say what they show and what they need.
 
     # One sentence: the behaviour.
-    # needs: WORD...      what the kernel and the machine must have, else the test is skipped (see need() in guest/lib.sh)
+    # needs: WORD...      what the kernel and the machine must have, else the test is skipped (see guest/lib-needs.sh)
     # limit: SECONDS      of its own
     # machine: NAME       one of MACHINES; default standard
     # allows: REGEX       lines of the kernel's log that are no failure here

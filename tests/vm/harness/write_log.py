@@ -34,7 +34,7 @@ class WriteLog:
 
     def update(self):
         head = os.pread(self.file, 28, 0)
-        if len(head) < 28:
+        if not any(head):
             return      # QEMU writes it with the first flush.
         magic, version, count, sector_size = struct.unpack("<QQQI", head)
         if magic != MAGIC or version != 1 or sector_size != SECTOR:

@@ -1,0 +1,30 @@
+# The story that every kind of device goes through.
+
+# chain TYPE DEVICE EXTENTS: the file system on DEVICE, mounted on /mnt/chain, is backed up in full and three times
+# incrementally while writers work on it; each restored backup is proved and checked. TRIM=trim lets the writers trim,
+# LAST is the number of incremental backups, OPTIONS are more options of qbackup.
+chain() {
+  local type=$1 device=$2 extents=$3 number mode paths=() copied=()
+  mkdir -p /mnt/chain
+  mount "$device" /mnt/chain
+  start_writers /mnt/chain "${TRIM:-}"
+  sleep 1
+  for number in $(seq 0 "${LAST:-3}"); do
+    marked_backup "$number" "$device" ${OPTIONS:-}
+    mode=inc
+    [ "$number" != 0 ] || mode=full
+    expect_mode $mode
+    paths+=("$(report_field path)")
+    copied+=("$(report_field copiedBlocks)")
+    sleep 1
+  done
+  stop_writers
+  umount /mnt/chain
+  for number in $(seq 1 "${LAST:-3}"); do
+    [ "${copied[number]}" -lt "${copied[0]}" ] || fail "an incremental backup has copied ${copied[number]} blocks, the full one ${copied[0]}"
+  done
+  for number in $(seq 0 "${LAST:-3}"); do
+    prove "$number" "${paths[number]}" "$(region $((number + 1)))" "$extents"
+    check_fs "$type" "$(region $((number + 1)))"
+  done
+}

@@ -1,0 +1,36 @@
+# After a test: whatever it left is put away; what cannot be is printed.
+
+clean_up() {
+  echo "7 4 1 7" >/proc/sys/kernel/printk
+  touch /run/stop-writers
+  local try line count me=$BASHPID
+  for try in $(seq 50); do
+    count=0
+    # All but this program, the kernel's threads, and the programs of this very line.
+    for line in $(ps -eo pid=,ppid= | awk -v me=$me '$1 != 1 && $1 != 2 && $2 != 2 && $1 != me && $2 != me { print $1 }'); do
+      kill -KILL "$line" 2>/dev/null && count=$((count + 1))
+    done
+    [ $count != 0 ] || break
+    sleep 0.1
+  done
+  rm -f /run/stop-writers
+  awk '$2 ~ "^/mnt/" { print $2 }' /proc/mounts | sort -r | while read -r line; do
+    fsfreeze -u "$line" 2>/dev/null
+    umount "$line" || echo "$line cannot be unmounted"
+  done
+  local left
+  left=$(references)
+  if [ -n "$left" ]; then
+    [ "$left" = 0 ] || echo "the module has $left references left"
+    rmmod quendrel || echo "the module cannot be unloaded"
+  fi
+  [ ! -x /sbin/dmsetup ] || dmsetup info -c --noheadings -o name 2>/dev/null | grep -v '^No devices' | while read -r line; do
+    dmsetup remove --retry "$line" >/dev/null || echo "$line cannot be removed"
+  done
+  losetup -D 2>/dev/null
+  [ ! -d /sys/module/brd ] || rmmod brd || echo "brd cannot be unloaded"
+  [ ! -d /sys/module/scsi_debug ] || rmmod scsi_debug || echo "scsi_debug cannot be unloaded"
+  rm -rf "${STORE:?}"/* /mnt/* 2>/dev/null
+  sync
+  true
+}

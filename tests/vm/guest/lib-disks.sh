@@ -1,0 +1,65 @@
+# The machine's disks, file systems on them, and what is asked of those.
+
+disk_of() { # SERIAL
+  local entry
+  if [ ! -f /sys/block/vda/serial ]; then
+    # An old kernel: the order of their addresses on the bus.
+    case $1 in root) echo /dev/vda ;; tested) echo /dev/vdb ;; spare) echo /dev/vdc ;; store) echo /dev/vdd ;; loose) echo /dev/vde ;; esac
+    return
+  fi
+  for entry in /sys/block/*; do
+    if [ "$(cat "$entry/serial" 2>/dev/null || cat "$entry/device/serial" 2>/dev/null)" = "$1" ]; then
+      echo "/dev/${entry##*/}"
+      return
+    fi
+  done
+}
+find_disks() {
+  {
+    echo "DISK=$(disk_of tested)"
+    echo "SPARE=$(disk_of spare)"
+    echo "STORE_DISK=$(disk_of store)"
+    echo "LOOSE=$(disk_of loose)"
+  } >/run/disks
+  . /run/disks
+  [ -n "$DISK" ] && [ -n "$SPARE" ] && [ -n "$STORE_DISK" ]
+}
+nvme_disk() {
+  local entry
+  for entry in /sys/class/block/nvme*; do
+    case ${entry##*/} in nvme*p* | 'nvme*') ;; *) echo "/dev/${entry##*/}" ;; esac
+  done | head -1
+}
+region() { echo "$SPARE$1"; }         # the N-th place to restore into
+part() { case $1 in *[0-9]) echo "${1}p$2" ;; *) echo "$1$2" ;; esac; } # DISK N
+sectors() { cat "/sys/class/block/${1##*/}/size"; }
+start_of() { cat "/sys/class/block/${1##*/}/start" 2>/dev/null || echo 0; }
+
+# Cuts a disk into partitions of these sizes in MiB.
+partition() {
+  local disk=$1 size
+  shift
+  wipefs -qa "$disk"
+  for size; do echo "size=${size}MiB, type=83"; done | sed '1i label: dos' | sfdisk -q --wipe=always --wipe-partitions=always "$disk" >/dev/null
+}
+make_fs() { # TYPE DEVICE [MiB]
+  case $1 in
+    ext*) mke2fs -q -t "$1" -b "${BLOCK_SIZE:-4096}" -E lazy_itable_init=0,nodiscard -F "$2" ${3:+${3}m} ;;
+    xfs)
+      # The program refuses small file systems except to its own tests.
+      TEST_DIR=1 TEST_DEV=1 QA_CHECK_FS=1 mkfs.xfs -q -f -K --unsupported ${3:+-d size=${3}m} "$2"
+      ;;
+    btrfs) mkfs.btrfs -q -f -M ${3:+-b ${3}m} "$2" ;;
+  esac
+}
+# check_fs TYPE DEVICE: the file system's own checker finds nothing.
+check_fs() {
+  case $1 in
+    ext*) expect 0 e2fsck -fn "$2" ;;
+    xfs)
+      # Mounting lets xfs finish what its log says about the moment of the freeze.
+      mkdir -p /mnt/checked && mount -o nouuid "$2" /mnt/checked && umount /mnt/checked || fail "the restored xfs on $2 cannot be mounted"
+      expect 0 xfs_repair -n "$2"
+      ;;
+  esac
+}

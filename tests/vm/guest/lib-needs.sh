@@ -1,0 +1,39 @@
+# What a test may need of the kernel and the machine: `need` prints what is missing.
+
+have_module_file() { grep -qE "^$1\.ko" $KIT/modules/order; }
+load_kernel_module() { # NAME [PARAMETERS]: one of the kernel's own that is not loaded at boot
+  [ -d "/sys/module/$1" ] && [ $# = 1 ] && return
+  local file
+  # Its dependencies stand before it.
+  while read -r file; do
+    case $file in "$1".ko*) break ;; esac
+    [ -d "/sys/module/$(sed 's/\.ko.*//; s/-/_/g' <<<"$file")" ] || insmod "$KIT/modules/$file" 2>/dev/null || true
+  done <$KIT/modules/order
+  file=$(grep -E "^$1\.ko" $KIT/modules/order || grep -E "^${1//_/-}\.ko" $KIT/modules/order) || return 1
+  shift
+  insmod "$KIT/modules/$file" "$@"
+}
+need() { # prints what is missing
+  case $1 in
+    module) [ -f $KIT/quendrel.ko ] || echo "there is no module" ;;
+    qbackup) [ -x $KIT/qbackup ] || echo "there is no static qbackup" ;;
+    qbackup32)
+      [ -x $KIT/qbackup32 ] || echo "there is no 32-bit qbackup beside the kernel's own"
+      ;;
+    program:*) [ -x "$KIT/${1#*:}" ] || echo "there is no program ${1#*:}" ;;
+    fs:*) grep -qwF "${1#*:}" /proc/filesystems || echo "the kernel has no ${1#*:}" ;;
+    dm) grep -qw device-mapper /proc/misc /proc/devices || echo "the kernel has no device mapper" ;;
+    loop | brd | scsi_debug | dm_flakey)
+      load_kernel_module "$1" 2>/dev/null || [ -d "/sys/module/$1" ] || echo "the kernel has no $1"
+      ;;
+    nvme) [ -n "$(nvme_disk)" ] || echo "the machine has no NVMe disk" ;;
+    trim) [ "$(cat "/sys/block/${DISK##*/}/queue/discard_max_bytes" 2>/dev/null || echo 0)" != 0 ] || echo "the tested disk takes no discards" ;;
+    parameter:*) modinfo -F parm $KIT/quendrel.ko 2>/dev/null | grep -q "^${1#*:}:" || echo "the module has no parameter ${1#*:}" ;;
+    loose) [ -n "$LOOSE" ] && [ -b "$LOOSE" ] || echo "the disk that can be unplugged is gone" ;;
+    *) echo "the test needs '$1', of which nothing is known" ;;
+  esac
+}
+missing_need() { # TEST
+  local word
+  for word in $(sed -n 's/^# needs: *//p' "$KIT/guest/tests/$1"); do need "$word"; done | head -1
+}
