@@ -42,12 +42,22 @@ partition() {
   wipefs -qa "$disk"
   for size; do echo "size=${size}MiB, type=83"; done | sed '1i label: dos' | sfdisk -q --wipe=always --wipe-partitions=always "$disk" >/dev/null
 }
+# A kernel that knows less of disk layouts than the programs.
+old_kernel() { [[ $(uname -r) = 2.6.* ]]; }
 make_fs() { # TYPE DEVICE [MiB]
   case $1 in
-    ext*) mke2fs -q -t "$1" -b "${BLOCK_SIZE:-4096}" -E lazy_itable_init=0,nodiscard -F "$2" ${3:+${3}m} ;;
+    ext*)
+      local features=
+      ! old_kernel || [ "$1" != ext4 ] || features="-O ^metadata_csum,^64bit"
+      # shellcheck disable=SC2086
+      mke2fs -q -t "$1" $features -b "${BLOCK_SIZE:-4096}" -E lazy_itable_init=0,nodiscard -F "$2" ${3:+${3}m}
+      ;;
     xfs)
       # The program refuses small file systems except to its own tests.
-      TEST_DIR=1 TEST_DEV=1 QA_CHECK_FS=1 mkfs.xfs -q -f -K --unsupported ${3:+-d size=${3}m} "$2"
+      local layout=
+      ! old_kernel || layout="-m crc=0,finobt=0,rmapbt=0,reflink=0,bigtime=0,inobtcount=0 -i sparse=0,projid32bit=0,nrext64=0 -n ftype=0"
+      # shellcheck disable=SC2086
+      TEST_DIR=1 TEST_DEV=1 QA_CHECK_FS=1 mkfs.xfs -q -f -K --unsupported $layout ${3:+-d size=${3}m} "$2"
       ;;
     btrfs) mkfs.btrfs -q -f -M ${3:+-b ${3}m} "$2" ;;
   esac
@@ -59,7 +69,7 @@ check_fs() {
     xfs)
       # Mounting lets xfs finish what its log says about the moment of the freeze.
       mkdir -p /mnt/checked && mount -o nouuid "$2" /mnt/checked && umount /mnt/checked || fail "the restored xfs on $2 cannot be mounted"
-      expect 0 xfs_repair -n "$2"
+      if old_kernel; then expect 0 xfs_db -r -c check "$2"; else expect 0 xfs_repair -n "$2"; fi
       ;;
   esac
 }

@@ -8,6 +8,7 @@ import tempfile
 from pathlib import Path
 
 from .failure import HarnessError
+from .old_libc import adapt
 
 # Not needed by any test; leaves the image at a third of its size.
 LEFT_OUT = ["usr/share/doc", "usr/share/man", "usr/share/locale", "usr/share/info", "usr/share/perl", "usr/lib/x86_64-linux-gnu/perl",
@@ -22,9 +23,13 @@ def tool(arguments, what, **more):
     return run.stdout
 
 
-def root_image(packages, cache):
-    """An ext4 image with these packages unpacked; made once for each set of packages."""
-    key = hashlib.sha256(("\n".join(p.name for p in packages) + Path(__file__).read_text()).encode()).hexdigest()[:16]
+def root_image(packages, cache, old_kernel=False):
+    """A read-only image with these packages unpacked; made once for each set of packages.
+
+    For an old kernel it is ext2, and what talks to the kernel in it is adapted.
+    """
+    source = Path(__file__).read_text() + (Path(__file__).with_name("old_libc.py").read_text() if old_kernel else "")
+    key = hashlib.sha256(("\n".join(p.name for p in packages) + source).encode()).hexdigest()[:16]
     image = cache / f"root-{key}.img"
     if image.exists():
         return image
@@ -48,9 +53,12 @@ def root_image(packages, cache):
         (tree / "etc/group").write_text("root:x:0:\ndisk:x:6:\n")
         (tree / "etc/ld.so.conf").write_text("include /etc/ld.so.conf.d/*.conf\n")
         tool(["ldconfig", "-r", tree], "making the library cache")
+        if old_kernel:
+            for name in ("lib/i386-linux-gnu/ld-linux.so.2", "lib/i386-linux-gnu/libc.so.6"):
+                adapt(tree / name)
         used = sum(f.lstat().st_size for f in tree.rglob("*"))
         partial = Path(temporary) / "image"
-        tool(["mke2fs", "-q", "-t", "ext4", "-O", "^has_journal,^metadata_csum", "-m", "0", "-E", "root_owner=0:0", "-d", tree,
+        tool(["mke2fs", "-q", "-t", "ext2" if old_kernel else "ext4", "-O", "^has_journal,^metadata_csum", "-m", "0", "-E", "root_owner=0:0", "-d", tree,
               partial, f"{used // 1024 * 13 // 10 + 20000}k"], "making the root image")
         partial.rename(image)
     return image
@@ -123,16 +131,19 @@ def initial_file_system(target, *, busybox, modules, more_modules, kit, settings
     target.write_bytes(archive.bytes())
 
 
-def busybox_of(packages, cache, arch):
+def busybox_of(packages, cache, arch, old_kernel=False):
     """The static busybox of the guest's packages, for the initial file system."""
-    target = cache / arch / "busybox"
+    target = cache / arch / ("busybox-old" if old_kernel else "busybox")
     package = next((p for p in packages if p.name.startswith("busybox-static_")), None)
     if package is None:
         raise HarnessError("the guest's packages have no busybox-static; run tests/vm/fetch --update")
     if not target.exists() or target.stat().st_mtime < package.stat().st_mtime:
         with tempfile.TemporaryDirectory(dir=cache) as temporary:
             tool(["dpkg-deb", "-x", package, temporary], f"unpacking {package.name}")
-            shutil.copyfile(Path(temporary) / "bin/busybox", target)
+            program = Path(temporary) / "bin/busybox"
+            if old_kernel:
+                adapt(program)
+            shutil.copyfile(program, target)
     return target
 
 

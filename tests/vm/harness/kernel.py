@@ -37,8 +37,13 @@ class Kernel:
 
     @property
     def version(self):
-        match = re.match(r"(\d+)\.(\d+)", self.release)
-        return tuple(map(int, match.groups())) if match else (0, 0)
+        match = re.match(r"(\d+)\.(\d+)(?:\.(\d+))?", self.release)
+        return tuple(int(n or 0) for n in match.groups()) if match else (0, 0, 0)
+
+    @property
+    def old(self):
+        """Whether Debian 12's programs must be adapted to it."""
+        return self.version < (2, 6, 39)
 
 
 def from_cache(cache, arch):
