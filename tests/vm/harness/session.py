@@ -40,7 +40,7 @@ class Session:
         here = self.work / f"boot-{self.boots}"
         here.mkdir(parents=True, exist_ok=True)
         self.here, self.kind = here, kind
-        logs = {name: here / f"{name}.log" for name in ("tested", "nvme")}
+        logs = {name: here / f"{name}.writes" for name in ("tested", "nvme")}
         for log in logs.values():
             write_log.fresh_log(log)
         disks = [
@@ -75,7 +75,7 @@ class Session:
         except MachineDied:
             pass
         self.discard()
-        for name in ("tested.img", "spare.img", "store.img", "loose.img", "nvme.img", "tested.log", "nvme.log"):
+        for name in ("tested.img", "spare.img", "store.img", "loose.img", "nvme.img", "tested.writes", "nvme.writes"):
             (self.here / name).unlink(missing_ok=True)
 
     def discard(self):

@@ -38,7 +38,8 @@ class WriteLog:
             return      # QEMU writes it with the first flush.
         magic, version, count, sector_size = struct.unpack("<QQQI", head)
         if magic != MAGIC or version != 1 or sector_size != SECTOR:
-            raise HarnessError("QEMU's write log is not of the form that is known here (blklogwrites, version 1, 512-byte sectors)")
+            raise HarnessError("QEMU's write log is not of the form that is known here (blklogwrites, version 1, "
+                               f"512-byte sectors): it begins with {head.hex()}")
         while len(self.entries) < count:
             sector, sectors, flags, _ = struct.unpack("<QQQQ", os.pread(self.file, 32, self.next))
             at = self.next + SECTOR
