@@ -21,6 +21,7 @@ need() { # prints what is missing
       [ -x $KIT/qbackup32 ] || echo "there is no 32-bit qbackup beside the kernel's own"
       ;;
     program:*) [ -x "$KIT/${1#*:}" ] || echo "there is no program ${1#*:}" ;;
+    fs:ext4) grep -qwF "$(if old_kernel; then echo ext3; else echo ext4; fi)" /proc/filesystems || echo "the kernel has no ext4" ;;
     fs:*) grep -qwF "${1#*:}" /proc/filesystems || echo "the kernel has no ${1#*:}" ;;
     dm) grep -qw device-mapper /proc/misc /proc/devices || echo "the kernel has no device mapper" ;;
     loop | brd | scsi_debug | dm_flakey)
@@ -28,6 +29,9 @@ need() { # prints what is missing
       ;;
     nvme) [ -n "$(nvme_disk)" ] || echo "the machine has no NVMe disk" ;;
     trim) [ "$(cat "/sys/block/${DISK##*/}/queue/discard_max_bytes" 2>/dev/null || echo 0)" != 0 ] || echo "the tested disk takes no discards" ;;
+    flush) [ -f "/sys/block/${DISK##*/}/queue/write_cache" ] || echo "the kernel's driver of the tested disk sends no flushes" ;;
+    unplug) [ -f /sys/bus/pci/rescan ] || echo "the kernel cannot let a disk go while it runs" ;;
+    single-freeze) ! old_kernel || echo "this kernel counts freezes: a second one is no error" ;;
     parameter:*) modinfo -F parm $KIT/quendrel.ko 2>/dev/null | grep -q "^${1#*:}:" || echo "the module has no parameter ${1#*:}" ;;
     loose) [ -n "$LOOSE" ] && [ -b "$LOOSE" ] || echo "the disk that can be unplugged is gone" ;;
     *) echo "the test needs '$1', of which nothing is known" ;;

@@ -4,9 +4,11 @@
 sync_fs() { sync -f "$1" 2>/dev/null || sync; }
 
 WRITERS=()
-# start_writers DIRECTORY [TRIM]: checked random writes, files made and removed, and fstrim, until stop_writers.
+# start_writers DIRECTORY [TRIM]: checked random writes, files made and removed, and fstrim where the disk takes it, until stop_writers.
 start_writers() {
   local directory=$1
+  local trims=${2:-}
+  [ -z "$(need trim)" ] || trims=
   (
     cd "$directory"
     exec fio --name=checked --filename=checked.fio --size=8m --rw=randwrite --bs=4k --ioengine=libaio --iodepth=8 --direct=1 \
@@ -23,7 +25,7 @@ start_writers() {
       head -c $((n * 7919 % 200000 + 1)) /dev/urandom >churn/$((n % 23)).new && mv churn/$((n % 23)).new churn/$((n % 23))
       [ $((n % 11)) != 0 ] || rm -f churn/$((n * 5 % 23))
       [ $((n % 40)) != 0 ] || sync_fs .
-      if [ "${2:-}" = trim ] && [ $((n % 60)) = 0 ]; then fstrim .; fi
+      if [ "$trims" = trim ] && [ $((n % 60)) = 0 ]; then fstrim .; fi
       sleep 0.02
     done
   ) 3>&- &
