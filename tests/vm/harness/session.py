@@ -24,10 +24,10 @@ class Verdict:
 class Session:
     """All tests of one kernel."""
 
-    def __init__(self, kernel, *, work, boot_image, root, initial, time_factor, tell, verbose):
+    def __init__(self, kernel, *, work, boot_image, root, initial, time_factor, tell, verbose, keep=False):
         self.kernel, self.work = kernel, work
         self.boot_image, self.root, self.initial = boot_image, root, initial
-        self.time_factor, self.tell, self.verbose = time_factor, tell, verbose
+        self.time_factor, self.tell, self.verbose, self.keep = time_factor, tell, verbose, keep
         self.machine = None
         self.judges = {}
         self.kind = None
@@ -75,6 +75,8 @@ class Session:
         except MachineDied:
             pass
         self.discard()
+        if self.keep:
+            return
         for name in ("tested.img", "spare.img", "store.img", "loose.img", "nvme.img", "tested.writes", "nvme.writes"):
             (self.here / name).unlink(missing_ok=True)
 
