@@ -32,6 +32,11 @@ need() { # prints what is missing
     flush) [ -f "/sys/block/${DISK##*/}/queue/write_cache" ] || echo "the kernel's driver of the tested disk sends no flushes" ;;
     unplug) [ -f /sys/bus/pci/rescan ] || echo "the kernel cannot let a disk go while it runs" ;;
     single-freeze) ! old_kernel || echo "this kernel counts freezes: a second one is no error" ;;
+    failslab)
+      mountpoint -q /sys/kernel/debug || mount -t debugfs debugfs /sys/kernel/debug 2>/dev/null
+      [ -f /sys/kernel/debug/failslab/require-start ] || echo "the kernel cannot let the allocations of one module fail"
+      ;;
+    lockdep) [ -f /proc/lockdep_stats ] || echo "the kernel has no lock checker" ;;
     parameter:*) modinfo -F parm $KIT/quendrel.ko 2>/dev/null | grep -q "^${1#*:}:" || echo "the module has no parameter ${1#*:}" ;;
     loose) [ -n "$LOOSE" ] && [ -b "$LOOSE" ] || echo "the disk that can be unplugged is gone" ;;
     *) echo "the test needs '$1', of which nothing is known" ;;
