@@ -93,8 +93,11 @@ int qk_sprintf(char *to, const char *format, ...)
 
 static int __init quendrel_init(void)
 {
-	int result = qdr_bios_init();
+	int result;
 
+	/* The interception looks disks up from its first moment on. */
+	qdr_devices_init();
+	result = qdr_bios_init();
 	if (result)
 		return result;
 	result = qdr_buffers_init();
@@ -103,7 +106,6 @@ static int __init quendrel_init(void)
 	result = qdr_intercept_init();
 	if (result)
 		goto no_interception;
-	qdr_devices_init();
 	qk_driver_static_init();
 	result = qk_driver_init();
 	if (!result)
