@@ -36,6 +36,7 @@ need() { # prints what is missing
       mountpoint -q /sys/kernel/debug || mount -t debugfs debugfs /sys/kernel/debug 2>/dev/null
       [ -f /sys/kernel/debug/failslab/require-start ] || echo "the kernel cannot let the allocations of one module fail"
       ;;
+    package) [ -d $KIT/package ] || echo "there is no package for this kernel" ;;
     lockdep) [ -f /proc/lockdep_stats ] || echo "the kernel has no lock checker" ;;
     parameter:*) modinfo -F parm $KIT/quendrel.ko 2>/dev/null | grep -q "^${1#*:}:" || echo "the module has no parameter ${1#*:}" ;;
     loose) [ -n "$LOOSE" ] && [ -b "$LOOSE" ] || echo "the disk that can be unplugged is gone" ;;

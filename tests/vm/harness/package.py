@@ -1,0 +1,35 @@
+"""The Debian package of the module, as a machine has it after DKMS has built it for its kernel."""
+import os
+import shutil
+import subprocess
+
+from .failure import HarnessError
+from .kernel import KMOD_PATH
+
+
+def run(words, log, **more):
+    with log.open("ab") as out:
+        if subprocess.run([str(w) for w in words], stdout=out, stderr=subprocess.STDOUT, **more).returncode:
+            raise HarnessError(f"'{' '.join(map(str, words))}' failed; {log} ends with:\n" +
+                               "\n".join(log.read_text(errors="replace").splitlines()[-20:]))
+
+
+def installed(kernel, top, work):
+    """Builds the package and the module from the sources in it; returns the directory with the installed files."""
+    shutil.rmtree(work, ignore_errors=True)
+    tree = work / "installed"
+    tree.mkdir(parents=True)
+    log = work / "package.log"
+    run([top / "packaging/build", "--only", "dkms", "--output", work], log)
+    packages = list(work.glob("quendrel-dkms_*.deb"))
+    if len(packages) != 1:
+        raise HarnessError(f"packaging/build has left {len(packages)} packages of the module in {work}, not 1")
+    run(["dpkg-deb", "-x", packages[0], tree], log)
+    source = next((tree / "usr/src").glob("quendrel-*"))
+    run([source / "dkms-make", kernel.kdir], log)
+    modules = tree / "lib/modules" / kernel.release / "updates/dkms"
+    modules.mkdir(parents=True)
+    shutil.copyfile(source / "ko/quendrel.ko", modules / "quendrel.ko")
+    shutil.rmtree(tree / "usr")
+    run(["depmod", "-b", tree, kernel.release], log, env={**os.environ, "PATH": KMOD_PATH})
+    return tree
