@@ -35,7 +35,6 @@ family_param_get(closes, show_closes);
 MODULE_PARM_DESC(closes, "how often a file of the control device was closed");
 
 static const struct qdr_file_operations *core_ops;
-static atomic_t open_files = ATOMIC_INIT(0);
 
 /* ---- Calls under way ----------------------------------------------------------------------------------------------- */
 
@@ -111,18 +110,11 @@ static int open_error(int result)
 
 static int control_open(struct inode *inode, struct file *file)
 {
-	int result;
+	unsigned int files = qdr_files_begin();
+	int result = files > 1 && exclusive ? -EBUSY : open_error(core_ops->open(inode, file));
 
-	if (atomic_inc_return(&open_files) > 1 && exclusive) {
-		atomic_dec(&open_files);
-		return -EBUSY;
-	}
-	qdr_files_begin();
-	result = open_error(core_ops->open(inode, file));
-	if (result) {
+	if (result)
 		qdr_files_end();
-		atomic_dec(&open_files);
-	}
 	return result;
 }
 
@@ -137,7 +129,6 @@ static int control_release(struct inode *inode, struct file *file)
 	qdr_may_sleep();
 	qdr_call_end(&call);
 	qdr_files_end();
-	atomic_dec(&open_files);
 	return 0;
 }
 

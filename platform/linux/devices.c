@@ -190,11 +190,14 @@ out:
 	return device;
 }
 
-void qdr_files_begin(void)
+unsigned int qdr_files_begin(void)
 {
+	unsigned int now;
+
 	mutex_lock(&devices_lock);
-	files++;
+	now = ++files;
 	mutex_unlock(&devices_lock);
+	return now;
 }
 
 void qdr_files_end(void)

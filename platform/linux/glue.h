@@ -105,8 +105,8 @@ bool qdr_holds_anything(void);
 struct qdr_call {
 	struct list_head list;
 	struct task_struct *task;
-	unsigned int cmd; /* 0: a release */
-	bool release;
+	unsigned int cmd;
+	bool release; /* and no command */
 	void *freed; /* what a release freed, linked through the allocations' headers */
 	/* Reads of a run of blocks that are not sent yet (6.1), linked by bi_next. */
 	bool gathers;
@@ -141,12 +141,11 @@ struct qdr_request_queue {
 
 struct qdr_gendisk {
 	struct list_head list; /* of its bucket */
-	struct gendisk *disk; /* valid while one of its devices is open here, or a bio for it is at hand */
+	struct gendisk *disk;  /* valid while one of its devices is open here, or a bio for it is at hand */
 	u64 diskseq;                                /* 6.1 */
 	struct request_queue *q;                    /* 2.6: held until unload */
 	int (*original)(struct request_queue *, struct bio *); /* 2.6: what the queue had */
 	u32 major, first_minor, minors; /* as the core sees them */
-	bool alias;                     /* they are not the real ones */
 	struct qdr_request_queue queue;
 	struct qdr_block_device *whole;
 };
@@ -161,14 +160,13 @@ struct qdr_block_device {
 
 /* The instance of a live disk, or null when the core never met it. Any context. */
 struct qdr_gendisk *qdr_find_disk(const struct gendisk *disk);
-static inline bool qdr_is_hooked(const struct qdr_gendisk *disk);
 /* Opens the device of real number `real`, makes what the core needs to know of it. Null when there is none that can be
  * used. May sleep. */
 struct qdr_block_device *qdr_open_real(dev_t real);
 /* Whether some hooked disk has one of these numbers. The caller is numbers.c, inside qdr_number_disk. */
 bool qdr_numbers_in_use(u32 major, u32 first, u32 count);
-/* Files of the control device come and go; with the last one every device is closed. */
-void qdr_files_begin(void);
+/* Files of the control device come and go; with the last one every device is closed. The number open now. */
+unsigned int qdr_files_begin(void);
 void qdr_files_end(void);
 void qdr_devices_init(void);
 void qdr_devices_exit(void);

@@ -55,7 +55,6 @@ int qdr_number_disk(struct qdr_gendisk *disk, struct gendisk *kernel_disk)
 	disk->major = ALIAS_MAJOR;
 	disk->first_minor = next_alias;
 	disk->minors = minors;
-	disk->alias = true;
 	next_alias += minors;
 	pr_info("quendrel: %s (%u:%u) is major=%u minor=%u in the lines of this log\n", kernel_disk->disk_name,
 		MAJOR(disk_devt(kernel_disk)), MINOR(disk_devt(kernel_disk)), disk->major, disk->first_minor);
