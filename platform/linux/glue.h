@@ -192,6 +192,12 @@ bool family_takes_partitions(const struct gendisk *disk);
 u32 family_slots(struct gendisk *disk);
 bool family_partition(struct gendisk *disk, u32 index, u64 *start, u64 *sectors);
 
+/* ---- File systems of a family (FAMILY/filesystems.c); all may sleep, of an open device ------------------------------ */
+
+u32 family_mounted_block_size(struct block_device *bdev); /* in bytes; 0: no file system that can be frozen is mounted */
+struct super_block *family_freeze(struct block_device *bdev); /* null: it failed, or there is none */
+int family_thaw(struct block_device *bdev, struct super_block *sb); /* what was frozen; 0 or an error number below 0 */
+
 /* ---- Interception (intercept.c) ---------------------------------------------------------------------------------- */
 
 int qdr_intercept_init(void);

@@ -13,6 +13,9 @@
 #include <linux/vmalloc.h>
 #include <linux/wait.h>
 
+/* The name of a device, written to `name` of BDEVNAME_SIZE bytes. */
+#define family_device_name(bdev, name) bdevname(bdev, name)
+
 #define READ_ONCE(word) ACCESS_ONCE(word)
 #define WRITE_ONCE(word, value) (ACCESS_ONCE(word) = (value))
 #define pr_warn pr_warning

@@ -1,97 +1,36 @@
-/* File systems: which one is mounted on a device, its block size, freezing. */
+/* File systems where the super block of a device is looked up, and freezing it counts. */
 #include "glue.h"
 
 #include <linux/buffer_head.h>
 #include <linux/err.h>
 
-/* What the core gets for a super block: its answers, and the kernel's own while it is frozen. */
-struct qdr_super_block {
-	u32 block_size;
-	struct super_block *frozen;
-};
-
-static struct qdr_super_block *new_super(u32 block_size, struct super_block *frozen)
-{
-	struct qdr_super_block *sb = qdr_kzalloc_nofail(sizeof(*sb));
-
-	sb->block_size = block_size;
-	sb->frozen = frozen;
-	atomic_inc(&qdr_held[QDR_HELD_SUPERS]);
-	return sb;
-}
-
-void qk_drop_super(struct qdr_super_block *sb)
-{
-	atomic_dec(&qdr_held[QDR_HELD_SUPERS]);
-	qk_kfree(sb);
-}
-
 /* The kernel's reference holds the file system's own lock, so it is given back before anything else is done. */
-struct qdr_super_block *qk_get_super(struct qdr_block_device *bdev)
+u32 family_mounted_block_size(struct block_device *bdev)
 {
-	struct block_device *open = qdr_kernel_bdev(bdev);
-	struct super_block *sb;
-	u32 block_size;
-	char name[BDEVNAME_SIZE];
+	struct super_block *sb = get_super(bdev);
+	u32 bytes;
 
-	qdr_may_sleep();
-	sb = open ? get_super(open) : NULL;
 	if (!sb)
-		return NULL;
-	block_size = sb->s_blocksize;
+		return 0;
+	bytes = sb->s_blocksize;
 	drop_super(sb);
-	if (block_size > PAGE_SIZE) {
-		pr_warn("quendrel: %s has blocks of %u bytes, more than a page: it cannot be backed up\n",
-			bdevname(open, name), block_size);
-		return NULL;
-	}
-	return new_super(block_size, NULL);
-}
-
-u32 qk_super_block_size(struct qdr_super_block *sb)
-{
-	return sb->block_size;
+	return bytes;
 }
 
 /* The kernel holds two locks from here to the thaw, which the core does in the same task and before it returns. */
-struct qdr_super_block *qk_freeze_bdev(struct qdr_block_device *bdev)
+struct super_block *family_freeze(struct block_device *bdev)
 {
-	struct block_device *open = qdr_kernel_bdev(bdev);
-	struct super_block *sb;
+	struct super_block *sb = freeze_bdev(bdev);
 
-	qdr_may_sleep();
-	if (!open)
-		return NULL;
-	sb = freeze_bdev(open);
 	if (IS_ERR(sb))
 		return NULL;
 	/* Without a file system the call succeeds and freezes nothing. */
-	if (!sb) {
-		thaw_bdev(open, NULL);
-		return NULL;
-	}
-	return new_super(sb->s_blocksize, sb);
-}
-
-/* A freeze that failed has left nothing to undo; somebody else's is not ours to undo. */
-void qk_thaw_bdev(struct qdr_block_device *bdev, struct qdr_super_block *sb)
-{
-	struct block_device *open = qdr_kernel_bdev(bdev);
-	char name[BDEVNAME_SIZE];
-
-	qdr_may_sleep();
 	if (!sb)
-		return;
-	if (thaw_bdev(open, sb->frozen))
-		pr_err("quendrel: %s could not be thawed\n", bdevname(open, name));
-	qk_drop_super(sb);
+		thaw_bdev(bdev, NULL);
+	return sb;
 }
 
-void qk_fsync_bdev(struct qdr_block_device *bdev)
+int family_thaw(struct block_device *bdev, struct super_block *sb)
 {
-	struct block_device *open = bdev ? qdr_kernel_bdev(bdev) : NULL;
-
-	qdr_may_sleep();
-	if (open)
-		fsync_bdev(open);
+	return thaw_bdev(bdev, sb);
 }

@@ -31,6 +31,13 @@ static inline void family_spin_lock_init(spinlock_t *lock, struct lock_class_key
 #define family_cpu_read(variable) raw_cpu_read(variable)
 #define family_cpu_add(variable, n) this_cpu_add(variable, n)
 
+/* The name of a device, written to `name` of BDEVNAME_SIZE bytes. */
+static inline const char *family_device_name(struct block_device *bdev, char *name)
+{
+	snprintf(name, BDEVNAME_SIZE, "%pg", bdev);
+	return name;
+}
+
 /* Lets another task run, whatever its priority. */
 static inline void family_short_sleep(void)
 {
