@@ -15,13 +15,17 @@ from .failure import HarnessError
 
 @dataclass(frozen=True)
 class MachineKind:
-    memory: int
+    memory: int           # MiB
     arguments: str = ""
+    high: int = 0         # of the memory, MiB that a 32-bit kernel is told to reach by temporary mappings only
+
+    def kernel_arguments(self, arch):
+        return self.arguments + (f" highmem={self.high}M" if arch == "i386" else "")
 
 
 MACHINES = {
-    "standard": MachineKind(memory=512, arguments="log_buf_len=8M"),
-    "small": MachineKind(memory=256),
+    "standard": MachineKind(memory=512, arguments="log_buf_len=8M", high=256),
+    "small": MachineKind(memory=256, high=96),
 }
 
 
