@@ -106,12 +106,20 @@ void qk_up_read(struct rw_semaphore *sem)
 
 void qk_down_write(struct rw_semaphore *sem)
 {
+	struct qdr_call *call = qdr_current_call();
+
 	qdr_may_sleep();
 	down_write(sem);
+	if (call && call->release)
+		call->write_held = sem;
 }
 
 void qk_up_write(struct rw_semaphore *sem)
 {
+	struct qdr_call *call = qdr_current_call();
+
+	if (call && call->write_held == sem)
+		call->write_held = NULL;
 	up_write(sem);
 }
 

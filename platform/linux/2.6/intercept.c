@@ -20,8 +20,8 @@ static struct srcu_struct hooks;
 
 static int hook(struct request_queue *q, struct bio *bio)
 {
-	struct qdr_gendisk *disk = qdr_find_disk(bio->bi_bdev->bd_disk);
 	int inside = srcu_read_lock(&hooks);
+	struct qdr_gendisk *disk = qdr_find_disk(bio->bi_bdev->bd_disk);
 	int result;
 
 	/* A barrier without data touches no block, and must not wait for held writes, which nobody has seen completed. */

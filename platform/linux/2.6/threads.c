@@ -5,7 +5,6 @@
 #include <linux/random.h>
 #include <linux/time.h>
 
-
 /* The kernel calls a thread's function with its own convention for arguments, which the core's C++ shares. */
 qdr_pid_type qk_kernel_thread(int (*fn)(void *), void *arg, unsigned long flags)
 {

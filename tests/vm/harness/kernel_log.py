@@ -14,12 +14,8 @@ PREFIX = re.compile(r"^(\[\s*[\d.]+\]\s*)?(\[\s*[TC]\d+\]\s*)?")
 # Reports of an old kernel's lock checker that come of what is as it should be: how the report begins, what all stands in
 # it, and why. Nothing else is overlooked, and after its first report the checker is silent anyway.
 EXPECTED_REPORTS = [
-    # The kernel's own freeze and thaw take two of its locks in both orders.
-    ("possible circular locking dependency detected", ["bd_fsfreeze_mutex", "thaw_bdev", "get_super"]),
-    # The same by the fsfreeze program, which leaves the kernel with them.
+    # The fsfreeze program leaves the kernel with a frozen file system's locks held, until it is called again.
     ("lock held when returning to user space", ["fsfreeze", "s_umount"]),
-    # Closing a file that never started a backup frees the record with its cache lock held: by design.
-    ("held lock freed", ["qk_down_write", "qdr_free_deferred"]),
 ]
 REPORT_LINES = 110
 
