@@ -4,6 +4,7 @@
 //
 // Files are closed at the end only: closing one while another's backup holds a write waits for ever, by design.
 #include "fuzz_input.h"
+#include "fuzzed_disk.h"
 #include "hosted.h"
 #include "quendrel.h"
 
@@ -16,65 +17,33 @@
 namespace {
 
 using fuzz::Input;
+using fuzz::kBlockBytes;
+using fuzz::kBlocks;
 using fuzz::kCommands;
+using fuzz::kPartitionStart;
 using fuzz::require;
 
-constexpr sector_type kPartitionStart = 8;
-constexpr u32 kBlocks = 64;
-constexpr u32 kBlockBytes = 4096;
 constexpr u32 kMostBlocks = 1u << 22;  // of a map that is really allocated, so that a run stays fast
 
 // The disk and the loaded driver, kept from input to input: loading takes longer than most inputs do.
-class Ground
+class Ground : public fuzz::FuzzedDisk
 {
   public:
-    Ground()
-    {
-        auto store = hosted::make_memory_store((kPartitionStart + kBlocks * 8) * 512);
-        bytes = hosted::memory_store_bytes(*store);
-        hosted::DiskConfig config;
-        config.name = "sda";
-        config.store = std::move(store);
-        config.partitions = {{1, kPartitionStart, kBlocks * 8}};
-        disk = hosted::add_disk(std::move(config));
-        hosted::mount_file_system(disk->device(1), kBlockBytes);
-        require(hosted::load_driver() == 0, "the driver loads");
-    }
-
     // Brings the driver back to how it was loaded: tracking off, no backup, nothing allocated.
     void reset()
     {
         hosted::log_clear();
         // The one backup slot can be left taken for ever; only a reload gives it back. What the driver leaves behind
         // deliberately goes with a reload too.
-        if (stopTracking() && ++inputs_ % 64 != 0)
+        if (fuzz::stop_tracking() && ++inputs_ % 64 != 0)
             return;
         require(hosted::unload_driver() == 0, "the driver unloads");
         hosted::forget_leaks();
         require(hosted::load_driver() == 0, "the driver loads again");
     }
 
-    std::shared_ptr<hosted::Disk> disk;
-    std::span<std::byte> bytes;
-
   private:
     unsigned inputs_ = 0;
-
-    bool stopTracking()
-    {
-        std::unique_ptr<hosted::ControlFile> file;
-        auto memory = std::make_shared<hosted::SimulatedMemory>();
-        if (hosted::open_control(QUENDREL_CHRDEV_MAJOR, memory, file) != 0)
-            return false;
-        const u32 at = memory->allocate(4096);
-        const StartBackup start{8, 1, kBlocks, 1};
-        std::memcpy(memory->at(at), &start, sizeof start);
-        if (file->ioctl(QUENDREL_START_BACKUP, at) != 0 || file->ioctl(QUENDREL_NO_START_AUTOMAP, 0) != 0)
-            return false;
-        const SnapShot snapshot{at, 0};
-        std::memcpy(memory->at(at), &snapshot, sizeof snapshot);
-        return file->ioctl(QUENDREL_SNAPSHOT, at) == 0;
-    }
 };
 
 Ground& ground()

@@ -6,6 +6,7 @@
 // The server uses the memory of this process as the client's. AddressSanitizer keeps its own records from 0x7fff8000
 // on, so the addresses in requests stay below that.
 #include "fuzz_input.h"
+#include "fuzzed_disk.h"
 #include "client/socket_protocol.h"
 #include "control_server.h"
 #include "hosted.h"
@@ -36,6 +37,8 @@ namespace
 {
 
 using fuzz::Input;
+using fuzz::kBlockBytes;
+using fuzz::kBlocks;
 using fuzz::kCommands;
 using fuzz::require;
 
@@ -43,9 +46,6 @@ namespace wire = quendrel::wire;
 using quendreld::ControlServer;
 using quendreld::UniqueFd;
 
-constexpr sector_type kPartitionStart = 8;
-constexpr u32 kBlocks = 64;
-constexpr u32 kBlockBytes = 4096;
 constexpr u32 kMostBlocks = 1u << 16; // of a map that is really allocated, so that a run stays fast
 constexpr u32 kHighest = 0x7fff8000;
 constexpr std::size_t kScratchBytes = 65536;
@@ -173,23 +173,14 @@ void require_soon(const std::function<bool()>& holds, const char* what)
 }
 
 // Disk, driver and server, kept from input to input.
-class Ground
+class Ground : public fuzz::FuzzedDisk
 {
   public:
     Ground()
     {
-        auto store = hosted::make_memory_store((kPartitionStart + kBlocks * 8) * 512);
-        bytes_ = hosted::memory_store_bytes(*store);
-        for (std::size_t i = 0; i < bytes_.size(); i++)
-            bytes_[i] = std::byte(i * 7 >> 3);
-        original_.assign(bytes_.begin(), bytes_.end());
-        hosted::DiskConfig config;
-        config.name = "sda";
-        config.store = std::move(store);
-        config.partitions = {{1, kPartitionStart, kBlocks * 8}};
-        disk_ = hosted::add_disk(std::move(config));
-        hosted::mount_file_system(disk_->device(1), kBlockBytes);
-        require(hosted::load_driver() == 0, "the driver loads");
+        for (std::size_t i = 0; i < bytes.size(); i++)
+            bytes[i] = std::byte(i * 7 >> 3);
+        original_.assign(bytes.begin(), bytes.end());
         void* low =
             ::mmap(nullptr, kScratchBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_32BIT, -1, 0);
         require(low != MAP_FAILED, "memory below 2 GiB");
@@ -219,7 +210,7 @@ class Ground
     {
         well();
         require_soon([] { return hosted::driver_references() == 0; }, "the files of ended connections are closed");
-        require(std::memcmp(original_.data(), bytes_.data(), bytes_.size()) == 0, "the disk is as it was");
+        require(std::memcmp(original_.data(), bytes.data(), bytes.size()) == 0, "the disk is as it was");
         require(hosted::live().mappings == 0, "no mapping is left");
         // Connections that have ended go with the next that is accepted, and that one may have ended by now too.
         if (++inputs_ % 16 == 0) {
@@ -232,7 +223,7 @@ class Ground
             require_soon([] { return hosted::driver_references() == 0; }, "the files of ended connections are closed");
         }
         hosted::log_clear();
-        const bool stopped = stop_tracking();
+        const bool stopped = fuzz::stop_tracking();
         // Besides, a thread that is about to end can look like a leak to the search for leaks that follows an input.
         require_soon([this] { return threads() <= threads_; }, "the threads of ended connections end");
         if (stopped && inputs_ % 64 != 0)
@@ -249,23 +240,6 @@ class Ground
     u32 scratch_address() const { return u32(reinterpret_cast<std::uintptr_t>(scratch)); }
 
   private:
-    // True: tracking is off, as after loading.
-    static bool stop_tracking()
-    {
-        std::unique_ptr<hosted::ControlFile> file;
-        auto memory = std::make_shared<hosted::SimulatedMemory>();
-        if (hosted::open_control(QUENDREL_CHRDEV_MAJOR, memory, file) != 0)
-            return false;
-        const u32 at = memory->allocate(4096);
-        const StartBackup start{8, 1, kBlocks, 1};
-        std::memcpy(memory->at(at), &start, sizeof start);
-        if (file->ioctl(QUENDREL_START_BACKUP, at) != 0 || file->ioctl(QUENDREL_NO_START_AUTOMAP, 0) != 0)
-            return false;
-        const SnapShot snapshot{at, 0};
-        std::memcpy(memory->at(at), &snapshot, sizeof snapshot);
-        return file->ioctl(QUENDREL_SNAPSHOT, at) == 0;
-    }
-
     void well()
     {
         Connection client(socket);
@@ -281,8 +255,6 @@ class Ground
         require(answer && answer->result == 0 && size.blockSize == int(kBlockBytes), "the next client is served");
     }
 
-    std::shared_ptr<hosted::Disk> disk_;
-    std::span<std::byte> bytes_;
     std::vector<std::byte> original_;
     std::string directory_;
     std::unique_ptr<ControlServer> server_;
