@@ -35,12 +35,21 @@ part() { case $1 in *[0-9]) echo "${1}p$2" ;; *) echo "$1$2" ;; esac; } # DISK N
 sectors() { cat "/sys/class/block/${1##*/}/size"; }
 start_of() { cat "/sys/class/block/${1##*/}/start" 2>/dev/null || echo 0; }
 
+# Waits for the nodes of a disk's partitions, which an old kernel leaves to a program of its own.
+settle() {
+  local entry try
+  for entry in /sys/block/"${1##*/}"/"${1##*/}"*; do
+    for try in $(seq 250); do [ ! -b "/dev/${entry##*/}" ] || break; sleep 0.02; done
+    [ -b "/dev/${entry##*/}" ] || fail "there is no /dev/${entry##*/}"
+  done
+}
 # Cuts a disk into partitions of these sizes in MiB.
 partition() {
   local disk=$1 size
   shift
   wipefs -qa "$disk"
   for size; do echo "size=${size}MiB, type=83"; done | sed '1i label: dos' | sfdisk -q --wipe=always --wipe-partitions=always "$disk" >/dev/null
+  settle "$disk"
 }
 # A kernel that knows less of disk layouts than the programs.
 old_kernel() { [[ $(uname -r) = 2.6.* ]]; }
