@@ -19,7 +19,7 @@
  * Any open and close of the control device detaches the backup that runs on another file, so the package sets this:
  * while one file is open, a second open is refused.
  */
-static bool exclusive;
+static family_bool_param exclusive;
 module_param(exclusive, bool, 0644);
 MODULE_PARM_DESC(exclusive, "refuse a second open of the control device (default: no)");
 
@@ -202,7 +202,7 @@ static vm_fault_t mapping_fault(FAMILY_FAULT_ARGUMENTS)
 	return (__force vm_fault_t)ops_of(FAMILY_FAULT_MAPPING)->fault(FAMILY_FAULT_MAPPING, vmf);
 }
 
-static const struct vm_operations_struct mapping_ops = {
+static family_vm_operations mapping_ops = {
 	.open = mapping_open,
 	.close = mapping_close,
 	.fault = mapping_fault,

@@ -1,6 +1,8 @@
 /* File systems: which one is mounted on a device, its block size, freezing. */
 #include "glue.h"
 
+#include <linux/buffer_head.h>
+
 /* What the core gets for a super block: its answers, and the kernel's own while it is frozen. */
 struct qdr_super_block {
 	u32 block_size;

@@ -27,6 +27,7 @@ typedef unsigned int __poll_t;
 /* Parameters of a module that are computed when they are read. */
 #define family_param_get(name, reader) module_param_call(name, NULL, reader, NULL, 0444)
 typedef struct kernel_param family_param;
+typedef int family_bool_param; /* a parameter that is "bool" is written and read as an int */
 
 /* A lock of the caller's place in the code, for the lock checker. */
 static inline void family_spin_lock_init(spinlock_t *lock, struct lock_class_key *key)
@@ -113,6 +114,7 @@ static inline void family_bio_set_read(struct bio *b)
 /* ---- The control device ---------------------------------------------------------------------------------------------- */
 
 #define family_inode(file) ((file)->f_path.dentry->d_inode)
+typedef struct vm_operations_struct family_vm_operations;
 #define FAMILY_FAULT_ARGUMENTS struct vm_area_struct *vma, struct vm_fault *vmf
 #define FAMILY_FAULT_MAPPING vma
 #define FAMILY_FAULT_ADDRESS(vmf) ((vmf)->virtual_address)

@@ -16,6 +16,7 @@
 	static const struct kernel_param_ops name##_ops = {.get = reader};                                                 \
 	module_param_cb(name, &name##_ops, NULL, 0444)
 typedef const struct kernel_param family_param;
+typedef bool family_bool_param;
 
 /* A lock of the caller's place in the code, for the lock checker. */
 static inline void family_spin_lock_init(spinlock_t *lock, struct lock_class_key *key)
@@ -95,6 +96,7 @@ static inline void family_bio_set_read(struct bio *b)
 /* ---- The control device ---------------------------------------------------------------------------------------------- */
 
 #define family_inode(file) file_inode(file)
+typedef const struct vm_operations_struct family_vm_operations;
 #define FAMILY_FAULT_ARGUMENTS struct vm_fault *vmf
 #define FAMILY_FAULT_MAPPING vmf->vma
 #define FAMILY_FAULT_ADDRESS(vmf) ((vmf)->address)
