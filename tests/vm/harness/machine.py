@@ -39,7 +39,8 @@ class Machine:
         append = ("console=ttyS0,115200 loglevel=7 oops=panic panic=-1 nokaslr mitigations=off "
                   "net.ifnames=0 rcupdate.rcu_cpu_stall_timeout=120 " + arguments)
         command = [
-            QEMU, "-accel", "tcg,thread=single", "-nodefaults", "-no-user-config", "-display", "none", "-no-reboot",
+            # It ends with this program, however that ends.
+            "setpriv", "--pdeathsig", "KILL", QEMU, "-accel", "tcg,thread=single", "-nodefaults", "-no-user-config", "-display", "none", "-no-reboot",
             # Without the processor's own random numbers the first programs wait half a minute for the kernel's.
             "-cpu", "qemu64,+rdrand,+rdseed,+ssse3,+sse4.1,+sse4.2,+popcnt", "-smp", str(processors), "-m", str(memory), "-kernel", str(kernel), "-initrd", str(initial), "-append", append,
             "-chardev", f"file,id=console,path={self.console_path}", "-serial", "chardev:console",
