@@ -54,7 +54,7 @@ class Session:
         began = time.monotonic()
         try:
             self.machine = Machine(here, kernel=self.boot_image, initial=self.initial, memory=MACHINES[kind].memory, processors=2,
-                                   disks=disks, arguments=MACHINES[kind].kernel_arguments(self.kernel.arch), boot_limit=BOOT_LIMIT * self.time_factor)
+                                   disks=disks, arguments=MACHINES[kind].kernel_arguments(self.kernel), boot_limit=BOOT_LIMIT * self.time_factor)
         except MachineDied:
             self.machine = None
             console = (here / "console.log").read_text(errors="replace")

@@ -19,8 +19,14 @@ class MachineKind:
     arguments: str = ""
     high: int = 0         # of the memory, MiB that a 32-bit kernel is told to reach by temporary mappings only
 
-    def kernel_arguments(self, arch):
-        return self.arguments + (f" highmem={self.high}M" if arch == "i386" else "")
+    def kernel_arguments(self, kernel):
+        words = [self.arguments]
+        if kernel.arch == "i386":
+            words.append(f"highmem={self.high}M")
+        if kernel.old:
+            # When a busy host lets it wait, such a kernel would make all its timers slow for good.
+            words.append("highres=off")
+        return " ".join(words)
 
 
 MACHINES = {
