@@ -11,12 +11,13 @@ start_writers() {
   [ -z "$(need trim)" ] || trims=
   # Xfs of such a kernel reports an asynchronous write to a hole before a read can find it: leave it none.
   ! old_kernel || layout="--fallocate=none --overwrite=1"
+  # A process of its own session would outlive a test that fails; a thread does not.
   (
     cd "$directory"
     # shellcheck disable=SC2086
     exec fio --name=checked --filename=checked.fio --size=8m --rw=randwrite --bs=4k --ioengine=libaio --iodepth=8 --direct=1 \
       --verify=crc32c --verify_backlog=64 --verify_fatal=1 --time_based --runtime=600 --rate_iops=600 \
-      $layout --output=/run/fio.log
+      --thread $layout --output=/run/fio.log
   ) 3>&- &
   WRITERS+=($!)
   (
