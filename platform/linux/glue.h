@@ -108,7 +108,7 @@ struct qdr_call {
 	unsigned int cmd;
 	bool release; /* and no command */
 	void *freed; /* what a release freed, linked through the allocations' headers */
-	struct rw_semaphore *write_held; /* by a release */
+	struct rw_semaphore *write_held; /* the last one that a release took for writing and still holds */
 	/* Reads of a run of blocks that are not sent yet (6.1), linked by bi_next. */
 	bool gathers;
 	struct bio *gathered, *last_gathered;

@@ -17,7 +17,6 @@
 namespace {
 
 using fuzz::Input;
-using fuzz::kBlockBytes;
 using fuzz::kBlocks;
 using fuzz::kCommands;
 using fuzz::kPartitionStart;
