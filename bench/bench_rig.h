@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // What the micro benchmarks stand on: a memory-backed disk with one partition, a backup program inside the process,
 // bios of the benchmark's own, and comparisons in alternate turns.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // A backup program that keeps nothing, for runs side by side with other programs.
 //
 //   discard_backup CONTROL MAJOR MINOR track    takes a backup and closes it: the device is tracked from now on

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // What the driver costs a request that it lets through: writes while only tracking runs, and reads and writes that
 // need no copy while a backup runs. Each is compared, in alternate turns of one run, with a call of the disk's own
 // function for the same blocks of the same disk.

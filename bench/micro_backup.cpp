@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // What a running backup does: first writes to blocks (held, the old block read and saved, passed on) and block reads
 // from disk and from the cache.
 #include "bench_rig.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // What a backup costs in memory: the cache of saved blocks, as the process grows by it, and maps.
 #include "bench_rig.h"
 

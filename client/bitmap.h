@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // A set of blocks in the driver's bit layout: block n is bit n mod 8, least significant first, of byte n / 8.
 //
 // The bytes lie below 4 GiB, so a bitmap can be handed to the driver and filled by it without a copy. Bits of the

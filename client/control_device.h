@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The control device, typed: what a backup program does with the driver, the same over a device node and over the
 // daemon's socket.
 //

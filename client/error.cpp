@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Texts of the driver's result codes and states.
 #include "client/error.h"
 

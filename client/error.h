@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The one way this library reports failure.
 //
 // An Error says which command failed, on what device, with which code and what the code means, and what can be done

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 #include "client/low_memory.h"
 
 #include <sys/mman.h>

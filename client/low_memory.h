@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // Memory below 4 GiB: everything whose address the driver is told lies here, since the driver's records hold 32-bit
 // addresses.
 #pragma once

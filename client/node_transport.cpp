@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The control device as a character device of this machine's kernel.
 //
 // Positive results of the driver reach a program as they are: as ioctl()'s own value, and as an address below 4096 from

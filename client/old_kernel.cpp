@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // fstat() for static 32-bit programs on kernels before 2.6.39.
 //
 // The C library asks every kernel without statx for fstatat64(fd, "", AT_EMPTY_PATH), and those kernels refuse the flag.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // What crosses the daemon's control socket.
 //
 // The socket is SOCK_SEQPACKET: one packet a message. A connection is one open file of the control device; the

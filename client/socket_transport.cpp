@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The control device behind the daemon's socket (socket_protocol.h).
 //
 // The transfer memory is one file that the daemon hands over; a mapping is made of its pages, one by one, at the

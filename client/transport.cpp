@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Chooses the way to the control device by what stands at the path.
 #include "client/transport.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // How commands reach the driver: the seam between the typed interface and the two ways to the control device.
 //
 // A transport is one open file of the control device. Results are the driver's own: 0, a small positive code, or a

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The contract: every operation and type of a kernel that the driver core may use.
 //
 // The core (quendrel/2.6/) includes this header and no other header of a platform. Each platform implements it

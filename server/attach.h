@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // Making a served disk a block device of this host, and taking it away again.
 #pragma once
 

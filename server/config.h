@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // What the launcher tells the daemon: the parsed command line, as one JSON text that travels as a parameter of the
 // NBD plugin. The launcher has checked all of it; the daemon trusts it.
 #pragma once

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The control device on a Unix socket: who may connect, how many at a time, and a thread for each.
 //
 // - The socket is 0660, of the daemon's user and a group. Besides, a peer is let in only as root, as the daemon's

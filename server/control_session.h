@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // One client's open file of the control device: its packets in, replies out, without the socket.
 //
 // Nothing of a packet is trusted. A packet of the wrong size, an unknown kind or an argument that no kernel would

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The daemon's inside: the hosted kernel with its disks and the driver, and everything that stands in front of it
 // except NBD, which belongs to the program this is loaded into.
 //

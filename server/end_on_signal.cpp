@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 #include "end_on_signal.h"
 
 #include <dirent.h>

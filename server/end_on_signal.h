@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // Ending on SIGTERM, SIGINT, SIGQUIT or SIGHUP, with clients connected.
 //
 // nbdkit by itself ends when its last client has left, and an idle client may stay for days. So the signals are

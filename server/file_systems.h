@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The file systems on a served disk, and keeping the hosted kernel's idea of what is mounted in step with them.
 //
 // A file system may be made, changed or removed after the daemon started, so the places are looked at again whenever

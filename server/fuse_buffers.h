@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // Page-aligned buffers for the FUSE front, in two sizes, kept for reuse.
 //
 // There is a bound on how many are out at a time: a front with more work than that waits in take(), which holds back

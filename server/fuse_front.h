@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The disks as files: a FUSE file system with one file a disk, for this host's loop driver.
 //
 // - Every request is asynchronous: the receiving threads hand it to the disk and go on; the completion replies.

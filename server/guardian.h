@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The guardian: a small process that freezes and thaws mounted file systems for the daemon.
 //
 // A file system that stays frozen after the daemon died would hang every writer on this host for good. So the one

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 #include "host_freezer.h"
 
 #include "host_mounts.h"

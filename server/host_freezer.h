@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // Freezing the file system of a served partition, as this host has it mounted through a loop device.
 #pragma once
 

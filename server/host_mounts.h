@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // What this host has made of a served disk file: loop devices over it, their partitions, and what is mounted there.
 // Everything is read from /sys and /proc/self/mountinfo at the moment of the call; nothing is cached.
 #pragma once

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // Starting and stopping the daemon: everything that is checked and prepared before the one process begins, so that
 // a mistake of the caller is answered at once and in words.
 #pragma once

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The daemon's log, RUN/log: one line a message, with the time in front.
 //
 // A line may be printed by a thread that serves a disk, or under a lock of the driver, so printing never waits for

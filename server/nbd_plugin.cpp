@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The NBD front, a plugin of nbdkit, and the process that holds everything: the daemon starts in after_fork and ends
 // in cleanup, when nbdkit has let go of its last connection.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The command line of quendreld.
 #include "attach.h"
 #include "launcher.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The run directory: where a daemon's sockets, disk files, log and description stand.
 //
 // One daemon owns a run directory at a time: it holds an exclusive lock on RUN/lock for as long as it lives, so the

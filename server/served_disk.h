@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // A disk as the fronts (NBD and FUSE) see it: byte ranges in, results out.
 //
 // A request that reaches over the border of a partition is cut there before it enters the disk's queue: whoever

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // What is alive, and forgetting it.
 #include "block.h"
 #include "memory.h"

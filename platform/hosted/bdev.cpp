@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Block devices: one object per device number, kept from the first look until nothing uses it, with or without a
 // disk behind it; and the driver's view of disks.
 #include "block.h"

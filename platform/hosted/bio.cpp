@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Bios: allocation, reference counts and fields.
 #include "block.h"
 #include "faults.h"

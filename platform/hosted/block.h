@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The block layer's structures behind the contract's opaque names.
 //
 // A bio's way: Disk::submit -> generic_make_request -> the queue's entry point (the disk's own function, or a hook of

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Buffer heads. The state word also says whether a completion is under way, because the completion unlocks the
 // buffer before it drops its reference, and whoever waited for the lock may free the buffer at once: freeing waits
 // for both.

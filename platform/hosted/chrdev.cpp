@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Character devices: the table of majors, open files, and mappings with their faults.
 //
 // A file's calls run on the calling thread with the file's process as the current one. A mapping keeps a reference

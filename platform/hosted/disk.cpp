@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Disks: their registration with device numbers and partitions, and their removal.
 #include "block.h"
 #include "futex.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The ways in which the hosted kernel stops.
 #include "task.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Failures made to order. Counting starts with the call that asks for it, so that nobody pays otherwise.
 #include "faults.h"
 

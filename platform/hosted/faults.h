@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // Where the hosted kernel asks whether an operation is to fail; the switches are hosted::faults.
 #pragma once
 

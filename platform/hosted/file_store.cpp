@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // A disk that is a raw image file or a block device of this host.
 //
 // Through the page cache a write is a copy and is made at once, and so is a read that the cache holds, unless it is

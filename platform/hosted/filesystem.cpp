@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Mounted file systems as the driver sees them: super blocks, freezing and thawing, flushing a device.
 #include "block.h"
 #include "faults.h"

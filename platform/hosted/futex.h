@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // Waiting on a 32-bit word, and the small lock that the hosted kernel uses inside itself.
 //
 // A wake names only the address, so it may come after the word's memory was freed: the worst case is a spurious wake

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Guest requests: through the disk's door, split into bios, and back.
 //
 // A request counts itself in before it looks whether the door is closed, and the closing of a door counts those

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The hosted kernel as its owner sees it: a test or the daemon sets up disks and file systems, loads the driver,
 // plays the guest that reads and writes, and plays the processes that use the control device.
 //

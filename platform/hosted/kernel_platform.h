@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // Sizes of the contract's lock types on the hosted kernel. locks.cpp asserts that its structures fit.
 #pragma once
 

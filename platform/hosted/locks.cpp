@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Spin locks, semaphores, read-write semaphores and completions.
 //
 // Uncontended operations are one atomic read-modify-write. The state of a sleeping lock is one 64-bit word whose low

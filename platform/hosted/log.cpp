@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // printk, into a ring of lines that tests and users read.
 #include "task.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // kmalloc and vmalloc: the C library's memory behind a header that names the size and the caller.
 //
 // Every live object is on one of a few lists, each behind its own latch. A second free, or the free of a pointer that

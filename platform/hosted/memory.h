@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The accounting side of the allocators: what is alive, by whom, and how it is freed when the driver has gone.
 #pragma once
 

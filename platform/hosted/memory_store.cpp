@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // A disk in memory: every request completes before submit returns.
 #include "hosted.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Loading and unloading the driver, and its reference count.
 #include "module.h"
 #include "block.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The driver's life as a module, as the character device table needs it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Pages. Those of GFP_KERNEL lie in a memfd, so that another process can map them one by one; the others are
 // ordinary memory. A page's record outlives its memory, so that a wrong reference count is always noticed.
 #include "faults.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Merging: bios that reach a disk's own function in one run of one thread and are adjacent go to the store as one
 // request, as an elevator would do it. What is kept back is sent when the run ends, when the thread waits for
 // anything, or when the next bio does not continue it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // What lies on a disk: its partition table and its file systems, as libblkid sees them.
 #include "hosted.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Request queues: the entry point that the driver may replace, and the way of a bio into it.
 #include "block.h"
 #include "futex.h"

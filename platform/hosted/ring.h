@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // Asynchronous vectored reads and writes of one file by io_uring. Any thread submits, one thread of the ring's own
 // takes the completions.
 #pragma once

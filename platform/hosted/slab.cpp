@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Slab caches: objects of one size packed into aligned chunks of 1 MiB, whose only overhead is a bitmap of the live
 // objects at the chunk's start. The bitmap also catches double frees and foreign pointers.
 //

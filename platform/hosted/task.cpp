@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Tasks: made for a thread the first time it enters the hosted kernel, given back when it ends.
 #include "task.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // What the hosted kernel knows of a thread: the checks on its locks, the process it works for, the bios it has not
 // sent yet, whether it is inside a driver's hook, and its share of the accounting.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Kernel threads and giving up the processor.
 #include "block.h"
 #include "faults.h"

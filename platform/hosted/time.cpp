@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Wall-clock time and random bytes.
 #include "task.h"
 

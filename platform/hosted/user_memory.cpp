@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The memory of the processes that use the control device. A command reaches it through the task that executes it.
 #include "task.h"
 

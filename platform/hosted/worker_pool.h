@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // A few threads for calls that block. Threads are started when work finds none idle, up to a limit, and stay.
 #pragma once
 

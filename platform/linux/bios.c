@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Bios: those of others that the interception shows to the core, and the core's own reads.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Buffer heads: the target of one read, and a lock that its completion opens.
  *

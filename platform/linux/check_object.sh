@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: GPL-2.0-only
 # Fails when the module contains what no kernel loader runs or what needs a C++ run-time library.
 #
 # usage: check_object.sh quendrel.ko

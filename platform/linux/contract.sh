@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: GPL-2.0-only
 # Turns the operations of the contract (../kernel.h) into what a build on a kernel needs. Their names are the kernel's
 # own, mostly with other arguments, so in the module each is called qk_NAME; the three of memory bytes are the kernel's
 # as they are.

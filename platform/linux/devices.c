@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Disks and block devices (glue.h says what their records are).
  *

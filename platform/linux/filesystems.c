@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 /* File systems: which one is mounted on a device, its block size, freezing. */
 #include "glue.h"
 

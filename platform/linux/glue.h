@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * The contract (../kernel.h) on a Linux kernel: the glue's types and what its files offer each other.
  *

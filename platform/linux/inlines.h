@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // What the core's C++ gets from this platform in place of a call.
 #pragma once
 

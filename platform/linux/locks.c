@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Locks. The driver's spin locks all switch interrupts off, so the number held is counted for the processor: with
  * interrupts off and the count at zero nothing is held, and an operation that may sleep can put interrupts back on.

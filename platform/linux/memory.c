@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Memory: allocations, pages, slab caches, the caller's memory; and the count of all that is held.
  *

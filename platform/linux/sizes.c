@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 /* What this kernel's locks take, for kernel_platform.h: compiled to assembly and read from there, never linked. */
 #include <linux/completion.h>
 #include <linux/kbuild.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The records that more than one unit of the driver builds on: block sets, cache entries, transfer areas.
 #pragma once
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // Scoped holds of the contract's locks, and the drain gate that four structures of the driver share.
 //
 // The drain gate: an atomic user count whose idle value is 1, and a spin lock. A user enters by counting itself in

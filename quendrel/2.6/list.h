@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // A doubly linked circular list whose links stand inside the listed records. A head that points at itself is empty.
 #pragma once
 

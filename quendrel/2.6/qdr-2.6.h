@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The block-layer side of the driver: its records, and what the units call of it.
 #pragma once
 

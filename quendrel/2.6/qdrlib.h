@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The driver's globals, and what the units call of the library side: module, control, sessions, maps, registry,
 // cache, tracking, transfer mappings, statistics.
 //

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The records and command numbers of the control device, shared by the driver and its users (C and C++).
  *
  * The records are a binary interface for 32-bit user space: every field is a 4-byte little-endian word, pointers

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // One entry of the registry of hooked request queues. An entry exists exactly while at least one device on its queue
 // is of interest, and a queue that carries one of the driver's functions always has one.
 #pragma once

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The counters of one backup as they are logged when it closes. The three version fields are never filled.
 #pragma once
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // What the end-to-end tests of backups share: a daemon over an image with a mounted ext4, the writer whose every step
 // can be checked (tests/story), qbackup as a user runs it, and the proof that a restored image is one moment of it all.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Backups of file systems in use, and what comes back of them.
 #include "backup_rig.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // SIGKILL for qbackup and for the daemon, in the middle of their work.
 #include "backup_rig.h"
 #include "nbd_writers.h"

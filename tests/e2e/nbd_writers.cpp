@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 #include "nbd_writers.h"
 
 #include <libnbd.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // Writers that speak NBD to the daemon and keep account of what they were promised, so that the image can be held
 // against it after the daemon was killed.
 //

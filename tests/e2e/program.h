@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // A program that runs beside the test: it can be watched, stopped, continued and killed at any moment.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // What is refused, what runs out of space, and who comes second: each a message, an exit code, and nothing half done.
 #include "backup_rig.h"
 

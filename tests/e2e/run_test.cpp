@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // ./run itself, with a small image: the whole story, mounted and over NBD.
 #include "program.h"
 #include "serving.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // A daemon of a test's own: a scratch directory, images with a partition table, quendreld over them, loop devices
 // and mounts, all taken away at the end, also when the test is killed (tests/e2e/watchdog).
 #pragma once

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-2.0-only
 # Compiles every source of the core as a kernel would and looks at the objects: a symbol that is neither the core's own
 # nor named by the contract, or a section that no kernel loader runs, is an error.
 #

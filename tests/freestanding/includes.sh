@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-2.0-only
 # Who may include whom: the arrows between the folders. Prints each wrong one; fails when there is any.
 set -euo pipefail
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Fuzzes the command dispatcher: arbitrary numbers, records and pointers, mappings and faults, between writes to the
 // disk, on up to three files of the control device. What must hold: no crash, no sanitizer report, no write lost, and
 // nothing left when all is closed.

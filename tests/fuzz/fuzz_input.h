@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // What the fuzzers share: the input as a stream of numbers, the commands to choose from, and the check that ends a
 // run with its reason.
 #pragma once

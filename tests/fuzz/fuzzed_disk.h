@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The disk that the fuzzers work on, in memory: one partition, 8:1, with a mounted file system, and the driver loaded.
 #pragma once
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: GPL-2.0-only
 """Writes the first inputs of the fuzzers: whole backups, in the encodings that control_fuzz.cpp and socket_fuzz.cpp
 read."""
 import pathlib

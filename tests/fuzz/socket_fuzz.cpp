@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Fuzzes the daemon's control socket: arbitrary packets, whole requests, passed descriptors, connections that stop
 // listening, over up to three connections to a control server in this process. What must hold: every packet is
 // answered or ends its connection, answers are well-formed, no crash, no sanitizer report, no byte of the disk

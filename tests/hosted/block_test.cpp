@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The way of a bio: remapping, hooks, splitting, merging, failures.
 #include "test_driver.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Buffer heads: the lock, and freeing one whose completion is still under way.
 #include "test_driver.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Open files of the control device: calls, mappings and their pages, and the order in which things close.
 #include "test_driver.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Disks in files: through the page cache and past it, with io_uring and without.
 #include "test_driver.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Mounted file systems: their super blocks, and what a freeze holds and waits for.
 #include "test_driver.h"
 

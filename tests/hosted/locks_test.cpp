@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The contract's locks: what they exclude, whom they let go first, and the misuse that they catch.
 #include "hosted.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // printk and the ring of lines.
 #include "hosted.h"
 

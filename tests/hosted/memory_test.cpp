@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The allocators: accounting, misuse, failures to order, and memory kept for tasks inside a hook.
 #include "test_driver.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Partition tables and file systems of images built here.
 #include "hosted.h"
 

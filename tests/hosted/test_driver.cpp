@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 #include "test_driver.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // A driver for tests of the hosted kernel alone: it registers a control device whose calls do what a test says, and
 // can put a hook of the test's in front of a disk.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Reaching a process's memory: the simulated one, and a live one of this host.
 #include "hosted.h"
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-2.0-only
 # One test of the Debian packages.
 #
 # usage: packages.sh TEST DIRECTORY      DIRECTORY: for the programs; kept, so that the next run is faster

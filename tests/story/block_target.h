@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // Where the story's blocks are written: an NBD export (nbd_target.cpp), or a file or block device of this machine
 // (path_target.cpp). A build has one of them.
 #pragma once

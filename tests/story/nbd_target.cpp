@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The story's blocks in an NBD export.
 #include "block_target.h"
 

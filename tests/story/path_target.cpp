@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The story's blocks in a file or block device of this machine.
 #include "block_target.h"
 

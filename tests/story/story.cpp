@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The writer of ./run and of the end-to-end tests, and the judge of what was restored.
 //
 // The writer works in numbered steps, one at a time: each replaces one file as a whole (written beside it, then

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // A plain model of a disk under the driver: what each partition holds, which blocks tracking knows of, what a backup
 // must deliver. It predicts every code and every block; the test runs the same steps on both and compares.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Random histories of writes, snapshots, map loads, reads and closes, run on the driver and on a plain model of it.
 // Every code, every state, every block of every backup is compared, and what a chain of backups restores to must be
 // the partition as it stood at the last snapshot.

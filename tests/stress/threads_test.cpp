@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Threads against each other: writers on two partitions, a reader, one backup program after the other, Shutdown, and
 // second openers, all at once. Made for ThreadSanitizer and AddressSanitizer; what is asserted besides is that no
 // write is lost, no reader sees torn blocks, and everything ends at zero.

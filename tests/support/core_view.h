@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // A look into the driver behind the control device, for tests whose subject is its records and tables.
 #pragma once
 

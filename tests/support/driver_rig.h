@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // What every test of the driver needs: a hosted kernel with the driver loaded, disks of known content, backup
 // programs that drive the control device with 32-bit user memory, and a check at the end that nothing is left.
 #pragma once

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // Everything that the driver leaves behind deliberately, in one list. Whatever is not in it ends at zero, and each
 // entry is shown by a test that finds exactly its objects and no more.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 #include "commands.h"
 
 #include "device_catalog.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The subcommands of qbackup. Each prints its result to standard output, as text or as one JSON object, and gives the
 // exit code; failures are thrown.
 #pragma once

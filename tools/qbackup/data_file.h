@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The block data of a backup, and the hashes that guard it.
 //
 // `data` holds the copied blocks one after the other; long runs of zero blocks are left as holes. `sums` holds the

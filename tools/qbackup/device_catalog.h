@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // Which devices can be backed up, and what a name on the command line stands for.
 //
 // Behind a daemon's socket the devices are those of disks.json in its run directory; behind a device node they are

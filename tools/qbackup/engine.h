@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // One backup, from the start of the driver's session to the stored result.
 //
 // Whatever goes wrong after the snapshot has given the tracking session a new key that no stored backup has, so the

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // How qbackup fails: one exception with an exit code and a text for the person who reads it.
 #pragma once
 

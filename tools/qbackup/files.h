@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // Files with errors that name the file: open, write, read whole, make durable.
 #pragma once
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // What this host knows about block devices: which ones a path lies on, which of its loop devices stand over a disk
 // that the daemon serves, what is mounted, and whether a device is still the one it was.
 //

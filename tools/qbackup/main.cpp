@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // qbackup: full and incremental backups of devices that are in use.
 #include "commands.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // What a backup says of itself: manifest.json. docs/backup-format.md describes it field by field.
 #pragma once
 

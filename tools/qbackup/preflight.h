@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // What is refused before anything is started, each with its reason.
 #pragma once
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // What a long run shows on standard error: a bar on a terminal, else a line now and then; nothing when quiet.
 #pragma once
 

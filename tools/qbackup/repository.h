@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // The backups of one device in a target directory: TARGET/DEVICE/ID/{manifest.json,map,data,sums}.
 //
 // A backup is there whole or not at all: it is made under a name that begins with ".partial-", made durable, and

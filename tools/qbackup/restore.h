@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // Puts a backup back: an image file, or a block device, as the backed-up device was at the snapshot.
 //
 // An image file is written under a temporary name and renamed when it is complete, so it is there whole or not at all.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // One qbackup at a time on one control device.
 //
 // Opening the control device detaches a backup that another program is running, so the lock is taken before the

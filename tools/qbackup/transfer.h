@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // Moves the blocks of a map from the driver to a data file.
 //
 // Two transfer areas: the calling thread has the driver fill one while a writer thread hashes and writes out the

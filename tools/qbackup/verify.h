@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // Checks stored backups: every hash, and that every backup's chain is complete. Changes nothing.
 #pragma once
 

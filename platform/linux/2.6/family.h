@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* What the shared part of the glue does differently on kernels whose queues have a request function (2.6.29). */
 #ifndef QUENDREL_FAMILY_H
 #define QUENDREL_FAMILY_H

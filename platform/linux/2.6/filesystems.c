@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * File systems where the super block of a device is looked up, and freezing it counts.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Interception: the request function of a hooked queue is one of the glue's, which counts the tasks inside and calls
  * the function that the queue has for the core. An unhooked queue has its own function back and knows nothing of us.

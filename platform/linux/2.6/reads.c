@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 /* The pool of the core's own reads. */
 #include "glue.h"
 

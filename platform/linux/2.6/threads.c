@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 /* Kernel threads, time, randomness: the kernel's own. */
 #include "glue.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Disks: what tells one instance from another, partitions, opening.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 /* File systems where only those are found that the kernel freezes through their device: they leave their super block with it. */
 #include "glue.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Interception: every bio for a hooked disk goes to the function that its queue has for the core.
  *

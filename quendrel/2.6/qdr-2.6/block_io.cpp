@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Reading one block of the device past the driver's own hook: a buffer head that describes the target, wrapped in a
 // bio of one segment. The worker and the block reads share it.
 //

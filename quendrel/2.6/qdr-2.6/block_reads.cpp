@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // ReadBlocks: a run of blocks as they were at the snapshot, into a transfer area.
 //
 // A block with saved contents comes from the cache, every other one from the disk, all sent before any is waited for.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // What a block device is: its number turned into the file system's block size, the partition's place, the queue.
 #include "qdrlib.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The two functions that stand in for a queue's own: qdrMRF while a backup runs, qdrAMRF while only tracking does.
 //
 // Both must be safe for any request for any device of the queue. They run in the task that submits the request, on

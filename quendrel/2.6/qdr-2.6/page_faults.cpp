@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Page faults and the end of a transfer mapping. They run in the mapping process without any of the driver's locks,
 // and rely on an area being complete before its mapping is published.
 #include "qdrlib.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Recording writes: every write to a tracked device sets its blocks in the device's tracking map.
 //
 // Runs on the write path: it allocates nothing and holds no lock while it sets bits. The reference taken here keeps

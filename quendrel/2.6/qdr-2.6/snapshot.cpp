@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The snapshot: the moment that a backup shows.
 //
 // In order: the tracking session that can serve this backup is chosen or made, its key replaced, the queue hooked,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // kbackupd: one thread that takes the held requests in arrival order and, for each write, saves what the backup still
 // needs before it lets the write go.
 //

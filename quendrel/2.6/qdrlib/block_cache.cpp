@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The copy-on-write cache: old contents of blocks that were overwritten before the backup had read them.
 //
 // A block has at most one entry: saving refuses a block that is in cacheMap, and the worker marks every saved block

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The paged block bitmap: making, filling, freeing, and the three bit operations.
 //
 // Bit operations may sleep. Each counts itself in at the map's drain gate, so that whoever swaps or frees the pages

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The control device: open, release, and the dispatch of commands.
 //
 // Open gives each file its own Backup; release is the one way in which a backup ends. The dispatcher copies the

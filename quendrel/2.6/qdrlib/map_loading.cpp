@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Loading the set of blocks that the backup program will copy. From then on only blocks of that set are protected,
 // and each leaves the set as it is read.
 #include "guards.h"

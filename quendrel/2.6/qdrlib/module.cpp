@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Load, unload and shutdown of the driver, and its globals.
 //
 // Every entry point refuses work until initDone is 1. Unload closes every tracking session, which gives every hooked

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The registry of hooked request queues: for each queue, its own function and the devices of interest on it.
 //
 // Invariants: at most one entry a queue, at most one DevList a device number within an entry; an entry whose device

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The life of a backup: what StartBackup builds, and what closing the file takes down.
 //
 // A start that fails undoes nothing; it leaves what it built in the record and closeBackup, which tests each resource

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // What the backup program sees and decides of tracking: the session's state and key, the map of changed blocks, and
 // the two options that the snapshot obeys.
 #include "guards.h"

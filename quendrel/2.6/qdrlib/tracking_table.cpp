@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The table of tracking sessions, one a device, which outlive the backups that make them.
 //
 // The table and each session have a drain gate (guards.h). A session is looked up as a reader of the table and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The transfer areas: up to two private, read-only mappings of the control device, each of which a ReadBlocks fills.
 //
 // Page j of an area is at the mapping's start + j * 4096; block i of a read is blockSize bytes of page

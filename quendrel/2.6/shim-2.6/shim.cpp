@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The few kernel services whose form differs between kernel generations. The rest of the driver calls these and
 // never the services themselves.
 #include "qdrlib.h"

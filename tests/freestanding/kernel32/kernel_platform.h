@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // Sizes as a 32-bit SMP kernel without lock debugging has them. Only for compiling the core; nothing is run.
 #pragma once
 

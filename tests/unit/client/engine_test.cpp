@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // What the backup engine asks of the driver, when it falls back, and when it gives up.
 #include "support.h"
 

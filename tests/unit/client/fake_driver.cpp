@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 #include "fake_driver.h"
 
 #include <sys/uio.h>

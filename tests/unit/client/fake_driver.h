@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // A driver made of memory, for the tests of its users: one disk, its tracking session, one open file at a time.
 //
 // It speaks the records and result codes of quendrel.h, reads and writes the caller's memory the way the daemon does

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // A control socket with a fake driver behind it: one connection at a time, transfer memory whose pages are handed out
 // from the top down so that neighbours in an area are not neighbours in the file.
 #pragma once

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // A function that a test sets while another thread may be calling it.
 #pragma once
 

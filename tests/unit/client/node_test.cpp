@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The way over a device node, against a kernel that is played: the linker puts the functions below in the place of the
 // C library's, which pass on what is not for the node.
 #include "client/control_device.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Refusals before a backup starts, on a host made of files.
 #include "preflight.h"
 #include "support.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The program itself against a socket with a fake driver behind it: arguments, exit codes, output, signals.
 #include "fake_server.h"
 #include "run_lock.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Restoring to a block device: a loop device over a file, where this machine lets the test have one.
 #include "support.h"
 

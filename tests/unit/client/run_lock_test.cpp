@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 #include "fake_server.h"
 #include "run_lock.h"
 #include "support.h"

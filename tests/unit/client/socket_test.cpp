@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The client over a real socket, with a fake driver on the other end.
 #include "client/control_device.h"
 #include "fake_server.h"

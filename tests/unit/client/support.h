@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // What the tests of qbackup share: a directory of their own, a device, a run of a backup.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The copy-on-write cache: what is saved, what a read takes out, what loading a map drops, and what a close frees.
 #include "guest_io.h"
 

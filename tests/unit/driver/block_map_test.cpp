@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The paged block bitmap: making, filling, freeing, the bit operations and the drain gate around them.
 #include "core_view.h"
 

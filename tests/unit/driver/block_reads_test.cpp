@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Reading blocks: where each block comes from, the read that a write overtakes, and what is refused.
 #include "guest_io.h"
 

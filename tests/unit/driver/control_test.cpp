@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The control device: open, release, the entry points that do nothing, and the dispatch of commands.
 #include "driver_rig.h"
 #include "qdrlib.h"

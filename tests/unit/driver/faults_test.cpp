@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The whole life of a backup with one thing failing in it: the n-th allocation of each kind, the n-th read of the
 // disk, the n-th write, for every n until a life passes in which nothing failed.
 //

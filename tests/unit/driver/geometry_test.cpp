@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Device geometry: what a device number is turned into, the GetBlockSize command, and the whole disk's minor.
 #include "driver_rig.h"
 #include "qdrlib.h"

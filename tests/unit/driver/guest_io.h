@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // A guest's requests that do not wait, and what the tests of copy-on-write have in common.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The two functions in front of a queue: which requests wait for copy-on-write, which pass, and which are recorded.
 #include "guest_io.h"
 

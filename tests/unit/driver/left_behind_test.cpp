@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // What the driver leaves behind deliberately: for each entry of the list, that it is exactly this and no more.
 //
 // DriverTest compares everything that is alive after the unload with what a test expects to be left.

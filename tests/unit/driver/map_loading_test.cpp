@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // LoadBlockMap: from the snapshot to a loaded map, the cache cleaned by it, and what a failure leaves.
 #include "core_view.h"
 #include "guards.h"

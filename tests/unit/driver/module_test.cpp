@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Loading, unloading and shutting down the driver, its globals as a load leaves them, and the kernel-version shim.
 #include "driver_rig.h"
 #include "qdrlib.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The registry of hooked request queues: hooking, switching, giving back, and the readers that writers wait for.
 #include "core_view.h"
 #include "guards.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Recording writes: which blocks of which device a request marks in the tracking map, and what a request past the
 // map's end does.
 #include "core_view.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The life of a backup: what a start builds, every way in which it fails, and what closing the file takes down.
 #include "core_view.h"
 

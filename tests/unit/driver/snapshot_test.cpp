@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The snapshot command: which tracking session serves it, what is handed over while the file system is frozen, and
 // what stays when it fails. Also the flush command and the subtraction of times.
 #include "core_view.h"

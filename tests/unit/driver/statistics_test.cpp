@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The state query, and the counters that are logged when a backup closes.
 #include "core_view.h"
 #include "task.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The table of tracking sessions: making, finding, closing and putting out of sync, and what each does to the queue.
 #include "core_view.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The transfer mappings: which are accepted, what a touched page shows, and what is freed when.
 #include "guest_io.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // What the platform and the driver owe a disk when the driver goes: its own request function back, whatever happened
 // to the device meanwhile.
 #include "driver_rig.h"

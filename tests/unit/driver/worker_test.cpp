@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // kbackupd: the order in which held requests are saved, passed on and marked, and what it does when saving fails.
 #include "guest_io.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Who gets at the control device, how many at a time, and what their commands and mappings do.
 #include "control_rig.h"
 

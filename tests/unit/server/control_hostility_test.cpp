@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Packets that no client of ours sends. The connection ends or the driver refuses; the server goes on, and nothing
 // of what was passed along stays open.
 #include "control_rig.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // A control server over a hosted kernel with the driver loaded, and its bare client (wire_client.h).
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Snapshots of a partition that is mounted on this host, taken over the control socket.
 #include "quendrel/2.6/quendrel.h"
 #include "serving.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Freezing through the guardian, on a file system that is mounted here through a loop device.
 #include "guardian.h"
 

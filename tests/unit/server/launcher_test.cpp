@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // What is refused before a daemon starts, and in which words.
 #include "launcher.h"
 

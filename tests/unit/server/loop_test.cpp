@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The disk as a file, under a loop device, with a mounted file system.
 #include "host_mounts.h"
 #include "run_dir.h"

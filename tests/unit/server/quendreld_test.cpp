@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The program: starting, what it writes into the run directory, NBD, stopping.
 #include "run_dir.h"
 #include "serving.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The run directory: its lock and the description of the disks.
 #include "run_dir.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // A disk as the fronts see it: ranges, borders of partitions, results.
 #include "served_disk.h"
 

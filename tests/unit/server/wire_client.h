@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 // A bare client of the control socket: packets as bytes, replies as they come.
 #pragma once
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-only
 # The story that every kind of device goes through.
 
 # chain TYPE DEVICE EXTENTS: the file system on DEVICE, mounted on /mnt/chain, is backed up in full and three times

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-only
 # After a test: whatever it left is put away; what cannot be is printed.
 
 clean_up() {

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-only
 # The machine's disks, file systems on them, and what is asked of those.
 
 disk_of() { # SERIAL

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-only
 # The module and qbackup: loading, backing up, a backup that is held in the middle.
 
 PARAMETERS=/sys/module/quendrel/parameters

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-only
 # What a test may need of the kernel and the machine: `need` prints what is missing.
 
 have_module_file() { grep -qE "^$1\.ko" $KIT/modules/order; }

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-only
 # Marks in the host's log of the tested disk, and the proof of restored images by it.
 
 # Tells the host's log of the tested disk where we are: writes a sector with this text, past all file systems.

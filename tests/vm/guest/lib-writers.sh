@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-only
 # Load on a file system.
 
 # Writes out one file system; all of them on a kernel from before that was possible.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-only
 # What every test has at hand. A test is a bash script that runs with errors ending it; see ../README.md.
 export PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 DM_DISABLE_UDEV=1
 KIT=/run/kit

@@ -1,1 +1,2 @@
+# SPDX-License-Identifier: GPL-2.0-only
 """Runs the driver's tests in virtual machines; see ../README.md."""

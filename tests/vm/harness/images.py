@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-only
 """What the machine is started with: the root file system, the initial file system with the tests in it, raw disks."""
 import hashlib
 import os

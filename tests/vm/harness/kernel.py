@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-only
 """The kernel under test: its image in a form that QEMU starts quickly, its modules, its build tree."""
 import bz2
 import hashlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-only
 """What in a kernel's log means that something is wrong."""
 import re
 

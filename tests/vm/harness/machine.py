@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-only
 """One virtual machine: its QEMU process, the kernel's console, the channel to the tests, and QEMU's own control socket."""
 import fcntl
 import json

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-only
 """Lets Debian 12's i386 programs run on kernels before 2.6.39, whose fstat() their C library no longer knows.
 
 The library (2.36) asks fstatat64(fd, "", AT_EMPTY_PATH) where there is no statx; older kernels refuse that flag. The code

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-only
 """The Debian package of the module, as a machine has it after DKMS has built it for its kernel."""
 import os
 import shutil

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-only
 """Boots machines and runs tests in them, one after another; a machine that dies is replaced and the rest goes on."""
 import time
 from dataclasses import dataclass

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-only
 """The tests: bash scripts in guest/tests whose first lines say what they show and what they need.
 
     # One sentence: the behaviour.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-only
 """The judge of restored images: QEMU's log of all writes to the tested disk, replayed and compared.
 
 The log is QEMU's blklogwrites, in the order in which the disk got the requests. Around each backup the guest writes a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Random commands, mappings, touches of mapped pages and writes to the disk, on three files of the control device, right
 // ones and wrong ones. What must hold is for others to see: the kernel's log, the disk, a backup afterwards.
 //

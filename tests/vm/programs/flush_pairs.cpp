@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Writes pairs of blocks: block n of one file, durably, and only then block n of another. Whether the disk got a flush
 // between the two of each pair, the host reads from its log of the disk.
 //
