@@ -155,7 +155,8 @@ void* kmap(page* p);          // may sleep; the page's kernel address until kunm
 void kunmap(page* p);
 void* page_address(page* p);  // of a page that does not lie in high memory
 
-// Objects aligned to the hardware cache line, no constructor. The name is copied; two caches may share one name.
+// Objects aligned for any record, and to the hardware's cache line where the platform has room for that; no constructor.
+// The name is copied; two caches may share one name.
 kmem_cache* kmem_cache_create(const char* name, kernel_size_t objectBytes);
 void* kmem_cache_alloc(kmem_cache* cache, gfp_type gfp);
 void kmem_cache_free(kmem_cache* cache, void* object);

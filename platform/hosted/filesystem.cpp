@@ -46,13 +46,14 @@ void drop_locked(Supers& s, super_block* sb)
     }
 }
 
-// With a reference, or null.
+// With a reference, or null. A driver of this kernel's age handles a block within a page, and takes the word of a super
+// block for that: one with larger blocks could not be mounted there.
 super_block* take(kdev_t dev)
 {
     Supers& s = supers();
     std::lock_guard lock(s.mutex);
     auto at = s.mounted.find(dev);
-    if (at == s.mounted.end())
+    if (at == s.mounted.end() || at->second->block_size > PAGE_BYTES)
         return nullptr;
     ++at->second->references;
     count(Counter::supers, 1);

@@ -157,8 +157,8 @@ class Freezer
     virtual void thaw() = 0;   // only after a freeze that answered true
 };
 
-// Makes get_super answer for the device. Without a freezer a freeze holds guest writes at the disk's door (fronts
-// wait in Disk::submit) and waits for those in flight; thaw lets them on.
+// Makes get_super answer for the device, if its blocks are no larger than a page. Without a freezer a freeze holds guest
+// writes at the disk's door (fronts wait in Disk::submit) and waits for those in flight; thaw lets them on.
 void mount_file_system(kdev_t dev, u32 block_size, std::shared_ptr<Freezer> freezer = {});
 void unmount_file_system(kdev_t dev);
 
@@ -327,5 +327,8 @@ struct BioView {
     u32 bytes;
 };
 void set_disk_probe(std::function<void(const BioView&)> probe);
+// Called by the thread that asks for random bytes, before it gets them: another place to force an order. Null: none.
+// Set while no driver's code runs.
+void set_random_probe(std::function<void()> probe);
 
 } // namespace hosted

@@ -77,19 +77,22 @@ class UserGuard
     atomic_int* users_;
 };
 
-// Returns holding `lock`, its saved interrupt state in *flags, with no user inside. The caller may itself be counted
-// in: `ownReferences` of the users are then its own, and they are given up in the moment that the wait succeeds.
-inline void waitForUsers(atomic_int* users, spinlock* lock, unsigned long* flags, int ownReferences = 0)
+// True: holds `lock`, its saved interrupt state in *flags, with no user inside. The caller may itself be counted in:
+// `ownReferences` of the users are then its own, and they are given up whatever comes out.
+inline bool tryForUsers(atomic_int* users, spinlock* lock, unsigned long* flags, int ownReferences = 0)
 {
-    for (;;) {
-        spin_lock_irqsave(lock, flags);
-        atomic_sub(users, ownReferences);
-        if (atomic_dec_and_test(users)) {
-            atomic_inc(users);
-            return;
-        }
-        atomic_add(users, 1 + ownReferences);
+    spin_lock_irqsave(lock, flags);
+    atomic_sub(users, ownReferences);
+    const bool alone = atomic_dec_and_test(users);
+    atomic_inc(users);
+    if (!alone)
         spin_unlock_irqrestore(lock, *flags);
+    return alone;
+}
+
+// Returns holding `lock`, its saved interrupt state in *flags, with no user inside.
+inline void waitForUsers(atomic_int* users, spinlock* lock, unsigned long* flags)
+{
+    while (!tryForUsers(users, lock, flags))
         schedule();
-    }
 }

@@ -46,7 +46,8 @@ typedef struct _AutoMapSession {
     volatile u32 state; // 1: every write since the last snapshot is in the map
     BlockMap map;
     atomic_int users;   // drain gate: 1 when idle
-    spinlock usersLock; // guards entry into `users`; taken while amList is entered as a reader; before a map's lock
+    spinlock usersLock; // guards entry into `users`, and sessionKey; taken while amList is entered as a reader; before
+                        // a map's lock
     AMSessionKey sessionKey;
     struct _AutoMapSession* next; // always null
 } AutoMapSession;

@@ -2,11 +2,13 @@
 // The driver's globals, and what the units call of the library side: module, control, sessions, maps, registry,
 // cache, tracking, transfer mappings, statistics.
 //
-// Lock order. Write path: the device's partition lock (alone), activeSessionUsers (read, released), writers (read),
-// mrLock; tracking is updated after all of these are released. Cache: bSem, cacheUsers, one bucket. Registry:
-// queueListUsersLock, amListUsersLock, the queue's own lock. Snapshot: bSem, amList as a reader, a session briefly,
-// the registry, the freeze, writers (write), the session alone, the backup's map, the session's map. Close: bSem,
-// writers (write), amList and a session each briefly and never together, mrLock (dropped around each wait),
+// Lock order. Write path: the device's partition lock (alone), activeSessionUsers (read, released), writers (read); for
+// a write that is held, inside writers: amListUsersLock and a session's usersLock, a map's lock, then mrLock; when it cannot
+// be queued, amListUsersLock and then the registry. A write that is not held is recorded with none of these held. Cache:
+// bSem, cacheUsers, one bucket; in the worker, when a block cannot be kept, amListUsersLock and then the registry. Registry:
+// queueListUsersLock, amListUsersLock, the queue's own lock. Snapshot: bSem, amList as a reader, a session briefly, the
+// registry, the freeze, writers (write), amList as a reader, the session alone, the backup's map, the session's map.
+// Close: bSem, writers (write), amList and a session each briefly and never together, mrLock (dropped around each wait),
 // activeSessionUsers (write); busyLock after bSem and writers are released.
 #pragma once
 

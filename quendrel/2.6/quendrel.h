@@ -164,9 +164,9 @@ enum quendrel_state {
 };
 
 #ifdef __cplusplus
-#define QUENDREL_ASSERT(condition) static_assert(condition)
+#define QUENDREL_ASSERT(condition) static_assert(condition, #condition)
 #else
-#define QUENDREL_ASSERT(condition) _Static_assert(condition, #condition)
+#define QUENDREL_ASSERT(condition) __extension__ _Static_assert(condition, #condition)
 #endif
 #define QUENDREL_AT(record, field, offset) QUENDREL_ASSERT(__builtin_offsetof(struct _##record, field) == (offset))
 #define QUENDREL_SIZE(record, bytes) QUENDREL_ASSERT(sizeof(struct _##record) == (bytes))

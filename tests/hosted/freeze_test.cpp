@@ -49,6 +49,18 @@ struct Writer {
 
 } // namespace
 
+TEST(Freeze, BlocksLargerThanAPageAreThoseOfADeviceThatIsNotMounted)
+{
+    MemoryDisk d(4 * mebibyte, {{1, 2048, 2048}});
+    block_device* bdev = bdget(d.disk->device(1));
+    for (const u32 block_size : {8192u, 16384u, 65536u}) {
+        mount_file_system(d.disk->device(1), block_size);
+        EXPECT_EQ(get_super(bdev), nullptr) << block_size;
+        EXPECT_EQ(freeze_bdev(bdev), nullptr) << block_size;
+    }
+    unmount_file_system(d.disk->device(1));
+}
+
 TEST(Freeze, SuperBlockAnswersOnlyWhileMounted)
 {
     MemoryDisk d(4 * mebibyte, {{1, 2048, 2048}});

@@ -130,7 +130,7 @@ class Program
     std::array<std::unique_ptr<hosted::Mapping>, 3> areas_;
 };
 
-// Loads the driver for each test and expects at the end that the log's critical lines, allocations and module
+// Loads the driver for each test and expects at the end that allocations and module
 // references are as before. A test whose subject leaves something behind says so with expectLeft.
 class DriverTest : public ::testing::Test
 {

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Recording writes: every write to a tracked device sets its blocks in the device's tracking map.
 //
-// Runs on the write path: it allocates nothing and holds no lock while it sets bits. The reference taken here keeps
-// the session and its map alive; whoever frees or swaps them waits for it.
+// Runs on the write path: it allocates nothing and keeps no lock of its own while it sets bits; for a held write the
+// caller holds `writers`. The reference taken here keeps the session and its map alive; whoever frees or swaps them waits
+// for it.
 #include "qdrlib.h"
 
 // `bio` is a write as it entered the queue's function, `bioMinor` the minor number of the partition it falls in. A

@@ -6,8 +6,10 @@
 // recording starts afresh, and the backup's state lets the hook hold requests. Nothing is undone on a failure; closing
 // the file does that.
 //
-// The session stays referenced from the choice until it is held alone at the exchange of the maps, so that a Shutdown
-// from another file cannot free it in between.
+// The session is not referenced across the freeze: a command of another file that wants it alone would wait for the
+// freeze, and two snapshots for each other. It is looked up anew at the exchange of the maps, and known by the key that
+// this snapshot gave it: one that has gone, or that another snapshot has given a key since, is not this backup's any
+// more, which then has no map of changes, as if there were no tracking.
 #include "guards.h"
 #include "qdrlib.h"
 
@@ -15,10 +17,31 @@
 struct SessionChoice {
     bool done; // the command ends here, with `result`
     int result;
-    AutoMapSession* ams; // with a reference; null: no tracking
+    AutoMapSession* ams; // with a reference, until it has its new key; null: no tracking
+    AMSessionKey key;    // that it was chosen with: the program's, or a new session's zeros
 };
 
-static SessionChoice finished(int result) { return {true, result, nullptr}; }
+// Gives a session a new key, which goes to `fresh`, if it still has the key that it was chosen with: another file's
+// snapshot may have come since, and what this one's key stands for is that one's then. Whether it has.
+static bool renewKey(AutoMapSession* ams, const AMSessionKey* chosenWith, AMSessionKey* fresh)
+{
+    memset(fresh->key, 0xFF, sizeof fresh->key);
+    for (u32 i = 0; i < sizeof fresh->key; i++)
+        get_random_bytes(&fresh->key[i], 1);
+    SpinGuard guard(&ams->usersLock);
+    if (memcmp(chosenWith->key, ams->sessionKey.key, sizeof fresh->key) != 0)
+        return false;
+    ams->sessionKey = *fresh;
+    return true;
+}
+
+static bool hasKey(AutoMapSession* ams, const AMSessionKey* key)
+{
+    SpinGuard guard(&ams->usersLock);
+    return memcmp(key->key, ams->sessionKey.key, sizeof key->key) == 0;
+}
+
+static SessionChoice finished(int result) { return {true, result, nullptr, {}}; }
 
 // Makes and references a new session.
 static SessionChoice newSession(Backup* b)
@@ -29,7 +52,7 @@ static SessionChoice newSession(Backup* b)
         return finished(result);
     }
     // Looked up rather than used: once published, another file's Shutdown may have closed it already.
-    return {false, 0, getAMS(b->diskInfo.kdev)};
+    return {false, 0, getAMS(b->diskInfo.kdev), {}};
 }
 
 // Gives up a session and starts with a new one.
@@ -44,7 +67,7 @@ static SessionChoice chooseSession(Backup* b, const AMSessionKey* key)
 {
     AutoMapSession* ams = getAMS(b->diskInfo.kdev);
     const bool mayServe = ams && b->noStartAutoMap != 1 && load_acquire(&ams->state) == 1 && b->noLoadFromAutoMap != 1;
-    if (mayServe && memcmp(key->key, ams->sessionKey.key, sizeof key->key) != 0) {
+    if (mayServe && !hasKey(ams, key)) {
         // A success that takes no snapshot: the caller sees it from the unchanged state.
         printk("<3>%s: session key mismatch%s", "ioctlSnapShot", "\n");
         putAMS(ams);
@@ -58,7 +81,7 @@ static SessionChoice chooseSession(Backup* b, const AMSessionKey* key)
             putAMS(ams);
             closeAMS(b);
         }
-        return {false, 0, nullptr};
+        return {false, 0, nullptr, {}};
     }
     if (!ams)
         return newSession(b);
@@ -80,14 +103,7 @@ static SessionChoice chooseSession(Backup* b, const AMSessionKey* key)
     }
     atomic_add(&b->totalAllocPages, int(numPages));
     atomic_add(&b->curAllocPages, int(numPages));
-    return {false, 0, ams};
-}
-
-static void renewKey(AMSessionKey* key)
-{
-    memset(key->key, 0xFF, sizeof key->key);
-    for (u32 i = 0; i < sizeof key->key; i++)
-        get_random_bytes(&key->key[i], 1);
+    return {false, 0, ams, *key};
 }
 
 // Exchanges the pages of two maps of one size. Neither has a bit operation inside meanwhile.
@@ -103,15 +119,33 @@ static void exchangeMaps(BlockMap* backup, BlockMap* session)
     spin_unlock_irqrestore(&backup->usersLock, backupFlags);
 }
 
-// With the file system frozen and no request between its decision and its hand-off.
-static void takePointInTime(Backup* b, AutoMapSession* ams)
+// The session that this snapshot gave `key`, with a reference, or null.
+static AutoMapSession* sessionWithKey(kdev_t kdev, const AMSessionKey* key)
 {
+    AutoMapSession* ams = getAMS(kdev);
+    if (ams && !hasKey(ams, key)) {
+        putAMS(ams);
+        return nullptr;
+    }
+    return ams;
+}
+
+// With the file system frozen and no request between its decision and its hand-off. `key` is the chosen session's;
+// null: no tracking.
+static void takePointInTime(Backup* b, const AMSessionKey* key)
+{
+    AutoMapSession* ams;
+    unsigned long flags;
+    // No reference is kept while others are waited for, who may be waiting for this one.
+    while ((ams = key ? sessionWithKey(b->diskInfo.kdev, key) : nullptr) &&
+           !tryForUsers(&ams->users, &ams->usersLock, &flags, 1))
+        schedule();
     if (!ams) {
+        // Without its session the map would say that nothing has changed.
+        closeBUBlockMap(b);
         set_mb(&b->state, QUENDREL_STATE_SNAPSHOT);
         return;
     }
-    unsigned long flags;
-    waitForUsers(&ams->users, &ams->usersLock, &flags, 1); // gives up the reference held since the choice
     // A session that fell out of sync since the choice starts afresh, and the backup's map stays empty.
     if (load_acquire(&ams->state) == 1 && b->blockMap.map)
         exchangeMaps(&b->blockMap, &ams->map);
@@ -147,14 +181,15 @@ int ioctlSnapShot(Backup* b, user_addr userKey, u32 keyLen)
     const SessionChoice choice = chooseSession(b, &key);
     if (choice.done)
         return choice.result;
-    AutoMapSession* ams = choice.ams;
-    if (ams)
-        renewKey(&ams->sessionKey);
+    const AMSessionKey* newKey = nullptr;
+    if (choice.ams) {
+        if (renewKey(choice.ams, &choice.key, &key))
+            newKey = &key;
+        putAMS(choice.ams);
+    }
 
     const kdev_t kdev = b->diskInfo.kdev;
     if (setMRF(b, qdrMRF)) {
-        if (ams)
-            putAMS(ams);
         printk("<3>%s: device major=%d minor=%d not valid\n", __func__, int(kdev_major(kdev)), int(kdev_minor(kdev)));
         return QUENDREL_REFUSED;
     }
@@ -166,14 +201,12 @@ int ioctlSnapShot(Backup* b, user_addr userKey, u32 keyLen)
     current_kernel_time(&afterFreezeTime);
     if (!freezeSB) {
         thaw_bdev(b->diskInfo.bdev, nullptr);
-        if (ams)
-            putAMS(ams);
         printk("<3>%s: freeze_bdev could not freeze the device.%s", __func__, "\n");
         return QUENDREL_REFUSED;
     }
     {
         WriteGuard writers(&b->writers);
-        takePointInTime(b, ams);
+        takePointInTime(b, newKey);
     }
     thaw_bdev(b->diskInfo.bdev, freezeSB);
     current_kernel_time(&thawTime);

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Load, unload and shutdown of the driver, and its globals.
 //
-// Every entry point refuses work until initDone is 1. Unload closes every tracking session, which gives every hooked
-// queue its own request function back; a running backup needs no care there, because each open file holds a
-// reference on the module.
+// No file can be opened and no command is taken until initDone is 1. Unload closes every tracking session and then
+// empties the queue registry, so that every hooked queue has its own request function back; a running backup needs no
+// care there, because each open file holds a reference on the module. Shutdown closes the sessions only, whatever
+// backups run.
 #include "qdrlib.h"
 
 atomic_int initDone;

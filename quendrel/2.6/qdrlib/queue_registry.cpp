@@ -3,8 +3,9 @@
 //
 // Invariants: at most one entry a queue, at most one DevList a device number within an entry; an entry whose device
 // list became empty is gone and its queue has its own function back; a queue that carries one of the driver's
-// functions has an entry. The last one is why a hook is stored with the registry held: were the entry removed between
-// the look at the registry and the store, the queue would be left with a function that finds only itself to call.
+// functions has an entry. The last one is why a hook is stored by whoever keeps the registry from changing, as a reader
+// or holding it: were the entry removed between the look at the registry and the store, the queue would be left with a
+// function that finds only itself to call.
 //
 // Readers count themselves in and walk without a lock, so that intercepted requests never sleep here. Writers wait
 // until the readers have left and then hold queueListUsersLock; they do not sleep, allocate or do I/O while they do.
@@ -125,23 +126,22 @@ void addQueueToList(request_queue* q, kdev_t kdev)
 }
 
 // Puts `newMRF` in front of the queue of the backup's device, registering the device when it is not. 0, or 1 when the
-// device has no queue. A function already in front is replaced and the queue's own one stays remembered.
+// device has no queue. A function already in front is replaced and the queue's own one stays remembered. Where the
+// device is registered this is a reader's visit, whom nobody keeps waiting.
 int setMRF(Backup* b, make_request_fn* newMRF)
 {
     request_queue* q = getRequestQueue(&b->diskInfo);
     if (!q)
         return 1;
     for (;;) {
-        if (!isInQueueList(q, b->diskInfo.kdev))
-            addQueueToList(q, b->diskInfo.kdev);
-        unsigned long flags;
-        waitForQueueListUsers(&flags);
-        const bool registered = findQueue(q) != nullptr;
-        if (registered)
-            storeMRF(q, newMRF);
-        spin_unlock_irqrestore(&queueListUsersLock, flags);
-        if (registered)
-            return 0;
+        {
+            UserGuard reader = readRegistry();
+            if (isInDevList(findQueue(q), b->diskInfo.kdev)) {
+                storeMRF(q, newMRF);
+                return 0;
+            }
+        }
+        addQueueToList(q, b->diskInfo.kdev);
     }
 }
 
@@ -236,7 +236,7 @@ void unsetQueueMRFAMS(request_queue* q)
 }
 
 // At unload, with no session and no backup left: gives every queue that is still registered its own function back. A
-// device that was backed up without tracking, beside two that are tracked, stays registered for as long as they are.
+// device that was backed up without tracking, beside two that are tracked, stays registered when they are closed.
 // An empty registry is not waited for: after a question for a null queue its count never shows it idle again.
 void closeQueueList()
 {

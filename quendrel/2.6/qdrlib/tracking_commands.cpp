@@ -17,7 +17,10 @@ int ioctlGetAutoMapState(Backup* b, user_addr userAMS, u32 amsLen)
             answer.state = load_acquire(&ams->state);
             answer.mapLen = ams->map.size;
             answer.mapSize = ams->map.numBytes;
-            answer.amsKey = ams->sessionKey;
+            {
+                SpinGuard key(&ams->usersLock);
+                answer.amsKey = ams->sessionKey;
+            }
             putAMS(ams);
         }
     }

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // What the driver leaves behind deliberately: for each entry of the list, that it is exactly this and no more.
 //
-// DriverTest compares everything that is alive after the unload with what a test expects to be left.
+// DriverTest compares what is alive after the unload with what a test expects to be left, all but the block devices,
+// which nearly every test looks at; they have a test that counts them itself.
 #include "core_view.h"
 #include "left_behind.h"
 
@@ -143,7 +144,6 @@ TEST_F(LeftBehind, TheEntryCacheWhoseTwinCouldNotBeMadeIsGivenBack)
 TEST_F(LeftBehind, OneReferenceOnEachBlockDeviceThatWasLookedAt)
 {
     expectItem(left_behind::blockDevice);
-    // DriverTest leaves block devices out of its comparison, for every other test looks at some; so it is made here.
     TestDisk& disk = addDisk("sdy", 240, 1024, {{1, 64, 512, 4096}, {2, 576, 64, 4096}});
     const hosted::Live before = hosted::live();
     Program program;

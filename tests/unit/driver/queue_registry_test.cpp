@@ -417,21 +417,35 @@ TEST_F(QueueRegistry, EachWriterWaitsForTheReaders)
     EXPECT_TRUE(rig::registryIsEmpty());
 }
 
-TEST_F(QueueRegistry, AHookIsStoredOnlyWithTheRegistryHeld)
+TEST_F(QueueRegistry, SwitchingTheFunctionOfARegisteredDeviceWaitsForNoReader)
 {
-    // Otherwise the entry could go between the look at the registry and the store.
     LooseBackup b(sda(), 1);
     ASSERT_EQ(setMRF(b.get(), qdrAMRF), 0);
     enterUsers(&queueListUsers, &queueListUsersLock);
+    {
+        Running switching([&] { EXPECT_EQ(setMRF(b.get(), qdrMRF), 0); });
+        EXPECT_TRUE(eventually([&] { return switching.done(); }));
+        leaveUsers(&queueListUsers);
+    }
+    EXPECT_EQ(hookOf(sda()), qdrMRF);
+}
+
+// Otherwise the entry could go between the look at the registry and the store.
+TEST_F(QueueRegistry, AHookIsStoredWhileNoWriterHoldsTheRegistry)
+{
+    LooseBackup b(sda(), 1);
+    ASSERT_EQ(setMRF(b.get(), qdrAMRF), 0);
+    unsigned long flags;
+    waitForQueueListUsers(&flags);
     Running switching([&] { EXPECT_EQ(setMRF(b.get(), qdrMRF), 0); });
     EXPECT_TRUE(switching.stillWaiting());
     EXPECT_EQ(hookOf(sda()), qdrAMRF);
-    leaveUsers(&queueListUsers);
+    spin_unlock_irqrestore(&queueListUsersLock, flags);
     ASSERT_TRUE(eventually([&] { return switching.done(); }));
     EXPECT_EQ(hookOf(sda()), qdrMRF);
 }
 
-TEST_F(QueueRegistry, TheRegistryStaysHeldUntilAHookIsStored)
+TEST_F(QueueRegistry, AWriterWaitsUntilAHookIsStored)
 {
     LooseBackup b(sda(), 1);
     ASSERT_EQ(setMRF(b.get(), qdrAMRF), 0);
@@ -439,10 +453,11 @@ TEST_F(QueueRegistry, TheRegistryStaysHeldUntilAHookIsStored)
     spin_lock_irqsave(queue_lock(q), &flags);
     Running switching([&] { EXPECT_EQ(setMRF(b.get(), qdrMRF), 0); });
     EXPECT_TRUE(switching.stillWaiting());
-    Running reader([&] { EXPECT_EQ(isInQueueList(q, sda().device(1)), 1); });
-    EXPECT_TRUE(reader.stillWaiting());
+    Running writer([&] { addQueueToList(q, sda().device(2)); });
+    EXPECT_TRUE(writer.stillWaiting());
+    EXPECT_EQ(devicesOf(entryOf(q)), std::vector<kdev_t>{sda().device(1)});
     spin_unlock_irqrestore(queue_lock(q), flags);
-    ASSERT_TRUE(eventually([&] { return switching.done() && reader.done(); }));
+    ASSERT_TRUE(eventually([&] { return switching.done() && writer.done(); }));
 }
 
 TEST_F(QueueRegistry, EveryAccessToAQueuesFunctionTakesItsLock)

@@ -2,9 +2,11 @@
 // The snapshot command: which tracking session serves it, what is handed over while the file system is frozen, and
 // what stays when it fails. Also the flush command and the subtraction of times.
 #include "core_view.h"
+#include "guards.h"
 
 #include <algorithm>
 #include <atomic>
+#include <optional>
 #include <thread>
 
 using namespace rig;
@@ -517,41 +519,223 @@ TEST_F(Snapshot, ASessionThatFellOutOfSyncBeforeTheFreezeStartsAfreshAndHandsOve
     EXPECT_EQ(program.close(), 0);
 }
 
-TEST_F(Snapshot, AShutdownDuringTheFreezeWaitsForTheSessionToBeHandedOver)
+// ---- Two files at work at once
+
+namespace
 {
-    const Key key = track();
-    EXPECT_EQ(sda().writeBlock(1, 5, 1), 0);
-    auto fileSystem = watch();
-    Program other;
-    ASSERT_EQ(other.open(), 0);
-    Program program;
-    begin(program);
-    const auto isOutOfTheTable = [&] {
+
+// The places between a snapshot's choice of its session and the exchange of the maps at which something else may come.
+enum class Place { newKey, beforeFreeze, freeze, beforeExchange };
+const Place kPlaces[] = {Place::newKey, Place::beforeFreeze, Place::freeze, Place::beforeExchange};
+std::string nameOf(Place place)
+{
+    return place == Place::newKey         ? "as the new key is made"
+           : place == Place::beforeFreeze ? "between the hook and the freeze"
+           : place == Place::freeze       ? "in the freeze"
+                                          : "between the freeze and the exchange";
+}
+
+class TwoFiles : public Snapshot
+{
+  protected:
+    void SetUp() override
+    {
+        Snapshot::SetUp();
+        fileSystem = watch();
+        ASSERT_EQ(other.open(), 0);
+    }
+    void TearDown() override
+    {
+        clearPlaces();
+        if (other.isOpen()) {
+            EXPECT_EQ(other.close(), 0);
+        }
+        Snapshot::TearDown();
+    }
+    void clearPlaces()
+    {
+        hosted::set_random_probe({});
+        hosted::log_set_sink({});
+        fileSystem->atFreeze = {};
+    }
+
+    // Takes `program`'s snapshot with `key`; at `place` another thread does `event`, once. It is over before the snapshot
+    // goes on: it may wait for nothing that the snapshot holds. As the key is made, that is still the session; there the
+    // event comes as far as it can: until the device's session is another one, or none, or has another key.
+    int snapshotWith(Program& program, const Key& key, Place place, const std::function<void()>& event)
+    {
+        std::thread meanwhile;
+        std::atomic<bool> come{false};
+        std::atomic<bool> done{false};
+        std::optional<Key> before;
+        const auto once = [&] {
+            if (come.exchange(true))
+                return;
+            before = keyInTable();
+            meanwhile = std::thread([&] {
+                event();
+                done = true;
+            });
+            if (place == Place::newKey)
+                eventually([&] { return keyInTable() != before; });
+            else
+                eventually([&] { return done.load(); });
+        };
+        int result = 0;
+        std::atomic<bool> frozen{false};
+        if (place == Place::newKey)
+            hosted::set_random_probe(once);
+        else if (place == Place::beforeFreeze)
+            hosted::log_set_sink([&](std::string_view line) {
+                if (line == kFreezing)
+                    once();
+            });
+        else
+            fileSystem->atFreeze = [&] {
+                if (place == Place::freeze)
+                    once();
+                return frozen = true;
+            };
+        if (place == Place::beforeExchange) {
+            Backup* b = recordOf(program);
+            down_read(&b->writers); // as a request does between its decision and its hand-off
+            std::thread snapshot([&] { result = program.snapshot(key); });
+            eventually([&] { return frozen.load(); });
+            std::this_thread::sleep_for(std::chrono::milliseconds(20)); // from the freeze to the wait for `writers`
+            once();
+            up_read(&b->writers);
+            snapshot.join();
+        } else {
+            result = program.snapshot(key);
+        }
+        EXPECT_TRUE(come) << "nothing came";
+        if (meanwhile.joinable())
+            meanwhile.join();
+        clearPlaces();
+        return result;
+    }
+
+    // Of the device's session; nothing when it has none.
+    std::optional<Key> keyInTable()
+    {
         AutoMapSession* ams = getAMS(sda().device(1));
-        if (ams)
-            putAMS(ams);
-        return ams == nullptr;
-    };
-    std::atomic<bool> done{false};
-    std::thread shutdown;
-    fileSystem->atFreeze = [&] {
-        shutdown = std::thread([&] {
-            EXPECT_EQ(other.command(QUENDREL_SHUTDOWN), 0);
-            done = true;
-        });
-        eventually(isOutOfTheTable);
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));
-        EXPECT_FALSE(done) << "the snapshot still holds its session";
-        return true;
-    };
-    EXPECT_EQ(program.snapshot(key), 0);
-    shutdown.join();
-    EXPECT_EQ(stateOf(program), 4u);
-    EXPECT_EQ(membersOf(recordOf(program)->blockMap), Blocks{5});
-    EXPECT_TRUE(isOutOfTheTable());
-    EXPECT_EQ(atomic_read(&curAllocAMPages), 0);
-    EXPECT_EQ(program.close(), 0);
-    EXPECT_EQ(other.close(), 0);
+        if (!ams)
+            return std::nullopt;
+        Key key;
+        {
+            SpinGuard guard(&ams->usersLock);
+            key = keyOf(ams);
+        }
+        putAMS(ams);
+        return key;
+    }
+
+    // Makes the record of an open file one of a started backup, past the worker's count, which only one has.
+    void beginBeside(Program& program)
+    {
+        ASSERT_EQ(program.open(), 0);
+        Backup* b = recordOf(program);
+        ASSERT_EQ(getDiskInfo(&b->diskInfo, sda().device(1)), 0);
+        b->diskInfo.numBlocks = 4096;
+        set_mb(&b->state, QUENDREL_STATE_STARTED);
+    }
+
+    // The backup stands at its snapshot and has no map of changes, which tells its program to copy everything.
+    void expectNoMap(Program& program)
+    {
+        EXPECT_EQ(stateOf(program), 4u);
+        EXPECT_EQ(recordOf(program)->blockMap.map, nullptr);
+        EXPECT_EQ(atomic_read(&recordOf(program)->curAllocPages), 1) << "the cache map's page";
+        Bits bits(4096);
+        EXPECT_EQ(program.autoMap(bits), 2);
+    }
+
+    std::shared_ptr<WatchedFileSystem> fileSystem;
+    Program other;
+};
+
+} // namespace
+
+TEST_F(TwoFiles, AShutdownBetweenChoiceAndExchangeLeavesABackupWithoutAMap)
+{
+    for (const Place place : kPlaces) {
+        SCOPED_TRACE(nameOf(place));
+        const Key key = track();
+        EXPECT_EQ(sda().writeBlock(1, 5, 1), 0);
+        Program program;
+        begin(program);
+        EXPECT_EQ(snapshotWith(program, key, place,
+                               [&] { EXPECT_EQ(other.command(QUENDREL_SHUTDOWN), 0); }),
+                  0);
+        expectNoMap(program);
+        EXPECT_EQ(session(), nullptr);
+        EXPECT_EQ(atomic_read(&curAllocAMPages), 0);
+        EXPECT_EQ(program.autoMapState().state, 0u) << "nothing is tracked";
+        EXPECT_EQ(program.close(), 0);
+    }
+}
+
+TEST_F(TwoFiles, AShutdownBeforeTheFirstExchangeOfADeviceLeavesABackupWithoutTracking)
+{
+    for (const Place place : kPlaces) {
+        SCOPED_TRACE(nameOf(place));
+        Program program;
+        begin(program);
+        EXPECT_EQ(snapshotWith(program, Key{}, place,
+                               [&] { EXPECT_EQ(other.command(QUENDREL_SHUTDOWN), 0); }),
+                  0);
+        expectNoMap(program);
+        EXPECT_EQ(session(), nullptr);
+        EXPECT_EQ(program.close(), 0);
+    }
+}
+
+TEST_F(TwoFiles, AnotherSnapshotWithANewSessionInBetweenLeavesTheFirstOneWithoutAMap)
+{
+    for (const Place place : kPlaces) {
+        SCOPED_TRACE(nameOf(place));
+        const Key key = track();
+        EXPECT_EQ(sda().writeBlock(1, 5, 1), 0);
+        Program first, second;
+        begin(first);
+        beginBeside(second);
+        EXPECT_EQ(second.noLoadFromAutoMap(), 0);
+        EXPECT_EQ(snapshotWith(first, key, place, [&] { EXPECT_EQ(second.snapshot(), 0); }), 0);
+        expectNoMap(first);
+        ASSERT_NE(session(), nullptr);
+        EXPECT_EQ(session()->state, 1u);
+        EXPECT_EQ(membersOf(session()->map), Blocks{});
+        EXPECT_EQ(stateOf(second), 4u);
+        EXPECT_EQ(first.close(), 0);
+        EXPECT_EQ(second.close(), 0);
+    }
+}
+
+// Both find the key that they present. What was written since the last backup goes to one of them, whole.
+TEST_F(TwoFiles, OfTwoSnapshotsWithOneKeyOneGetsTheWholeMapAndTheOtherNone)
+{
+    for (const Place place : kPlaces) {
+        SCOPED_TRACE(nameOf(place));
+        const Key key = track();
+        EXPECT_EQ(sda().writeBlock(1, 5, 1), 0);
+        Program first, second;
+        begin(first);
+        beginBeside(second);
+        EXPECT_EQ(snapshotWith(first, key, place, [&] { EXPECT_EQ(second.snapshot(key), 0); }), 0);
+        const bool secondHasIt = stateOf(second) == QUENDREL_STATE_SNAPSHOT;
+        EXPECT_EQ(secondHasIt, place == Place::newKey) << "later, the first one's key is in place";
+        if (secondHasIt) {
+            expectNoMap(first);
+            EXPECT_EQ(membersOf(recordOf(second)->blockMap), Blocks{5});
+        } else {
+            EXPECT_EQ(membersOf(recordOf(first)->blockMap), Blocks{5});
+            EXPECT_EQ(stateOf(second), unsigned(QUENDREL_STATE_STARTED)) << "a wrong key";
+        }
+        EXPECT_EQ(membersOf(session()->map), Blocks{});
+        EXPECT_EQ(atomic_read(&session()->users), 1);
+        EXPECT_EQ(first.close(), 0);
+        EXPECT_EQ(second.close(), 0);
+    }
 }
 
 TEST_F(Snapshot, WritesUnderWayAreRecordedForOneOfTheTwoBackups)
