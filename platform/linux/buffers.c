@@ -24,7 +24,7 @@ static struct kmem_cache *cache;
 
 int qdr_buffers_init(void)
 {
-	cache = kmem_cache_create("quendrel_buffer", sizeof(struct qdr_buffer_head), 0, 0, NULL);
+	cache = family_own_cache("quendrel_buffer", sizeof(struct qdr_buffer_head), 0);
 	return cache ? 0 : -ENOMEM;
 }
 

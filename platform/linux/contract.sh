@@ -24,7 +24,7 @@ sed -n '/^extern "C" {/,/^}  \/\/ extern "C"/p' |
       -e 's/^(\[\[noreturn\]\] )?([^(]*[ *])([a-z_0-9]+)\(/\1\2qk_\3(/' \
       -e 's/^(\[\[noreturn\]\]) (.*);/\2 __attribute__((noreturn));/' \
       -e 's/\b(block_device|gendisk|request_queue|super_block|buffer_head|bio|page|file|inode|vm_area_struct|vm_fault|kmem_cache|semaphore|rw_semaphore|completion)\*/struct \1 */g' \
-      -e 's/struct (block_device|gendisk|request_queue|super_block|buffer_head) /struct qdr_\1 /g' \
+      -e 's/struct (block_device|gendisk|request_queue|super_block|buffer_head|kmem_cache) /struct qdr_\1 /g' \
       -e 's/\bspinlock\*/spinlock_t */g' \
       -e 's/\bkernel_module\*/struct module */g' \
       -e 's/\b(file_operations|vm_operations|kernel_timespec)\*/struct qdr_\1 */g' \

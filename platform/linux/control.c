@@ -18,7 +18,7 @@
 
 /*
  * Any open and close of the control device detaches the backup that runs on another file, so the package sets this:
- * while one file is open, a second open is refused.
+ * while one file is open, a second open is refused; and so is a second StartBackup of that file, without harm.
  */
 static family_bool_param exclusive;
 module_param(exclusive, bool, 0644);
@@ -97,6 +97,11 @@ struct qdr_call *qdr_current_call(void)
 
 /* ---- Files --------------------------------------------------------------------------------------------------------- */
 
+struct control_file {
+	void *cores; /* what the core keeps for the file */
+	atomic_t began; /* StartBackups of this file that the core was given, but for those that ended before they took anything */
+};
+
 static int open_error(int result)
 {
 	switch (result) {
@@ -112,10 +117,20 @@ static int open_error(int result)
 static int control_open(struct inode *inode, struct file *file)
 {
 	unsigned int files = qdr_files_begin();
-	int result = files > 1 && exclusive ? -EBUSY : open_error(core_ops->open(inode, file));
+	int result = -EBUSY;
 
-	if (result)
-		qdr_files_end();
+	if (files > 1 && exclusive)
+		goto refused;
+	result = -ENOMEM;
+	file->private_data = kzalloc(sizeof(struct control_file), GFP_KERNEL);
+	if (!file->private_data)
+		goto refused;
+	result = open_error(core_ops->open(inode, file));
+	if (!result)
+		return 0;
+	kfree(file->private_data);
+refused:
+	qdr_files_end();
 	return result;
 }
 
@@ -129,6 +144,7 @@ static int control_release(struct inode *inode, struct file *file)
 	core_ops->release(inode, file);
 	qdr_may_sleep();
 	qdr_call_end(&call);
+	kfree(file->private_data);
 	qdr_files_end();
 	return 0;
 }
@@ -150,17 +166,67 @@ static __poll_t control_poll(struct file *file, struct poll_table_struct *table)
 
 /* ---- Commands ------------------------------------------------------------------------------------------------------ */
 
+/* Of a StartBackup: whether it ended before it took the driver's one backup, so that the file may try another one. */
+static bool took_nothing(const struct qdr_call *call, long result)
+{
+	/* "Refused" is a number which does not fit the driver's tables, or a size that it does not take. */
+	return result == QUENDREL_COPY_FROM_USER ||
+	       (result == QUENDREL_REFUSED && (call->number[0] > 255 || call->number[1] > 255));
+}
+
+/*
+ * A second StartBackup puts its file into a state whose close leaves the driver busy for good, so one program could end
+ * all backups until the driver is loaded anew. Where a file is alone, nobody else's close would change what the second
+ * one is told, so it is told that without the driver.
+ */
+static long start_backup(struct file *file, struct qdr_call *call, unsigned long arg)
+{
+	struct control_file *mine = file->private_data;
+	long result = QUENDREL_BUSY;
+	bool alone = exclusive;
+
+	if (atomic_inc_return(&mine->began) == 1 || !alone)
+		result = core_ops->ioctl(family_inode(file), file, call->cmd, arg);
+	else
+		atomic_dec(&mine->began);
+	if (took_nothing(call, result))
+		atomic_dec(&mine->began);
+	return result;
+}
+
+/* The others' argument is not looked at, or, of the versions, only written to. */
+static bool reads_record(unsigned int cmd)
+{
+	switch (cmd) {
+	case QUENDREL_GET_BLOCK_SIZE:
+	case QUENDREL_START_BACKUP:
+	case QUENDREL_SNAPSHOT:
+	case QUENDREL_GET_STATE:
+	case QUENDREL_GET_AUTOMAP_STATE:
+	case QUENDREL_LOAD_BLOCK_MAP:
+	case QUENDREL_GET_AUTOMAP:
+	case QUENDREL_GET_DIRTY_BLOCK:
+	case QUENDREL_READ_BLOCKS:
+		return true;
+	default:
+		return false;
+	}
+}
+
 static long command(struct file *file, unsigned int cmd, unsigned long arg)
 {
 	struct qdr_call call = {.cmd = cmd, .gathers = cmd == QUENDREL_READ_BLOCKS};
 	long result;
 
 	/* The driver's pointers have 32 bits. A record beyond them cannot be read. */
-	if (arg > 0xFFFFFFFFUL && _IOC_DIR(cmd) != _IOC_NONE)
+	if (arg > 0xFFFFFFFFUL && reads_record(cmd))
 		return QUENDREL_COPY_FROM_USER;
 	qdr_call_begin(&call);
 	qdr_translate_record(&call, (qdr_user_addr)arg);
-	result = core_ops->ioctl(family_inode(file), file, cmd, arg);
+	if (cmd == QUENDREL_START_BACKUP)
+		result = start_backup(file, &call, arg);
+	else
+		result = core_ops->ioctl(family_inode(file), file, cmd, arg);
 	qdr_may_sleep();
 	qdr_start_reads(NULL);
 	qdr_call_end(&call);
@@ -289,12 +355,16 @@ void qk_unregister_chrdev(unsigned int major, const char *name)
 
 void *qk_file_private(struct file *f)
 {
-	return f->private_data;
+	struct control_file *mine = f->private_data;
+
+	return mine->cores;
 }
 
 void qk_file_set_private(struct file *f, void *data)
 {
-	f->private_data = data;
+	struct control_file *mine = f->private_data;
+
+	mine->cores = data;
 }
 
 struct module *qk_this_module(void)

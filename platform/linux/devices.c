@@ -206,9 +206,11 @@ void qdr_files_end(void)
 	struct qdr_block_device *device;
 
 	mutex_lock(&devices_lock);
-	if (--files == 0)
+	if (--files == 0) {
+		qdr_end_lost_workers();
 		list_for_each_entry(device, &devices, list)
 			close_device(device);
+	}
 	mutex_unlock(&devices_lock);
 }
 

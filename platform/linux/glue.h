@@ -2,7 +2,7 @@
 /*
  * The contract (../kernel.h) on a Linux kernel: the glue's types and what its files offer each other.
  *
- * The core sees opaque structures. Most are the kernel's own; four are the glue's, because the kernel's have another
+ * The core sees opaque structures. Most are the kernel's own; five are the glue's, because the kernel's have another
  * life than the contract promises:
  *
  *   qdr_gendisk        one a disk instance, never freed before unload. A disk that is pulled and plugged in again is
@@ -12,6 +12,7 @@
  *   qdr_block_device   one a device number as the core sees it, never freed before unload. It has the kernel's block
  *                      device open from the first use until no control file is open any more.
  *   qdr_buffer_head    what the contract asks of a buffer, without the page cache behind the kernel's.
+ *   qdr_kmem_cache     a cache whose name is its own and may be another cache's as well (caches.c).
  *
  * Device numbers as the core sees them: both halves below 256. A device whose real number does not fit, or whose real
  * number is still tied to a disk that has gone, gets another one (numbers.c); user space never sees it.
@@ -48,6 +49,7 @@ typedef int qdr_pid_type;
 struct qdr_block_device;
 struct qdr_buffer_head;
 struct qdr_gendisk;
+struct qdr_kmem_cache;
 struct qdr_request_queue;
 struct qdr_super_block;
 struct poll_table_struct;
@@ -99,6 +101,11 @@ extern atomic_t qdr_held[QDR_HELD_KINDS];
 /* Writes "pages=0 allocations=0 ..." of at most `bytes` bytes; the number written. */
 int qdr_print_held(char *to, size_t bytes);
 bool qdr_holds_anything(void);
+void *qdr_count(void *p, enum qdr_held kind); /* counts `p` unless it is null, and returns it */
+
+/* ---- Slab caches (caches.c) -------------------------------------------------------------------------------------- */
+
+void qdr_caches_exit(void); /* destroys what the core has left */
 
 /* ---- Calls of the control device under way (control.c) ----------------------------------------------------------- */
 
@@ -229,6 +236,7 @@ bool qdr_is_own_read(const struct bio *b); /* 6.1: an own bio, or one that carri
 
 /* To be called by every operation that may sleep: interrupts come back on when no spin lock of the driver is held. */
 void qdr_may_sleep(void);
+void qdr_end_lost_workers(void); /* when no file is open, and so no backup runs */
 gfp_t qdr_gfp(qdr_gfp_type gfp);
 void *qdr_kzalloc_nofail(size_t bytes); /* counted; for kfree, by way of qk_kfree */
 /* Sends what waits to be sent together with more: before a wait for a read of `bdev` (null: at a command's end). */

@@ -63,13 +63,41 @@ void qk_down(struct semaphore *sem)
 	down(sem);
 }
 
+/* What the core's worker sleeps on; only a worker sleeps interruptibly. */
+static struct semaphore *workers_sleep;
+static bool workers_end;
+static DECLARE_COMPLETION(worker_has_ended);
+
+/*
+ * A backup that begins while the file of one that it has overtaken is still open loses its worker: that file's close
+ * forgets the worker that runs by then. Nobody would end it, and it has the one count that a start takes for its worker:
+ * the next start would wait for ever.
+ */
+void qdr_end_lost_workers(void)
+{
+	struct semaphore *sem = READ_ONCE(workers_sleep);
+
+	if (!atomic_read(&qdr_held[QDR_HELD_THREADS]) || !sem)
+		return;
+	WRITE_ONCE(workers_end, true);
+	while (atomic_read(&qdr_held[QDR_HELD_THREADS])) {
+		up(sem);
+		wait_for_completion(&worker_has_ended);
+		up(sem); /* the start's count */
+	}
+	WRITE_ONCE(workers_end, false);
+}
+
 /* A signal ends one wait. Left pending it would end every later one at once, and the worker would never sleep again. */
 int qk_down_interruptible(struct semaphore *sem)
 {
 	int result;
 
 	qdr_may_sleep();
+	WRITE_ONCE(workers_sleep, sem);
 	result = down_interruptible(sem);
+	if (READ_ONCE(workers_end))
+		qk_complete_and_exit(&worker_has_ended, 0);
 	if (result && (current->flags & PF_KTHREAD))
 		flush_signals(current);
 	return result;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 /*
- * Memory: allocations, pages, slab caches, the caller's memory; and the count of all that is held.
+ * Memory: allocations, pages, the caller's memory; and the count of all that is held.
  *
  * Each kmalloc has a header in front. A file's release frees records that a task inside a hook may still look at; what
  * the releasing task frees is therefore chained through the headers and freed once those tasks have left.
@@ -41,7 +41,7 @@ bool qdr_holds_anything(void)
 	return false;
 }
 
-static void *held(void *p, enum qdr_held kind)
+void *qdr_count(void *p, enum qdr_held kind)
 {
 	if (p)
 		atomic_inc(&qdr_held[kind]);
@@ -80,7 +80,7 @@ static void *allocate(size_t bytes, gfp_t gfp)
 	struct header *header;
 
 	qdr_may_sleep();
-	header = held(kmalloc(bytes + sizeof(struct header), gfp), QDR_HELD_ALLOCATIONS);
+	header = qdr_count(kmalloc(bytes + sizeof(struct header), gfp), QDR_HELD_ALLOCATIONS);
 	return header ? header + 1 : NULL;
 }
 
@@ -141,7 +141,7 @@ void qdr_free_deferred(struct qdr_call *call)
 void *qk_vmalloc(unsigned long bytes)
 {
 	qdr_may_sleep();
-	return held(family_vmalloc(bytes, GFP_KERNEL | __GFP_NOWARN), QDR_HELD_AREAS);
+	return qdr_count(family_vmalloc(bytes, GFP_KERNEL | __GFP_NOWARN), QDR_HELD_AREAS);
 }
 
 void qk_vfree(const void *p)
@@ -158,7 +158,7 @@ void qk_vfree(const void *p)
 struct page *qk_alloc_page(qdr_gfp_type gfp)
 {
 	qdr_may_sleep();
-	return held(alloc_page(qdr_gfp(gfp)), QDR_HELD_PAGES);
+	return qdr_count(alloc_page(qdr_gfp(gfp)), QDR_HELD_PAGES);
 }
 
 /* References are counted, not pages: a page that user space has mapped outlives the driver's interest in it. */
@@ -188,35 +188,6 @@ void qk_kunmap(struct page *p)
 void *qk_page_address(struct page *p)
 {
 	return page_address(p);
-}
-
-/* ---- Slab caches --------------------------------------------------------------------------------------------------- */
-
-struct kmem_cache *qk_kmem_cache_create(const char *name, size_t bytes)
-{
-	qdr_may_sleep();
-	return held(family_cache_create(name, bytes), QDR_HELD_CACHES);
-}
-
-void *qk_kmem_cache_alloc(struct kmem_cache *cache, qdr_gfp_type gfp)
-{
-	qdr_may_sleep();
-	return held(kmem_cache_alloc(cache, qdr_gfp(gfp)), QDR_HELD_OBJECTS);
-}
-
-void qk_kmem_cache_free(struct kmem_cache *cache, void *object)
-{
-	kmem_cache_free(cache, object);
-	atomic_dec(&qdr_held[QDR_HELD_OBJECTS]);
-}
-
-void qk_kmem_cache_destroy(struct kmem_cache *cache)
-{
-	if (!cache)
-		return;
-	qdr_may_sleep();
-	family_cache_destroy(cache);
-	atomic_dec(&qdr_held[QDR_HELD_CACHES]);
 }
 
 /* ---- The caller's memory ------------------------------------------------------------------------------------------- */

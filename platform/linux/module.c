@@ -132,6 +132,7 @@ static void __exit quendrel_exit(void)
 		qdr_print_held(held, sizeof(held));
 		pr_warn("quendrel: left behind at unload: %s\n", held);
 	}
+	qdr_caches_exit();
 }
 
 module_init(quendrel_init);

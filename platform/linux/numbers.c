@@ -77,6 +77,9 @@ void qdr_translate_record(struct qdr_call *call, qdr_user_addr record)
 		return;
 	if (copy_from_user(number, (void __user *)(unsigned long)record, sizeof(number)))
 		return;
+	/* Shown to the core whatever becomes of the caller's memory meanwhile: what is decided here is decided of it. */
+	memcpy(call->number, number, sizeof(number));
+	call->number_at = record;
 	if (number[0] > MAJOR(~0U) || number[1] > MINORMASK)
 		return;
 	device = qdr_open_real(MKDEV(number[0], number[1]));
@@ -84,7 +87,6 @@ void qdr_translate_record(struct qdr_call *call, qdr_user_addr record)
 		return;
 	call->number[0] = device->kdev >> 20;
 	call->number[1] = device->kdev & MINORMASK;
-	call->number_at = record;
 }
 
 /* So do the answers BlockSize, State and AutoMapState. */

@@ -55,24 +55,17 @@ static inline void *family_vmalloc(unsigned long bytes, gfp_t gfp)
 	return __vmalloc(bytes, gfp | __GFP_HIGHMEM, PAGE_KERNEL);
 }
 
-/* The kernel keeps the pointer to a cache's name, and one of its allocators refuses a name that is taken. */
-static inline struct kmem_cache *family_cache_create(const char *name, size_t bytes)
+/*
+ * A cache of exactly this name. One of the kernel's allocators merges caches of a size, and a merged cache bears another's
+ * name; one with a constructor is never merged. `name` must stay until the cache is destroyed.
+ */
+static inline void family_construct(void *object)
 {
-	static atomic_t number = ATOMIC_INIT(0);
-	char *copy = kasprintf(GFP_KERNEL, "%s.%d", name, atomic_inc_return(&number));
-	struct kmem_cache *cache = copy ? kmem_cache_create(copy, bytes, 0, SLAB_HWCACHE_ALIGN, NULL) : NULL;
-
-	if (!cache)
-		kfree(copy);
-	return cache;
 }
 
-static inline void family_cache_destroy(struct kmem_cache *cache)
+static inline struct kmem_cache *family_own_cache(const char *name, size_t bytes, unsigned long flags)
 {
-	const char *name = kmem_cache_name(cache);
-
-	kmem_cache_destroy(cache);
-	kfree(name);
+	return kmem_cache_create(name, bytes, 0, flags, family_construct);
 }
 
 static inline int family_wait(void *word)

@@ -51,15 +51,14 @@ static inline void *family_vmalloc(unsigned long bytes, gfp_t gfp)
 	return __vmalloc(bytes, gfp);
 }
 
-/* The kernel copies a cache's name and lets two have the same. */
-static inline struct kmem_cache *family_cache_create(const char *name, size_t bytes)
+/*
+ * A cache of exactly this name. The kernel merges caches of a size, and a merged cache bears another's name; one with a
+ * part that may be copied to user space is never merged, nor is one with a constructor. The latter would keep its free
+ * list beside the objects: an eighth more memory for blocks of a page. `name` must stay until the cache is destroyed.
+ */
+static inline struct kmem_cache *family_own_cache(const char *name, size_t bytes, slab_flags_t flags)
 {
-	return kmem_cache_create(name, bytes, 0, SLAB_HWCACHE_ALIGN, NULL);
-}
-
-static inline void family_cache_destroy(struct kmem_cache *cache)
-{
-	kmem_cache_destroy(cache);
+	return kmem_cache_create_usercopy(name, bytes, 0, flags, 0, 1, NULL);
 }
 
 static inline void family_wait_on_bit(unsigned long *word, int bit)

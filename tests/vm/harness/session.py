@@ -25,10 +25,11 @@ class Verdict:
 class Session:
     """All tests of one kernel."""
 
-    def __init__(self, kernel, *, work, boot_image, root, initial, time_factor, tell, verbose, keep=False):
+    def __init__(self, kernel, *, work, boot_image, root, initial, time_factor, tell, verbose, keep=False, arguments=""):
         self.kernel, self.work = kernel, work
         self.boot_image, self.root, self.initial = boot_image, root, initial
         self.time_factor, self.tell, self.verbose, self.keep = time_factor, tell, verbose, keep
+        self.arguments = arguments
         self.machine = None
         self.judges = {}
         self.kind = None
@@ -55,7 +56,8 @@ class Session:
         began = time.monotonic()
         try:
             self.machine = Machine(here, kernel=self.boot_image, initial=self.initial, memory=MACHINES[kind].memory, processors=2,
-                                   disks=disks, arguments=MACHINES[kind].kernel_arguments(self.kernel), boot_limit=BOOT_LIMIT * self.time_factor)
+                                   disks=disks, arguments=f"{MACHINES[kind].kernel_arguments(self.kernel)} {self.arguments}",
+                                   boot_limit=BOOT_LIMIT * self.time_factor)
         except MachineDied:
             self.machine = None
             console = (here / "console.log").read_text(errors="replace")

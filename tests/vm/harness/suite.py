@@ -53,6 +53,8 @@ def read(path):
     for line in path.read_text().splitlines():
         if not line.startswith("# "):
             break
+        if line.startswith("# SPDX-"):
+            continue
         if test is None:
             test = Test(path.name, path, line[2:])
             continue
