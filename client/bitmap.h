@@ -6,7 +6,7 @@
 // by clearSpareBits().
 #pragma once
 
-#include "client/low_memory.h"
+#include "low_memory.h"
 
 #include <cstdint>
 #include <optional>

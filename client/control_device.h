@@ -10,9 +10,9 @@
 // Every function throws Error; one whose success still leaves something to be checked says so.
 #pragma once
 
-#include "client/bitmap.h"
-#include "client/error.h"
-#include "client/transport.h"
+#include "bitmap.h"
+#include "error.h"
+#include "transport.h"
 #include "quendrel.h"
 
 #include <array>
@@ -103,7 +103,7 @@ class ControlDevice
     // to be closed and opened anew.
     void start(DeviceNumber device, std::uint32_t totalBlocks, std::uint32_t maxCacheBlocks);
     // Takes the snapshot. Success says only that nothing went wrong: the state is 4 when it was taken and still 2 when
-    // `key` is not the key of the device's tracking session.
+    // the device's tracking is in sync under another key than `key`. Where it is not tracked any key gives 4.
     void snapshot(const SessionKey& key);
     BackupState state();
     // The tracking session of the device named in start().

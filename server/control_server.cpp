@@ -246,7 +246,7 @@ void ControlServer::serve(Client& client)
         if (enter(client)) {
             {
                 const UniqueFd pidfd = pidfd_of(socket, peer.pid);
-                ControlSession session(hosted::process_memory(peer.pid, pidfd.get()));
+                ControlSession session(hosted::process_memory(peer.pid, pidfd.get()), !options_.multi_client);
                 if (options_.before_open)
                     options_.before_open();
                 const int result = session.open();

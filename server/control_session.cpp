@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "control_session.h"
 
+#include "quendrel.h"
+
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -46,7 +49,7 @@ std::optional<ControlSession::Answer> ControlSession::handle(const void* packet,
     case wire::Kind::ioctl:
         if (request.c || request.d)
             return std::nullopt;
-        return answer(file_->ioctl(request.a, request.b));
+        return answer(command(request.a, request.b));
     case wire::Kind::mmap:
         return map(request);
     case wire::Kind::munmap: {
@@ -60,6 +63,43 @@ std::optional<ControlSession::Answer> ControlSession::handle(const void* packet,
     }
     }
     return std::nullopt;
+}
+
+std::optional<ClientMemory::Number> ClientMemory::hold_number(u32 record)
+{
+    Number number{};
+    if (memory_->read(record, number.data(), sizeof number) == 0) {
+        record_ = record;
+        held_ = number;
+    }
+    return held_;
+}
+
+std::size_t ClientMemory::read(u32 from, void* to, std::size_t bytes)
+{
+    const std::size_t missing = memory_->read(from, to, bytes);
+    if (missing == 0 && held_ && from == record_ && bytes >= sizeof *held_)
+        std::memcpy(to, held_->data(), sizeof *held_);
+    return missing;
+}
+
+// A second StartBackup puts the file into a state whose close leaves the driver busy for good, so one client could end
+// all backups of this daemon. Where a file is alone, nobody else's close would change what the second one is told, so
+// it is told that without the driver.
+int ControlSession::command(u32 number, u32 argument)
+{
+    if (number != QUENDREL_START_BACKUP || !alone_)
+        return file_->ioctl(number, argument);
+    if (began_)
+        return QUENDREL_BUSY;
+    const auto device = memory_->hold_number(argument);
+    const int result = file_->ioctl(number, argument);
+    memory_->let_go();
+    // A start that ended before it took the driver's one backup lets the client try another one. "Refused" is a number
+    // which does not fit the driver's tables, or a size that it does not take.
+    const bool unfit = device && std::any_of(device->begin(), device->end(), [](u32 n) { return n > 255; });
+    began_ = result != QUENDREL_COPY_FROM_USER && !(result == QUENDREL_REFUSED && unfit);
+    return result;
 }
 
 std::optional<ControlSession::Answer> ControlSession::map(const wire::Request& request)

@@ -9,6 +9,7 @@
 #include "client/socket_protocol.h"
 #include "hosted.h"
 
+#include <array>
 #include <cstddef>
 #include <map>
 #include <memory>
@@ -17,10 +18,34 @@
 namespace quendreld
 {
 
+// A client's memory, in which the device number of one record stays what it was when it was looked at, whatever the
+// client does meanwhile.
+class ClientMemory final : public hosted::AddressSpace
+{
+  public:
+    using Number = std::array<u32, 2>; // major, minor
+
+    explicit ClientMemory(std::shared_ptr<hosted::AddressSpace> memory) : memory_(std::move(memory)) {}
+    // The number at the start of a record, which reads there give from now on; nothing when it cannot be read.
+    std::optional<Number> hold_number(u32 record);
+    void let_go() { held_.reset(); }
+    std::size_t read(u32 from, void* to, std::size_t bytes) override;
+    std::size_t write(u32 to, const void* from, std::size_t bytes) override { return memory_->write(to, from, bytes); }
+
+  private:
+    std::shared_ptr<hosted::AddressSpace> memory_;
+    u32 record_ = 0;
+    std::optional<Number> held_;
+};
+
 class ControlSession
 {
   public:
-    explicit ControlSession(std::shared_ptr<hosted::AddressSpace> memory) : memory_(std::move(memory)) {}
+    // `alone`: no other session has the control device open while this one has.
+    ControlSession(std::shared_ptr<hosted::AddressSpace> memory, bool alone)
+        : memory_(std::make_shared<ClientMemory>(std::move(memory))), alone_(alone)
+    {
+    }
     ~ControlSession();
     ControlSession(const ControlSession&) = delete;
     ControlSession& operator=(const ControlSession&) = delete;
@@ -40,10 +65,13 @@ class ControlSession
 
   private:
     std::optional<Answer> map(const quendrel::wire::Request& request);
+    int command(u32 number, u32 argument);
 
     static constexpr std::size_t most_mappings = 64;
 
-    std::shared_ptr<hosted::AddressSpace> memory_;
+    std::shared_ptr<ClientMemory> memory_;
+    bool alone_;
+    bool began_ = false; // a StartBackup has taken the driver's one backup
     std::unique_ptr<hosted::ControlFile> file_;
     std::map<u32, std::unique_ptr<hosted::Mapping>> mappings_; // by first address
 };

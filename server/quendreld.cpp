@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 
 namespace
@@ -43,6 +44,35 @@ int group_number(const std::string& name)
     if (*end == 0 && number >= 0 && number < INT_MAX)
         return int(number);
     throw std::runtime_error(name + ": no such group");
+}
+
+constexpr int usage_error = 2;
+
+// What is wrong with the command line. A word that is not known goes before one that is missing: it is often the missing
+// one, misspelt.
+std::string complaint(const CLI::App* app, const CLI::Error& error)
+{
+    for (const std::string& word : app->remaining()) {
+        if (word == "--")
+            continue;
+        const std::string name = word.substr(0, word.find('='));
+        return "quendreld: " + name + (name.starts_with('-') ? ": unknown option" : ": not expected here") + "; see " +
+               app->get_name() + " --help\n";
+    }
+    return "quendreld: " + std::string(error.what()) + "; see " + app->get_name() + " --help\n";
+}
+
+// Reads the command line. A value is the exit code of a program that ends with that: it was asked for help, or cannot
+// understand what it was asked for.
+std::optional<int> ends_with(CLI::App& app, int argc, char** argv)
+{
+    app.failure_message(complaint);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : usage_error;
+    }
+    return std::nullopt;
 }
 
 DiskRecord find_disk(const std::string& run_dir, const std::string& name)
@@ -77,7 +107,8 @@ int serve(int argc, char** argv)
     app.add_flag("--no-fuse", no_fuse, "NBD only, no disk files");
     app.add_option("--group", group, "group that may use the sockets");
     app.set_version_flag("--version", "quendreld 3.1.0");
-    CLI11_PARSE(app, argc, argv);
+    if (const auto end = ends_with(app, argc, argv))
+        return *end;
 
     config.fuse = !no_fuse;
     config.group = group_number(group);
@@ -106,7 +137,8 @@ int stop(int argc, char** argv)
     bool force = false;
     app.add_option("--run-dir", run_dir)->required();
     app.add_flag("--force", force, "even when a disk is mounted on this host; it is written out first");
-    CLI11_PARSE(app, argc, argv);
+    if (const auto end = ends_with(app, argc, argv))
+        return *end;
     stop_daemon(absolute(run_dir), force);
     return 0;
 }
@@ -120,7 +152,8 @@ int attach(int argc, char** argv)
     app.add_option("--run-dir", run_dir)->required();
     app.add_flag("--json", json, "print JSON");
     app.add_flag("--read-only", read_only);
-    CLI11_PARSE(app, argc, argv);
+    if (const auto end = ends_with(app, argc, argv))
+        return *end;
 
     const DiskRecord disk = find_disk(absolute(run_dir), name);
     const HostLoop loop = attach_disk(disk, read_only);
@@ -146,7 +179,8 @@ int detach(int argc, char** argv)
     std::string run_dir, name;
     app.add_option("DISK", name, "its name: sda")->required();
     app.add_option("--run-dir", run_dir)->required();
-    CLI11_PARSE(app, argc, argv);
+    if (const auto end = ends_with(app, argc, argv))
+        return *end;
     if (!detach_disk(find_disk(absolute(run_dir), name)))
         std::cout << name << " is not attached\n";
     return 0;

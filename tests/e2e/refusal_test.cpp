@@ -73,6 +73,25 @@ TEST_F(Refusal, APartitionWithoutAFileSystem)
     EXPECT_EQ(entries(), "");
 }
 
+TEST_F(Refusal, AFileSystemWithBlocksLargerThanAPageIsNamedAsThat)
+{
+    for (const std::string size : {"16384", "65536"}) {
+        std::filesystem::remove(image);
+        make_image(image, 64 * MiB, {});
+        must_run({"mke2fs", "-q", "-t", "ext4", "-F", "-b", size, image});
+        Serving serving({image}, run_dir, {"--no-fuse"});
+        const std::string reason = "sda has a file system with blocks of " + size +
+                                   " bytes; the driver handles blocks of 512 to 4096 bytes\n";
+        const Outcome outcome = back_up("sda");
+        EXPECT_EQ(outcome.status, 3);
+        EXPECT_EQ(outcome.err, "qbackup: " + reason);
+        const Outcome status = run({QBACKUP_PROGRAM, "--control", run_dir + "/control.sock", "status"});
+        EXPECT_EQ(status.status, 0);
+        EXPECT_NE(status.out.find(": cannot be backed up: " + reason), std::string::npos) << status.out;
+        EXPECT_EQ(entries(), "");
+    }
+}
+
 TEST_F(Refusal, AWholeDiskThatHasPartitions)
 {
     make_image(image, 16 * MiB, {{2048, 8192}, {10240, 8192}});

@@ -34,7 +34,7 @@ unpack() {
   [ "$(find "$tree" -type f | wc -l)" = "$(wc -l <"$control/md5sums")" ] || fail "md5sums do not name every file"
   [ "$(dpkg-deb -f "$deb" Version)" = "$version" ] || fail "the package is not of version $version"
   local wrong
-  wrong=$(dpkg-deb -c "$deb" | awk '$2 != "root/root" || $1 !~ /^(drwxr-xr-x|-rw-r--r--|-rwxr-xr-x)$/')
+  wrong=$(dpkg-deb -c "$deb" | awk '$2 != "root/root" || $1 !~ /^(drwxr-xr-x|-rw-r--r--|-rwxr-xr-x|lrwxrwxrwx)$/')
   [ -z "$wrong" ] || fail "owner or mode is wrong: $wrong"
   wrong=$(find "$tree" -type f -exec grep -lF "$top" {} + || true)
   [ -z "$wrong" ] || fail "the path of the checkout is in $wrong"
@@ -48,7 +48,7 @@ unpack() {
   local page
   while IFS= read -r page; do
     gzip -dc "$page" | groff -mandoc -ww -Tutf8 -z 2>&1 | grep . && fail "$page has warnings"
-  done < <(find "$tree/usr/share/man" -name '*.gz')
+  done < <(find "$tree/usr/share" -path '*/man/*' -name '*.gz')
   local package
   package=$(dpkg-deb -f "$deb" Package)
   [ -s "$tree/usr/share/doc/$package/copyright" ] || fail "no copyright file"
@@ -141,6 +141,58 @@ tools_package_is_sound() {
     known=$("$tree/usr/bin/qbackup" "$command" --help | grep -oE '^ +(-[a-z], ?)?--[a-z-]+' | grep -oE -- '--[a-z-]+' | grep -vxE -- '--help' | sort)
     [ "$offered" = "$known" ] || fail "$command has the options $known and completion offers $offered"
   done
+}
+
+# What is in a root file system with both library packages is all that a program needs to be made, and to run.
+library_packages_are_sound() {
+  local arch major=${version%%.*} root=$work/root file header
+  arch=$(dpkg --print-architecture)
+  "$top/packaging/build" --only dev --output "$work" --build-dir "$place/build" >"$work/built"
+  [ "$(cat "$work/built")" = "$work/libquendrel${major}_${version}_$arch.deb
+$work/libquendrel-dev_${version}_$arch.deb" ] || fail "packaging/build printed $(cat "$work/built")"
+
+  unpack "$work/libquendrel${major}_${version}_$arch.deb"
+  expect "$work/control/shlibs" "^libquendrel $major libquendrel$major \\(>= $version\\)\$"
+  expect "$work/control/triggers" '^activate-noawait ldconfig$'
+  dpkg-deb -f "$work/libquendrel${major}_${version}_$arch.deb" Depends | grep -qE '(^|, )libstdc\+\+6 ' || fail "libstdc++ is not needed"
+  file=$(find "$work/tree/usr/lib" -name "libquendrel.so.$version" -type f)
+  [ "$(readlink "${file%."${version#*.}"}")" = "libquendrel.so.$version" ] || fail "libquendrel.so.$major is missing"
+  ! readelf -SW "$file" | grep -qE ' \.(debug_|symtab)' || fail "$file is not stripped"
+  [ "$(find "$work/tree/usr" -name '*.so*' | wc -l)" = 2 ] || fail "the library has other names, which programs are not run with"
+  cp -a "$work/tree" "$root"
+
+  unpack "$work/libquendrel-dev_${version}_$arch.deb"
+  [ "$(dpkg-deb -f "$work/libquendrel-dev_${version}_$arch.deb" Depends)" = "libquendrel$major (= $version)" ] ||
+    fail "the library that the link points to is not among the dependencies"
+  cp -a "$work/tree/." "$root"
+  for header in quendrel.h quendrel/control_device.h; do
+    [ -e "$root/usr/include/$header" ] || fail "<$header> is missing"
+  done
+  # The page of the control device stands beside the module's package's own copy.
+  for file in 3:libquendrel 4:quendrel 7:quendrel-socket; do
+    man -M "$root/usr/share/man" -w "${file%:*}" "${file#*:}" >/dev/null || fail "man does not find ${file#*:}(${file%:*})"
+  done
+  dkms_package
+  for file in $(cd "$work/tree" && find . -type f); do
+    [ ! -e "$root/$file" ] || fail "$file is in two packages"
+  done
+
+  mkdir "$work/program"
+  cd "$work/program"
+  export PKG_CONFIG_SYSROOT_DIR=$root
+  PKG_CONFIG_PATH=$(dirname "$(find "$root" -name quendrel.pc)")
+  export PKG_CONFIG_PATH
+  gcc -I"$root/usr/include" "$root/usr/share/doc/libquendrel-dev/examples/backup.c" -o backup || fail "the example in C does not build"
+  local status=0
+  ./backup 2>usage || status=$?
+  [ $status = 2 ] || fail "the example in C ends with $status"
+  echo '#include <quendrel/error.h>
+#include <iostream>
+int main() { std::cout << quendrel::codeText("SnapShot", 9) << "\n"; }' >program.cpp
+  # shellcheck disable=SC2046
+  g++ -std=c++20 -I"$root/usr/include" program.cpp $(pkg-config --libs quendrel) -L"${PKG_CONFIG_PATH%/pkgconfig}" -o program ||
+    fail "no program can be linked"
+  LD_LIBRARY_PATH=${PKG_CONFIG_PATH%/pkgconfig} ./program | grep -q '^another backup is running' || fail "the library does not work"
 }
 
 module_builds_from_the_dkms_package() {

@@ -185,8 +185,10 @@ int commandStatus(const CommonOptions& common, const StatusOptions& options)
                 entry["blockSize"] = geometry.blockSize;
                 line += ", blocks of " + std::to_string(geometry.blockSize) + " bytes";
             } catch (const quendrel::Error& error) {
-                entry["problem"] = quendrel::codeText(error.command(), error.code());
-                line += ": cannot be backed up: " + quendrel::codeText(error.command(), error.code());
+                const auto known = device.blockSize != 0 ? unfitBlockSize(device.name, device.blockSize) : std::nullopt;
+                const std::string problem = known.value_or(quendrel::codeText(error.command(), error.code()));
+                entry["problem"] = problem;
+                line += ": cannot be backed up: " + problem;
             }
         }
         document["devices"].push_back(entry);

@@ -62,6 +62,7 @@ try {
         whole.number = {disk.at("major").get<std::uint32_t>(), disk.at("minor").get<std::uint32_t>()};
         whole.bytes = disk.at("bytes");
         whole.type = disk.value("type", "");
+        whole.blockSize = disk.value("blockSize", 0U);
         if (!file.empty())
             whole.hostDevices = host_.loopsOver(file, 0);
         std::vector<Device> parts;
@@ -71,6 +72,7 @@ try {
             part.number = {entry.at("major").get<std::uint32_t>(), entry.at("minor").get<std::uint32_t>()};
             part.bytes = entry.at("sectors").get<std::uint64_t>() * 512;
             part.type = entry.value("type", "");
+            part.blockSize = entry.value("blockSize", 0U);
             if (!file.empty())
                 part.hostDevices = host_.loopsOver(file, entry.at("start").get<std::uint64_t>());
             whole.partitions.push_back(part.name);

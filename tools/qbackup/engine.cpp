@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "engine.h"
 
+#include "preflight.h"
 #include "transfer.h"
+#include "utc.h"
 
 #include <algorithm>
 #include <chrono>
-#include <ctime>
 #include <limits>
 #include <optional>
 
@@ -17,16 +18,6 @@ namespace
 using quendrel::Bitmap;
 using quendrel::ControlDevice;
 using quendrel::Error;
-
-std::string utcNow()
-{
-    const std::time_t seconds = std::time(nullptr);
-    std::tm utc{};
-    ::gmtime_r(&seconds, &utc);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
-    return text;
-}
 
 class Session
 {
@@ -71,10 +62,8 @@ class Session
         const std::uint64_t bytes = job_.device.bytes != 0 ? job_.device.bytes : std::uint64_t{geometry.sizeKiB} * 1024;
         // What lies beyond the last whole block belongs to no block of the file system.
         const std::uint64_t blocks = bytes / geometry.blockSize;
-        if (geometry.blockSize > 4096 || 4096 % geometry.blockSize != 0)
-            throw Failure{Exit::refused, job_.device.name + " has a file system with blocks of " +
-                                             std::to_string(geometry.blockSize) +
-                                             " bytes; the driver handles blocks of 512 to 4096 bytes"};
+        if (const auto problem = unfitBlockSize(job_.device.name, geometry.blockSize))
+            throw Failure{Exit::refused, *problem};
         if (blocks == 0 || blocks > std::numeric_limits<std::uint32_t>::max() - 8)
             throw Failure{Exit::refused, job_.device.name + " has " + std::to_string(blocks) +
                                              " blocks; the driver handles from 1 to 2^32 - 8"};
@@ -165,7 +154,7 @@ class Session
             snapshot({});
         }
         expectState(QUENDREL_STATE_SNAPSHOT, "after the snapshot");
-        manifest_.time = utcNow();
+        manifest_.time = utcNow("%Y-%m-%dT%H:%M:%SZ");
         std::optional<Bitmap> changed;
         if (previous_) {
             // Fetched before any map is loaded: loading one over it would leave the driver's pages behind.

@@ -49,6 +49,23 @@ int report(const CommonOptions& common, int code, const std::string& text)
     return code;
 }
 
+// What is wrong with the command line. A word that is not known goes before one that is missing: it is often the missing
+// one, misspelt.
+std::string complaint(const CLI::App* app, const CLI::Error& error)
+{
+    std::string program = app->get_name();
+    for (const CLI::App* subcommand : app->get_subcommands())
+        program += " " + subcommand->get_name();
+    for (const std::string& word : app->remaining(true)) {
+        if (word == "--")
+            continue;
+        const std::string name = word.substr(0, word.find('='));
+        return "qbackup: " + name + (name.starts_with('-') ? ": unknown option" : ": not expected here") + "; see " +
+               program + " --help\n";
+    }
+    return "qbackup: " + std::string(error.what()) + "; see " + program + " --help\n";
+}
+
 constexpr const char* footer =
     "Exit codes: 0 done; 1 failed, nothing half-done is left; 2 bad arguments; 3 refused before\n"
     "anything was started; 4 another backup is running; 5 a stored backup is damaged or its chain\n"
@@ -67,6 +84,7 @@ int main(int argc, char** argv)
 
     CLI::App app{"Full and incremental backups of block devices that are in use", "qbackup"};
     app.footer(footer);
+    app.failure_message(complaint);
     app.require_subcommand(1);
     app.fallthrough();
     app.set_version_flag("--version", "qbackup 3.1.0");

@@ -46,8 +46,20 @@ std::uint64_t freeBytes(const fs::path& path)
 
 } // namespace
 
+std::optional<std::string> unfitBlockSize(const std::string& name, std::uint32_t block_size)
+{
+    if (block_size >= 512 && block_size <= 4096 && 4096 % block_size == 0)
+        return std::nullopt;
+    return name + " has a file system with blocks of " + std::to_string(block_size) +
+           " bytes; the driver handles blocks of 512 to 4096 bytes";
+}
+
 void refuseUnfitDevice(const Device& device)
 {
+    // The driver would only say that nothing is mounted.
+    if (device.blockSize != 0)
+        if (const auto problem = unfitBlockSize(device.name, device.blockSize))
+            throw Failure{Exit::refused, *problem};
     if (!device.partitions.empty())
         throw Failure{Exit::refused, device.name +
                                          " is a whole disk with partitions, and its writes belong to them; "

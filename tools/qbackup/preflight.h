@@ -11,8 +11,12 @@
 namespace qbackup
 {
 
+// What of the file system's block size, in bytes, the driver cannot handle, as a sentence about `name`; nothing when it
+// can.
+std::optional<std::string> unfitBlockSize(const std::string& name, std::uint32_t block_size);
+
 // Throws Failure (refused) when the device cannot be backed up at all: a whole disk that has partitions, a part of
-// another device.
+// another device, a file system whose blocks are known to be of an unfit size.
 void refuseUnfitDevice(const Device& device);
 
 // Throws Failure (refused) when this host's kernel cannot freeze the file system mounted on the device.

@@ -2,6 +2,7 @@
 #include "repository.h"
 
 #include "failure.h"
+#include "utc.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -10,7 +11,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <tuple>
 
 namespace qbackup
@@ -20,16 +20,6 @@ namespace
 
 constexpr const char* partial_prefix = ".partial-";
 constexpr const char* lock_name = ".lock";
-
-std::string stampNow()
-{
-    const std::time_t seconds = std::time(nullptr);
-    std::tm utc{};
-    ::gmtime_r(&seconds, &utc);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &utc);
-    return text;
-}
 
 void writeDurably(const fs::path& path, std::span<const std::byte> bytes)
 {
@@ -191,7 +181,7 @@ PendingBackup Repository::begin() const
     for (const auto& entry : fs::directory_iterator{directory_})
         highest =
             std::max(highest, static_cast<std::uint32_t>(std::strtoul(entry.path().filename().c_str(), nullptr, 10)));
-    return PendingBackup{directory_, highest + 1, stampNow()};
+    return PendingBackup{directory_, highest + 1, utcNow("%Y%m%dT%H%M%SZ")};
 }
 
 StoredBackup readBackup(const fs::path& directory)

@@ -2,6 +2,7 @@
 #include "run_lock.h"
 
 #include "failure.h"
+#include "utc.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -10,7 +11,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <ctime>
 #include <thread>
 
 namespace qbackup
@@ -42,16 +42,6 @@ bool isOwner(const File& file)
     return ::fstat(file.fd(), &st) == 0 && st.st_uid == ::geteuid();
 }
 
-std::string now()
-{
-    const std::time_t seconds = std::time(nullptr);
-    std::tm utc{};
-    ::gmtime_r(&seconds, &utc);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
-    return text;
-}
-
 } // namespace
 
 RunLock::RunLock(const fs::path& lock_file, const std::string& purpose, const fs::path& control)
@@ -74,7 +64,8 @@ RunLock::RunLock(const fs::path& lock_file, const std::string& purpose, const fs
     if (locked != 0)
         throw Failure{Exit::failed, "cannot lock " + lock_file.string() + ": " + errnoText(errno)};
     file_.truncate(0);
-    file_.writeAt(0, asBytes("process " + std::to_string(::getpid()) + ", " + purpose + ", since " + now() + "\n"));
+    file_.writeAt(0, asBytes("process " + std::to_string(::getpid()) + ", " + purpose + ", since " +
+                             utcNow("%Y-%m-%dT%H:%M:%SZ") + "\n"));
 }
 
 std::optional<std::string> RunLock::holder(const fs::path& lock_file)

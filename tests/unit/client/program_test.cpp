@@ -133,6 +133,15 @@ TEST_F(Program, BadArgumentsGive2)
     EXPECT_EQ(backup({"--cache-blocks", "0"}).code, 2);
 }
 
+TEST_F(Program, AnUnknownArgumentIsNamedEvenWhenOthersAreMissing)
+{
+    EXPECT_EQ(call({"--bogus"}).err, "qbackup: --bogus: unknown option; see qbackup --help\n");
+    EXPECT_EQ(call({"bakcup"}).err, "qbackup: bakcup: not expected here; see qbackup --help\n");
+    EXPECT_EQ(call({"backup", "--devise=sda1"}).err, "qbackup: --devise: unknown option; see qbackup backup --help\n");
+    EXPECT_EQ(call({"backup", "--devise"}).code, 2);
+    EXPECT_EQ(call({"backup"}).err, "qbackup: --device is required; see qbackup backup --help\n");
+}
+
 TEST_F(Program, RefusalsGive3WithAReason)
 {
     Result result = call({"backup", "--device", "sda", "--to", machine.directory.path(), "--json"});

@@ -39,6 +39,21 @@ TEST(RunLock, GoesWithItsHolder)
     EXPECT_NO_THROW(RunLock(file, "two"));
 }
 
+TEST(RunLock, TheLineOfALongerHolderBeforeLeavesNoTail)
+{
+    const Directory directory;
+    const fs::path file = directory / "lock";
+    {
+        const RunLock lock{file, "backup of a device with a long name to a directory with a long name"};
+    }
+    const RunLock lock{file, "short"};
+    const std::string text = RunLock::holder(file).value();
+    EXPECT_NE(text.find(", short, since "), std::string::npos) << text;
+    EXPECT_EQ(text.find('\n'), std::string::npos) << text;
+    EXPECT_EQ(text.find("long name"), std::string::npos) << text;
+    EXPECT_EQ(text.back(), 'Z') << text;
+}
+
 TEST(RunLock, KilledHolderHoldsNothing)
 {
     const Directory directory;

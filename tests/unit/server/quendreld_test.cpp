@@ -210,6 +210,43 @@ TEST_F(Quendreld, BadDisksAndBadOptionsAreNamed)
     EXPECT_NE(refusal({image, "--run-dir", scratch / std::string(200, 'r')}).find("too long"), std::string::npos);
 }
 
+TEST_F(Quendreld, AnUnknownOptionIsAUsageErrorThatNamesIt)
+{
+    // Whatever else is missing: the unknown one may have been meant to be that.
+    const std::vector<std::pair<std::vector<std::string>, std::string>> wrong{
+        {{"--bogus"}, "quendreld: --bogus: unknown option; see quendreld --help\n"},
+        {{"disk.img", "--rundir=" + run_dir}, "quendreld: --rundir: unknown option; see quendreld --help\n"},
+        {{"disk.img", "--run-dir", run_dir, "-x"}, "quendreld: -x: unknown option; see quendreld --help\n"},
+        {{"stop", "--bogus"}, "quendreld: --bogus: unknown option; see quendreld stop --help\n"},
+        {{"stop", "sda", "--run-dir", run_dir}, "quendreld: sda: not expected here; see quendreld stop --help\n"},
+        {{"attach", "sda", "--bogus"}, "quendreld: --bogus: unknown option; see quendreld attach --help\n"},
+        {{"detach", "--bogus", "sda"}, "quendreld: --bogus: unknown option; see quendreld detach --help\n"},
+    };
+    for (auto [words, text] : wrong) {
+        words.insert(words.begin(), Serving::program());
+        const Outcome outcome = run(words);
+        EXPECT_EQ(outcome.status, 2) << text;
+        EXPECT_EQ(outcome.err, text);
+        EXPECT_EQ(outcome.out, "");
+    }
+}
+
+TEST_F(Quendreld, AMissingArgumentIsAUsageErrorThatNamesIt)
+{
+    const std::vector<std::pair<std::vector<std::string>, std::string>> wrong{
+        {{}, "DISK"}, {{"disk.img"}, "--run-dir"},     {{"disk.img", "--run-dir"}, "--run-dir"},
+        {{"stop"}, "--run-dir"}, {{"attach", "sda"}, "--run-dir"}, {{"detach", "--run-dir", run_dir}, "DISK"},
+    };
+    for (auto [words, name] : wrong) {
+        words.insert(words.begin(), Serving::program());
+        const Outcome outcome = run(words);
+        EXPECT_EQ(outcome.status, 2) << outcome.err;
+        EXPECT_EQ(outcome.err.find("quendreld: " + name), 0u) << outcome.err;
+    }
+    for (const char* command : {"stop", "attach", "detach"})
+        EXPECT_EQ(run({Serving::program(), command, "--help"}).status, 0);
+}
+
 TEST_F(Quendreld, AttachingADiskThatIsNotServedNamesThoseThatAre)
 {
     make();
