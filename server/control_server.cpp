@@ -119,24 +119,14 @@ bool send(int socket, const ControlSession::Answer& answer)
 
 } // namespace
 
-ControlServer::ControlServer(Options options) : options_(std::move(options))
+ControlServer::ControlServer(Options options)
+    : options_(std::move(options)), quietly_(options_.report),
+      listener_({.path = options_.socket,
+                 .type = SOCK_SEQPACKET,
+                 .group = options_.group,
+                 .credentials = true,
+                 .report = options_.report})
 {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (options_.socket.size() >= sizeof address.sun_path)
-        throw std::system_error(ENAMETOOLONG, std::generic_category(), options_.socket);
-    std::strcpy(address.sun_path, options_.socket.c_str());
-    listener_ = UniqueFd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    if (!listener_)
-        throw std::system_error(errno, std::generic_category(), "control socket");
-    // No one may connect before owner and mode are right: listening comes after.
-    const int one = 1;
-    if (::bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        (options_.group != gid_t(-1) && ::chown(options_.socket.c_str(), uid_t(-1), options_.group) != 0) ||
-        ::chmod(options_.socket.c_str(), 0660) != 0 ||
-        ::setsockopt(listener_.get(), SOL_SOCKET, SO_PASSCRED, &one, sizeof one) != 0 ||
-        ::listen(listener_.get(), 64) != 0)
-        throw std::system_error(errno, std::generic_category(), options_.socket + ": cannot offer the control device");
     thread_ = std::thread([this] { listen_loop(); });
 }
 
@@ -149,11 +139,10 @@ ControlServer::~ControlServer()
             ::shutdown(client.socket.get(), SHUT_RDWR);
     }
     changed_.notify_all();
-    ::shutdown(listener_.get(), SHUT_RDWR);
+    listener_.wake();
     thread_.join();
     for (Client& client : clients_)
         client.thread.join();
-    ::unlink(options_.socket.c_str());
 }
 
 unsigned ControlServer::clients() const
@@ -165,41 +154,60 @@ unsigned ControlServer::clients() const
 void ControlServer::listen_loop()
 {
     for (;;) {
-        UniqueFd socket(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        const int error = errno;
-        std::list<Client> ended;
-        std::unique_lock lock(mutex_);
-        // Some more than can be inside, for those that are told that it is busy. When even these are taken, by clients
-        // that hung up and are being closed, say, the next one waits a little for one of them to end.
-        const std::size_t most = 2 * options_.most_clients;
-        if (socket && clients_.size() >= most)
-            changed_.wait_for(lock, std::chrono::seconds(1), [this] {
-                return stop_ ||
-                       std::any_of(clients_.begin(), clients_.end(), [](const Client& c) { return c.finished; });
-            });
+        reap();
+        {
+            // Some more threads than can be inside, for those that are told that it is busy. When even these are
+            // taken, by clients that hung up and are being closed, say, the next client waits.
+            std::unique_lock lock(mutex_);
+            if (!stop_ && clients_.size() >= most_threads()) {
+                changed_.wait(lock, [this] {
+                    return stop_ ||
+                           std::any_of(clients_.begin(), clients_.end(), [](const Client& c) { return c.finished; });
+                });
+            }
+            if (stop_)
+                return;
+            if (clients_.size() >= most_threads())
+                continue;
+        }
+        if (UniqueFd socket = listener_.accept())
+            take(std::move(socket));
+    }
+}
+
+void ControlServer::take(UniqueFd socket)
+{
+    std::list<Client> one;
+    try {
+        one.emplace_back().socket = std::move(socket);
+        std::lock_guard lock(mutex_);
         if (stop_)
             return;
+        Client& client = one.front();
+        client.thread = std::thread([this, &client] { serve(client); });
+        clients_.splice(clients_.end(), one);
+    } catch (const std::exception& error) { // no thread, no memory
+        if (!one.empty() && one.front().socket)
+            send(one.front().socket.get(), ControlSession::answer(-ENOMEM));
+        quietly_(std::string("a client of the control device was turned away: ") + error.what());
+    }
+}
+
+// Joins the threads of those that have left, and closes their sockets.
+void ControlServer::reap()
+{
+    std::list<Client> left;
+    {
+        std::lock_guard lock(mutex_);
         for (auto at = clients_.begin(); at != clients_.end();) {
             const auto next = std::next(at);
             if (at->finished)
-                ended.splice(ended.end(), clients_, at);
+                left.splice(left.end(), clients_, at);
             at = next;
         }
-        if (socket) {
-            if (clients_.size() < most) {
-                Client& client = clients_.emplace_back();
-                client.socket = std::move(socket);
-                client.thread = std::thread([this, &client] { serve(client); });
-            } else {
-                send(socket.get(), ControlSession::answer(-EBUSY));
-            }
-        } else if (error != EINTR && error != ECONNABORTED) {
-            changed_.wait_for(lock, std::chrono::milliseconds(100)); // no descriptors left: let some be closed
-        }
-        lock.unlock();
-        for (Client& client : ended)
-            client.thread.join();
     }
+    for (Client& client : left)
+        client.thread.join();
 }
 
 bool ControlServer::enter(Client& client)
@@ -272,8 +280,9 @@ void ControlServer::serve(Client& client)
     {
         std::lock_guard lock(mutex_);
         client.finished = true;
+        changed_.notify_all();
+        listener_.wake();
     }
-    changed_.notify_all();
 }
 
 } // namespace quendreld

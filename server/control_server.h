@@ -9,6 +9,7 @@
 //   A client whose predecessor has hung up already waits for its close; any other gets -EBUSY.
 #pragma once
 
+#include "listener.h"
 #include "unique_fd.h"
 
 #include <sys/types.h>
@@ -32,6 +33,7 @@ class ControlServer
         bool multi_client = false;
         unsigned most_clients = 32;
         std::function<void()> before_open; // called before each open of the control device; may be empty
+        std::function<void(std::string_view)> report = [](std::string_view) {}; // a line for the log
     };
 
     explicit ControlServer(Options options); // throws std::system_error
@@ -48,12 +50,17 @@ class ControlServer
     };
 
     void listen_loop();
+    void take(UniqueFd socket);
+    void reap();
     void serve(Client& client);
     bool enter(Client& client); // false: busy
     void leave(Client& client);
 
-    Options options_;
-    UniqueFd listener_;
+    std::size_t most_threads() const { return 2 * std::size_t(options_.most_clients); }
+
+    const Options options_;
+    QuietReport quietly_;
+    Listener listener_;
     mutable std::mutex mutex_; // guards the clients' flags, clients_ and stop_; outermost
     std::condition_variable changed_;
     std::list<Client> clients_;

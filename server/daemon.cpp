@@ -44,12 +44,12 @@ bool sync_with_patience(const std::string& mount_point)
 
 } // namespace
 
-Daemon::Daemon(Config config) : config_(std::move(config)), run_(config_.run_dir)
+Daemon::Daemon(Config config, UniqueFd guardian) : config_(std::move(config)), run_(config_.run_dir)
 {
     log_ = std::make_unique<LogFile>(run_.log(), config_.foreground);
     hosted::log_set_sink([this](std::string_view line) { report(line); });
-    if (config_.guardian_fd >= 0)
-        guardian_ = std::make_shared<Guardian>(UniqueFd(config_.guardian_fd));
+    if (guardian)
+        guardian_ = std::make_shared<Guardian>(std::move(guardian));
     // Memory that is paged out while its own disk waits would never come back. Pages count when they are touched:
     // most of a thread's stack never is.
     if (::mlockall(MCL_CURRENT | MCL_FUTURE | MCL_ONFAULT) != 0)
@@ -90,11 +90,17 @@ Daemon::Daemon(Config config) : config_(std::move(config)), run_(config_.run_dir
         file_systems_->refresh();
         write_file_whole(run_.disks_json(), disks_to_json(file_systems_->records()));
 
+        nbd_ = std::make_unique<nbd::Server>(
+            served, nbd::Server::Options{.socket = run_.nbd_socket(),
+                                         .group = gid_t(config_.group),
+                                         .report = [this](std::string_view line) { report(line); }});
+
         ControlServer::Options options;
         options.socket = run_.control_socket();
         options.group = gid_t(config_.group);
         options.multi_client = config_.multi_client;
         options.before_open = [this] { look_for_file_systems(); };
+        options.report = [this](std::string_view line) { report(line); };
         control_ = std::make_unique<ControlServer>(std::move(options));
     } catch (...) {
         take_down();
@@ -107,19 +113,18 @@ Daemon::Daemon(Config config) : config_(std::move(config)), run_(config_.run_dir
 
 Daemon::~Daemon()
 {
+    if (!ended_)
+        end();
+}
+
+std::string Daemon::end()
+{
+    ended_ = true;
     report("ending");
-    take_down();
+    return take_down();
 }
 
 void Daemon::report(std::string_view line) { log_->print(line); }
-
-ServedDisk* Daemon::find(std::string_view name) const
-{
-    for (const auto& disk : disks_)
-        if (name.empty() || disk->name() == name)
-            return disk.get();
-    return nullptr;
-}
 
 void Daemon::add_disks()
 {
@@ -177,14 +182,20 @@ void Daemon::write_out_mounts()
     }
 }
 
-void Daemon::take_down()
+std::string Daemon::take_down()
 {
+    std::string wrong;
     control_.reset();
+    nbd_.reset();
     write_out_mounts();
     fuse_.reset();
-    for (const auto& disk : disks_)
-        if (const int error = disk->disk()->flush(); error && !config_.read_only)
-            report(disk->name() + ": flush failed: " + std::strerror(-error));
+    for (const auto& disk : disks_) {
+        if (const int error = disk->disk()->flush(); error && !config_.read_only) {
+            const std::string line = disk->name() + ": flush failed: " + std::strerror(-error);
+            report(line);
+            wrong += line + "\n";
+        }
+    }
     file_systems_.reset();
     if (driver_loaded_)
         if (const int error = hosted::unload_driver(); error != 0)
@@ -194,9 +205,9 @@ void Daemon::take_down()
         hosted::remove_disk(disk->disk());
     disks_.clear();
     ::unlink(run_.disks_json().c_str());
-    ::unlink(run_.nbd_socket().c_str());
     ::rmdir(run_.disks().c_str());
     hosted::log_set_sink(nullptr);
+    return wrong;
 }
 
 } // namespace quendreld

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
-// The daemon's inside: the hosted kernel with its disks and the driver, and everything that stands in front of it
-// except NBD, which belongs to the program this is loaded into.
+// The daemon's inside: the hosted kernel with its disks and the driver, and everything that stands in front of it.
 //
-// Order of building, which taking down reverses: disks, driver, file systems, disk files (FUSE), control socket.
+// Order of building: disks, driver, disk files (FUSE), file systems, NBD, control socket. Taking down ends the control
+// clients first, as a backup under way may hold requests of the others.
 #pragma once
 
 #include "config.h"
@@ -10,6 +10,7 @@
 #include "file_systems.h"
 #include "fuse_front.h"
 #include "log_file.h"
+#include "nbd/server.h"
 #include "run_dir.h"
 #include "served_disk.h"
 
@@ -25,13 +26,13 @@ class Daemon
 {
   public:
     // Starts everything. Throws std::exception with a message for the user; what was started is taken down again.
-    explicit Daemon(Config config);
-    // Ends clients (a backup under way is detached), writes out what is mounted here, makes the disks durable.
-    ~Daemon();
+    // `guardian`: its socket, or none.
+    Daemon(Config config, UniqueFd guardian);
+    ~Daemon(); // ends, if end was not called
 
-    // The served disks, in order. Valid as long as the daemon.
-    const std::vector<std::unique_ptr<ServedDisk>>& disks() const { return disks_; }
-    ServedDisk* find(std::string_view name) const; // "": the first; null: none of that name
+    // Ends clients (a backup under way is detached), answers what was accepted, writes out what is mounted here, makes
+    // the disks durable. The result tells, in lines, what could not be made durable; mostly it is empty.
+    std::string end();
 
     void report(std::string_view line); // into the log
 
@@ -39,7 +40,7 @@ class Daemon
     void add_disks();
     void look_for_file_systems(); // and describe the disks anew when something changed
     void write_out_mounts();
-    void take_down();
+    std::string take_down();
 
     const Config config_;
     const RunDir run_;
@@ -50,7 +51,9 @@ class Daemon
     std::mutex describe_; // one look at a time; outermost
     std::unique_ptr<FileSystems> file_systems_;
     std::unique_ptr<FuseFront> fuse_;
+    std::unique_ptr<nbd::Server> nbd_;
     std::unique_ptr<ControlServer> control_;
+    bool ended_ = false;
 };
 
 } // namespace quendreld

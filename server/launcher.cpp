@@ -3,7 +3,9 @@
 
 #include "attach.h"
 #include "guardian.h"
+#include "listener.h"
 #include "run_dir.h"
+#include "service.h"
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -24,13 +26,6 @@
 #include <stdexcept>
 #include <system_error>
 
-#ifndef QUENDRELD_NBDKIT
-#define QUENDRELD_NBDKIT "/usr/bin/nbdkit"
-#endif
-#ifndef QUENDRELD_PLUGIN_DIR
-#define QUENDRELD_PLUGIN_DIR "/usr/lib/quendrel"
-#endif
-
 namespace quendreld
 {
 
@@ -39,25 +34,11 @@ namespace fs = std::filesystem;
 namespace
 {
 
-constexpr const char* plugin_name = "quendreld-nbd.so";
 constexpr int stop_patience_ms = 90'000;
 
 std::runtime_error failure(const std::string& what, int error)
 {
     return std::runtime_error(what + ": " + std::strerror(error));
-}
-
-// Beside the program (a build tree), else where packages install it.
-std::string find_plugin()
-{
-    std::error_code error;
-    const fs::path beside = fs::read_symlink("/proc/self/exe", error).parent_path() / plugin_name;
-    if (!error && fs::exists(beside, error))
-        return beside;
-    const fs::path installed = fs::path(QUENDRELD_PLUGIN_DIR) / plugin_name;
-    if (fs::exists(installed, error))
-        return installed;
-    throw std::runtime_error(installed.string() + ": missing; reinstall quendreld");
 }
 
 std::uint64_t size_of(int fd, const struct stat& status, const std::string& path)
@@ -107,24 +88,8 @@ std::string check_image(const std::string& path, bool read_only, std::set<std::p
 
 void check_lengths(const RunDir& run)
 {
-    // sun_path has 108 bytes.
-    if (run.control_socket().size() > 107)
+    if (run.control_socket().size() > Listener::longest_path)
         throw std::runtime_error(run.path() + ": the path is too long for a socket in it; choose a shorter one");
-}
-
-[[noreturn]] void become_nbdkit(const Config& config, const std::string& plugin)
-{
-    const RunDir run(config.run_dir);
-    write_file_whole(run.pid(), std::to_string(::getpid()) + "\n");
-    ::umask(0117); // nbdkit makes its socket with this: 0660 from the first moment
-    const std::string parameter = "config=" + to_json(config);
-    const std::string socket = run.nbd_socket();
-    std::vector<const char*> words{QUENDRELD_NBDKIT, "--foreground", "--unix", socket.c_str()};
-    if (config.read_only)
-        words.push_back("--readonly");
-    words.insert(words.end(), {plugin.c_str(), parameter.c_str(), nullptr});
-    ::execv(words[0], const_cast<char**>(words.data()));
-    throw failure(std::string(words[0]) + ": cannot run (package nbdkit)", errno);
 }
 
 std::string last_lines(const std::string& path)
@@ -138,8 +103,13 @@ std::string last_lines(const std::string& path)
     return text.size() > 600 ? text.substr(text.size() - 600) : text;
 }
 
-[[noreturn]] void run_child(Config& config, const std::string& plugin, int ready)
+// The background process: what it has to say before it is ready goes to `ready`.
+[[noreturn]] void run_child(const Config& config, UniqueFd ready)
 {
+    const auto tell = [&ready](const std::string& text) {
+        [[maybe_unused]] const auto written = ::write(ready.get(), text.data(), text.size());
+        ready.reset();
+    };
     try {
         ::setsid();
         const RunDir run(config.run_dir);
@@ -154,12 +124,11 @@ std::string last_lines(const std::string& path)
         log.reset();
         if (::chdir("/") != 0)
             throw failure("/", errno);
-        config.guardian_fd = start_guardian().release();
-        config.ready_fd = ready;
-        become_nbdkit(config, plugin);
+        UniqueFd guardian = start_guardian();
+        write_file_whole(run.pid(), std::to_string(::getpid()) + "\n");
+        ::_exit(run_service(config, std::move(guardian), [&tell] { tell("ok\n"); }));
     } catch (const std::exception& error) {
-        const std::string text = error.what();
-        [[maybe_unused]] const auto written = ::write(ready, text.data(), text.size());
+        tell(error.what());
         ::_exit(1);
     }
 }
@@ -179,28 +148,27 @@ std::vector<std::string> check_images(const std::vector<std::string>& paths, boo
     return resolved;
 }
 
-void launch(Config config)
+int launch(const Config& config, const std::function<void()>& started)
 {
     const RunDir run(config.run_dir);
     check_lengths(run);
-    const std::string plugin = find_plugin();
-    UniqueFd lock = run.take();
+    const UniqueFd lock = run.take();
     run.remove_stale();
     if (config.foreground) {
-        config.guardian_fd = start_guardian().release();
-        lock.release();
-        become_nbdkit(config, plugin);
+        UniqueFd guardian = start_guardian();
+        write_file_whole(run.pid(), std::to_string(::getpid()) + "\n");
+        return run_service(config, std::move(guardian), started);
     }
 
     int ready[2];
-    if (::pipe(ready) != 0)
+    if (::pipe2(ready, O_CLOEXEC) != 0)
         throw failure("pipe", errno);
     const pid_t child = ::fork();
     if (child < 0)
         throw failure("fork", errno);
     if (child == 0) {
         ::close(ready[0]);
-        run_child(config, plugin, ready[1]);
+        run_child(config, UniqueFd(ready[1]));
     }
     ::close(ready[1]);
     std::string message;
@@ -214,8 +182,10 @@ void launch(Config config)
             break;
     }
     ::close(ready[0]);
-    if (message == "ok\n")
-        return;
+    if (message == "ok\n") {
+        started();
+        return 0;
+    }
     ::waitpid(child, nullptr, 0);
     run.remove_stale();
     if (message.empty())
@@ -256,6 +226,15 @@ void stop_daemon(const std::string& run_dir, bool force)
     pollfd ended{process.get(), POLLIN, 0};
     if (::poll(&ended, 1, stop_patience_ms) <= 0)
         throw std::runtime_error("process " + std::to_string(*pid) + " does not end; see " + run.log());
+    std::string how;
+    try {
+        how = read_file(run.ended());
+    } catch (const std::system_error&) {
+        throw std::runtime_error("process " + std::to_string(*pid) +
+                                 " died instead of ending; what was not flushed may be lost. See " + run.log());
+    }
+    if (how != ended_well)
+        throw std::runtime_error("ended, but not everything is on disk:\n" + how);
 }
 
 } // namespace quendreld

@@ -1,10 +1,11 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
-// Starting and stopping the daemon: everything that is checked and prepared before the one process begins, so that
+// Starting and stopping the daemon: everything that is checked and prepared before the process begins, so that
 // a mistake of the caller is answered at once and in words.
 #pragma once
 
 #include "config.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -16,12 +17,14 @@ namespace quendreld
 // std::runtime_error that names the path and what to do.
 std::vector<std::string> check_images(const std::vector<std::string>& paths, bool read_only);
 
-// Becomes the daemon (foreground), or starts one and returns when it is ready. Throws std::runtime_error when it
-// could not be started; the message of what went wrong inside is part of it. The images have been checked.
-void launch(Config config);
+// Becomes the daemon (foreground), or starts one and returns when it is ready; `started` is called when it is. The
+// result is an exit status. Throws std::runtime_error when it could not be started; the message of what went wrong
+// inside is part of it. The images have been checked. To be called while the process has one thread.
+int launch(const Config& config, const std::function<void()>& started);
 
 // Ends the daemon of a run directory and waits until it is gone. Throws std::runtime_error when none runs, when a
-// disk is mounted on this host (unless `force`), or when it does not end.
+// disk is mounted on this host (unless `force`), when it does not end, or when it ended without having made everything
+// durable.
 void stop_daemon(const std::string& run_dir, bool force);
 
 } // namespace quendreld

@@ -89,6 +89,21 @@ DiskRecord find_disk(const std::string& run_dir, const std::string& name)
     throw std::runtime_error(name + ": no such disk there; it serves " + known);
 }
 
+// What a user wants to know when it runs.
+void tell_what_is_served(const RunDir& run)
+{
+    for (const DiskRecord& disk : disks_from_json(read_file(run.disks_json()))) {
+        std::cout << disk.name << "  " << disk.bytes << " bytes  nbd " << disk.nbd;
+        if (!disk.file.empty())
+            std::cout << "  file " << disk.file;
+        std::cout << "\n";
+        for (const PartitionRecord& part : disk.partitions)
+            std::cout << "  " << part.name << "  " << part.sectors * 512 << " bytes"
+                      << (part.file_system ? "  " + part.file_system->type : "") << "\n";
+    }
+    std::cout << "control device  " << run.control_socket() << "\nlog             " << run.log() << "\n" << std::flush;
+}
+
 int serve(int argc, char** argv)
 {
     CLI::App app("Serves disks with the quendrel driver loaded. See also: quendreld stop|attach|detach --help",
@@ -114,20 +129,7 @@ int serve(int argc, char** argv)
     config.group = group_number(group);
     config.run_dir = absolute(run_dir);
     config.images = check_images(paths, config.read_only);
-    launch(config);
-
-    const RunDir run(config.run_dir);
-    for (const DiskRecord& disk : disks_from_json(read_file(run.disks_json()))) {
-        std::cout << disk.name << "  " << disk.bytes << " bytes  nbd " << disk.nbd;
-        if (!disk.file.empty())
-            std::cout << "  file " << disk.file;
-        std::cout << "\n";
-        for (const PartitionRecord& part : disk.partitions)
-            std::cout << "  " << part.name << "  " << part.sectors * 512 << " bytes"
-                      << (part.file_system ? "  " + part.file_system->type : "") << "\n";
-    }
-    std::cout << "control device  " << run.control_socket() << "\nlog             " << run.log() << "\n";
-    return 0;
+    return launch(config, [&config] { tell_what_is_served(RunDir(config.run_dir)); });
 }
 
 int stop(int argc, char** argv)

@@ -78,6 +78,7 @@ void RunDir::remove_stale() const
     ::unlink(nbd_socket().c_str());
     ::unlink(disks_json().c_str());
     ::unlink(pid().c_str());
+    ::unlink(ended().c_str());
     // A FUSE mount whose server died answers ENOTCONN; it goes away lazily, as a loop device may still hold it.
     struct stat status;
     if (::stat(disks().c_str(), &status) != 0 && errno == ENOTCONN)

@@ -29,9 +29,10 @@ class RunDir
     std::string log() const { return path_ + "/log"; }
     std::string lock() const { return path_ + "/lock"; }
     std::string pid() const { return path_ + "/pid"; }
+    std::string ended() const { return path_ + "/ended"; } // how the last daemon here ended; not there if it died
 
     // Makes the directory if it is missing and takes the lock. Throws std::runtime_error that says what to do when
-    // another daemon holds it. The descriptor is inherited over exec: the lock lives as long as the daemon.
+    // another daemon holds it. The lock is the descriptor's, and lives until the last process that inherited it ends.
     UniqueFd take() const;
     bool taken() const;               // a daemon is alive
     std::optional<int> owner() const; // its process id, from RUN/pid

@@ -63,7 +63,7 @@ void ServedDisk::submit(IoRequest* r)
 {
     if (read_only_ && r->op != Op::read && r->op != Op::flush)
         return r->done(r, -EROFS);
-    if ((r->offset | r->bytes) % 512 || r->offset > size_ || r->bytes > size_ - r->offset)
+    if ((r->offset | r->bytes) % 512 || !inside(r->offset, r->bytes))
         return r->done(r, -EINVAL);
     if (r->bytes == 0 && r->op != Op::flush)
         return r->done(r, 0);
@@ -126,6 +126,26 @@ int ServedDisk::run(Op op, std::uint64_t offset, std::uint64_t bytes, std::byte*
     submit(&r);
     r.finished.wait(false, std::memory_order_acquire);
     return r.result;
+}
+
+int ServedDisk::extents(std::uint64_t offset, std::uint64_t bytes, std::size_t most,
+                        std::vector<hosted::Extent>& into) const
+{
+    if (bytes == 0 || !inside(offset, bytes))
+        return -EINVAL;
+    try {
+        return disk_->store().extents(offset, bytes, most, into);
+    } catch (const std::bad_alloc&) {
+        return -ENOMEM;
+    }
+}
+
+int ServedDisk::prefetch(std::uint64_t offset, std::uint64_t bytes) const
+{
+    if (!inside(offset, bytes))
+        return -EINVAL;
+    disk_->store().prefetch(offset, bytes);
+    return 0;
 }
 
 } // namespace quendreld

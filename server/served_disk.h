@@ -42,6 +42,7 @@ class ServedDisk
     std::uint64_t size() const { return size_; }
     bool read_only() const { return read_only_; }
     const std::shared_ptr<hosted::Disk>& disk() const { return disk_; }
+    std::uint32_t block_size() const { return disk_->store().logical_block_size(); } // bytes
 
     // A range outside the disk or off the 512-byte grid ends with -EINVAL, a change of a read-only disk with -EROFS.
     void submit(IoRequest* r);
@@ -49,7 +50,14 @@ class ServedDisk
     int run(hosted::Op op, std::uint64_t offset, std::uint64_t bytes, std::byte* data = nullptr, bool fua = false,
             bool may_unmap = false);
 
+    // What of a range is data and what are holes, in order, at most `most` pieces from its start; neighbours differ. 0,
+    // -EINVAL for an empty range or one outside the disk, or what the host answers.
+    int extents(std::uint64_t offset, std::uint64_t bytes, std::size_t most, std::vector<hosted::Extent>& into) const;
+    // Asks the host to have a range at hand; does not wait for it. 0 or -EINVAL.
+    int prefetch(std::uint64_t offset, std::uint64_t bytes) const;
+
   private:
+    bool inside(std::uint64_t offset, std::uint64_t bytes) const { return offset <= size_ && bytes <= size_ - offset; }
     std::uint64_t next_border(std::uint64_t offset) const;
 
     std::shared_ptr<hosted::Disk> disk_;

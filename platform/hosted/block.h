@@ -14,6 +14,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 
 struct bio_vec {
     page* p;
@@ -97,7 +98,7 @@ class DiskImpl final : public Disk, public std::enable_shared_from_this<DiskImpl
     void wait_until_idle();
 
     // Holds guest requests that change sectors of the range at the door and waits for those inside. False: they did
-    // not leave in time, and nothing is held.
+    // not leave in time, or there is no thread for the door, and nothing is held.
     bool close_door(sector_type start, sector_type sectors);
     void open_door(sector_type start, sector_type sectors);
 
@@ -106,7 +107,11 @@ class DiskImpl final : public Disk, public std::enable_shared_from_this<DiskImpl
 
   private:
     struct Guest; // in GuestRequest::reserved
-    void enter(GuestRequest* r, sector_type sector);
+    bool held(const GuestRequest& r) const; // door_mutex_ is held
+    bool enter(GuestRequest* r);            // false: it lies before the door
+    void send(GuestRequest* r);
+    GuestRequest* take_free();
+    void porter();
     void leave(unsigned epoch);
     bool drain(unsigned epoch, std::chrono::steady_clock::time_point deadline);
     int check(const GuestRequest& r, u32 partition) const;
@@ -126,8 +131,13 @@ class DiskImpl final : public Disk, public std::enable_shared_from_this<DiskImpl
     std::atomic<unsigned> epoch_{0};
     std::atomic<int> inside_[2] = {0, 0};
     std::atomic<int> doors_closed_{0};
-    std::mutex door_mutex_; // guards closed_; taken first by whoever flips the epoch
+    std::mutex door_mutex_; // guards closed_, the list before the door and what belongs to it
     std::condition_variable door_opened_;
+    GuestRequest* before_door_ = nullptr;
+    GuestRequest** before_door_end_ = &before_door_;
+    std::atomic<long> before_door_count_{0};
+    bool porter_ends_ = false;
+    std::thread porter_; // lets in who waited; started by the first closing
     struct Range {
         sector_type start;
         sector_type sectors;

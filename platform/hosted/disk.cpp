@@ -59,7 +59,18 @@ DiskImpl::DiskImpl(DiskConfig config)
     queue_.disk = this;
 }
 
-DiskImpl::~DiskImpl() { store_->drain(); }
+DiskImpl::~DiskImpl()
+{
+    if (porter_.joinable()) {
+        {
+            std::lock_guard lock(door_mutex_);
+            porter_ends_ = true;
+        }
+        door_opened_.notify_all();
+        porter_.join();
+    }
+    store_->drain();
+}
 
 kdev_t DiskImpl::device(u32 partition) const { return kdev_make(gendisk_.major, gendisk_.first_minor + partition); }
 
@@ -99,7 +110,7 @@ void DiskImpl::unplug()
 void DiskImpl::wait_until_idle()
 {
     before_waiting(this_task());
-    while (inside_[0].load() != 0 || inside_[1].load() != 0) {
+    while (before_door_count_.load() != 0 || inside_[0].load() != 0 || inside_[1].load() != 0) {
         timespec pause{0, 50000};
         nanosleep(&pause, nullptr);
     }

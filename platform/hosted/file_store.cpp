@@ -10,6 +10,7 @@
 #include "ring.h"
 #include "worker_pool.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -83,6 +84,11 @@ class FileStore final : public Store
 
     std::uint64_t size() const override { return size_; }
     void submit(StoreRequest* r) override;
+    int extents(std::uint64_t offset, std::uint64_t bytes, std::size_t most, std::vector<Extent>& into) override;
+    void prefetch(std::uint64_t offset, std::uint64_t bytes) override
+    {
+        ::posix_fadvise(cached_.get(), off_t(offset), off_t(bytes), POSIX_FADV_WILLNEED);
+    }
     void drain() override
     {
         while (in_flight_.load(std::memory_order_acquire) != 0) {
@@ -335,7 +341,41 @@ int FileStore::write_out_zeroes(const StoreRequest& r) const
     return 0;
 }
 
+int FileStore::extents(std::uint64_t offset, std::uint64_t bytes, std::size_t most, std::vector<Extent>& into)
+{
+    const std::uint64_t end = offset + bytes;
+    while (offset < end && most) {
+        const off_t data = lseek(cached_.get(), off_t(offset), SEEK_DATA);
+        // A device, or a file system that knows no holes.
+        if (data < 0 && errno != ENXIO)
+            return Store::extents(offset, end - offset, most, into);
+        // Holes are told in whole sectors, so that what is data stays data.
+        std::uint64_t to = data < 0 ? end : std::uint64_t(data) / 512 * 512;
+        const bool hole = to > offset;
+        if (!hole) {
+            const off_t next = lseek(cached_.get(), off_t(offset), SEEK_HOLE);
+            if (next < 0 && errno != ENXIO)
+                return -errno;
+            to = next < 0 ? end : (std::uint64_t(next) + 511) / 512 * 512;
+        }
+        to = std::clamp(to, offset + 1, end);
+        into.push_back({to - offset, hole});
+        offset = to;
+        --most;
+    }
+    return 0;
+}
+
 } // namespace
+
+int Store::extents(std::uint64_t, std::uint64_t bytes, std::size_t most, std::vector<Extent>& into)
+{
+    if (most)
+        into.push_back({bytes, false});
+    return 0;
+}
+
+void Store::prefetch(std::uint64_t, std::uint64_t) {}
 
 std::unique_ptr<Store> open_file_store(const std::string& path, FileStoreOptions options)
 {

@@ -3,6 +3,9 @@
 //
 // A request counts itself in before it looks whether the door is closed, and the closing of a door counts those
 // inside after it closed: so each request either sees the closed door or is waited for.
+//
+// A request that may not pass the door lies before it until the door opens, and its submitter goes on; a thread of the
+// disk's own then lets it in.
 #include "block.h"
 #include "futex.h"
 
@@ -11,6 +14,7 @@
 #include <chrono>
 #include <ctime>
 #include <new>
+#include <system_error>
 #include <utility>
 
 namespace hosted
@@ -32,7 +36,9 @@ struct DiskImpl::Guest {
     std::atomic<int> bios;
     std::atomic<int> error;
     u32 epoch;
+    u32 partition;
     DiskImpl* disk;
+    GuestRequest* next; // before the door
 
     static Guest& of(GuestRequest* r) { return *reinterpret_cast<Guest*>(r->reserved); }
 };
@@ -53,27 +59,75 @@ int DiskImpl::check(const GuestRequest& r, u32 partition) const
     return 0;
 }
 
-void DiskImpl::enter(GuestRequest* r, sector_type sector)
+bool DiskImpl::held(const GuestRequest& r) const
+{
+    const u32 partition = Guest::of(const_cast<GuestRequest*>(&r)).partition;
+    const sector_type start = (r.offset >> 9) + (partition ? gendisk_.slots[partition].start : 0);
+    return std::any_of(closed_.begin(), closed_.end(), [&](const Range& c) {
+        return start < c.start + c.sectors && c.start < start + (r.bytes >> 9);
+    });
+}
+
+bool DiskImpl::enter(GuestRequest* r)
 {
     Guest& g = Guest::of(r);
+    g.epoch = epoch_.load() & 1;
+    inside_[g.epoch].fetch_add(1);
+    if (__builtin_expect(doors_closed_.load() == 0, 1) || !changes_data(r->op))
+        return true;
+    std::lock_guard lock(door_mutex_);
+    if (!held(*r))
+        return true;
+    before_door_count_.fetch_add(1);
+    leave(g.epoch);
+    g.next = nullptr;
+    *before_door_end_ = r;
+    before_door_end_ = &g.next;
+    return false;
+}
+
+// Takes those from before the door that may pass it now.
+GuestRequest* DiskImpl::take_free()
+{
+    GuestRequest* first = nullptr;
+    GuestRequest** end = &first;
+    GuestRequest** at = &before_door_;
+    while (GuestRequest* r = *at) {
+        Guest& g = Guest::of(r);
+        if (held(*r)) {
+            at = &g.next;
+            continue;
+        }
+        *at = g.next;
+        g.next = nullptr;
+        *end = r;
+        end = &g.next;
+    }
+    before_door_end_ = at;
+    return first;
+}
+
+void DiskImpl::porter()
+{
+    std::unique_lock lock(door_mutex_);
     for (;;) {
-        g.epoch = epoch_.load() & 1;
-        inside_[g.epoch].fetch_add(1);
-        if (__builtin_expect(doors_closed_.load() == 0, 1) || !changes_data(r->op))
-            return;
-        auto held = [&] {
-            return std::any_of(closed_.begin(), closed_.end(), [&](const Range& c) {
-                return sector < c.start + c.sectors && c.start < sector + (r->bytes >> 9);
-            });
-        };
-        std::unique_lock lock(door_mutex_);
-        if (!held())
-            return;
-        leave(g.epoch);
-        Task& task = this_task();
-        may_sleep(task, "Disk::submit");
-        before_waiting(task);
-        door_opened_.wait(lock, [&] { return !held(); });
+        GuestRequest* r = take_free();
+        if (!r) {
+            if (porter_ends_)
+                return;
+            door_opened_.wait(lock);
+            continue;
+        }
+        lock.unlock();
+        while (r) {
+            GuestRequest* next = Guest::of(r).next;
+            if (enter(r))
+                send(r);
+            // Only now: whoever waits for the disk to be idle counts it here until it counts as inside.
+            before_door_count_.fetch_sub(1);
+            r = next;
+        }
+        lock.lock();
     }
 }
 
@@ -85,6 +139,13 @@ bool DiskImpl::close_door(sector_type start, sector_type sectors)
     before_waiting(this_task());
     {
         std::lock_guard lock(door_mutex_);
+        if (!porter_.joinable()) {
+            try {
+                porter_ = std::thread([this] { porter(); });
+            } catch (const std::system_error&) {
+                return false; // nobody would let in who has waited
+            }
+        }
         closed_.push_back({start, sectors});
         doors_closed_.fetch_add(1);
     }
@@ -160,10 +221,15 @@ void DiskImpl::submit(GuestRequest* r, u32 partition)
         r->done(r, error);
         return;
     }
-    new (r->reserved) Guest{{1}, {0}, 0, this};
-    std::uint64_t sector = r->offset >> 9;
-    enter(r, sector + (partition ? gendisk_.slots[partition].start : 0));
+    new (r->reserved) Guest{{1}, {0}, 0, partition, this, nullptr};
+    if (enter(r))
+        send(r);
+}
 
+void DiskImpl::send(GuestRequest* r)
+{
+    const u32 partition = Guest::of(r).partition;
+    std::uint64_t sector = r->offset >> 9;
     SubmissionRun run;
     bool has_data = r->op == Op::read || r->op == Op::write;
     std::uint64_t most = has_data ? bio_bytes : dataless_bio_bytes;

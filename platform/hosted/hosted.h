@@ -30,7 +30,7 @@ enum class Op : std::uint8_t { read, write, flush, discard, write_zeroes };
 // One piece of backing I/O. `data` may be split over several buffers (adjacent bios merged into one request).
 struct StoreRequest {
     Op op;
-    bool fua = false;         // write, write_zeroes: durable before it completes
+    bool fua = false;         // of a change: durable before it completes
     bool may_unmap = false;   // write_zeroes: may leave a hole
     bool more = false;        // the submitting thread has more to send: a store may spare it long copies
     std::uint64_t offset = 0; // bytes
@@ -43,6 +43,12 @@ struct StoreRequest {
     void (*done)(StoreRequest* r, int error); // 0 or a negative errno; from any thread, or before submit returns
 };
 
+// A piece of a store that is all data or all hole (reads as zeros, and takes no room).
+struct Extent {
+    std::uint64_t bytes;
+    bool hole;
+};
+
 class Store
 {
   public:
@@ -52,6 +58,13 @@ class Store
     virtual void drain() {}                   // returns when every submitted request has completed
     // True: submit always completes before it returns, so that merging bios first would gain nothing.
     virtual bool completes_inline() const { return false; }
+    // What requests have to be a multiple of, in bytes: 512 unless a device below wants more.
+    virtual std::uint32_t logical_block_size() const { return 512; }
+    // Appends the pieces of a range inside the store, from its start and at most `most`, neighbours of different kinds.
+    // 0 or a negative errno.
+    virtual int extents(std::uint64_t offset, std::uint64_t bytes, std::size_t most, std::vector<Extent>& into);
+    // Asks the host to have a range in memory; does not wait for it.
+    virtual void prefetch(std::uint64_t offset, std::uint64_t bytes);
 };
 
 std::unique_ptr<Store> make_memory_store(std::uint64_t bytes);
@@ -98,7 +111,7 @@ struct GuestRequest {
     std::uint64_t bytes = 0;   // a multiple of 512; 0 for flush
     std::byte* data = nullptr; // read and write
     // 0 or a negative errno; from any thread, or before submit returns. A store's own thread may call it, so it must
-    // not wait for other requests; submitting a write may wait (for a thaw) and belongs on another thread.
+    // not wait for other requests; submitting a write may wait (the driver's hook sleeps) and belongs on another thread.
     void (*done)(GuestRequest* r, int error) = nullptr;
     void* context = nullptr;
     // owned by the hosted kernel from submit to done
@@ -158,7 +171,7 @@ class Freezer
 };
 
 // Makes get_super answer for the device, if its blocks are no larger than a page. Without a freezer a freeze holds guest
-// writes at the disk's door (fronts wait in Disk::submit) and waits for those in flight; thaw lets them on.
+// writes at the disk's door (Disk::submit does not wait for them) and waits for those in flight; thaw lets them on.
 void mount_file_system(kdev_t dev, u32 block_size, std::shared_ptr<Freezer> freezer = {});
 void unmount_file_system(kdev_t dev);
 

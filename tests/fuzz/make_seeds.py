@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: GPL-2.0-only
 """Writes the first inputs of the fuzzers: whole backups, in the encodings that control_fuzz.cpp and socket_fuzz.cpp
-read."""
+read, and NBD clients in that of nbd_fuzz.cpp."""
 import pathlib
 
 COMMANDS = ["block_size", "start", "snapshot", "state", "automap_state", "no_load", "no_start", "load_map", "automap",
@@ -133,7 +133,32 @@ socket_seeds = {
     "no_tracking": Socket().command("no_start").command("no_load").command("start").command("snapshot", SCRATCH, value(0)),
 }
 
-for name, inputs in {"control_fuzz": seeds, "socket_fuzz": {n: s.bytes for n, s in socket_seeds.items()}}.items():
+
+
+def option(number, data=b""):
+    return b"IHAVEOPT" + number.to_bytes(4, "big") + len(data).to_bytes(4, "big") + data
+
+
+def request(command, offset=0, sectors=8):
+    return bytes([command, offset & 255, offset >> 8, sectors & 255, sectors >> 8])
+
+
+FLAGS, RAW, REQUESTS, STRUCTURED = b"\0\0\0\3", 1, 2, 4
+GO = option(7, b"\0\0\0\3sda\0\1\0\3")
+nbd_seeds = {
+    "handshake": bytes([0]) + FLAGS + option(3) + option(8) + option(9, b"\0\0\0\0\0\0\0\0")
+    + option(10, b"\0\0\0\3sda\0\0\0\1\0\0\0\x0fbase:allocation") + option(6, b"\0\0\0\0\0\0") + GO,
+    "by_name": bytes([0]) + b"\0\0\0\1" + option(1, b"sda") + bytes.fromhex("25609513") + bytes(24),
+    "refused": bytes([0]) + FLAGS + option(5) + option(99, b"x" * 40) + option(7, b"\0\0\0\1q\0\0") + option(2),
+    "raw_write": bytes([RAW]) + bytes.fromhex("25609513 0000 0001 0000000000000001 0000000000000000 00000200") + b"d" * 512
+    + bytes.fromhex("25609513 0000 0002 0000000000000002 0000000000000000 00000000"),
+    "requests": bytes([REQUESTS]) + b"".join(request(c, 8 * c, 64) for c in (1, 0, 3, 4, 5, 6, 7, 8, 9, 1, 0)),
+    "structured": bytes([REQUESTS + STRUCTURED + 8]) + b"".join(request(c, 8 * c, 64) for c in (1, 0, 7, 4, 7, 6, 7, 3)),
+    "large": bytes([REQUESTS]) + b"".join(request(1, 64 * n, 127) for n in range(4)) + request(0, 0, 512),
+}
+
+for name, inputs in {"control_fuzz": seeds, "socket_fuzz": {n: s.bytes for n, s in socket_seeds.items()},
+                     "nbd_fuzz": nbd_seeds}.items():
     folder = pathlib.Path(__file__).parent / "corpus" / name
     folder.mkdir(parents=True, exist_ok=True)
     for seed, content in inputs.items():

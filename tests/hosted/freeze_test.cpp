@@ -101,6 +101,67 @@ TEST(Freeze, HoldsWritesAtTheDoorUntilTheThaw)
     EXPECT_TRUE(through_the_whole_disk.done_soon());
 }
 
+namespace
+{
+
+// A write that nobody waits for.
+struct Sent {
+    std::byte sector[512] = {};
+    std::atomic<int> result{1};
+    GuestRequest request;
+    explicit Sent(Disk& disk, u32 partition, std::uint64_t offset = 0)
+    {
+        request.op = Op::write;
+        request.offset = offset;
+        request.bytes = sizeof sector;
+        request.data = sector;
+        request.context = this;
+        request.done = [](GuestRequest* r, int error) { static_cast<Sent*>(r->context)->result = error; };
+        disk.submit(&request, partition);
+    }
+    bool done_soon()
+    {
+        for (int i = 0; i < 1000 && result == 1; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return result != 1;
+    }
+};
+
+} // namespace
+
+TEST(Freeze, WhoeverSubmitsAHeldWriteGoesOnWithOthers)
+{
+    MemoryDisk d(4 * mebibyte, {{1, 2048, 2048}});
+    Mounted fs(d.disk->device(1));
+    block_device* bdev = bdget(d.disk->device(1));
+    super_block* sb = freeze_bdev(bdev);
+    ASSERT_NE(sb, nullptr);
+    Sent held(*d.disk, 1), also_held(*d.disk, 1, 4096), beside_it(*d.disk, 0);
+    EXPECT_EQ(beside_it.result, 0);
+    EXPECT_EQ(held.result, 1);
+    EXPECT_EQ(also_held.result, 1);
+    thaw_bdev(bdev, sb);
+    EXPECT_TRUE(held.done_soon());
+    EXPECT_TRUE(also_held.done_soon());
+    EXPECT_EQ(held.result + also_held.result, 0);
+}
+
+TEST(Freeze, AThawLetsInOnlyWhatNoOtherFreezeHolds)
+{
+    MemoryDisk d(4 * mebibyte, {{1, 2048, 2048}, {2, 4096, 2048}});
+    Mounted first(d.disk->device(1)), second(d.disk->device(2));
+    block_device* bdevs[] = {bdget(d.disk->device(1)), bdget(d.disk->device(2))};
+    super_block* supers[] = {freeze_bdev(bdevs[0]), freeze_bdev(bdevs[1])};
+    ASSERT_TRUE(supers[0] && supers[1]);
+    Sent one(*d.disk, 1), two(*d.disk, 2), one_more(*d.disk, 1, 512);
+    thaw_bdev(bdevs[0], supers[0]);
+    EXPECT_TRUE(one.done_soon());
+    EXPECT_TRUE(one_more.done_soon());
+    EXPECT_EQ(two.result, 1);
+    thaw_bdev(bdevs[1], supers[1]);
+    EXPECT_TRUE(two.done_soon());
+}
+
 TEST(Freeze, WaitsForWritesInFlight)
 {
     MemoryDisk d(4 * mebibyte);

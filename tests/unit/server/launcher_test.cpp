@@ -86,18 +86,4 @@ TEST_F(CheckImages, NoDiskAndTooManyDisksAreRefused)
     EXPECT_NE(refusal(std::vector<std::string>(17, "x")).find("at most 16 disks"), std::string::npos);
 }
 
-TEST(ConfigText, SurvivesTheWayToThePlugin)
-{
-    Config config;
-    config.images = {"/a b", "/c\"d"};
-    config.run_dir = "/r";
-    config.direct = config.read_only = config.multi_client = config.foreground = true;
-    config.fuse = false;
-    config.group = 7;
-    config.ready_fd = 8;
-    config.guardian_fd = 9;
-    EXPECT_EQ(to_json(config_from_json(to_json(config))), to_json(config));
-    EXPECT_EQ(config_from_json(to_json(config)).images, config.images);
-}
-
 } // namespace
