@@ -5,11 +5,14 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 #include <thread>
 
@@ -42,6 +45,23 @@ bool sync_with_patience(const std::string& mount_point)
     return shared->done.wait_for(lock, write_out_patience, [&] { return shared->finished; });
 }
 
+// How many descriptors the clients may take together: all that the host allows, less what is open already and some that
+// the daemon opens now and then for itself. So that no crowd of clients can leave it without.
+unsigned descriptors_for_clients()
+{
+    constexpr rlim_t own = 16;
+    constexpr rlim_t enough = 4096;
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit); // a soft limit is there to be raised
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    rlim_t open = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        ++open;
+    return limit.rlim_cur > open + own ? unsigned(std::min(limit.rlim_cur - open - own, enough)) : 0;
+}
+
 } // namespace
 
 Daemon::Daemon(Config config, UniqueFd guardian) : config_(std::move(config)), run_(config_.run_dir)
@@ -50,6 +70,7 @@ Daemon::Daemon(Config config, UniqueFd guardian) : config_(std::move(config)), r
     hosted::log_set_sink([this](std::string_view line) { report(line); });
     if (guardian)
         guardian_ = std::make_shared<Guardian>(std::move(guardian));
+    (void)hosted::transfer_memory_fd(); // large, and to be there before all memory is locked
     // Memory that is paged out while its own disk waits would never come back. Pages count when they are touched:
     // most of a thread's stack never is.
     if (::mlockall(MCL_CURRENT | MCL_FUTURE | MCL_ONFAULT) != 0)
@@ -76,7 +97,11 @@ Daemon::Daemon(Config config, UniqueFd guardian) : config_(std::move(config)), r
         std::vector<FileSystems::Disk> places;
         for (unsigned i = 0; i < disks_.size(); ++i) {
             const std::string& name = disks_[i]->name();
-            DiskRecord record{name, 8, i * minors_of_disk, disks_[i]->size(), {}, {}, {}, {}};
+            DiskRecord record;
+            record.name = name;
+            record.major = 8;
+            record.minor = i * minors_of_disk;
+            record.bytes = disks_[i]->size();
             if (fuse_)
                 record.file = run_.disk_file(name);
             record.nbd = "nbd+unix:///" + name + "?socket=" + run_.nbd_socket();
@@ -88,17 +113,28 @@ Daemon::Daemon(Config config, UniqueFd guardian) : config_(std::move(config)), r
         file_systems_ = std::make_unique<FileSystems>(std::move(places), guardian_,
                                                       [this](std::string_view line) { report(line); });
         file_systems_->refresh();
-        write_file_whole(run_.disks_json(), disks_to_json(file_systems_->records()));
+        describe();
+        keeper_ = std::thread([this] { keep(); });
 
+        // Half of them for NBD, at two a connection; half for the control device, at two for each of twice the clients
+        // that are let in.
+        const unsigned descriptors = descriptors_for_clients();
+        const unsigned nbd_clients = std::clamp(descriptors / 4, 1u, 64u);
+        const unsigned control_clients = std::clamp(descriptors / 8, 1u, 32u);
+        if (nbd_clients < 64 || control_clients < 32)
+            report("the limit of open files allows " + std::to_string(nbd_clients) + " NBD connections and " +
+                   std::to_string(control_clients) + " clients of the control device at a time; raise it for more");
         nbd_ = std::make_unique<nbd::Server>(
             served, nbd::Server::Options{.socket = run_.nbd_socket(),
                                          .group = gid_t(config_.group),
+                                         .most_connections = nbd_clients,
                                          .report = [this](std::string_view line) { report(line); }});
 
         ControlServer::Options options;
         options.socket = run_.control_socket();
         options.group = gid_t(config_.group);
         options.multi_client = config_.multi_client;
+        options.most_clients = control_clients;
         options.before_open = [this] { look_for_file_systems(); };
         options.report = [this](std::string_view line) { report(line); };
         control_ = std::make_unique<ControlServer>(std::move(options));
@@ -137,6 +173,7 @@ void Daemon::add_disks()
         hosted::FileStoreOptions options;
         options.direct = config_.direct;
         options.read_only = config_.read_only;
+        options.flush_failed = [this, name = disk.name](int error) { flush_failed(name, error); };
         disk.store = hosted::open_file_store(image, options);
         for (const hosted::PartitionSpec& part : hosted::read_partition_table(image)) {
             const sector_type sectors = disk.store->size() / 512;
@@ -157,9 +194,46 @@ void Daemon::look_for_file_systems()
     if (!file_systems_->refresh())
         return;
     try {
-        write_file_whole(run_.disks_json(), disks_to_json(file_systems_->records()));
+        describe();
     } catch (const std::exception& error) {
         report(error.what());
+    }
+}
+
+void Daemon::describe()
+{
+    std::vector<DiskRecord> records = file_systems_->records();
+    for (std::size_t i = 0; i < records.size(); ++i)
+        if (const int error = disks_[i]->disk()->store().flush_error())
+            records[i].flush_error = std::strerror(-error);
+    write_file_whole(run_.disks_json(), disks_to_json(records));
+}
+
+void Daemon::flush_failed(const std::string& disk, int error)
+{
+    report(disk + ": a flush failed: " + std::strerror(-error) +
+           "; what was written since the one before may be lost, and every flush fails until the disk is served anew");
+    std::lock_guard lock(news_mutex_);
+    news_ = true;
+    news_came_.notify_all();
+}
+
+void Daemon::keep()
+{
+    std::unique_lock lock(news_mutex_);
+    for (;;) {
+        news_came_.wait(lock, [this] { return news_ || keeper_ends_; });
+        if (keeper_ends_)
+            return;
+        news_ = false;
+        lock.unlock();
+        try {
+            std::lock_guard looking(describe_);
+            describe();
+        } catch (const std::exception& error) {
+            report(error.what());
+        }
+        lock.lock();
     }
 }
 
@@ -195,6 +269,14 @@ std::string Daemon::take_down()
             report(line);
             wrong += line + "\n";
         }
+    }
+    if (keeper_.joinable()) {
+        {
+            std::lock_guard lock(news_mutex_);
+            keeper_ends_ = true;
+        }
+        news_came_.notify_all();
+        keeper_.join();
     }
     file_systems_.reset();
     if (driver_loaded_)

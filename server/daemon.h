@@ -14,9 +14,11 @@
 #include "run_dir.h"
 #include "served_disk.h"
 
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 namespace quendreld
@@ -39,6 +41,9 @@ class Daemon
   private:
     void add_disks();
     void look_for_file_systems(); // and describe the disks anew when something changed
+    void describe();              // in RUN/disks.json
+    void flush_failed(const std::string& disk, int error);
+    void keep();
     void write_out_mounts();
     std::string take_down();
 
@@ -49,6 +54,12 @@ class Daemon
     std::vector<std::unique_ptr<ServedDisk>> disks_;
     bool driver_loaded_ = false;
     std::mutex describe_; // one look at a time; outermost
+    // Describes the disks when a thread that must not wait has news of them.
+    std::thread keeper_;
+    std::mutex news_mutex_; // guards what follows; innermost
+    std::condition_variable news_came_;
+    bool news_ = false;
+    bool keeper_ends_ = false;
     std::unique_ptr<FileSystems> file_systems_;
     std::unique_ptr<FuseFront> fuse_;
     std::unique_ptr<nbd::Server> nbd_;

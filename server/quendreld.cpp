@@ -97,6 +97,9 @@ void tell_what_is_served(const RunDir& run)
         if (!disk.file.empty())
             std::cout << "  file " << disk.file;
         std::cout << "\n";
+        if (!disk.flush_error.empty())
+            std::cout << "  A FLUSH FAILED (" << disk.flush_error
+                      << "): what was written since the one before may be lost; check the disk below, serve it anew\n";
         for (const PartitionRecord& part : disk.partitions)
             std::cout << "  " << part.name << "  " << part.sectors * 512 << " bytes"
                       << (part.file_system ? "  " + part.file_system->type : "") << "\n";
@@ -106,7 +109,7 @@ void tell_what_is_served(const RunDir& run)
 
 int serve(int argc, char** argv)
 {
-    CLI::App app("Serves disks with the quendrel driver loaded. See also: quendreld stop|attach|detach --help",
+    CLI::App app("Serves disks with the quendrel driver loaded. See also: quendreld status|stop|attach|detach --help",
                  "quendreld");
     Config config;
     std::vector<std::string> paths;
@@ -130,6 +133,25 @@ int serve(int argc, char** argv)
     config.run_dir = absolute(run_dir);
     config.images = check_images(paths, config.read_only);
     return launch(config, [&config] { tell_what_is_served(RunDir(config.run_dir)); });
+}
+
+int status(int argc, char** argv)
+{
+    CLI::App app("Tells what the daemon of a run directory serves, and what is wrong with it.", "quendreld status");
+    std::string run_dir;
+    bool json = false;
+    app.add_option("--run-dir", run_dir)->required();
+    app.add_flag("--json", json, "print JSON: what is in RUN/disks.json");
+    if (const auto end = ends_with(app, argc, argv))
+        return *end;
+    const RunDir run(absolute(run_dir));
+    if (!run.taken())
+        throw std::runtime_error(run_dir + ": no daemon runs there");
+    if (json)
+        std::cout << read_file(run.disks_json());
+    else
+        tell_what_is_served(run);
+    return 0;
 }
 
 int stop(int argc, char** argv)
@@ -195,6 +217,8 @@ int main(int argc, char** argv)
     try {
         if (argc > 1) {
             const std::string word = argv[1];
+            if (word == "status")
+                return status(argc - 1, argv + 1);
             if (word == "stop")
                 return stop(argc - 1, argv + 1);
             if (word == "attach")

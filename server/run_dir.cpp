@@ -95,6 +95,8 @@ std::string disks_to_json(const std::vector<DiskRecord>& disks)
         else
             entry["file"] = disk.file;
         entry["nbd"] = disk.nbd;
+        if (!disk.flush_error.empty())
+            entry["flushError"] = disk.flush_error;
         add_file_system(entry, disk.file_system);
         entry["partitions"] = ordered::array();
         for (const PartitionRecord& part : disk.partitions) {
@@ -124,6 +126,7 @@ std::vector<DiskRecord> disks_from_json(const std::string& text)
                         entry.at("bytes"),
                         {},
                         entry.at("nbd"),
+                        entry.value("flushError", std::string()),
                         file_system_of(entry),
                         {}};
         if (entry.at("file").is_string())

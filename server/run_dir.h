@@ -66,6 +66,7 @@ struct DiskRecord {
     std::uint64_t bytes;
     std::string file; // empty: not served as a file
     std::string nbd;
+    std::string flush_error; // why a flush of it failed, once; mostly empty
     std::optional<FileSystemRecord> file_system; // of a disk without partitions
     std::vector<PartitionRecord> partitions;
     bool operator==(const DiskRecord&) const = default;

@@ -6,6 +6,9 @@
 // writes by io_uring, or a pool of threads where the host has none; flushes, discards and write-zeroes by a small pool.
 // With O_DIRECT, memory that is not aligned goes through a bounce buffer, and requests whose place or size is not
 // aligned go through the page cache, which the kernel keeps coherent.
+//
+// A kernel tells of a failed write-back once, to whoever asks next, and then takes the pages for clean. So an error of
+// making something durable is kept here, and every later flush is answered with it.
 #include "hosted.h"
 #include "ring.h"
 #include "worker_pool.h"
@@ -63,6 +66,8 @@ class Descriptor
     int fd_ = -1;
 };
 
+bool no_room(int error) { return error == -ENOSPC || error == -EDQUOT; }
+
 struct Free {
     void operator()(void* p) const { std::free(p); }
 };
@@ -84,6 +89,7 @@ class FileStore final : public Store
 
     std::uint64_t size() const override { return size_; }
     void submit(StoreRequest* r) override;
+    int flush_error() const override { return flush_error_.load(); }
     int extents(std::uint64_t offset, std::uint64_t bytes, std::size_t most, std::vector<Extent>& into) override;
     void prefetch(std::uint64_t offset, std::uint64_t bytes) override
     {
@@ -110,22 +116,28 @@ class FileStore final : public Store
         in_flight_.fetch_sub(1, std::memory_order_release);
     }
     // Everything below waits and returns 0 or a negative errno.
-    int perform(const StoreRequest& r) const;
-    int transfer(const StoreRequest& r) const;
-    int zero(const StoreRequest& r) const;
+    int perform(const StoreRequest& r);
+    int transfer(const StoreRequest& r, bool durable) const;
+    int make_durable();
+    int write_durably(const StoreRequest& r);
+    int after_failed_durable(const StoreRequest& r, int error);
+    int durable_failed(int error);
+    int zero(const StoreRequest& r);
     int write_out_zeroes(const StoreRequest& r) const;
 
     Descriptor cached_; // through the page cache
     Descriptor direct_; // past it; -1 unless asked for
     std::uint64_t size_ = 0;
     bool read_only_;
+    std::function<void(int)> flush_failed_;
+    std::atomic<int> flush_error_{0}; // of the first that failed, for good
     std::atomic<long> in_flight_{0};
     std::unique_ptr<Ring> ring_;
     WorkerPool pool_; // last: its threads use all of the above
 };
 
 FileStore::FileStore(const std::string& path, const FileStoreOptions& options)
-    : read_only_(options.read_only), ring_(options.use_io_uring ? Ring::open() : nullptr), pool_(ring_ ? 4 : 16)
+    : read_only_(options.read_only), flush_failed_(options.flush_failed), ring_(options.use_io_uring ? Ring::open() : nullptr), pool_(ring_ ? 4 : 16)
 {
     struct stat st;
     if (stat(path.c_str(), &st) != 0)
@@ -258,7 +270,10 @@ bool FileStore::try_ring(StoreRequest* r)
         StoreRequest* request = t->request;
         if (result < 0 || std::uint64_t(result) != request->bytes) {
             // Short, or refused in this form (an alignment that the device does not take): once more, step by step.
-            pool_.push([this, request] { finish(request, perform(*request)); });
+            pool_.push([this, request, result] {
+                const bool lost = request->fua && (result == -EIO || no_room(int(result)));
+                finish(request, lost ? after_failed_durable(*request, int(result)) : perform(*request));
+            });
             return;
         }
         if (t->bounce && request->op == Op::read) {
@@ -276,14 +291,15 @@ bool FileStore::try_ring(StoreRequest* r)
     return true;
 }
 
-int FileStore::perform(const StoreRequest& r) const
+int FileStore::perform(const StoreRequest& r)
 {
     switch (r.op) {
     case Op::read:
+        return transfer(r, false);
     case Op::write:
-        return transfer(r);
+        return r.fua ? write_durably(r) : transfer(r, false);
     case Op::flush:
-        return fdatasync(cached_.get()) == 0 ? 0 : -errno;
+        return make_durable();
     case Op::discard:
     case Op::write_zeroes:
         return zero(r);
@@ -291,7 +307,37 @@ int FileStore::perform(const StoreRequest& r) const
     return -EINVAL;
 }
 
-int FileStore::transfer(const StoreRequest& r) const
+int FileStore::durable_failed(int error)
+{
+    int none = 0;
+    if (flush_error_.compare_exchange_strong(none, error) && flush_failed_)
+        flush_failed_(error);
+    return error;
+}
+
+int FileStore::make_durable()
+{
+    if (const int before = flush_error_.load())
+        return before;
+    return fdatasync(cached_.get()) == 0 ? 0 : durable_failed(-errno);
+}
+
+int FileStore::write_durably(const StoreRequest& r)
+{
+    const int error = transfer(r, true);
+    return error == -EIO || no_room(error) ? after_failed_durable(r, error) : error;
+}
+
+// Writing may have failed, or making durable; then the error may be about what others wrote, and is told only once.
+int FileStore::after_failed_durable(const StoreRequest& r, int error)
+{
+    const int plain = transfer(r, false);
+    if (plain && no_room(error))
+        return plain; // no room for these very bytes: the writer's affair
+    return durable_failed(error);
+}
+
+int FileStore::transfer(const StoreRequest& r, bool durable) const
 {
     auto offset = off_t(r.offset);
     for (const StoreRequest::Piece& p : r.pieces) {
@@ -300,7 +346,7 @@ int FileStore::transfer(const StoreRequest& r) const
             std::size_t left = p.bytes - moved;
             iovec piece{at, left};
             ssize_t n = r.op == Op::read ? pread(cached_.get(), at, left, offset)
-                                         : pwritev2(cached_.get(), &piece, 1, offset, r.fua ? RWF_DSYNC : 0);
+                                         : pwritev2(cached_.get(), &piece, 1, offset, durable ? RWF_DSYNC : 0);
             if (n < 0 && errno == EINTR)
                 continue;
             if (n < 0)
@@ -314,15 +360,15 @@ int FileStore::transfer(const StoreRequest& r) const
     return 0;
 }
 
-int FileStore::zero(const StoreRequest& r) const
+int FileStore::zero(const StoreRequest& r)
 {
     int hole = FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE;
     int mode = r.op == Op::discard || r.may_unmap ? hole : FALLOC_FL_ZERO_RANGE | FALLOC_FL_KEEP_SIZE;
     int error = fallocate(cached_.get(), mode, off_t(r.offset), off_t(r.bytes)) == 0 ? 0 : -errno;
     if (error == -EOPNOTSUPP && r.op == Op::write_zeroes)
         error = write_out_zeroes(r);
-    if (error == 0 && r.fua && fdatasync(cached_.get()) != 0)
-        error = -errno;
+    if (error == 0 && r.fua)
+        error = make_durable();
     return error;
 }
 

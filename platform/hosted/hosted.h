@@ -65,6 +65,9 @@ class Store
     virtual int extents(std::uint64_t offset, std::uint64_t bytes, std::size_t most, std::vector<Extent>& into);
     // Asks the host to have a range in memory; does not wait for it.
     virtual void prefetch(std::uint64_t offset, std::uint64_t bytes);
+    // 0, or the error of the first flush or durable write that failed: what was answered before it may be lost, and every
+    // later flush is answered with it.
+    virtual int flush_error() const { return 0; }
 };
 
 std::unique_ptr<Store> make_memory_store(std::uint64_t bytes);
@@ -75,6 +78,8 @@ struct FileStoreOptions {
     bool direct = false; // O_DIRECT
     bool read_only = false;
     bool use_io_uring = true; // falls back to a thread pool where the host has none
+    // Called once, when the first flush fails, with its negative errno; from any thread, must not wait.
+    std::function<void(int error)> flush_failed = {};
 };
 // A raw image or a host block device. Throws std::system_error whose text names the path and what to do.
 std::unique_ptr<Store> open_file_store(const std::string& path, FileStoreOptions options = {});
@@ -246,8 +251,8 @@ class Mapping
     virtual void lose_file() = 0;
 };
 
-// The memory that alloc_page(GFP_KERNEL) pages live in: a memfd. The returned descriptor is read-only and owned by
-// the hosted kernel.
+// The memory that alloc_page(GFP_KERNEL) pages live in: a memfd that nobody else can write to or resize. The returned
+// descriptor is read-only and owned by the hosted kernel. Throws std::system_error when the host has none to give.
 int transfer_memory_fd();
 
 struct MmapArguments {

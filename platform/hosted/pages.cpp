@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Pages. Those of GFP_KERNEL lie in a memfd, so that another process can map them one by one; the others are
 // ordinary memory. A page's record outlives its memory, so that a wrong reference count is always noticed.
+//
+// The memfd is mapped whole at once and then sealed: from then on nobody can change its size (which would end this
+// process at its next touch) or write to it but through that one mapping, whatever way a client finds to open it anew.
 #include "faults.h"
 #include "futex.h"
 #include "memory.h"
@@ -19,6 +22,8 @@ using namespace hosted;
 namespace
 {
 constexpr u32 chunk_pages = 256;
+// Of all transfer pages together. They take memory only when they are used.
+constexpr std::size_t transfer_bytes = sizeof(void*) == 8 ? 256 << 20 : 64 << 20;
 struct Chunk;
 } // namespace
 
@@ -112,15 +117,43 @@ class Pool
   private:
     void open_memory()
     {
-        if (fd_ >= 0)
+        if (read_only_fd_ >= 0)
             return;
-        fd_ = memfd_create("transfer pages", MFD_CLOEXEC);
-        if (fd_ < 0)
-            throw std::system_error(errno, std::generic_category(), "memfd_create for the transfer pages");
-        std::string path = "/proc/self/fd/" + std::to_string(fd_);
-        read_only_fd_ = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (read_only_fd_ < 0)
-            throw std::system_error(errno, std::generic_category(), "opening the transfer pages read-only");
+        const int fd = memfd_create("transfer pages", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+        if (fd < 0)
+            fail("memfd_create for the transfer pages");
+        void* all = MAP_FAILED;
+        if (ftruncate(fd, off_t(transfer_bytes)) == 0)
+            all = mmap(nullptr, transfer_bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_NORESERVE, fd, 0);
+        constexpr int sizes = F_SEAL_SHRINK | F_SEAL_GROW;
+        // Kernels before 5.1 cannot forbid writing to others alone.
+        const bool sealed =
+            all != MAP_FAILED && (fcntl(fd, F_ADD_SEALS, sizes | F_SEAL_FUTURE_WRITE | F_SEAL_SEAL) == 0 ||
+                                  fcntl(fd, F_ADD_SEALS, sizes | F_SEAL_SEAL) == 0);
+        if (sealed)
+            read_only_fd_ = open(("/proc/self/fd/" + std::to_string(fd)).c_str(), O_RDONLY | O_CLOEXEC);
+        const int error = errno;
+        close(fd);
+        if (read_only_fd_ < 0) {
+            if (all != MAP_FAILED)
+                munmap(all, transfer_bytes);
+            errno = error;
+            fail("the transfer pages");
+        }
+        all_ = static_cast<std::byte*>(all);
+    }
+
+    [[noreturn]] static void fail(const char* what) { throw std::system_error(errno, std::generic_category(), what); }
+
+    // The next chunk's part of the memfd, or MAP_FAILED.
+    void* shared_memory(std::size_t bytes)
+    {
+        try {
+            open_memory();
+        } catch (const std::system_error&) {
+            return MAP_FAILED;
+        }
+        return std::size_t(size_) + bytes <= transfer_bytes ? all_ + size_ : MAP_FAILED;
     }
 
     bool add_chunk()
@@ -135,12 +168,7 @@ class Pool
         }
         void* base;
         if (shared_) {
-            open_memory();
-            if (ftruncate(fd_, off_t(size_ + bytes)) != 0) {
-                empty_.push_back(c);
-                return false;
-            }
-            base = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, off_t(size_));
+            base = shared_memory(bytes);
         } else {
             base = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         }
@@ -174,9 +202,10 @@ class Pool
     std::vector<Chunk*> chunks_;
     std::vector<Chunk*> partial_; // with memory and a free page
     std::vector<Chunk*> empty_;   // without memory
-    int fd_ = -1;
+    // Of the shared pool:
     int read_only_fd_ = -1;
-    std::int64_t size_ = 0;
+    std::byte* all_ = nullptr; // the memfd's mapping
+    std::int64_t size_ = 0;    // of its part that is in chunks
 };
 
 Pool& shared_pool()

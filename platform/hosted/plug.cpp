@@ -54,19 +54,34 @@ void send_single(DiskImpl& disk, bio* b, bool more)
     disk.store().submit(&b->request);
 }
 
+// A bio may be gone as soon as it was dealt with.
+template <typename Do> void for_each(bio* head, Do what)
+{
+    while (bio* b = head) {
+        head = b->next;
+        what(b);
+    }
+}
+
+void send_singles(DiskImpl& disk, bio* head, bool more)
+{
+    for_each(head, [&](bio* b) { send_single(disk, b, more); });
+}
+
 struct Batch {
     StoreRequest request{};
+    DiskImpl* disk = nullptr;
     bio* head = nullptr;
     StoreRequest::Piece pieces[most_bios];
 
     static void done(StoreRequest* request, int error)
     {
         auto* batch = reinterpret_cast<Batch*>(request); // its first member
-        for (bio* b = batch->head; b;) {
-            bio* next = b->next;
-            bio_endio(b, error);
-            b = next;
-        }
+        // What failed together goes once more alone, so that only what really fails fails.
+        if (error)
+            send_singles(*batch->disk, batch->head, false);
+        else
+            for_each(batch->head, [](bio* b) { bio_endio(b, 0); });
         delete batch;
     }
 };
@@ -74,14 +89,9 @@ struct Batch {
 void send_batch(DiskImpl& disk, bio* head, u32 bytes, bool more)
 {
     auto* batch = new (std::nothrow) Batch;
-    if (!batch) {
-        for (bio* b = head; b;) {
-            bio* next = b->next;
-            send_single(disk, b, more);
-            b = next;
-        }
-        return;
-    }
+    if (!batch)
+        return send_singles(disk, head, more);
+    batch->disk = &disk;
     u32 pieces = 0;
     for (bio* b = head; b; b = b->next) {
         StoreRequest::Piece p = piece_of(b);

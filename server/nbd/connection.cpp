@@ -4,7 +4,6 @@
 #include "nbd/protocol.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -13,7 +12,6 @@
 #include <climits>
 #include <cstring>
 #include <new>
-#include <system_error>
 
 namespace quendreld::nbd
 {
@@ -87,11 +85,9 @@ struct Connection::Request : IoRequest {
     std::size_t sent = 0;          // of both
 };
 
-Connection::Connection(UniqueFd socket, Shared& shared)
-    : shared_(shared), socket_(std::move(socket)), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+Connection::Connection(UniqueFd socket, UniqueFd wake, Shared& shared)
+    : shared_(shared), socket_(std::move(socket)), wake_(std::move(wake))
 {
-    if (!wake_)
-        throw std::system_error(errno, std::generic_category(), "eventfd");
 }
 
 Connection::~Connection() = default;

@@ -39,8 +39,8 @@ struct Shared {
 class Connection
 {
   public:
-    // Throws std::system_error or std::bad_alloc when the host is short of something.
-    Connection(UniqueFd socket, Shared& shared);
+    // `wake`: a non-blocking eventfd of the connection's own.
+    Connection(UniqueFd socket, UniqueFd wake, Shared& shared);
     ~Connection();
 
     // Serves the client until it leaves; on the connection's own thread, once. When this returns no request is under
@@ -89,7 +89,7 @@ class Connection
 
     Shared& shared_;
     UniqueFd socket_;
-    UniqueFd wake_; // an eventfd: the connection's thread looks again
+    UniqueFd wake_; // the connection's thread looks again
     Agreement agreement_;
     std::atomic<bool> stop_ = false; // hang_up was called
 

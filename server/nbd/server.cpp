@@ -2,9 +2,12 @@
 #include "nbd/server.h"
 
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <exception>
 
 namespace quendreld::nbd
@@ -66,16 +69,19 @@ void Server::listen_loop()
 
 void Server::take(UniqueFd socket)
 {
+    UniqueFd wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!wake)
+        return quietly_(std::string("an NBD client was turned away: ") + std::strerror(errno));
     std::list<Client> one;
     try {
-        one.emplace_back().connection = std::make_unique<Connection>(std::move(socket), shared_);
+        one.emplace_back().connection = std::make_unique<Connection>(std::move(socket), std::move(wake), shared_);
         std::lock_guard lock(mutex_);
         if (stop_)
             return;
         Client& client = one.front();
         client.thread = std::thread([this, &client] { serve(client); });
         clients_.splice(clients_.end(), one);
-    } catch (const std::exception& error) { // no descriptor, no thread, no memory
+    } catch (const std::exception& error) { // no thread, no memory
         quietly_(std::string("an NBD client was turned away: ") + error.what());
     }
 }

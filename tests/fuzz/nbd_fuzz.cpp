@@ -7,6 +7,7 @@
 #include "nbd/protocol.h"
 
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -196,7 +197,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     int pair[2];
     require(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) == 0, "a pair of sockets");
-    nbd::Connection connection(UniqueFd(pair[0]), ground.shared);
+    nbd::Connection connection(UniqueFd(pair[0]), UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), ground.shared);
     std::thread thread([&] { connection.run(); });
     const UniqueFd here(pair[1]);
     const Bytes back = converse(here.get(), all);

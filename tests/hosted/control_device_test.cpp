@@ -4,8 +4,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace hosted;
@@ -157,6 +159,25 @@ TEST(ControlDevice, FaultsBringPagesThatTheDescriptorShows)
     EXPECT_EQ(static_cast<char*>(shared)[0], 0) << "a freed page shows nothing to its last user";
     munmap(shared, PAGE_BYTES);
     EXPECT_EQ(live().pages, 0);
+}
+
+TEST(TransferMemory, CannotBeWrittenNorResizedByWhoeverOpensItAnew)
+{
+    const std::string path = "/proc/self/fd/" + std::to_string(transfer_memory_fd());
+    const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(fd, 0) << "its own user may open it";
+    const char byte = 'x';
+    EXPECT_EQ(pwrite(fd, &byte, 1, 0), -1);
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(mmap(nullptr, PAGE_BYTES, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0), MAP_FAILED);
+    EXPECT_EQ(ftruncate(fd, 0), -1);
+    EXPECT_EQ(errno, EPERM);
+    struct stat status;
+    ASSERT_EQ(fstat(fd, &status), 0);
+    EXPECT_EQ(ftruncate(fd, status.st_size + PAGE_BYTES), -1);
+    EXPECT_EQ(fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, PAGE_BYTES), -1);
+    EXPECT_EQ(fcntl(fd, F_ADD_SEALS, F_SEAL_WRITE), -1) << "nor sealed against the daemon";
+    close(fd);
 }
 
 TEST(ControlDevice, APageBeyondTheAreaIsABusError)

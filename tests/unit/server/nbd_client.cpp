@@ -23,9 +23,8 @@ template <typename T> T take(const Bytes& from, std::size_t at) { return wire::l
 
 Bytes text(const std::string& s)
 {
-    Bytes bytes(s.size());
-    std::memcpy(bytes.data(), s.data(), s.size());
-    return bytes;
+    const auto* bytes = reinterpret_cast<const std::byte*>(s.data());
+    return Bytes(bytes, bytes + s.size());
 }
 
 Bytes operator+(Bytes a, const Bytes& b)

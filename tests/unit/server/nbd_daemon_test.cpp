@@ -199,4 +199,88 @@ TEST_F(NbdDaemon, AProxyGivesADiskToTheNetworkUnderTls)
     must_run({"cmp", scratch / "padded", image});
 }
 
+// A loop device whose backing file has far less room than it says: what is written is found to be lost at a flush.
+struct Overcommitted {
+    explicit Overcommitted(const ScratchDir& scratch) : at(scratch / "small")
+    {
+        must_run({"mkdir", at});
+        must_run({"mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", at});
+        must_run({"truncate", "-s", "32M", at + "/backing"});
+        loop = must_run({"losetup", "--find", "--show", at + "/backing"});
+        loop.pop_back();
+    }
+    ~Overcommitted()
+    {
+        run({"losetup", "-d", loop});
+        run({"umount", "-l", at});
+    }
+    std::string at, loop;
+};
+
+TEST(FailedFlush, StaysFailedAndIsTold)
+{
+    if (const std::string reason = no_loop_reason(); !reason.empty())
+        GTEST_SKIP() << reason;
+    ScratchDir scratch;
+    const std::string run_dir = scratch / "run";
+    Overcommitted disk(scratch);
+    Serving serving({disk.loop}, run_dir, {"--no-fuse"});
+    Client client = Client::connect(run_dir + "/nbd.sock");
+    ASSERT_TRUE(client.begin("sda"));
+    ASSERT_EQ(client.ask(Command::flush, 0, 0).error, Error::none);
+    ASSERT_EQ(client.ask(Command::write, 8 * MiB, 8 * MiB, 0, Bytes(8 * MiB, std::byte(1))).error, Error::none);
+    EXPECT_EQ(client.ask(Command::flush, 0, 0).error, Error::io);
+    EXPECT_EQ(client.ask(Command::flush, 0, 0).error, Error::io) << "the host would tell it once only";
+    Client other = Client::connect(run_dir + "/nbd.sock");
+    ASSERT_TRUE(other.begin("sda"));
+    must_run({"mount", "-o", "remount,size=64m", disk.at});
+    EXPECT_EQ(other.ask(Command::flush, 0, 0).error, Error::io) << "room now does not bring back what is lost";
+
+    const std::string why = "\"flushError\":\"Input/output error\"";
+    const auto status = [&](const char* how) { return run({Serving::program(), "status", "--run-dir", run_dir, how}).out; };
+    for (int i = 0; i < 500 && status("--json").find(why) == std::string::npos; ++i)
+        std::this_thread::sleep_for(10ms);
+    EXPECT_NE(status("--json").find(why), std::string::npos);
+    EXPECT_NE(must_run({Serving::program(), "status", "--run-dir", run_dir}).find("A FLUSH FAILED (Input/output error)"),
+              std::string::npos);
+    const std::string line = "sda: a flush failed: Input/output error; what was written since the one before may be lost, "
+                             "and every flush fails until the disk is served anew\n";
+    const std::string log = serving.log();
+    ASSERT_NE(log.find(line), std::string::npos) << log;
+    EXPECT_EQ(log.find(line, log.find(line) + 1), std::string::npos) << "once";
+
+    const Outcome stopped = run({Serving::program(), "stop", "--run-dir", run_dir});
+    EXPECT_EQ(stopped.status, 1);
+    EXPECT_EQ(stopped.err, "quendreld: ended, but not everything is on disk:\nsda: flush failed: Input/output error\n\n");
+    Serving anew({disk.loop}, run_dir, {"--no-fuse"});
+    Client after = Client::connect(run_dir + "/nbd.sock");
+    ASSERT_TRUE(after.begin("sda"));
+    EXPECT_EQ(after.ask(Command::flush, 0, 0).error, Error::none);
+}
+
+TEST(FullFileSystem, FailsTheWriteThatFindsNoRoomAndRecovers)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "mounts a tmpfs";
+    ScratchDir scratch;
+    const std::string run_dir = scratch / "run", at = scratch / "small";
+    must_run({"mkdir", at});
+    must_run({"mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", at});
+    {
+        must_run({"truncate", "-s", "32M", at + "/disk.img"});
+        Serving serving({at + "/disk.img"}, run_dir, {"--no-fuse"});
+        Client client = Client::connect(run_dir + "/nbd.sock");
+        ASSERT_TRUE(client.begin("sda"));
+        const Bytes data(4 * MiB, std::byte(1));
+        EXPECT_EQ(client.ask(Command::write, 0, 4 * MiB, 0, data).error, Error::no_space);
+        EXPECT_EQ(client.ask(Command::write, 0, 4 * MiB, nbd_client::wire::command_fua, data).error, Error::no_space);
+        EXPECT_EQ(client.ask(Command::flush, 0, 0).error, Error::none) << "nothing that was acknowledged is lost";
+        must_run({"mount", "-o", "remount,size=64m", at});
+        EXPECT_EQ(client.ask(Command::write, 0, 4 * MiB, 0, data).error, Error::none);
+        EXPECT_EQ(client.ask(Command::read, 0, 4 * MiB).data, data);
+        EXPECT_EQ(client.ask(Command::flush, 0, 0).error, Error::none);
+    }
+    run({"umount", "-l", at});
+}
+
 } // namespace

@@ -7,6 +7,7 @@
 #include "served_disk.h"
 
 #include <gtest/gtest.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <condition_variable>
@@ -132,7 +133,7 @@ struct NbdRig : testing::Test {
         int pair[2];
         EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
         Served& one = served.emplace_back();
-        one.connection = std::make_unique<Connection>(UniqueFd(pair[0]), shared);
+        one.connection = std::make_unique<Connection>(UniqueFd(pair[0]), UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), shared);
         one.thread = std::thread([c = one.connection.get()] { c->run(); });
         return Client(UniqueFd(pair[1]));
     }

@@ -23,7 +23,7 @@ struct RunDirTest : testing::Test {
 
 TEST(DisksJson, IsExactlyTheDocumentedText)
 {
-    DiskRecord disk{"sda", 8, 0, 1048576, "/run/q/disks/sda", "nbd+unix:///sda?socket=/run/q/nbd.sock", {}, {}};
+    DiskRecord disk{"sda", 8, 0, 1048576, "/run/q/disks/sda", "nbd+unix:///sda?socket=/run/q/nbd.sock", {}, {}, {}};
     disk.partitions.push_back({"sda1", 8, 1, 2048, 100, FileSystemRecord{"ext4", 4096}});
     disk.partitions.push_back({"sda2", 8, 2, 2148, 50, std::nullopt});
     EXPECT_EQ(disks_to_json({disk}),
@@ -34,9 +34,17 @@ TEST(DisksJson, IsExactlyTheDocumentedText)
               "\n");
 }
 
+TEST(DisksJson, AFailedFlushStandsOnItsDisk)
+{
+    const DiskRecord disk{"sda", 8, 0, 4096, "/f", "n", "Input/output error", {}, {}};
+    const std::string text = disks_to_json({disk});
+    EXPECT_NE(text.find(R"("nbd":"n","flushError":"Input/output error","partitions")"), std::string::npos) << text;
+    EXPECT_EQ(disks_from_json(text), std::vector<DiskRecord>{disk});
+}
+
 TEST(DisksJson, AFileSystemWithoutPartitionTableStandsOnTheDisk)
 {
-    const DiskRecord disk{"sdb", 8, 16, 4096, "/f", "n", FileSystemRecord{"xfs", 1024}, {}};
+    const DiskRecord disk{"sdb", 8, 16, 4096, "/f", "n", {}, FileSystemRecord{"xfs", 1024}, {}};
     EXPECT_NE(disks_to_json({disk}).find(R"("type":"xfs","blockSize":1024,"partitions":[])"), std::string::npos);
     EXPECT_EQ(disks_from_json(disks_to_json({disk})), std::vector<DiskRecord>{disk});
 }
