@@ -28,6 +28,8 @@ constexpr std::size_t small_write = 32 << 10;
 constexpr unsigned reply_group = 4;
 constexpr std::size_t reply_group_bytes = 64 << 10;
 constexpr unsigned most_pieces = 64; // of one send
+// Room for several large replies: with the usual 208 KiB each waits in the middle for its client.
+constexpr int send_buffer = 4 << 20;
 constexpr std::size_t most_extents = 2048;
 
 // The connection that this thread serves.
@@ -95,6 +97,9 @@ Connection::~Connection() = default;
 void Connection::run() noexcept
 {
     serving = this;
+    // Without the privilege the host's own bound holds.
+    if (::setsockopt(socket_.get(), SOL_SOCKET, SO_SNDBUFFORCE, &send_buffer, sizeof send_buffer) != 0)
+        ::setsockopt(socket_.get(), SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof send_buffer);
     try {
         serve();
     } catch (const std::bad_alloc&) {

@@ -48,18 +48,27 @@ class SlowStore final : public Store
         threads_.emplace_back([this, r] {
             while (held_)
                 std::this_thread::yield();
-            memory_->submit(r);
+            const std::int64_t bad = bad_;
+            if (bad >= 0 && r->offset <= std::uint64_t(bad) && std::uint64_t(bad) < r->offset + r->bytes)
+                r->done(r, -EIO);
+            else
+                memory_->submit(r);
         });
     }
     void drain() override
     {
-        std::vector<std::thread> threads;
-        {
-            std::lock_guard lock(mutex_);
-            threads.swap(threads_);
+        // The end of one request may send another.
+        for (;;) {
+            std::vector<std::thread> threads;
+            {
+                std::lock_guard lock(mutex_);
+                threads.swap(threads_);
+            }
+            if (threads.empty())
+                return;
+            for (auto& t : threads)
+                t.join();
         }
-        for (auto& t : threads)
-            t.join();
     }
     std::vector<Seen> seen()
     {
@@ -67,6 +76,7 @@ class SlowStore final : public Store
         return seen_;
     }
     std::atomic<bool> held_{false};
+    std::atomic<std::int64_t> bad_{-1}; // the place of a byte that can be neither read nor written
 
   private:
     std::unique_ptr<Store> memory_;
@@ -267,6 +277,43 @@ TEST(Block, AdjacentBiosOfOneRequestReachTheStoreAsOne)
     EXPECT_EQ(seen[before + 1].offset, 33u * PAGE_BYTES);
     for (u32 i = 0; i < 32; ++i)
         EXPECT_EQ(std::memcmp(page_address(reads[i]->p), data.data() + i * PAGE_BYTES, PAGE_BYTES), 0) << i;
+    reads.clear();
+    f.reset();
+    EXPECT_EQ(live().bios, 0);
+}
+
+TEST(Block, OfBiosThatWereSentAsOneOnlyThatFailsWhoseBlockIsBad)
+{
+    auto owned = std::make_unique<SlowStore>(8 * mebibyte);
+    SlowStore& store = *owned;
+    MemoryDisk d(0, {}, std::move(owned));
+    test_driver::Loaded driver;
+    std::vector<std::unique_ptr<DirectRead>> reads;
+    const auto data = pattern(32 * PAGE_BYTES, 4);
+    d.disk->write(0, data);
+    store.bad_ = 17 * PAGE_BYTES + 512;
+    const std::size_t before = store.seen().size();
+    test_driver::calls.ioctl = [&](file*, unsigned, unsigned long) {
+        for (u32 i = 0; i < 32; ++i) {
+            reads.push_back(std::make_unique<DirectRead>(*d.disk, 0, i * 8));
+            reads.back()->submit(*d.disk);
+        }
+        for (auto& r : reads)
+            wait_for_completion(&r->done);
+        return 0;
+    };
+    std::unique_ptr<ControlFile> f;
+    ASSERT_EQ(open_control(test_driver::major_number, nullptr, f), 0);
+    f->ioctl(1, 2);
+    EXPECT_EQ(store.seen()[before].bytes, 32u * PAGE_BYTES) << "they did go as one";
+    EXPECT_EQ(store.seen().size() - before, 33u) << "and each once more";
+    for (u32 i = 0; i < 32; ++i) {
+        EXPECT_EQ(reads[i]->error, i == 17 ? -EIO : 0) << i;
+        if (i != 17) {
+            EXPECT_EQ(std::memcmp(page_address(reads[i]->p), data.data() + i * PAGE_BYTES, PAGE_BYTES), 0) << i;
+        }
+    }
+    store.drain();
     reads.clear();
     f.reset();
     EXPECT_EQ(live().bios, 0);

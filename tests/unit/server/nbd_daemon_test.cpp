@@ -237,21 +237,26 @@ TEST(FailedFlush, StaysFailedAndIsTold)
     EXPECT_EQ(other.ask(Command::flush, 0, 0).error, Error::io) << "room now does not bring back what is lost";
 
     const std::string why = "\"flushError\":\"Input/output error\"";
-    const auto status = [&](const char* how) { return run({Serving::program(), "status", "--run-dir", run_dir, how}).out; };
+    const auto status = [&](const char* how) {
+        return run({Serving::program(), "status", "--run-dir", run_dir, how}).out;
+    };
     for (int i = 0; i < 500 && status("--json").find(why) == std::string::npos; ++i)
         std::this_thread::sleep_for(10ms);
     EXPECT_NE(status("--json").find(why), std::string::npos);
-    EXPECT_NE(must_run({Serving::program(), "status", "--run-dir", run_dir}).find("A FLUSH FAILED (Input/output error)"),
-              std::string::npos);
-    const std::string line = "sda: a flush failed: Input/output error; what was written since the one before may be lost, "
-                             "and every flush fails until the disk is served anew\n";
+    EXPECT_NE(
+        must_run({Serving::program(), "status", "--run-dir", run_dir}).find("A FLUSH FAILED (Input/output error)"),
+        std::string::npos);
+    const std::string line =
+        "sda: a flush failed: Input/output error; what was written since the one before may be lost, "
+        "and every flush fails until the disk is served anew\n";
     const std::string log = serving.log();
     ASSERT_NE(log.find(line), std::string::npos) << log;
     EXPECT_EQ(log.find(line, log.find(line) + 1), std::string::npos) << "once";
 
     const Outcome stopped = run({Serving::program(), "stop", "--run-dir", run_dir});
     EXPECT_EQ(stopped.status, 1);
-    EXPECT_EQ(stopped.err, "quendreld: ended, but not everything is on disk:\nsda: flush failed: Input/output error\n\n");
+    EXPECT_EQ(stopped.err,
+              "quendreld: ended, but not everything is on disk:\nsda: flush failed: Input/output error\n\n");
     Serving anew({disk.loop}, run_dir, {"--no-fuse"});
     Client after = Client::connect(run_dir + "/nbd.sock");
     ASSERT_TRUE(after.begin("sda"));

@@ -133,7 +133,8 @@ struct NbdRig : testing::Test {
         int pair[2];
         EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
         Served& one = served.emplace_back();
-        one.connection = std::make_unique<Connection>(UniqueFd(pair[0]), UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), shared);
+        one.connection =
+            std::make_unique<Connection>(UniqueFd(pair[0]), UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), shared);
         one.thread = std::thread([c = one.connection.get()] { c->run(); });
         return Client(UniqueFd(pair[1]));
     }
