@@ -414,15 +414,6 @@ int FileStore::extents(std::uint64_t offset, std::uint64_t bytes, std::size_t mo
 
 } // namespace
 
-int Store::extents(std::uint64_t, std::uint64_t bytes, std::size_t most, std::vector<Extent>& into)
-{
-    if (most)
-        into.push_back({bytes, false});
-    return 0;
-}
-
-void Store::prefetch(std::uint64_t, std::uint64_t) {}
-
 std::unique_ptr<Store> open_file_store(const std::string& path, FileStoreOptions options)
 {
     return std::make_unique<FileStore>(path, options);
