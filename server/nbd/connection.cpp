@@ -28,8 +28,6 @@ constexpr std::size_t small_write = 32 << 10;
 constexpr unsigned reply_group = 4;
 constexpr std::size_t reply_group_bytes = 64 << 10;
 constexpr unsigned most_pieces = 64; // of one send
-// Room for several large replies: with the usual 208 KiB each waits in the middle for its client.
-constexpr int send_buffer = 4 << 20;
 constexpr std::size_t most_extents = 2048;
 
 // The connection that this thread serves.

@@ -51,6 +51,9 @@ class Connection
 
     static constexpr std::size_t most_held = 16 << 20;
     static constexpr unsigned most_requests = 1024;
+    // Of replies in the socket, besides: room for several large ones. With the usual 208 KiB each of them waits in the
+    // middle for its client.
+    static constexpr int send_buffer = 4 << 20;
     static constexpr auto handshake_patience = std::chrono::seconds(30);
     static constexpr auto goodbye_patience = std::chrono::seconds(3); // for a client to take its last replies
 
