@@ -3,6 +3,7 @@
 
 #include "attach.h"
 #include "guardian.h"
+#include "image_lock.h"
 #include "listener.h"
 #include "run_dir.h"
 #include "service.h"
@@ -24,6 +25,7 @@
 #include <filesystem>
 #include <set>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
 
 namespace quendreld
@@ -51,7 +53,62 @@ std::uint64_t size_of(int fd, const struct stat& status, const std::string& path
     return bytes;
 }
 
-std::string check_image(const std::string& path, bool read_only, std::set<std::pair<dev_t, ino_t>>& seen)
+struct Container {
+    const char* name;
+    std::uint64_t at;
+    std::string_view magic;
+    const char* advice;
+};
+
+using namespace std::string_view_literals;
+constexpr const char* convert = "convert it (qemu-img convert -O raw) and serve the result";
+constexpr Container containers[] = {
+    {"a qcow2 image", 0, "QFI\xfb"sv, convert},
+    {"a VMDK image", 0, "KDMV"sv, convert},
+    {"a VMDK image", 0, "COWD"sv, convert},
+    {"the description of a VMDK image", 0, "# Disk DescriptorFile"sv, convert},
+    {"a VHDX image", 0, "vhdxfile"sv, convert},
+    {"a VHD image", 0, "conectix"sv, convert},
+    {"a VDI image", 64, "\x7f\x10\xda\xbe"sv, convert},
+    {"a QED image", 0, "QED\0"sv, convert},
+    {"a LUKS container", 0, "LUKS\xba\xbe"sv, "open it (cryptsetup open) and serve the device that this makes"},
+};
+
+// A container's bytes are not the disk's: what a guest wrote to it would be found nowhere.
+void check_format(int fd, const std::string& path)
+{
+    char head[128] = {};
+    if (::pread(fd, head, sizeof head, 0) < 0)
+        throw failure(path + ": cannot read", errno);
+    for (const Container& one : containers)
+        if (std::string_view(head + one.at, one.magic.size()) == one.magic)
+            throw std::runtime_error(path + ": is " + one.name + " and not a raw disk; " + one.advice +
+                                     ", or serve it as it is with --format raw");
+}
+
+// Two writers that know nothing of each other: the loop driver takes no lock.
+void check_loops(const struct stat& status, const std::string& path, bool read_only)
+{
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator("/sys/block", error)) {
+        const std::string name = entry.path().filename();
+        if (!name.starts_with("loop") || !fs::exists(entry.path() / "loop", error))
+            continue;
+        std::string backing = read_file(entry.path() / "loop/backing_file");
+        while (!backing.empty() && backing.back() == '\n')
+            backing.pop_back();
+        struct stat other;
+        if (::stat(backing.c_str(), &other) != 0 || other.st_dev != status.st_dev || other.st_ino != status.st_ino)
+            continue;
+        if (read_only && read_file(entry.path() / "ro").starts_with("1"))
+            continue;
+        throw std::runtime_error(path + ": is the file behind /dev/" + name +
+                                 ", which writes to it too; detach that first (losetup -d /dev/" + name +
+                                 "), or serve /dev/" + name);
+    }
+}
+
+std::string check_image(const std::string& path, bool read_only, bool raw, std::set<std::pair<dev_t, ino_t>>& seen)
 {
     char resolved[PATH_MAX];
     if (!::realpath(path.c_str(), resolved))
@@ -81,8 +138,12 @@ std::string check_image(const std::string& path, bool read_only, std::set<std::p
     const bool block = S_ISBLK(status.st_mode);
     if (!seen.insert({block ? status.st_rdev : status.st_dev, block ? 0 : status.st_ino}).second)
         throw std::runtime_error(path + ": named twice");
-    if (::flock(fd.get(), (read_only ? LOCK_SH : LOCK_EX) | LOCK_NB) != 0)
-        throw std::runtime_error(path + ": another program (a second daemon?) serves it already; stop that one first");
+    if (const std::string held = hosted::lock_image(fd.get(), read_only); !held.empty())
+        throw std::runtime_error(path + ": " + held);
+    if (!block)
+        check_loops(status, path, read_only);
+    if (!raw)
+        check_format(fd.get(), path);
     return resolved;
 }
 
@@ -135,7 +196,7 @@ std::string last_lines(const std::string& path)
 
 } // namespace
 
-std::vector<std::string> check_images(const std::vector<std::string>& paths, bool read_only)
+std::vector<std::string> check_images(const std::vector<std::string>& paths, bool read_only, bool raw)
 {
     if (paths.empty())
         throw std::runtime_error("no disk named; give an image file or a block device");
@@ -144,7 +205,7 @@ std::vector<std::string> check_images(const std::vector<std::string>& paths, boo
     std::set<std::pair<dev_t, ino_t>> seen;
     std::vector<std::string> resolved;
     for (const std::string& path : paths)
-        resolved.push_back(check_image(path, read_only, seen));
+        resolved.push_back(check_image(path, read_only, raw, seen));
     return resolved;
 }
 

@@ -13,9 +13,10 @@ namespace quendreld
 {
 
 // Checks each path: a regular file or block device of a usable size, readable and (unless read_only) writable, not
-// named twice, not in use at this moment (the daemon locks it). The result: absolute paths. Throws
-// std::runtime_error that names the path and what to do.
-std::vector<std::string> check_images(const std::vector<std::string>& paths, bool read_only);
+// named twice, not in use at this moment (the daemon locks it), not a loop device's backing file, and, unless `raw` says
+// that the bytes are the disk's whatever they look like, not a container that holds a disk. The result: absolute paths.
+// Throws std::runtime_error that names the path and what to do.
+std::vector<std::string> check_images(const std::vector<std::string>& paths, bool read_only, bool raw = false);
 
 // Becomes the daemon (foreground), or starts one and returns when it is ready; `started` is called when it is. The
 // result is an exit status. Throws std::runtime_error when it could not be started; the message of what went wrong

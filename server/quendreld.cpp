@@ -113,13 +113,15 @@ int serve(int argc, char** argv)
                  "quendreld");
     Config config;
     std::vector<std::string> paths;
-    std::string run_dir, group;
+    std::string run_dir, group, format;
     bool no_fuse = false;
     app.add_option("DISK", paths, "disk image or block device; the first is sda, the next sdb, ...")->required();
     app.add_option("--run-dir", run_dir, "directory for sockets, disk files and log")->required();
     app.add_flag("--foreground", config.foreground, "stay in the foreground, log to standard error too");
     app.add_flag("--direct", config.direct, "bypass the host's page cache (O_DIRECT)");
     app.add_flag("--read-only", config.read_only, "refuse changes");
+    app.add_option("--format", format, "raw: serve the bytes as they are, even if they look like a container's")
+        ->check(CLI::IsMember({"raw"}));
     app.add_flag("--multi-client", config.multi_client,
                  "let several clients open the control device (each open or close ends a running backup)");
     app.add_flag("--no-fuse", no_fuse, "NBD only, no disk files");
@@ -131,7 +133,7 @@ int serve(int argc, char** argv)
     config.fuse = !no_fuse;
     config.group = group_number(group);
     config.run_dir = absolute(run_dir);
-    config.images = check_images(paths, config.read_only);
+    config.images = check_images(paths, config.read_only, format == "raw");
     return launch(config, [&config] { tell_what_is_served(RunDir(config.run_dir)); });
 }
 

@@ -10,6 +10,7 @@
 // A kernel tells of a failed write-back once, to whoever asks next, and then takes the pages for clean. So an error of
 // making something durable is kept here, and every later flush is answered with it.
 #include "hosted.h"
+#include "image_lock.h"
 #include "ring.h"
 #include "worker_pool.h"
 
@@ -22,7 +23,6 @@
 #include <fcntl.h>
 #include <linux/falloc.h>
 #include <linux/fs.h>
-#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <system_error>
@@ -154,8 +154,8 @@ FileStore::FileStore(const std::string& path, const FileStoreOptions& options)
         fail(errno, path,
              read_only_ ? "cannot be read: check its permissions"
                         : "cannot be opened for writing: check its permissions, or open it read-only");
-    if (!read_only_ && flock(cached_.get(), LOCK_EX | LOCK_NB) != 0)
-        fail(errno, path, "is already served by another process: stop that one first");
+    if (const std::string held = lock_image(cached_.get(), read_only_); !held.empty())
+        fail(EBUSY, path, held);
     if (options.direct) {
         direct_ = Descriptor(open(path.c_str(), flags | O_DIRECT));
         if (direct_.get() < 0)

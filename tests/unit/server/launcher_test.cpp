@@ -2,6 +2,9 @@
 // What is refused before a daemon starts, and in which words.
 #include "launcher.h"
 
+#include "image_lock.h"
+#include "unique_fd.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -84,6 +87,41 @@ TEST_F(CheckImages, NoDiskAndTooManyDisksAreRefused)
 {
     EXPECT_NE(refusal({}).find("no disk named"), std::string::npos);
     EXPECT_NE(refusal(std::vector<std::string>(17, "x")).find("at most 16 disks"), std::string::npos);
+}
+
+struct Looks {
+    const char* what;
+    std::uint64_t at;
+    std::string magic;
+};
+
+TEST_F(CheckImages, AContainerIsRefusedWithWhatItIsUnlessItsBytesAreWanted)
+{
+    const Looks containers[] = {{"a qcow2 image", 0, "QFI\xfb"},
+                                {"a VMDK image", 0, "KDMV"},
+                                {"a VMDK image", 0, "COWD"},
+                                {"the description of a VMDK image", 0, "# Disk DescriptorFile"},
+                                {"a VHDX image", 0, "vhdxfile"},
+                                {"a VHD image", 0, "conectix"},
+                                {"a VDI image", 64, "\x7f\x10\xda\xbe"},
+                                {"a QED image", 0, std::string("QED\0", 4)},
+                                {"a LUKS container", 0, "LUKS\xba\xbe"}};
+    for (const Looks& one : containers) {
+        SCOPED_TRACE(one.what);
+        const std::string path = image("container", 1 << 20);
+        std::fstream(path, std::ios::binary | std::ios::in | std::ios::out).seekp(long(one.at)) << one.magic;
+        EXPECT_EQ(refusal({path}).find(path + ": is " + one.what + " and not a raw disk; "), 0u) << refusal({path});
+        EXPECT_EQ(check_images({path}, false, true).size(), 1u);
+    }
+}
+
+TEST_F(CheckImages, AnImageThatIsServedForReadingCanBeServedSoTwiceButNotForWriting)
+{
+    const std::string path = image("disk", 1 << 20);
+    const UniqueFd reader(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(hosted::lock_image(reader.get(), true), "");
+    EXPECT_EQ(refusal({path}, true), "accepted");
+    EXPECT_EQ(refusal({path}), path + ": another program (a second daemon?) serves it already; stop that one first");
 }
 
 } // namespace

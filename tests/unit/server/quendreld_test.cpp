@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // The program: starting, what it writes into the run directory, NBD, stopping.
+#include "program.h"
 #include "run_dir.h"
 #include "serving.h"
 
 #include <gtest/gtest.h>
 #include <libnbd.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -197,6 +199,48 @@ TEST_F(Quendreld, ASecondDaemonOnTheImageIsRefused)
     Serving serving({image}, run_dir, {"--no-fuse"});
     const std::string text = refusal({image, "--run-dir", scratch / "run2"});
     EXPECT_NE(text.find("another program (a second daemon?) serves it already"), std::string::npos) << text;
+}
+
+TEST_F(Quendreld, AServedImageIsLockedAgainstQemu)
+{
+    make();
+    Serving serving({image}, run_dir, {"--no-fuse"});
+    const Outcome write = run({"qemu-io", "-f", "raw", image, "-c", "write 0 512"});
+    EXPECT_NE(write.status, 0);
+    EXPECT_NE(write.err.find("lock"), std::string::npos) << write.err;
+    EXPECT_NE(run({"qemu-img", "convert", "-f", "raw", "-O", "raw", image, scratch / "copy"}).status, 0);
+}
+
+TEST_F(Quendreld, AnImageThatQemuHasIsRefused)
+{
+    make();
+    const std::string socket = scratch / "qsd.sock";
+    Program qemu({"qemu-storage-daemon", "--blockdev", "driver=file,node-name=d,filename=" + image, "--nbd-server",
+                  "addr.type=unix,addr.path=" + socket, "--export", "type=nbd,id=e,node-name=d,writable=on"},
+                 scratch / "qsd");
+    for (int i = 0; i < 500 && ::access(socket.c_str(), F_OK) != 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    const std::string why = "quendreld: " + image +
+                            ": a virtual machine or another program of QEMU's has it open; end that one first\n";
+    EXPECT_EQ(refusal({image, "--run-dir", run_dir}), why);
+    EXPECT_EQ(refusal({image, "--run-dir", run_dir, "--read-only"}), why);
+    qemu.signal(SIGTERM);
+    EXPECT_EQ(qemu.wait(), 0);
+    Serving serving({image}, run_dir, {"--no-fuse"});
+}
+
+TEST_F(Quendreld, AnImageBehindALoopDeviceIsRefused)
+{
+    if (const std::string reason = no_loop_reason(); !reason.empty())
+        GTEST_SKIP() << reason;
+    make();
+    std::string loop = must_run({"losetup", "--find", "--show", image});
+    loop.pop_back();
+    const std::string said = refusal({image, "--run-dir", run_dir});
+    must_run({"losetup", "-d", loop});
+    EXPECT_EQ(said, "quendreld: " + image + ": is the file behind " + loop +
+                        ", which writes to it too; detach that first (losetup -d " + loop + "), or serve " + loop + "\n");
+    Serving serving({image}, run_dir, {"--no-fuse"});
 }
 
 TEST_F(Quendreld, BadDisksAndBadOptionsAreNamed)
