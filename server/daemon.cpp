@@ -261,7 +261,12 @@ std::string Daemon::take_down()
     std::string wrong;
     control_.reset();
     nbd_.reset();
-    write_out_mounts();
+    try {
+        write_out_mounts();
+    } catch (const std::exception& error) { // the rest has to be done all the same
+        report(error.what());
+        wrong += std::string("mounted file systems were not written out: ") + error.what() + "\n";
+    }
     fuse_.reset();
     for (const auto& disk : disks_) {
         if (const int error = disk->disk()->flush(); error && !config_.read_only) {

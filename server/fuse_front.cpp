@@ -22,6 +22,7 @@
 #include <mutex>
 #include <new>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 
 namespace quendreld
@@ -396,10 +397,16 @@ void FuseFront::Impl::start_thread()
     if (threads.size() >= most_threads || stop)
         return;
     alive.fetch_add(1);
-    threads.emplace_back([this] {
-        receive_loop();
+    try {
+        threads.emplace_back([this] {
+            receive_loop();
+            alive.fetch_sub(1);
+        });
+    } catch (const std::system_error&) { // those that there are go on
         alive.fetch_sub(1);
-    });
+        if (threads.empty())
+            throw;
+    }
 }
 
 void FuseFront::Impl::receive_loop()

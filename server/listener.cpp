@@ -53,6 +53,7 @@ UniqueFd listening_socket(const Listener::Options& options)
 void QuietReport::operator()(std::string_view line)
 {
     const auto now = std::chrono::steady_clock::now();
+    std::lock_guard lock(mutex_);
     if (now < next_) {
         ++left_out_;
         return;

@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -24,10 +25,11 @@ class QuietReport
 {
   public:
     explicit QuietReport(std::function<void(std::string_view)> report) : report_(std::move(report)) {}
-    void operator()(std::string_view line); // of one thread
+    void operator()(std::string_view line); // from any thread
 
   private:
     std::function<void(std::string_view)> report_;
+    std::mutex mutex_; // guards what follows; innermost but for the log's
     std::chrono::steady_clock::time_point next_{};
     unsigned left_out_ = 0;
 };

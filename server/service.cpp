@@ -22,6 +22,8 @@ int run_service(const Config& config, UniqueFd guardian, const std::function<voi
     for (const int signal : {SIGTERM, SIGINT, SIGQUIT, SIGHUP})
         sigaddset(&ends, signal);
     pthread_sigmask(SIG_BLOCK, &ends, nullptr);
+    // Whoever reads the log of a daemon in the foreground may end before it does.
+    std::signal(SIGPIPE, SIG_IGN);
     ::umask(022);
 
     Daemon daemon(config, std::move(guardian));

@@ -7,8 +7,9 @@
 // With O_DIRECT, memory that is not aligned goes through a bounce buffer, and requests whose place or size is not
 // aligned go through the page cache, which the kernel keeps coherent.
 //
-// A kernel tells of a failed write-back once, to whoever asks next, and then takes the pages for clean. So an error of
-// making something durable is kept here, and every later flush is answered with it.
+// A kernel tells of a failed write-back once to each open file description, and then takes the pages for clean. So
+// flushes have a description of their own, from which no durable write takes an error away, go one at a time, and the
+// first error is kept: every later flush is answered with it.
 #include "hosted.h"
 #include "image_lock.h"
 #include "ring.h"
@@ -23,6 +24,7 @@
 #include <fcntl.h>
 #include <linux/falloc.h>
 #include <linux/fs.h>
+#include <mutex>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <system_error>
@@ -66,8 +68,6 @@ class Descriptor
     int fd_ = -1;
 };
 
-bool no_room(int error) { return error == -ENOSPC || error == -EDQUOT; }
-
 struct Free {
     void operator()(void* p) const { std::free(p); }
 };
@@ -90,6 +90,7 @@ class FileStore final : public Store
     std::uint64_t size() const override { return size_; }
     void submit(StoreRequest* r) override;
     int flush_error() const override { return flush_error_.load(); }
+    std::uint32_t logical_block_size() const override { return logical_block_size_; }
     int extents(std::uint64_t offset, std::uint64_t bytes, std::size_t most, std::vector<Extent>& into) override;
     void prefetch(std::uint64_t offset, std::uint64_t bytes) override
     {
@@ -117,20 +118,20 @@ class FileStore final : public Store
     }
     // Everything below waits and returns 0 or a negative errno.
     int perform(const StoreRequest& r);
-    int transfer(const StoreRequest& r, bool durable) const;
+    int transfer(const StoreRequest& r) const;
     int make_durable();
-    int write_durably(const StoreRequest& r);
-    int after_failed_durable(const StoreRequest& r, int error);
-    int durable_failed(int error);
     int zero(const StoreRequest& r);
     int write_out_zeroes(const StoreRequest& r) const;
 
     Descriptor cached_; // through the page cache
     Descriptor direct_; // past it; -1 unless asked for
+    Descriptor flush_;  // for flushes alone
     std::uint64_t size_ = 0;
     bool read_only_;
     std::function<void(int)> flush_failed_;
+    std::mutex flushing_;             // one flush at a time: held from the look at the error to its keeping; innermost
     std::atomic<int> flush_error_{0}; // of the first that failed, for good
+    std::uint32_t logical_block_size_ = 512;
     std::atomic<long> in_flight_{0};
     std::unique_ptr<Ring> ring_;
     WorkerPool pool_; // last: its threads use all of the above
@@ -161,6 +162,12 @@ FileStore::FileStore(const std::string& path, const FileStoreOptions& options)
         if (direct_.get() < 0)
             fail(errno, path, "does not support direct I/O: serve it without");
     }
+    flush_ = Descriptor(open(path.c_str(), flags));
+    if (flush_.get() < 0)
+        fail(errno, path, "cannot be opened again");
+    int block = 0;
+    if (S_ISBLK(st.st_mode) && ioctl(cached_.get(), BLKSSZGET, &block) == 0 && block > 512)
+        logical_block_size_ = std::uint32_t(block);
     if (S_ISBLK(st.st_mode)) {
         u64 bytes = 0;
         if (ioctl(cached_.get(), BLKGETSIZE64, &bytes) != 0)
@@ -270,10 +277,7 @@ bool FileStore::try_ring(StoreRequest* r)
         StoreRequest* request = t->request;
         if (result < 0 || std::uint64_t(result) != request->bytes) {
             // Short, or refused in this form (an alignment that the device does not take): once more, step by step.
-            pool_.push([this, request, result] {
-                const bool lost = request->fua && (result == -EIO || no_room(int(result)));
-                finish(request, lost ? after_failed_durable(*request, int(result)) : perform(*request));
-            });
+            pool_.push([this, request] { finish(request, perform(*request)); });
             return;
         }
         if (t->bounce && request->op == Op::read) {
@@ -295,9 +299,8 @@ int FileStore::perform(const StoreRequest& r)
 {
     switch (r.op) {
     case Op::read:
-        return transfer(r, false);
     case Op::write:
-        return r.fua ? write_durably(r) : transfer(r, false);
+        return transfer(r);
     case Op::flush:
         return make_durable();
     case Op::discard:
@@ -307,37 +310,21 @@ int FileStore::perform(const StoreRequest& r)
     return -EINVAL;
 }
 
-int FileStore::durable_failed(int error)
+int FileStore::make_durable()
 {
-    int none = 0;
-    if (flush_error_.compare_exchange_strong(none, error) && flush_failed_)
+    std::lock_guard lock(flushing_);
+    if (const int before = flush_error_.load())
+        return before;
+    if (fdatasync(flush_.get()) == 0)
+        return 0;
+    const int error = -errno;
+    flush_error_.store(error);
+    if (flush_failed_)
         flush_failed_(error);
     return error;
 }
 
-int FileStore::make_durable()
-{
-    if (const int before = flush_error_.load())
-        return before;
-    return fdatasync(cached_.get()) == 0 ? 0 : durable_failed(-errno);
-}
-
-int FileStore::write_durably(const StoreRequest& r)
-{
-    const int error = transfer(r, true);
-    return error == -EIO || no_room(error) ? after_failed_durable(r, error) : error;
-}
-
-// Writing may have failed, or making durable; then the error may be about what others wrote, and is told only once.
-int FileStore::after_failed_durable(const StoreRequest& r, int error)
-{
-    const int plain = transfer(r, false);
-    if (plain && no_room(error))
-        return plain; // no room for these very bytes: the writer's affair
-    return durable_failed(error);
-}
-
-int FileStore::transfer(const StoreRequest& r, bool durable) const
+int FileStore::transfer(const StoreRequest& r) const
 {
     auto offset = off_t(r.offset);
     for (const StoreRequest::Piece& p : r.pieces) {
@@ -346,7 +333,7 @@ int FileStore::transfer(const StoreRequest& r, bool durable) const
             std::size_t left = p.bytes - moved;
             iovec piece{at, left};
             ssize_t n = r.op == Op::read ? pread(cached_.get(), at, left, offset)
-                                         : pwritev2(cached_.get(), &piece, 1, offset, durable ? RWF_DSYNC : 0);
+                                         : pwritev2(cached_.get(), &piece, 1, offset, r.fua ? RWF_DSYNC : 0);
             if (n < 0 && errno == EINTR)
                 continue;
             if (n < 0)
@@ -365,8 +352,9 @@ int FileStore::zero(const StoreRequest& r)
     int hole = FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE;
     int mode = r.op == Op::discard || r.may_unmap ? hole : FALLOC_FL_ZERO_RANGE | FALLOC_FL_KEEP_SIZE;
     int error = fallocate(cached_.get(), mode, off_t(r.offset), off_t(r.bytes)) == 0 ? 0 : -errno;
-    if (error == -EOPNOTSUPP && r.op == Op::write_zeroes)
-        error = write_out_zeroes(r);
+    // A discard is a hint. Zeros are not: what a device or a file system cannot do for us is written out.
+    if (error == -EOPNOTSUPP || error == -EINVAL)
+        error = r.op == Op::discard ? 0 : write_out_zeroes(r);
     if (error == 0 && r.fua)
         error = make_durable();
     return error;

@@ -65,8 +65,8 @@ class Store
     virtual int extents(std::uint64_t offset, std::uint64_t bytes, std::size_t most, std::vector<Extent>& into);
     // Asks the host to have a range in memory; does not wait for it.
     virtual void prefetch(std::uint64_t offset, std::uint64_t bytes);
-    // 0, or the error of the first flush or durable write that failed: what was answered before it may be lost, and every
-    // later flush is answered with it.
+    // 0, or the error of the first flush that failed: what was answered before it may be lost, and every later flush is
+    // answered with it.
     virtual int flush_error() const { return 0; }
 };
 

@@ -1,11 +1,13 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
-// A few threads for calls that block. Threads are started when work finds none idle, up to a limit, and stay.
+// A few threads for calls that block. The first is there from the start, others are started when work finds none idle,
+// up to a limit, and stay. When the host gives no more the work waits for those that there are.
 #pragma once
 
 #include <condition_variable>
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -15,7 +17,11 @@ namespace hosted
 class WorkerPool
 {
   public:
-    explicit WorkerPool(unsigned most) : most_(most) {}
+    explicit WorkerPool(unsigned most) : most_(most)
+    {
+        threads_.reserve(most);
+        threads_.emplace_back([this] { run(); }); // throws std::system_error
+    }
     // Finishes what was pushed.
     ~WorkerPool()
     {
@@ -34,10 +40,14 @@ class WorkerPool
     {
         std::lock_guard lock(mutex_);
         jobs_.push_back(std::move(job));
-        if (jobs_.size() > idle_ && threads_.size() < most_)
-            threads_.emplace_back([this] { run(); });
-        else
-            work_.notify_one();
+        if (jobs_.size() > idle_ && threads_.size() < most_) {
+            try {
+                threads_.emplace_back([this] { run(); });
+                return;
+            } catch (const std::system_error&) {
+            }
+        }
+        work_.notify_one();
     }
 
   private:

@@ -62,7 +62,15 @@ bool passing(int error) { return error == EAGAIN || error == EWOULDBLOCK || erro
 
 // What was received last. `writes` that lie in it are under way as long as it is not 0, and the memory stays as it is.
 struct Connection::Input {
+    Input(Buffer room, std::atomic<unsigned>& all) : memory(std::move(room)), count(all)
+    {
+        if (!memory)
+            throw std::bad_alloc();
+        count.fetch_add(1);
+    }
+    ~Input() { count.fetch_sub(1); }
     Buffer memory;
+    std::atomic<unsigned>& count;
     std::atomic<unsigned> writes = 0;
 };
 
@@ -113,7 +121,7 @@ void Connection::hang_up()
     stop_ = true;
     std::lock_guard lock(out_);
     if (socket_)
-        ::shutdown(socket_.get(), SHUT_RD);
+        ::shutdown(socket_.get(), agreed_ ? SHUT_RD : SHUT_RDWR);
     wake();
 }
 
@@ -124,10 +132,11 @@ void Connection::serve()
     if (!agreement)
         return;
     agreement_ = *agreement;
-    input_ = std::make_shared<Input>();
-    input_->memory = shared_.buffers.take(input_bytes);
-    if (!input_->memory)
-        throw std::bad_alloc();
+    input_ = std::make_shared<Input>(shared_.buffers.take(input_bytes), inputs_);
+    {
+        std::lock_guard lock(out_);
+        agreed_ = true;
+    }
     for (;;) {
         const Taken taken = take_requests();
         flush();
@@ -138,7 +147,10 @@ void Connection::serve()
     }
 }
 
-bool Connection::paused() const { return requests_.load() >= most_requests || held_.load() >= most_held; }
+bool Connection::paused() const
+{
+    return requests_.load() >= most_requests || held_.load() >= most_held || inputs_.load() >= most_inputs;
+}
 
 // ---- Requests in
 
@@ -247,10 +259,12 @@ void Connection::begin_read(Request* r)
 bool Connection::begin_write(Request* r)
 {
     if (r->length > most_payload) {
-        shared_.report("an NBD client sent a write of " + std::to_string(r->length) + " bytes, more than the " +
-                       std::to_string(most_payload) + " that it was told; its connection ends");
-        std::lock_guard lock(out_);
-        recycle(r);
+        {
+            std::lock_guard lock(out_);
+            recycle(r);
+        }
+        shared_.report("an NBD client sent a write of more than the " + std::to_string(most_payload) +
+                       " bytes that it was told; its connection ends");
         return false;
     }
     r->op = Op::write;
@@ -359,10 +373,7 @@ void Connection::make_room()
     if (!used) {
         std::memmove(input_->memory.data(), input_->memory.data() + begin_, left);
     } else {
-        auto next = std::make_shared<Input>();
-        next->memory = shared_.buffers.take(input_bytes);
-        if (!next->memory)
-            throw std::bad_alloc();
+        auto next = std::make_shared<Input>(shared_.buffers.take(input_bytes), inputs_);
         std::memcpy(next->memory.data(), input_->memory.data() + begin_, left);
         input_ = std::move(next);
     }
@@ -406,9 +417,9 @@ Connection::Request* Connection::new_request(const std::byte* header)
 void Connection::submit(Request* r)
 {
     // The disk knows one word for a request that it cannot place; a writer wants to hear that there is no more room.
-    const bool beyond =
-        r->op != Op::flush && (r->offset > agreement_.disk->size() || r->bytes > agreement_.disk->size() - r->offset);
-    if (beyond && r->op != Op::read)
+    const bool writes = r->op == Op::write || r->op == Op::write_zeroes;
+    const std::uint64_t size = agreement_.disk->size();
+    if (writes && !agreement_.disk->read_only() && (r->offset > size || r->bytes > size - r->offset))
         return complete(r, -ENOSPC);
     agreement_.disk->submit(r);
 }
@@ -609,16 +620,19 @@ void Connection::say_goodbye()
         std::lock_guard lock(out_);
         recycle(std::exchange(filling_, nullptr));
     }
-    const auto until = std::chrono::steady_clock::now() + goodbye_patience;
+    auto until = std::chrono::steady_clock::now() + goodbye_patience;
     while (requests_.load() != 0) {
-        const auto left = std::chrono::ceil<milliseconds>(until - std::chrono::steady_clock::now()).count();
-        const bool patient = left > 0;
-        if (!patient) {
+        const auto now = std::chrono::steady_clock::now();
+        {
             std::lock_guard lock(out_);
-            broken_ = true;
-            drop_queue();
+            if (!queue_) {
+                until = now + goodbye_patience;
+            } else if (now >= until) {
+                broken_ = true;
+                drop_queue();
+            }
         }
-        wait(false, patient ? int(left) : 1000);
+        wait(false, int(std::max<long long>(std::chrono::ceil<milliseconds>(until - now).count(), 0)) + 1);
     }
     // The last one to end a request may still hold the lock.
     std::lock_guard lock(out_);

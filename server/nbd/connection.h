@@ -46,16 +46,19 @@ class Connection
     // Serves the client until it leaves; on the connection's own thread, once. When this returns no request is under
     // way and the socket is closed.
     void run() noexcept;
-    // No further request is read; what was accepted is still done and answered. From any thread, until run returned.
+    // Nothing more is received but what lies in the socket already; what was accepted is still done and answered. A
+    // handshake ends at once. From any thread, until run returned.
     void hang_up();
 
     static constexpr std::size_t most_held = 16 << 20;
     static constexpr unsigned most_requests = 1024;
+    static constexpr unsigned most_inputs = 64; // pieces of memory that small writes were received into
     // Of replies in the socket, besides: room for several large ones. With the usual 208 KiB each of them waits in the
     // middle for its client.
     static constexpr int send_buffer = 4 << 20;
     static constexpr auto handshake_patience = std::chrono::seconds(30);
-    static constexpr auto goodbye_patience = std::chrono::seconds(3); // for a client to take its last replies
+    // For a client to take its last replies, from when they are ready.
+    static constexpr auto goodbye_patience = std::chrono::seconds(3);
 
   private:
     struct Request;
@@ -109,10 +112,12 @@ class Connection
 
     std::atomic<unsigned> requests_ = 0; // taken and not answered yet; becomes less under out_ only
     std::atomic<std::size_t> held_ = 0;  // bytes of data of theirs; likewise
+    std::atomic<unsigned> inputs_ = 0;   // that there are
 
     std::mutex out_; // guards what follows, and is held while sending; innermost
     Request* queue_ = nullptr;
     Request** queue_end_ = &queue_;
+    bool agreed_ = false;   // the handshake is over
     bool broken_ = false;   // nothing can be sent any more
     bool asleep_ = false;   // the connection's thread waits, ...
     bool for_room_ = false; // ... for room in the socket among others, ...

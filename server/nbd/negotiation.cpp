@@ -278,6 +278,9 @@ class Negotiation
     Next contexts(Data& data)
     {
         const bool set = Option(option_) == Option::set_meta_context;
+        // A selection replaces what was selected before, even one that fails, and is for its export only.
+        if (set)
+            allocation_of_ = nullptr;
         if (set && !agreement_.structured_replies)
             return refuse(OptionReply::invalid);
         const auto length = data.word<std::uint32_t>();
@@ -295,9 +298,8 @@ class Negotiation
         ServedDisk* disk = find(name);
         if (!disk)
             return refuse(OptionReply::unknown);
-        // A selection replaces what was selected before, and is for this export only.
-        if (set)
-            allocation_of_ = wanted ? disk : nullptr;
+        if (set && wanted)
+            allocation_of_ = disk;
         if (wanted) {
             std::array<std::byte, 4 + allocation_context.size()> bytes;
             std::byte* at = store(bytes.data(), set ? allocation_id : 0u);

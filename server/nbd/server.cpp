@@ -14,8 +14,8 @@ namespace quendreld::nbd
 {
 
 Server::Server(Exports exports, Options options)
-    : most_connections_(options.most_connections), shared_{std::move(exports), {}, options.report},
-      quietly_(options.report),
+    : most_connections_(options.most_connections),
+      quietly_(options.report), shared_{std::move(exports), {}, [this](std::string_view line) { quietly_(line); }},
       listener_({.path = options.socket, .type = SOCK_STREAM, .group = options.group, .report = options.report})
 {
     thread_ = std::thread([this] { listen_loop(); });

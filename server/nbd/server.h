@@ -48,8 +48,8 @@ class Server
     void reap();
 
     const unsigned most_connections_;
-    Shared shared_;
     QuietReport quietly_;
+    Shared shared_;
     Listener listener_;
     mutable std::mutex mutex_; // guards what follows; before a connection's own
     std::condition_variable left_;

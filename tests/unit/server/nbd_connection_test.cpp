@@ -79,7 +79,7 @@ const Refusal refusals[] = {
     {"a large write with an unknown flag", Command::write, 0, 300000, 0x100, Error::invalid},
     {"zeroes beyond the end", Command::write_zeroes, NbdRig::disk_bytes, 512, 0, Error::no_space},
     {"zeroes that must be fast", Command::write_zeroes, 0, 4096, wire::command_fast_zero, Error::not_supported},
-    {"a trim beyond the end", Command::trim, NbdRig::disk_bytes, 512, 0, Error::no_space},
+    {"a trim beyond the end", Command::trim, NbdRig::disk_bytes, 512, 0, Error::invalid},
     {"a trim with a flag of writes", Command::trim, 0, 512, wire::command_no_hole, Error::invalid},
     {"a cache beyond the end", Command::cache, NbdRig::disk_bytes, 512, 0, Error::invalid},
     {"a status that was not agreed upon", Command::block_status, 0, 512, 0, Error::invalid},
@@ -114,6 +114,7 @@ TEST_F(NbdConnection, AReadOnlyDiskRefusesChangesAndServesReads)
     add("sdc", hosted::make_memory_store(1 << 20), true);
     ASSERT_TRUE(client.begin("sdc"));
     EXPECT_EQ(client.ask(Command::write, 0, 512, 0, Bytes(512)).error, Error::perm);
+    EXPECT_EQ(client.ask(Command::write, 1 << 20, 512, 0, Bytes(512)).error, Error::perm) << "before anything else";
     EXPECT_EQ(client.ask(Command::trim, 0, 512).error, Error::perm);
     EXPECT_EQ(client.ask(Command::write_zeroes, 0, 512).error, Error::perm);
     EXPECT_EQ(client.ask(Command::read, 0, 512).error, Error::none);
@@ -126,7 +127,7 @@ TEST_F(NbdConnection, AWriteBeyondTheLargestEndsTheConnectionWithALine)
     client.request(Command::write, 1, 0, (32u << 20) + 512);
     EXPECT_TRUE(client.ended());
     join();
-    EXPECT_EQ(lines(), std::vector<std::string>{"an NBD client sent a write of 33554944 bytes, more than the 33554432 "
+    EXPECT_EQ(lines(), std::vector<std::string>{"an NBD client sent a write of more than the 33554432 bytes "
                                                 "that it was told; its connection ends"});
 }
 
@@ -303,6 +304,64 @@ TEST_F(NbdConnection, HangingUpDoesNotWaitForAClientThatDoesNotRead)
     served.back().connection->hang_up();
     join();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, Connection::goodbye_patience + 4s);
+}
+
+TEST_F(NbdConnection, AReplyThatTookLongIsStillSentAfterGoodbye)
+{
+    ASSERT_TRUE(client.begin());
+    store->hold();
+    client.request(Command::write, 1, 0, 4096, 0, pattern(4096, 1));
+    ASSERT_TRUE(store->wait_for(1));
+    client.request(Command::disconnect, 2, 0, 0);
+    std::this_thread::sleep_for(Connection::goodbye_patience + 500ms);
+    store->release();
+    const auto reply = client.reply();
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->cookie, 1u);
+    EXPECT_TRUE(client.ended());
+}
+
+TEST_F(NbdConnection, SmallWritesThatWaitPinABoundedNumberOfPieces)
+{
+    ASSERT_TRUE(client.begin());
+    store->hold();
+    // One small write and then refused ones, so that each piece of memory is held by 512 bytes.
+    std::thread sender([this] {
+        for (unsigned i = 0; i < 200; ++i) {
+            client.request(Command::write, i, 0, 512, 0, Bytes(512));
+            for (unsigned n = 0; n < 4; ++n)
+                client.request(Command::write, 1000 + i, 0, 32768, 0x100, Bytes(32768));
+        }
+    });
+    unsigned replies = 0;
+    std::thread reader([&] {
+        while (replies < 1000 && client.reply())
+            ++replies;
+    });
+    std::this_thread::sleep_for(1s);
+    EXPECT_LE(store->seen(), Connection::most_inputs + 2);
+    store->release();
+    sender.join();
+    reader.join();
+    EXPECT_EQ(replies, 1000u);
+}
+
+TEST_F(NbdConnection, HangingUpEndsAClientThatHagglesAndDoesNotRead)
+{
+    ASSERT_TRUE(client.greet());
+    std::thread haggling([this] {
+        Bytes many;
+        for (int i = 0; i < 1000; ++i)
+            many = many + words(wire::magic_option, std::uint32_t(Option::list), 0u);
+        while (client.send(many)) {
+        }
+    });
+    std::this_thread::sleep_for(200ms);
+    const auto begin = std::chrono::steady_clock::now();
+    served.back().connection->hang_up();
+    join();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
+    haggling.join();
 }
 
 TEST_F(NbdConnection, HangingUpEndsAClientInItsHandshake)

@@ -175,6 +175,16 @@ TEST_F(NbdNegotiation, AContextIsSelectedForOneExport)
     EXPECT_EQ(client.ask(Command::block_status, 0, 4096).error, Error::invalid);
 }
 
+TEST_F(NbdNegotiation, ASelectionThatFailsTakesTheOneBeforeAway)
+{
+    ASSERT_TRUE(client.greet());
+    client.ask(Option::structured_reply);
+    client.ask(Option::set_meta_context, context_data("sda", {"base:allocation"}));
+    EXPECT_EQ(answer_to(Option::set_meta_context, context_data("sdz", {"base:allocation"})), OptionReply::unknown);
+    client.ask(Option::go, go_data("sda"));
+    EXPECT_EQ(client.ask(Command::block_status, 0, 4096).error, Error::invalid);
+}
+
 TEST_F(NbdNegotiation, AbortIsAcknowledgedAndEndsTheConnection)
 {
     ASSERT_TRUE(client.greet());
