@@ -69,8 +69,8 @@ TEST_F(NbdServer, AClientBeyondTheBoundWaitsUntilAnotherLeaves)
     EXPECT_EQ(third.ask(Command::read, 0, 512).error, Error::none);
     second.close();
     ASSERT_TRUE(fourth.begin());
-    EXPECT_EQ(lines(),
-              std::vector<std::string>{"all 2 NBD connections are taken; the next client waits until one ends"});
+    ASSERT_FALSE(lines().empty());
+    EXPECT_EQ(lines().front(), "all 2 NBD connections are taken; the next client waits until one ends");
 }
 
 TEST_F(NbdServer, WithoutDescriptorsClientsWaitAndTheLogStaysShort)
@@ -87,17 +87,19 @@ TEST_F(NbdServer, WithoutDescriptorsClientsWaitAndTheLogStaysShort)
     none.rlim_cur = rlim_t(::dup(0)); // the lowest number that is free: from here on nothing can be opened
     ::close(int(none.rlim_cur));
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    const auto begin = std::chrono::steady_clock::now();
     for (Client& client : late)
         EXPECT_TRUE(client.connect_to(socket));
     EXPECT_FALSE(greeted(late.front()));
     EXPECT_EQ(early.ask(Command::read, 0, 512).error, Error::none) << "who is in is served";
     std::this_thread::sleep_for(1500ms);
     const auto told = lines();
+    const auto seconds = std::chrono::ceil<std::chrono::seconds>(std::chrono::steady_clock::now() - begin).count();
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
     for (Client& client : late)
         EXPECT_TRUE(client.begin());
     ASSERT_GE(told.size(), 1u);
-    EXPECT_LE(told.size(), 3u);
+    EXPECT_LE(told.size(), std::size_t(seconds) + 1) << "one a second";
     EXPECT_EQ(told[0], socket + ": cannot take a connection: Too many open files; it waits");
 }
 
