@@ -5,9 +5,7 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 
 #include <algorithm>
 #include <cerrno>

@@ -11,7 +11,6 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <poll.h>
-#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>

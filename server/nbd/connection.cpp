@@ -202,7 +202,7 @@ void Connection::take_request(const std::byte* header)
     }
     const bool bad_flags = r->flags & ~known;
     if (bad_flags && r->command != Command::write)
-        return refuse(r, -EINVAL);
+        return complete(r, -EINVAL);
 
     r->fua = r->flags & command_fua;
     r->bytes = r->length;
@@ -231,25 +231,25 @@ void Connection::take_request(const std::byte* header)
     case Command::write_zeroes:
         // Whether the host's file system is fast at it is not known beforehand.
         if (r->flags & command_fast_zero)
-            return refuse(r, -ENOTSUP);
+            return complete(r, -ENOTSUP);
         r->op = Op::write_zeroes;
         r->may_unmap = !(r->flags & command_no_hole);
         return submit(r);
     case Command::cache:
-        return refuse(r, agreement_.disk->prefetch(r->offset, r->bytes));
+        return complete(r, agreement_.disk->prefetch(r->offset, r->bytes));
     case Command::block_status:
         return begin_status(r, r->flags & command_req_one);
     }
-    refuse(r, -EINVAL);
+    complete(r, -EINVAL);
 }
 
 void Connection::begin_read(Request* r)
 {
     if (r->length == 0 || r->length > most_payload)
-        return refuse(r, -EINVAL);
+        return complete(r, -EINVAL);
     r->buffer = shared_.buffers.take(r->length);
     if (!r->buffer)
-        return refuse(r, -ENOMEM);
+        return complete(r, -ENOMEM);
     r->op = Op::read;
     r->data = r->buffer.data();
     submit(r);
@@ -271,7 +271,7 @@ bool Connection::begin_write(Request* r)
     if (r->length <= small_write) {
         if (r->refused) {
             begin_ += r->length;
-            refuse(r, r->refused);
+            complete(r, r->refused);
             return true;
         }
         r->data = input_->memory.data() + begin_;
@@ -300,13 +300,13 @@ bool Connection::begin_write(Request* r)
 void Connection::begin_status(Request* r, bool only_one)
 {
     if (!agreement_.allocation || r->length == 0)
-        return refuse(r, -EINVAL);
+        return complete(r, -EINVAL);
     r->buffer = shared_.buffers.take(4 + most_extents * 8);
     if (!r->buffer)
-        return refuse(r, -ENOMEM);
+        return complete(r, -ENOMEM);
     std::vector<hosted::Extent> extents;
     if (const int error = agreement_.disk->extents(r->offset, r->length, only_one ? 1 : most_extents, extents))
-        return refuse(r, error);
+        return complete(r, error);
     std::byte* at = store(r->buffer.data(), allocation_id);
     for (const hosted::Extent& extent : extents) {
         at = store(at, std::uint32_t(extent.bytes));
@@ -355,7 +355,7 @@ bool Connection::end_of_filling()
     if (filled_ != filling_->length)
         return false;
     Request* r = std::exchange(filling_, nullptr);
-    r->refused ? refuse(r, r->refused) : submit(r);
+    r->refused ? complete(r, r->refused) : submit(r);
     return true;
 }
 
@@ -423,8 +423,6 @@ void Connection::submit(Request* r)
         return complete(r, -ENOSPC);
     agreement_.disk->submit(r);
 }
-
-void Connection::refuse(Request* r, int error) { complete(r, error); }
 
 // ---- Replies out
 

@@ -6,10 +6,10 @@
 //   overtake each other freely.
 // - Nothing that sends ever waits: what the socket does not take stays in a queue, and the connection's thread sends
 //   it on when there is room. So a client that does not read holds up nobody but itself.
-// - What a client can make the daemon hold is bounded: beyond `most_held` bytes of data or `most_requests` requests
-//   that are not answered yet, nothing more is read from it.
 // - The data of a small write stays where it was received, in a piece of memory that the write shares with its
 //   neighbours; a large one is received straight into memory of its own.
+// - What a client can make the daemon hold is bounded: beyond `most_held` bytes of data, `most_requests` requests that
+//   are not answered yet or `most_inputs` such pieces, nothing more is read from it.
 #pragma once
 
 #include "nbd/buffers.h"
@@ -79,9 +79,8 @@ class Connection
 
     Request* new_request(const std::byte* header);
     void submit(Request* r);
-    void refuse(Request* r, int error); // a negative errno
     static void disk_done(IoRequest* io, int error);
-    void complete(Request* r, int error);
+    void complete(Request* r, int error); // 0 or a negative errno: makes its reply
     void flush();
     void say_goodbye();
 
