@@ -3,6 +3,7 @@
 //
 // Positive results of the driver reach a program as they are: as ioctl()'s own value, and as an address below 4096 from
 // mmap(). An open has no such way out, since a descriptor is positive too: there the kernel side answers an errno.
+#include "base/descriptor.h"
 #include "client/error.h"
 #include "client/transport.h"
 #include "quendrel.h"
@@ -12,10 +13,10 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <fstream>
+#include <utility>
 
 namespace quendrel
 {
@@ -25,23 +26,20 @@ namespace
 class NodeTransport final : public Transport
 {
   public:
-    explicit NodeTransport(int fd) : fd_{fd} {}
-    ~NodeTransport() override { ::close(fd_); }
-    NodeTransport(const NodeTransport&) = delete;
-    NodeTransport& operator=(const NodeTransport&) = delete;
+    explicit NodeTransport(base::Descriptor fd) : fd_{std::move(fd)} {}
 
     int command(std::uint32_t number, std::uint32_t argument) override
     {
         // The driver's positive codes are ioctl()'s own return value; only kernel errors go through errno. A command
         // has no harmless repetition, so EINTR is reported like any other error.
-        const int result = ::ioctl(fd_, static_cast<unsigned long>(number), static_cast<unsigned long>(argument));
+        const int result = ::ioctl(fd_.get(), static_cast<unsigned long>(number), static_cast<unsigned long>(argument));
         return result >= 0 ? result : -errno;
     }
 
     Mapping map(std::size_t bytes) override
     {
         // A 32-bit kernel has nothing else and leaves MAP_32BIT unread.
-        void* p = ::mmap(nullptr, bytes, PROT_READ, MAP_PRIVATE | MAP_32BIT, fd_, 0);
+        void* p = ::mmap(nullptr, bytes, PROT_READ, MAP_PRIVATE | MAP_32BIT, fd_.get(), 0);
         if (p == MAP_FAILED)
             return {-errno, nullptr};
         const auto address = reinterpret_cast<std::uintptr_t>(p);
@@ -63,7 +61,7 @@ class NodeTransport final : public Transport
     }
 
   private:
-    int fd_;
+    base::Descriptor fd_;
 };
 
 } // namespace
@@ -79,13 +77,13 @@ std::unique_ptr<Transport> openNodeTransport(const std::string& path)
         throw Error{"open", "", path, -ENOTTY,
                     "It is a character device of major number " + std::to_string(major(st.st_rdev)) + ", and the control "
                     "device has " + std::to_string(QUENDREL_CHRDEV_MAJOR)};
-    int fd;
+    base::Descriptor fd;
     do
-        fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-    while (fd < 0 && errno == EINTR);
-    if (fd < 0)
+        fd.reset(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+    while (!fd && errno == EINTR);
+    if (!fd)
         throw Error{"open", "", path, -errno};
-    return std::make_unique<NodeTransport>(fd);
+    return std::make_unique<NodeTransport>(std::move(fd));
 }
 
 } // namespace quendrel

@@ -3,6 +3,7 @@
 //
 // The transfer memory is one file that the daemon hands over; a mapping is made of its pages, one by one, at the
 // addresses that were reserved for it before the daemon was asked.
+#include "base/descriptor.h"
 #include "client/error.h"
 #include "client/low_memory.h"
 #include "client/socket_protocol.h"
@@ -28,36 +29,10 @@ constexpr std::size_t page = 4096;
 // How long the close waits for the daemon to finish with the backup. Draining held writes takes as long as the disk.
 constexpr int close_wait_seconds = 60;
 
-class Descriptor
-{
-  public:
-    explicit Descriptor(int fd = -1) noexcept : fd_{fd} {}
-    ~Descriptor() { reset(); }
-    Descriptor(Descriptor&& other) noexcept : fd_{std::exchange(other.fd_, -1)} {}
-    Descriptor& operator=(Descriptor&& other) noexcept
-    {
-        if (this != &other) {
-            reset();
-            fd_ = std::exchange(other.fd_, -1);
-        }
-        return *this;
-    }
-    int get() const noexcept { return fd_; }
-    void reset() noexcept
-    {
-        if (fd_ >= 0)
-            ::close(fd_);
-        fd_ = -1;
-    }
-
-  private:
-    int fd_;
-};
-
 class SocketTransport final : public Transport
 {
   public:
-    SocketTransport(Descriptor socket, pid_t owner) : socket_{std::move(socket)}, owner_{owner} {}
+    SocketTransport(base::Descriptor socket, pid_t owner) : socket_{std::move(socket)}, owner_{owner} {}
     SocketTransport(const SocketTransport&) = delete;
     SocketTransport& operator=(const SocketTransport&) = delete;
 
@@ -91,13 +66,13 @@ class SocketTransport final : public Transport
             return {-EINVAL, nullptr};
         LowMemory range{bytes, LowMemory::Access::reserve};
         wire::Reply reply;
-        Descriptor memory;
+        base::Descriptor memory;
         const wire::Request request{wire::Kind::mmap, range.address(), static_cast<std::uint32_t>(bytes), 1, 0};
         if (const int result = exchange(request, reply, &memory); result != 0)
             return {result, nullptr};
         if (reply.result != 0)
             return {reply.result, nullptr};
-        if (reply.count != bytes / page || memory.get() < 0)
+        if (reply.count != bytes / page || !memory)
             return {-EPROTO, nullptr};
         if (const int result = place(range, reply, memory.get()); result != 0) {
             tellUnmapped(std::move(range), bytes);
@@ -146,7 +121,7 @@ class SocketTransport final : public Transport
         exchange({wire::Kind::munmap, address, static_cast<std::uint32_t>(bytes), 0, 0}, reply, nullptr);
     }
 
-    int exchange(const wire::Request& request, wire::Reply& reply, Descriptor* passed) noexcept
+    int exchange(const wire::Request& request, wire::Reply& reply, base::Descriptor* passed) noexcept
     {
         if (::getpid() != owner_) // the daemon reads and writes the memory of the process that connected
             return -ECHILD;
@@ -159,7 +134,7 @@ class SocketTransport final : public Transport
         return receive(reply, passed);
     }
 
-    int receive(wire::Reply& reply, Descriptor* passed) noexcept
+    int receive(wire::Reply& reply, base::Descriptor* passed) noexcept
     {
         iovec piece{&reply, sizeof reply};
         alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
@@ -174,12 +149,12 @@ class SocketTransport final : public Transport
         } while (got < 0 && errno == EINTR);
         if (got < 0)
             return -errno;
-        Descriptor file;
+        base::Descriptor file;
         if (const cmsghdr* c = got > 0 ? CMSG_FIRSTHDR(&message) : nullptr;
             c != nullptr && c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_RIGHTS) {
             int fd;
             std::memcpy(&fd, CMSG_DATA(c), sizeof fd);
-            file = Descriptor{fd};
+            file.reset(fd);
         }
         if (got == 0)
             return -ECONNRESET;
@@ -193,7 +168,7 @@ class SocketTransport final : public Transport
         return 0;
     }
 
-    Descriptor socket_;
+    base::Descriptor socket_;
     pid_t owner_;
     std::map<std::byte*, LowMemory> areas_; // by first address; at most two
 };
@@ -207,8 +182,8 @@ std::unique_ptr<Transport> openSocketTransport(const std::string& path)
     if (path.size() >= sizeof address.sun_path)
         throw Error{"open", "", path, -ENAMETOOLONG, "Use a run directory with a shorter path"};
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    Descriptor socket{::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)};
-    if (socket.get() < 0)
+    base::Descriptor socket{::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)};
+    if (!socket)
         throw Error{"open", "", path, -errno};
     int connected;
     do

@@ -48,9 +48,9 @@ void wait_for_node(const HostDevice& device)
     ::mknod(device.node.c_str(), S_IFBLK | 0600, makedev(device.major, device.minor));
 }
 
-UniqueFd bind_free_loop(const std::string& file, int backing, bool read_only, std::string& node)
+base::Descriptor bind_free_loop(const std::string& file, int backing, bool read_only, std::string& node)
 {
-    UniqueFd control(::open("/dev/loop-control", O_RDWR | O_CLOEXEC));
+    base::Descriptor control(::open("/dev/loop-control", O_RDWR | O_CLOEXEC));
     if (!control)
         fail("/dev/loop-control: cannot open (root, and the loop module, are needed)", errno);
     for (int tries = 0; tries < 20; ++tries) {
@@ -59,7 +59,7 @@ UniqueFd bind_free_loop(const std::string& file, int backing, bool read_only, st
             fail("no free loop device", errno);
         node = "/dev/loop" + std::to_string(number);
         wait_for_node({node, 7, unsigned(number), 0, 0, 0});
-        UniqueFd loop(::open(node.c_str(), (read_only ? O_RDONLY : O_RDWR) | O_CLOEXEC));
+        base::Descriptor loop(::open(node.c_str(), (read_only ? O_RDONLY : O_RDWR) | O_CLOEXEC));
         if (!loop)
             fail(node + ": cannot open", errno);
         loop_config config{};
@@ -94,11 +94,11 @@ HostLoop attach_disk(const DiskRecord& disk, bool read_only)
         throw std::runtime_error(disk.name + ": the daemon serves no disk files (see its log); use " + disk.nbd);
     auto loops = loops_over(disk.file);
     if (loops.empty()) {
-        UniqueFd backing(::open(disk.file.c_str(), (read_only ? O_RDONLY : O_RDWR) | O_CLOEXEC));
+        base::Descriptor backing(::open(disk.file.c_str(), (read_only ? O_RDONLY : O_RDWR) | O_CLOEXEC));
         if (!backing)
             fail(disk.file + ": cannot open", errno);
         std::string node;
-        UniqueFd loop = bind_free_loop(disk.file, backing.get(), read_only, node);
+        base::Descriptor loop = bind_free_loop(disk.file, backing.get(), read_only, node);
         for (const PartitionRecord& part : disk.partitions) {
             const int error =
                 partition_ioctl(loop.get(), BLKPG_ADD_PARTITION, part.minor - disk.minor, part.start, part.sectors);
@@ -141,7 +141,7 @@ bool detach_disk(const DiskRecord& disk)
         throw std::runtime_error(disk.name + ": " + *user);
     bool any = false;
     for (const HostLoop& loop : loops_over(disk.file)) {
-        UniqueFd fd(::open(loop.node.c_str(), O_RDONLY | O_CLOEXEC));
+        base::Descriptor fd(::open(loop.node.c_str(), O_RDONLY | O_CLOEXEC));
         if (!fd)
             fail(loop.node + ": cannot open", errno);
         for (const HostDevice& device : loop.devices) {

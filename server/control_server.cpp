@@ -49,13 +49,13 @@ bool may_enter(int socket, const ucred& peer, gid_t group)
     return peer.uid == 0 || peer.uid == ::geteuid() || peer.gid == group || member_of(socket, group);
 }
 
-UniqueFd pidfd_of(int socket, pid_t pid)
+base::Descriptor pidfd_of(int socket, pid_t pid)
 {
     int fd = -1;
     socklen_t bytes = sizeof fd;
     if (::getsockopt(socket, SOL_SOCKET, SO_PEERPIDFD, &fd, &bytes) == 0)
-        return UniqueFd(fd);
-    return UniqueFd(int(::syscall(SYS_pidfd_open, pid, 0)));
+        return base::Descriptor(fd);
+    return base::Descriptor(int(::syscall(SYS_pidfd_open, pid, 0)));
 }
 
 bool hung_up(int socket)
@@ -169,12 +169,12 @@ void ControlServer::listen_loop()
             if (clients_.size() >= most_threads())
                 continue;
         }
-        if (UniqueFd socket = listener_.accept())
+        if (base::Descriptor socket = listener_.accept())
             take(std::move(socket));
     }
 }
 
-void ControlServer::take(UniqueFd socket)
+void ControlServer::take(base::Descriptor socket)
 {
     std::list<Client> one;
     try {
@@ -252,7 +252,7 @@ void ControlServer::serve(Client& client)
     if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &bytes) == 0 && may_enter(socket, peer, group)) {
         if (enter(client)) {
             {
-                const UniqueFd pidfd = pidfd_of(socket, peer.pid);
+                const base::Descriptor pidfd = pidfd_of(socket, peer.pid);
                 ControlSession session(hosted::process_memory(peer.pid, pidfd.get()), !options_.multi_client);
                 if (options_.before_open)
                     options_.before_open();

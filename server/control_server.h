@@ -9,8 +9,8 @@
 //   A client whose predecessor has hung up already waits for its close; any other gets -EBUSY.
 #pragma once
 
+#include "base/descriptor.h"
 #include "listener.h"
-#include "unique_fd.h"
 
 #include <sys/types.h>
 
@@ -43,14 +43,14 @@ class ControlServer
 
   private:
     struct Client {
-        UniqueFd socket;
+        base::Descriptor socket;
         bool inside = false;   // holds (or opens) the device
         bool finished = false; // the thread is about to end
         std::thread thread;
     };
 
     void listen_loop();
-    void take(UniqueFd socket);
+    void take(base::Descriptor socket);
     void reap();
     void serve(Client& client);
     bool enter(Client& client); // false: busy

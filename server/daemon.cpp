@@ -34,7 +34,7 @@ bool sync_with_patience(const std::string& mount_point)
     };
     auto shared = std::make_shared<Shared>();
     std::thread([shared, mount_point] {
-        UniqueFd fd(::open(mount_point.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        base::Descriptor fd(::open(mount_point.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (fd)
             ::syncfs(fd.get());
         std::lock_guard lock(shared->mutex);
@@ -64,7 +64,7 @@ unsigned descriptors_for_clients()
 
 } // namespace
 
-Daemon::Daemon(Config config, UniqueFd guardian) : config_(std::move(config)), run_(config_.run_dir)
+Daemon::Daemon(Config config, base::Descriptor guardian) : config_(std::move(config)), run_(config_.run_dir)
 {
     log_ = std::make_unique<LogFile>(run_.log(), config_.foreground);
     hosted::log_set_sink([this](std::string_view line) { report(line); });

@@ -29,7 +29,7 @@ class Daemon
   public:
     // Starts everything. Throws std::exception with a message for the user; what was started is taken down again.
     // `guardian`: its socket, or none.
-    Daemon(Config config, UniqueFd guardian);
+    Daemon(Config config, base::Descriptor guardian);
     ~Daemon(); // ends, if end was not called
 
     // Ends clients (a backup under way is detached), answers what was accepted, writes out what is mounted here, makes

@@ -28,7 +28,7 @@ struct Message {
     int result;
 };
 
-int receive(int socket, Message& message, UniqueFd& fd)
+int receive(int socket, Message& message, base::Descriptor& fd)
 {
     iovec part{&message, sizeof message};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
@@ -48,7 +48,7 @@ int receive(int socket, Message& message, UniqueFd& fd)
             continue;
         int received;
         std::memcpy(&received, CMSG_DATA(c), sizeof received);
-        fd = UniqueFd(received);
+        fd = base::Descriptor(received);
     }
     return 0;
 }
@@ -88,11 +88,11 @@ int send(int socket, const Message& message, int fd)
     if (::chdir("/") != 0)
         ::_exit(1);
 
-    std::map<unsigned, UniqueFd> frozen;
+    std::map<unsigned, base::Descriptor> frozen;
     unsigned next = 1;
     for (;;) {
         Message message;
-        UniqueFd fd;
+        base::Descriptor fd;
         if (receive(socket, message, fd) != 0)
             break;
         message.result = -EINVAL;
@@ -119,29 +119,26 @@ int send(int socket, const Message& message, int fd)
 
 } // namespace
 
-UniqueFd start_guardian()
+base::Descriptor start_guardian()
 {
     int pair[2];
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, pair) != 0)
         throw std::system_error(errno, std::generic_category(), "guardian: socketpair");
+    base::Descriptor ours(pair[0]);
+    const base::Descriptor guardians(pair[1]);
     const pid_t child = ::fork();
-    if (child < 0) {
-        const int error = errno;
-        ::close(pair[0]);
-        ::close(pair[1]);
-        throw std::system_error(error, std::generic_category(), "guardian: fork");
-    }
+    if (child < 0)
+        throw std::system_error(errno, std::generic_category(), "guardian: fork");
     if (child == 0)
-        guard(pair[1]);
-    ::close(pair[1]);
-    return UniqueFd(pair[0]);
+        guard(guardians.get());
+    return ours;
 }
 
 int Guardian::ask(unsigned operation, unsigned& id, int fd)
 {
     std::lock_guard lock(mutex_);
     Message message{operation, id, 0};
-    UniqueFd none;
+    base::Descriptor none;
     if (send(socket_.get(), message, fd) != 0 || receive(socket_.get(), message, none) != 0)
         return -EPIPE;
     id = message.id;
@@ -150,7 +147,7 @@ int Guardian::ask(unsigned operation, unsigned& id, int fd)
 
 int Guardian::freeze(const std::string& mount_point, unsigned& id)
 {
-    UniqueFd fd(::open(mount_point.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOATIME));
+    base::Descriptor fd(::open(mount_point.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOATIME));
     if (!fd)
         return -errno;
     id = 0;

@@ -7,7 +7,7 @@
 // them and leaves. It is forked before the daemon has threads.
 #pragma once
 
-#include "unique_fd.h"
+#include "base/descriptor.h"
 
 #include <mutex>
 #include <string>
@@ -17,13 +17,13 @@ namespace quendreld
 
 // Forks the guardian; the result is the daemon's end of the socket, inherited over exec. Throws std::system_error.
 // The guardian holds no other descriptor and ignores the terminal's signals.
-UniqueFd start_guardian();
+base::Descriptor start_guardian();
 
 // The daemon's side. Any thread may call; one request is under way at a time.
 class Guardian
 {
   public:
-    explicit Guardian(UniqueFd socket) : socket_(std::move(socket)) {}
+    explicit Guardian(base::Descriptor socket) : socket_(std::move(socket)) {}
 
     // Freezes the file system mounted at `mount_point`. 0 or a negative errno: -EBUSY when it is frozen already (and
     // is left so), -EPIPE when the guardian is gone.
@@ -34,7 +34,7 @@ class Guardian
     int ask(unsigned operation, unsigned& id, int fd);
 
     std::mutex mutex_; // one request at a time; innermost
-    UniqueFd socket_;
+    base::Descriptor socket_;
 };
 
 } // namespace quendreld

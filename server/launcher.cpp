@@ -120,7 +120,7 @@ std::string check_image(const std::string& path, bool read_only, bool raw, std::
     // O_EXCL on a block device fails when it, or a part of it, is mounted, and keeps it from being mounted; on a file
     // it means nothing.
     const int flags = (read_only ? O_RDONLY : O_RDWR) | (S_ISBLK(status.st_mode) ? O_EXCL : 0);
-    UniqueFd fd(::open(resolved, flags));
+    base::Descriptor fd(::open(resolved, flags));
     if (!fd) {
         const int error = errno;
         if (error == EBUSY)
@@ -164,7 +164,7 @@ std::string last_lines(const std::string& path)
 }
 
 // The background process: what it has to say before it is ready goes to `ready`.
-[[noreturn]] void run_child(const Config& config, UniqueFd ready)
+[[noreturn]] void run_child(const Config& config, base::Descriptor ready)
 {
     const auto tell = [&ready](const std::string& text) {
         [[maybe_unused]] const auto written = ::write(ready.get(), text.data(), text.size());
@@ -173,8 +173,8 @@ std::string last_lines(const std::string& path)
     try {
         ::setsid();
         const RunDir run(config.run_dir);
-        UniqueFd null(::open("/dev/null", O_RDWR));
-        UniqueFd log(::open(run.log().c_str(), O_WRONLY | O_CREAT | O_APPEND, 0640));
+        base::Descriptor null(::open("/dev/null", O_RDWR));
+        base::Descriptor log(::open(run.log().c_str(), O_WRONLY | O_CREAT | O_APPEND, 0640));
         if (!null || !log)
             throw failure(run.log() + ": cannot open", errno);
         ::dup2(null.get(), 0);
@@ -184,7 +184,7 @@ std::string last_lines(const std::string& path)
         log.reset();
         if (::chdir("/") != 0)
             throw failure("/", errno);
-        UniqueFd guardian = start_guardian();
+        base::Descriptor guardian = start_guardian();
         write_file_whole(run.pid(), std::to_string(::getpid()) + "\n");
         ::_exit(run_service(config, std::move(guardian), [&tell] { tell("ok\n"); }));
     } catch (const std::exception& error) {
@@ -212,28 +212,29 @@ int launch(const Config& config, const std::function<void()>& started)
 {
     const RunDir run(config.run_dir);
     check_lengths(run);
-    const UniqueFd lock = run.take();
+    const base::Descriptor lock = run.take();
     run.remove_stale();
     if (config.foreground) {
-        UniqueFd guardian = start_guardian();
+        base::Descriptor guardian = start_guardian();
         write_file_whole(run.pid(), std::to_string(::getpid()) + "\n");
         return run_service(config, std::move(guardian), started);
     }
 
-    int ready[2];
-    if (::pipe2(ready, O_CLOEXEC) != 0)
+    int pipe[2];
+    if (::pipe2(pipe, O_CLOEXEC) != 0)
         throw failure("pipe", errno);
+    base::Descriptor heard(pipe[0]), ready(pipe[1]);
     const pid_t child = ::fork();
     if (child < 0)
         throw failure("fork", errno);
     if (child == 0) {
-        ::close(ready[0]);
-        run_child(config, UniqueFd(ready[1]));
+        heard.reset();
+        run_child(config, std::move(ready));
     }
-    ::close(ready[1]);
+    ready.reset();
     std::string message;
     char part[512];
-    for (ssize_t got; (got = ::read(ready[0], part, sizeof part)) != 0;) {
+    for (ssize_t got; (got = ::read(heard.get(), part, sizeof part)) != 0;) {
         if (got > 0)
             message.append(part, std::size_t(got));
         if (got < 0 && errno != EINTR)
@@ -241,7 +242,6 @@ int launch(const Config& config, const std::function<void()>& started)
         if (message == "ok\n")
             break;
     }
-    ::close(ready[0]);
     if (message == "ok\n") {
         started();
         return 0;
@@ -261,7 +261,7 @@ void stop_daemon(const std::string& run_dir, bool force)
     const auto pid = run.owner();
     if (!pid)
         throw std::runtime_error(run.pid() + ": cannot be read; end the daemon by its process id");
-    UniqueFd process(int(::syscall(SYS_pidfd_open, *pid, 0)));
+    base::Descriptor process(int(::syscall(SYS_pidfd_open, *pid, 0)));
     if (!process)
         throw failure("process " + std::to_string(*pid), errno);
 

@@ -23,7 +23,7 @@ constexpr int rest_ms = 100; // before a connection that could not be taken is t
 
 [[noreturn]] void fail(const std::string& what) { throw std::system_error(errno, std::generic_category(), what); }
 
-UniqueFd listening_socket(const Listener::Options& options)
+base::Descriptor listening_socket(const Listener::Options& options)
 {
     const std::string next = options.path + ".new";
     sockaddr_un address{};
@@ -34,7 +34,7 @@ UniqueFd listening_socket(const Listener::Options& options)
     }
     std::memcpy(address.sun_path, next.c_str(), next.size() + 1);
     ::unlink(next.c_str());
-    UniqueFd fd(::socket(AF_UNIX, options.type | SOCK_CLOEXEC, 0));
+    base::Descriptor fd(::socket(AF_UNIX, options.type | SOCK_CLOEXEC, 0));
     const int credentials = options.credentials;
     if (!fd || ::setsockopt(fd.get(), SOL_SOCKET, SO_PASSCRED, &credentials, sizeof credentials) != 0 ||
         ::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
@@ -88,7 +88,7 @@ void Listener::rest(int ms)
     ::poll(&p, 1, ms);
 }
 
-UniqueFd Listener::accept()
+base::Descriptor Listener::accept()
 {
     pollfd polls[2] = {{wake_.get(), POLLIN, 0}, {socket_.get(), POLLIN, 0}};
     if (::poll(polls, 2, -1) < 0)
@@ -98,7 +98,7 @@ UniqueFd Listener::accept()
         [[maybe_unused]] const auto got = ::read(wake_.get(), &count, sizeof count);
         return {};
     }
-    UniqueFd connection(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    base::Descriptor connection(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!connection && errno != EINTR && errno != ECONNABORTED && errno != EAGAIN) {
         report_(path_ + ": cannot take a connection: " + std::strerror(errno) + "; it waits");
         rest(rest_ms);

@@ -6,7 +6,7 @@
 // waits a little before it tries again, and says so at most once a second.
 #pragma once
 
-#include "unique_fd.h"
+#include "base/descriptor.h"
 
 #include <sys/types.h>
 
@@ -50,7 +50,7 @@ class Listener
     ~Listener();                        // takes the name away
 
     // The next connection (close-on-exec), or nothing: `wake` was called, or it could not be taken.
-    UniqueFd accept();
+    base::Descriptor accept();
     // Makes the accept under way, or else the next one, come back. From any thread.
     void wake();
 
@@ -58,8 +58,8 @@ class Listener
     void rest(int ms);
 
     const std::string path_;
-    UniqueFd socket_;
-    UniqueFd wake_; // an eventfd
+    base::Descriptor socket_;
+    base::Descriptor wake_; // an eventfd
     QuietReport report_;
 };
 

@@ -6,7 +6,7 @@
 // dropped and counted, and the count is written in their place.
 #pragma once
 
-#include "unique_fd.h"
+#include "base/descriptor.h"
 
 #include <condition_variable>
 #include <deque>
@@ -31,7 +31,7 @@ class LogFile
   private:
     void run();
 
-    UniqueFd fd_;
+    base::Descriptor fd_;
     bool echo_;
     std::mutex mutex_; // guards what follows; innermost
     std::condition_variable wake_;

@@ -40,11 +40,11 @@ std::optional<FileSystemRecord> file_system_of(const ordered& from)
 
 } // namespace
 
-UniqueFd RunDir::take() const
+base::Descriptor RunDir::take() const
 {
     if (::mkdir(path_.c_str(), 0755) != 0 && errno != EEXIST)
         throw std::system_error(errno, std::generic_category(), path_ + ": cannot make the run directory");
-    UniqueFd fd(::open(lock().c_str(), O_RDWR | O_CREAT, 0644));
+    base::Descriptor fd(::open(lock().c_str(), O_RDWR | O_CREAT, 0644));
     if (!fd)
         throw std::system_error(errno, std::generic_category(), lock() + ": cannot open the lock");
     if (::flock(fd.get(), LOCK_EX | LOCK_NB) == 0)
@@ -59,7 +59,7 @@ UniqueFd RunDir::take() const
 
 bool RunDir::taken() const
 {
-    UniqueFd fd(::open(lock().c_str(), O_RDONLY | O_CLOEXEC));
+    base::Descriptor fd(::open(lock().c_str(), O_RDONLY | O_CLOEXEC));
     return fd && ::flock(fd.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
@@ -142,7 +142,7 @@ std::vector<DiskRecord> disks_from_json(const std::string& text)
 void write_file_whole(const std::string& path, const std::string& text)
 {
     const std::string next = path + ".new";
-    UniqueFd fd(::open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    base::Descriptor fd(::open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (!fd)
         throw std::system_error(errno, std::generic_category(), next + ": cannot create");
     if (::write(fd.get(), text.data(), text.size()) != ssize_t(text.size()))

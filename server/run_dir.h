@@ -5,7 +5,7 @@
 // lock tells whether it lives. Whatever else is found there without the lock being held is stale and may be removed.
 #pragma once
 
-#include "unique_fd.h"
+#include "base/descriptor.h"
 
 #include <cstdint>
 #include <optional>
@@ -33,7 +33,7 @@ class RunDir
 
     // Makes the directory if it is missing and takes the lock. Throws std::runtime_error that says what to do when
     // another daemon holds it. The lock is the descriptor's, and lives until the last process that inherited it ends.
-    UniqueFd take() const;
+    base::Descriptor take() const;
     bool taken() const;               // a daemon is alive
     std::optional<int> owner() const; // its process id, from RUN/pid
 

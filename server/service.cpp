@@ -14,7 +14,7 @@
 namespace quendreld
 {
 
-int run_service(const Config& config, UniqueFd guardian, const std::function<void()>& ready)
+int run_service(const Config& config, base::Descriptor guardian, const std::function<void()>& ready)
 {
     // Every thread inherits this, so that the signals come to the one that waits for them.
     sigset_t ends;

@@ -2,8 +2,8 @@
 // A daemon's life in its process: made, ready, told to end, ended.
 #pragma once
 
+#include "base/descriptor.h"
 #include "config.h"
-#include "unique_fd.h"
 
 #include <functional>
 #include <string>
@@ -17,6 +17,6 @@ constexpr const char* ended_well = "ok\n";
 // Serves until SIGTERM, SIGINT, SIGQUIT or SIGHUP, then ends the daemon and leaves RUN/ended behind. `ready` is called
 // once, when clients can come. The result is the process's exit status: 0, or 1 when something accepted may not be on
 // its disk. To be called while the process has one thread. Throws std::exception when the daemon cannot be made.
-int run_service(const Config& config, UniqueFd guardian, const std::function<void()>& ready);
+int run_service(const Config& config, base::Descriptor guardian, const std::function<void()>& ready);
 
 } // namespace quendreld

@@ -10,6 +10,7 @@
 // A kernel tells of a failed write-back once to each open file description, and then takes the pages for clean. So
 // flushes have a description of their own, from which no durable write takes an error away, go one at a time, and the
 // first error is kept: every later flush is answered with it.
+#include "base/descriptor.h"
 #include "hosted.h"
 #include "image_lock.h"
 #include "ring.h"
@@ -45,28 +46,6 @@ constexpr std::uint64_t long_copy = 128 << 10;
 {
     throw std::system_error(error, std::generic_category(), path + ": " + what);
 }
-
-class Descriptor
-{
-  public:
-    Descriptor() = default;
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor()
-    {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    Descriptor(Descriptor&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
-    Descriptor& operator=(Descriptor&& other) noexcept
-    {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    int get() const { return fd_; }
-
-  private:
-    int fd_ = -1;
-};
 
 struct Free {
     void operator()(void* p) const { std::free(p); }
@@ -123,9 +102,9 @@ class FileStore final : public Store
     int zero(const StoreRequest& r);
     int write_out_zeroes(const StoreRequest& r) const;
 
-    Descriptor cached_; // through the page cache
-    Descriptor direct_; // past it; -1 unless asked for
-    Descriptor flush_;  // for flushes alone
+    base::Descriptor cached_; // through the page cache
+    base::Descriptor direct_; // past it; none unless asked for
+    base::Descriptor flush_;  // for flushes alone
     std::uint64_t size_ = 0;
     bool read_only_;
     std::function<void(int)> flush_failed_;
@@ -148,22 +127,22 @@ FileStore::FileStore(const std::string& path, const FileStoreOptions& options)
     int flags = (read_only_ ? O_RDONLY : O_RDWR) | O_CLOEXEC;
     // The kernel refuses this for a block device that is mounted or otherwise in use.
     int exclusive = S_ISBLK(st.st_mode) && !read_only_ ? O_EXCL : 0;
-    cached_ = Descriptor(open(path.c_str(), flags | exclusive));
-    if (cached_.get() < 0 && errno == EBUSY)
+    cached_.reset(open(path.c_str(), flags | exclusive));
+    if (!cached_ && errno == EBUSY)
         fail(EBUSY, path, "is in use: unmount it, or open it read-only");
-    if (cached_.get() < 0)
+    if (!cached_)
         fail(errno, path,
              read_only_ ? "cannot be read: check its permissions"
                         : "cannot be opened for writing: check its permissions, or open it read-only");
     if (const std::string held = lock_image(cached_.get(), read_only_); !held.empty())
         fail(EBUSY, path, held);
     if (options.direct) {
-        direct_ = Descriptor(open(path.c_str(), flags | O_DIRECT));
-        if (direct_.get() < 0)
+        direct_.reset(open(path.c_str(), flags | O_DIRECT));
+        if (!direct_)
             fail(errno, path, "does not support direct I/O: serve it without");
     }
-    flush_ = Descriptor(open(path.c_str(), flags));
-    if (flush_.get() < 0)
+    flush_.reset(open(path.c_str(), flags));
+    if (!flush_)
         fail(errno, path, "cannot be opened again");
     int block = 0;
     if (S_ISBLK(st.st_mode) && ioctl(cached_.get(), BLKSSZGET, &block) == 0 && block > 512)
@@ -191,7 +170,7 @@ void FileStore::submit(StoreRequest* r)
         r->done(r, -EROFS);
         return;
     }
-    if (r->more && r->op == Op::read && r->bytes >= long_copy && direct_.get() < 0) {
+    if (r->more && r->op == Op::read && r->bytes >= long_copy && !direct_) {
         in_flight_.fetch_add(1, std::memory_order_relaxed);
         pool_.push([this, r] {
             if (try_at_once(*r))
@@ -215,7 +194,7 @@ void FileStore::submit(StoreRequest* r)
 bool FileStore::try_at_once(const StoreRequest& r) const
 {
     bool transfer = r.op == Op::read || (r.op == Op::write && !r.fua);
-    if (!transfer || direct_.get() >= 0 || r.pieces.size() > most_pieces)
+    if (!transfer || direct_ || r.pieces.size() > most_pieces)
         return false;
     ssize_t n;
     if (r.op == Op::write && r.pieces.size() == 1) {
@@ -243,7 +222,7 @@ bool FileStore::try_ring(StoreRequest* r)
 {
     if (!ring_ || (r->op != Op::read && r->op != Op::write) || r->pieces.size() > most_pieces)
         return false;
-    bool direct = direct_.get() >= 0 && aligned(*r);
+    bool direct = direct_ && aligned(*r);
     auto owned = std::make_unique<Transfer>();
     Transfer* t = owned.get();
     bool bounce = false;

@@ -4,6 +4,7 @@
 //
 // The memfd is mapped whole at once and then sealed: from then on nobody can change its size (which would end this
 // process at its next touch) or write to it but through that one mapping, whatever way a client finds to open it anew.
+#include "base/descriptor.h"
 #include "faults.h"
 #include "futex.h"
 #include "memory.h"
@@ -111,16 +112,17 @@ class Pool
     {
         std::lock_guard lock(latch_);
         open_memory();
-        return read_only_fd_;
+        return read_only_.get();
     }
 
   private:
     void open_memory()
     {
-        if (read_only_fd_ >= 0)
+        if (read_only_)
             return;
-        const int fd = memfd_create("transfer pages", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-        if (fd < 0)
+        const base::Descriptor memory{memfd_create("transfer pages", MFD_CLOEXEC | MFD_ALLOW_SEALING)};
+        const int fd = memory.get();
+        if (!memory)
             fail("memfd_create for the transfer pages");
         void* all = MAP_FAILED;
         if (ftruncate(fd, off_t(transfer_bytes)) == 0)
@@ -131,10 +133,9 @@ class Pool
             all != MAP_FAILED && (fcntl(fd, F_ADD_SEALS, sizes | F_SEAL_FUTURE_WRITE | F_SEAL_SEAL) == 0 ||
                                   fcntl(fd, F_ADD_SEALS, sizes | F_SEAL_SEAL) == 0);
         if (sealed)
-            read_only_fd_ = open(("/proc/self/fd/" + std::to_string(fd)).c_str(), O_RDONLY | O_CLOEXEC);
-        const int error = errno;
-        close(fd);
-        if (read_only_fd_ < 0) {
+            read_only_.reset(open(("/proc/self/fd/" + std::to_string(fd)).c_str(), O_RDONLY | O_CLOEXEC));
+        if (!read_only_) {
+            const int error = errno;
             if (all != MAP_FAILED)
                 munmap(all, transfer_bytes);
             errno = error;
@@ -203,7 +204,7 @@ class Pool
     std::vector<Chunk*> partial_; // with memory and a free page
     std::vector<Chunk*> empty_;   // without memory
     // Of the shared pool:
-    int read_only_fd_ = -1;
+    base::Descriptor read_only_;
     std::byte* all_ = nullptr; // the memfd's mapping
     std::int64_t size_ = 0;    // of its part that is in chunks
 };

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // What lies on a disk: its partition table and its file systems, as libblkid sees them.
+#include "base/descriptor.h"
 #include "hosted.h"
 
 #include <blkid/blkid.h>
@@ -27,29 +28,20 @@ class Probe
     Probe(const std::string& path, std::uint64_t offset, std::uint64_t bytes)
         : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC))
     {
-        if (fd_ < 0)
+        if (!fd_)
             throw std::system_error(errno, std::generic_category(),
                                     path + ": cannot be read: check the path and its permissions");
         probe_.reset(blkid_new_probe());
-        if (!probe_ || blkid_probe_set_device(probe_.get(), fd_, blkid_loff_t(offset), blkid_loff_t(bytes)) != 0) {
-            int error = errno ? errno : EINVAL;
-            close(fd_);
-            throw std::system_error(error, std::generic_category(), path + ": is neither an image nor a block device");
-        }
+        if (!probe_ || blkid_probe_set_device(probe_.get(), fd_.get(), blkid_loff_t(offset), blkid_loff_t(bytes)) != 0)
+            throw std::system_error(errno ? errno : EINVAL, std::generic_category(),
+                                    path + ": is neither an image nor a block device");
     }
-    ~Probe()
-    {
-        probe_.reset();
-        close(fd_);
-    }
-    Probe(const Probe&) = delete;
-    Probe& operator=(const Probe&) = delete;
     blkid_probe get() { return probe_.get(); }
-    int fd() const { return fd_; }
+    int fd() const { return fd_.get(); }
 
   private:
-    int fd_;
-    std::unique_ptr<blkid_struct_probe, FreeProbe> probe_;
+    base::Descriptor fd_;
+    std::unique_ptr<blkid_struct_probe, FreeProbe> probe_; // uses fd_
 };
 
 std::optional<std::string> value(blkid_probe probe, const char* name)

@@ -93,7 +93,7 @@ struct Connection::Request : IoRequest {
     std::size_t sent = 0;          // of both
 };
 
-Connection::Connection(UniqueFd socket, UniqueFd wake, Shared& shared)
+Connection::Connection(base::Descriptor socket, base::Descriptor wake, Shared& shared)
     : shared_(shared), socket_(std::move(socket)), wake_(std::move(wake))
 {
 }

@@ -12,9 +12,9 @@
 //   are not answered yet or `most_inputs` such pieces, nothing more is read from it.
 #pragma once
 
+#include "base/descriptor.h"
 #include "nbd/buffers.h"
 #include "nbd/negotiation.h"
-#include "unique_fd.h"
 
 #include <atomic>
 #include <chrono>
@@ -40,7 +40,7 @@ class Connection
 {
   public:
     // `wake`: a non-blocking eventfd of the connection's own.
-    Connection(UniqueFd socket, UniqueFd wake, Shared& shared);
+    Connection(base::Descriptor socket, base::Descriptor wake, Shared& shared);
     ~Connection();
 
     // Serves the client until it leaves; on the connection's own thread, once. When this returns no request is under
@@ -93,8 +93,8 @@ class Connection
     void wake();
 
     Shared& shared_;
-    UniqueFd socket_;
-    UniqueFd wake_; // the connection's thread looks again
+    base::Descriptor socket_;
+    base::Descriptor wake_; // the connection's thread looks again
     Agreement agreement_;
     std::atomic<bool> stop_ = false; // hang_up was called
 

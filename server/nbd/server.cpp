@@ -62,14 +62,14 @@ void Server::listen_loop()
             if (clients_.size() >= most_connections_)
                 continue;
         }
-        if (UniqueFd socket = listener_.accept())
+        if (base::Descriptor socket = listener_.accept())
             take(std::move(socket));
     }
 }
 
-void Server::take(UniqueFd socket)
+void Server::take(base::Descriptor socket)
 {
-    UniqueFd wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    base::Descriptor wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!wake)
         return quietly_(std::string("an NBD client was turned away: ") + std::strerror(errno));
     std::list<Client> one;

@@ -43,7 +43,7 @@ class Server
     };
 
     void listen_loop();
-    void take(UniqueFd socket);
+    void take(base::Descriptor socket);
     void serve(Client& client);
     void reap();
 

@@ -51,5 +51,16 @@ while IFS=$'\t' read -r file name; do
   esac
 done < <(includes server)
 
+while IFS=$'\t' read -r file name; do
+  case $name in
+  base/*) ;;
+  *.h | *.hpp)
+    if [ -n "$(find . -path ./build -prune -o -path "*/$name" -print -quit)" ]; then
+      wrong "$file" "$name" "everybody uses base, which uses nobody"
+    fi
+    ;;
+  esac
+done < <(includes base)
+
 [ $failed = 0 ] && echo "every include follows the plan"
 exit $failed

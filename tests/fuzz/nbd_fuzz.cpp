@@ -197,9 +197,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     int pair[2];
     require(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) == 0, "a pair of sockets");
-    nbd::Connection connection(UniqueFd(pair[0]), UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), ground.shared);
+    nbd::Connection connection(base::Descriptor(pair[0]), base::Descriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), ground.shared);
     std::thread thread([&] { connection.run(); });
-    const UniqueFd here(pair[1]);
+    const base::Descriptor here(pair[1]);
     const Bytes back = converse(here.get(), all);
     thread.join();
     if (mode & 2)

@@ -45,7 +45,7 @@ using fuzz::require;
 
 namespace wire = quendrel::wire;
 using quendreld::ControlServer;
-using quendreld::UniqueFd;
+using base::Descriptor;
 
 constexpr u32 kMostBlocks = 1u << 16; // of a map that is really allocated, so that a run stays fast
 constexpr u32 kHighest = 0x7fff8000;
@@ -108,13 +108,13 @@ class Connection
                     std::size_t(got) == wire::reply_header_bytes + 4 * reply.count,
                 "an answer has the size that it says");
         require(reply.version == wire::protocol_version, "an answer has the version");
-        UniqueFd memory;
+        Descriptor memory;
         for (cmsghdr* c = CMSG_FIRSTHDR(&header); c; c = CMSG_NXTHDR(&header, c)) {
             require(c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_RIGHTS && c->cmsg_len == CMSG_LEN(sizeof(int)),
                     "one descriptor comes along, or none");
             int fd;
             std::memcpy(&fd, CMSG_DATA(c), sizeof fd);
-            memory = UniqueFd(fd);
+            memory = Descriptor(fd);
         }
         require(bool(memory) == (reply.count != 0), "the memory comes with pages and only then");
         char byte;
@@ -128,7 +128,7 @@ class Connection
     void end_of_sending() { ::shutdown(fd_.get(), SHUT_WR); }
 
   private:
-    UniqueFd fd_;
+    Descriptor fd_;
 };
 
 int entries(const char* directory)

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // The story's blocks in a file or block device of this machine.
+#include "base/descriptor.h"
 #include "block_target.h"
 
 #include <fcntl.h>
@@ -16,23 +17,20 @@ class PathTarget final : public BlockTarget
   public:
     explicit PathTarget(const std::string& path) : path_(path), fd_(::open(path.c_str(), O_WRONLY | O_DSYNC | O_CLOEXEC))
     {
-        if (fd_ < 0)
+        if (!fd_)
             throw std::system_error(errno, std::generic_category(), path);
     }
-    ~PathTarget() override { ::close(fd_); }
-    PathTarget(const PathTarget&) = delete;
-    PathTarget& operator=(const PathTarget&) = delete;
 
     void write(std::uint64_t offset, std::span<const char> bytes) override
     {
-        const ssize_t done = ::pwrite(fd_, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+        const ssize_t done = ::pwrite(fd_.get(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
         if (done != static_cast<ssize_t>(bytes.size()))
             throw std::system_error(done < 0 ? errno : ENOSPC, std::generic_category(), path_);
     }
 
   private:
     std::string path_;
-    int fd_;
+    base::Descriptor fd_;
 };
 
 } // namespace

@@ -30,33 +30,16 @@ namespace
 File::File(fs::path path, int flags, unsigned mode) : path_{std::move(path)}
 {
     do
-        fd_ = ::open(path_.c_str(), flags | O_CLOEXEC, mode);
-    while (fd_ < 0 && errno == EINTR);
-    if (fd_ < 0)
+        fd_.reset(::open(path_.c_str(), flags | O_CLOEXEC, mode));
+    while (!fd_ && errno == EINTR);
+    if (!fd_)
         fail(path_, "open", errno);
-}
-
-File::~File()
-{
-    if (fd_ >= 0)
-        ::close(fd_);
-}
-
-File& File::operator=(File&& other) noexcept
-{
-    if (this != &other) {
-        if (fd_ >= 0)
-            ::close(fd_);
-        fd_ = std::exchange(other.fd_, -1);
-        path_ = std::move(other.path_);
-    }
-    return *this;
 }
 
 void File::writeAt(std::uint64_t offset, std::span<const std::byte> bytes) const
 {
     while (!bytes.empty()) {
-        const ssize_t done = ::pwrite(fd_, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+        const ssize_t done = ::pwrite(fd_.get(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
         if (done < 0 && errno == EINTR)
             continue;
         if (done <= 0)
@@ -69,7 +52,7 @@ void File::writeAt(std::uint64_t offset, std::span<const std::byte> bytes) const
 void File::readAt(std::uint64_t offset, std::span<std::byte> bytes) const
 {
     while (!bytes.empty()) {
-        const ssize_t done = ::pread(fd_, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+        const ssize_t done = ::pread(fd_.get(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
         if (done < 0 && errno == EINTR)
             continue;
         if (done < 0)
@@ -85,26 +68,26 @@ std::uint64_t File::size() const
 {
     struct stat st {
     };
-    if (::fstat(fd_, &st) != 0)
+    if (::fstat(fd_.get(), &st) != 0)
         fail(path_, "stat", errno);
     return static_cast<std::uint64_t>(st.st_size);
 }
 
 void File::truncate(std::uint64_t bytes) const
 {
-    if (::ftruncate(fd_, static_cast<off_t>(bytes)) != 0)
+    if (::ftruncate(fd_.get(), static_cast<off_t>(bytes)) != 0)
         fail(path_, "set the size of", errno);
 }
 
 void File::sync() const
 {
-    if (::fsync(fd_) != 0)
+    if (::fsync(fd_.get()) != 0)
         fail(path_, "make durable", errno);
 }
 
 void File::close()
 {
-    if (fd_ >= 0 && ::close(std::exchange(fd_, -1)) != 0)
+    if (fd_ && ::close(fd_.release()) != 0)
         fail(path_, "close", errno);
 }
 

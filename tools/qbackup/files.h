@@ -2,12 +2,13 @@
 // Files with errors that name the file: open, write, read whole, make durable.
 #pragma once
 
+#include "base/descriptor.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <span>
 #include <string>
-#include <utility>
 
 namespace qbackup
 {
@@ -20,13 +21,8 @@ class File
     File() noexcept = default;
     // open(2) with O_CLOEXEC added. Throws Failure.
     File(fs::path path, int flags, unsigned mode = 0640);
-    ~File();
-    File(File&& other) noexcept : fd_{std::exchange(other.fd_, -1)}, path_{std::move(other.path_)} {}
-    File& operator=(File&& other) noexcept;
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
 
-    int fd() const noexcept { return fd_; }
+    int fd() const noexcept { return fd_.get(); }
     const fs::path& path() const noexcept { return path_; }
     void writeAt(std::uint64_t offset, std::span<const std::byte> bytes) const;
     // Reads exactly bytes.size() bytes; fewer is a Failure (damaged).
@@ -37,7 +33,7 @@ class File
     void close();
 
   private:
-    int fd_ = -1;
+    base::Descriptor fd_;
     fs::path path_;
 };
 

@@ -65,11 +65,8 @@ class Destination
     void openDevice(std::uint64_t bytes)
     {
         // The kernel refuses an exclusive opening of a device that is mounted or otherwise in use.
-        const int fd = ::open(to_.c_str(), O_RDWR | O_EXCL | O_CLOEXEC);
-        if (fd < 0 && errno == EBUSY)
+        if (!base::Descriptor{::open(to_.c_str(), O_RDWR | O_EXCL | O_CLOEXEC)} && errno == EBUSY)
             throw Failure{Exit::refused, to_.string() + " is mounted or in use; unmount it before restoring to it"};
-        if (fd >= 0)
-            ::close(fd);
         file_ = File{to_, O_RDWR | O_EXCL};
         const off_t end = ::lseek(file_.fd(), 0, SEEK_END);
         if (end < 0 || static_cast<std::uint64_t>(end) < bytes)

@@ -178,7 +178,7 @@ TEST_F(ControlAccess, AMappingShowsThePagesOfTheTransferMemory)
     ASSERT_EQ(client.receive()->result, 0);
     LowPage page;
     ASSERT_NO_FATAL_FAILURE(start(client, page));
-    UniqueFd memory;
+    base::Descriptor memory;
     const auto reply = client.ask({wire::Kind::mmap, 0x20000000, 8 * 4096, 1, 0}, &memory);
     ASSERT_TRUE(reply);
     ASSERT_EQ(reply->result, 0);

@@ -20,7 +20,7 @@ namespace
 using namespace serving;
 using control_rig::Client;
 using control_rig::LowPage;
-using quendreld::UniqueFd;
+using base::Descriptor;
 
 constexpr std::uint64_t MiB = 1 << 20;
 
@@ -68,7 +68,7 @@ TEST_F(MountedPartition, ASnapshotReallyFreezesTheFileSystemAndThawsIt)
     std::ofstream(mnt + "/file") << std::string(MiB, 'z');
     EXPECT_EQ(snapshot(), 0);
     EXPECT_TRUE(log_has(mnt + ": frozen for ")) << serving->log();
-    UniqueFd fd(::open(mnt.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    Descriptor fd(::open(mnt.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     EXPECT_NE(::ioctl(fd.get(), FITHAW, 0), 0) << "it was still frozen";
     // The disk underneath has the file and is clean as of the freeze.
     const std::string part = scratch / "part.img";
@@ -78,7 +78,7 @@ TEST_F(MountedPartition, ASnapshotReallyFreezesTheFileSystemAndThawsIt)
 
 TEST_F(MountedPartition, AFileSystemFrozenBySomebodyElseIsNotThawedAndTheLogSaysSo)
 {
-    UniqueFd fd(::open(mnt.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    Descriptor fd(::open(mnt.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     ASSERT_EQ(::ioctl(fd.get(), FIFREEZE, 0), 0);
     snapshot();
     EXPECT_TRUE(log_has("freeze: " + mnt + ": frozen already by somebody else")) << serving->log();
@@ -113,11 +113,11 @@ TEST_F(MountedPartition, OldBlocksAreReadBackAfterTheyWereOverwritten)
     ASSERT_EQ(client->ioctl(QUENDREL_LOAD_BLOCK_MAP, record.address())->result, 0);
 
     {
-        UniqueFd fd(::open((mnt + "/file").c_str(), O_WRONLY | O_CLOEXEC));
+        Descriptor fd(::open((mnt + "/file").c_str(), O_WRONLY | O_CLOEXEC));
         ASSERT_EQ(::pwrite(fd.get(), std::string(4096, 'n').data(), 4096, 0), 4096);
         ASSERT_EQ(::fsync(fd.get()), 0);
     }
-    UniqueFd memory;
+    Descriptor memory;
     constexpr std::uint32_t area = 0x30000000;
     const auto mapped = client->ask({control_rig::wire::Kind::mmap, area, 4096, 1, 0}, &memory);
     ASSERT_TRUE(mapped && mapped->result == 0 && mapped->count == 1);

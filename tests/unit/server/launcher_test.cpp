@@ -2,8 +2,8 @@
 // What is refused before a daemon starts, and in which words.
 #include "launcher.h"
 
+#include "base/descriptor.h"
 #include "image_lock.h"
-#include "unique_fd.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -118,7 +118,7 @@ TEST_F(CheckImages, AContainerIsRefusedWithWhatItIsUnlessItsBytesAreWanted)
 TEST_F(CheckImages, AnImageThatIsServedForReadingCanBeServedSoTwiceButNotForWriting)
 {
     const std::string path = image("disk", 1 << 20);
-    const UniqueFd reader(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const base::Descriptor reader(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     ASSERT_EQ(hosted::lock_image(reader.get(), true), "");
     EXPECT_EQ(refusal({path}, true), "accepted");
     EXPECT_EQ(refusal({path}), path + ": another program (a second daemon?) serves it already; stop that one first");

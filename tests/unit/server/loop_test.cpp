@@ -22,7 +22,7 @@ namespace
 
 using namespace serving;
 using namespace std::chrono_literals;
-using quendreld::UniqueFd;
+using base::Descriptor;
 
 constexpr std::uint64_t MiB = 1 << 20;
 
@@ -61,7 +61,7 @@ TEST_F(LoopDisk, UnalignedAndLargeRangesOfTheFileReadAndWrite)
     for (const char* option : {"--multi-client", "--direct"}) {
         SCOPED_TRACE(option);
         Serving serving({image}, run_dir, {option});
-        UniqueFd fd(::open(serving.file().c_str(), O_RDWR | O_CLOEXEC | O_DIRECT));
+        Descriptor fd(::open(serving.file().c_str(), O_RDWR | O_CLOEXEC | O_DIRECT));
         ASSERT_TRUE(fd);
         std::mt19937 random(3);
         for (const std::size_t bytes : {std::size_t(512), std::size_t(4096), std::size_t(65536), std::size_t(66048),
@@ -82,7 +82,7 @@ TEST_F(LoopDisk, UnalignedAndLargeRangesOfTheFileReadAndWrite)
 TEST_F(LoopDisk, BytesWithinSectorsReadAndWriteToo)
 {
     Serving serving({image}, run_dir);
-    UniqueFd fd(::open(serving.file().c_str(), O_RDWR | O_CLOEXEC));
+    Descriptor fd(::open(serving.file().c_str(), O_RDWR | O_CLOEXEC));
     std::mt19937 random(5);
     std::vector<char> model(4 * MiB, 0);
     for (int i = 0; i < 200; ++i) {
@@ -104,7 +104,7 @@ TEST_F(LoopDisk, BytesWithinSectorsReadAndWriteToo)
 TEST_F(LoopDisk, PunchedAndZeroedRangesReadAsZeros)
 {
     Serving serving({image}, run_dir);
-    UniqueFd fd(::open(serving.file().c_str(), O_RDWR | O_CLOEXEC));
+    Descriptor fd(::open(serving.file().c_str(), O_RDWR | O_CLOEXEC));
     std::vector<char> data(MiB, 'x');
     ASSERT_EQ(::pwrite(fd.get(), data.data(), data.size(), 0), ssize_t(data.size()));
     ASSERT_EQ(::fallocate(fd.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 4096, 8192), 0) << errno;

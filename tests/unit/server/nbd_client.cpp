@@ -35,7 +35,7 @@ Bytes operator+(Bytes a, const Bytes& b)
 
 Client Client::connect(const std::string& path)
 {
-    Client client(quendreld::UniqueFd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)));
+    Client client(base::Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)));
     EXPECT_TRUE(client.connect_to(path)) << std::strerror(errno);
     return client;
 }

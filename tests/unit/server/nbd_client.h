@@ -2,8 +2,8 @@
 // A bare NBD client for tests: sends any bytes, and tells what came back. Reads give up after ten seconds.
 #pragma once
 
+#include "base/descriptor.h"
 #include "nbd/protocol.h"
-#include "unique_fd.h"
 
 #include <cstdint>
 #include <optional>
@@ -43,7 +43,7 @@ Bytes operator+(Bytes a, const Bytes& b);
 class Client
 {
   public:
-    explicit Client(quendreld::UniqueFd socket) : socket_(std::move(socket)) {}
+    explicit Client(base::Descriptor socket) : socket_(std::move(socket)) {}
     static Client connect(const std::string& path);
     bool connect_to(const std::string& path);
 
@@ -71,7 +71,7 @@ class Client
               const Bytes& data = {});
 
   private:
-    quendreld::UniqueFd socket_;
+    base::Descriptor socket_;
     std::uint64_t cookie_ = 0x1000;
 };
 

@@ -374,7 +374,7 @@ TEST_F(NbdConnection, HangingUpEndsAClientInItsHandshake)
 TEST_F(NbdConnection, TheStatusOfBlocksTellsHolesFromData)
 {
     std::string path = testing::TempDir() + "nbd-sparse-XXXXXX";
-    const UniqueFd file(::mkstemp(path.data()));
+    const base::Descriptor file(::mkstemp(path.data()));
     ASSERT_EQ(::ftruncate(file.get(), 4 << 20), 0);
     const Bytes data = pattern(65536, 1);
     ASSERT_EQ(::pwrite(file.get(), data.data(), data.size(), 1 << 20), ssize_t(data.size()));
@@ -393,7 +393,7 @@ TEST_F(NbdConnection, RandomTrafficOverSeveralConnectionsReadsBackWhatWasWritten
 {
     // Over a file, whose requests end on several threads; each connection has a part of the disk of its own.
     std::string path = testing::TempDir() + "nbd-traffic-XXXXXX";
-    const UniqueFd file(::mkstemp(path.data()));
+    const base::Descriptor file(::mkstemp(path.data()));
     constexpr std::uint64_t part = 4 << 20;
     constexpr unsigned parts = 3;
     ASSERT_EQ(::ftruncate(file.get(), part * parts), 0);

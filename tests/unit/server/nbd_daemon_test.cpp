@@ -169,7 +169,7 @@ TEST_F(NbdDaemon, AProxyGivesADiskToTheNetworkUnderTls)
     const std::string keys = scratch / "keys.psk";
     std::ofstream(keys) << "alice:0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef\n";
     // A port that was free a moment ago.
-    quendreld::UniqueFd probe(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    base::Descriptor probe(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);

@@ -206,7 +206,7 @@ TEST_F(NbdNegotiation, AClientThatSaysNothingLosesItsPlace)
 {
     int pair[2];
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
-    const UniqueFd here(pair[0]), there(pair[1]);
+    const base::Descriptor here(pair[0]), there(pair[1]);
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_FALSE(quendreld::nbd::negotiate(here.get(), shared.exports, begin + std::chrono::milliseconds(50)));
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));

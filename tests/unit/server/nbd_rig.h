@@ -23,7 +23,7 @@ namespace nbd_rig
 
 using namespace nbd_client;
 using quendreld::ServedDisk;
-using quendreld::UniqueFd;
+using base::Descriptor;
 using quendreld::nbd::Connection;
 using wire::Command;
 using wire::Error;
@@ -134,9 +134,9 @@ struct NbdRig : testing::Test {
         EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
         Served& one = served.emplace_back();
         one.connection =
-            std::make_unique<Connection>(UniqueFd(pair[0]), UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), shared);
+            std::make_unique<Connection>(Descriptor(pair[0]), Descriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), shared);
         one.thread = std::thread([c = one.connection.get()] { c->run(); });
-        return Client(UniqueFd(pair[1]));
+        return Client(Descriptor(pair[1]));
     }
     // The newest connection's run has returned.
     void join()

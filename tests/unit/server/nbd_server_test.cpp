@@ -80,7 +80,7 @@ TEST_F(NbdServer, WithoutDescriptorsClientsWaitAndTheLogStaysShort)
     ASSERT_TRUE(early.begin());
     std::vector<Client> late;
     for (int i = 0; i < 10; ++i)
-        late.emplace_back(UniqueFd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)));
+        late.emplace_back(base::Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)));
     rlimit before;
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
     rlimit none = before;

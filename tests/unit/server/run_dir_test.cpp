@@ -58,7 +58,7 @@ TEST(DisksJson, AnotherVersionIsRefused)
 TEST_F(RunDirTest, ASecondOwnerIsToldWhoTheFirstIs)
 {
     const RunDir run(scratch + "/run");
-    const UniqueFd lock = run.take();
+    const base::Descriptor lock = run.take();
     write_file_whole(run.pid(), "4711\n");
     EXPECT_TRUE(run.taken());
     try {

@@ -37,7 +37,7 @@ bool Client::send(const void* bytes, std::size_t count)
     return ::send(fd_.get(), bytes, count, MSG_NOSIGNAL) == ssize_t(count);
 }
 
-std::optional<wire::Reply> Client::receive(UniqueFd* passed)
+std::optional<wire::Reply> Client::receive(base::Descriptor* passed)
 {
     wire::Reply reply{};
     iovec part{&reply, sizeof reply};
@@ -55,7 +55,7 @@ std::optional<wire::Reply> Client::receive(UniqueFd* passed)
             continue;
         int fd;
         std::memcpy(&fd, CMSG_DATA(c), sizeof fd);
-        UniqueFd owned(fd);
+        base::Descriptor owned(fd);
         if (passed)
             *passed = std::move(owned);
     }

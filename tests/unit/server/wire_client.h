@@ -2,8 +2,8 @@
 // A bare client of the control socket: packets as bytes, replies as they come.
 #pragma once
 
+#include "base/descriptor.h"
 #include "client/socket_protocol.h"
-#include "unique_fd.h"
 
 #include <cstdint>
 #include <optional>
@@ -13,7 +13,7 @@ namespace control_rig
 {
 
 namespace wire = quendrel::wire;
-using quendreld::UniqueFd;
+using base::Descriptor;
 
 // Memory of this process below 4 GiB, as a command's arguments have to be.
 class LowPage
@@ -40,8 +40,8 @@ class Client
     bool send(const void* bytes, std::size_t count);
     bool send(const wire::Request& request) { return send(&request, sizeof request); }
     // The next reply; nothing when the server has ended the connection. `passed`: the descriptor that came along.
-    std::optional<wire::Reply> receive(UniqueFd* passed = nullptr);
-    std::optional<wire::Reply> ask(const wire::Request& request, UniqueFd* passed = nullptr)
+    std::optional<wire::Reply> receive(Descriptor* passed = nullptr);
+    std::optional<wire::Reply> ask(const wire::Request& request, Descriptor* passed = nullptr)
     {
         if (!send(request))
             return std::nullopt;
@@ -53,7 +53,7 @@ class Client
     }
 
   private:
-    UniqueFd fd_;
+    Descriptor fd_;
 };
 
 } // namespace control_rig
