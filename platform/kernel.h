@@ -126,6 +126,9 @@ extern "C" {
 void driver_static_init();
 int driver_init();   // module load: 0 or a negative kernel error
 void driver_exit();  // module unload; called only when no reference on the module is held
+// The device's contents or its place on the disk have changed without a write that the driver saw: what it recorded of
+// the device counts no more. While the driver is loaded; from a task that may sleep and holds no lock of the driver.
+void driver_device_changed(kdev_t dev);
 
 // ---- Log and fatal stop ----------------------------------------------------------------------------------------
 

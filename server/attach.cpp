@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -48,7 +49,7 @@ void wait_for_node(const HostDevice& device)
     ::mknod(device.node.c_str(), S_IFBLK | 0600, makedev(device.major, device.minor));
 }
 
-base::Descriptor bind_free_loop(const std::string& file, int backing, bool read_only, std::string& node)
+base::Descriptor bind_free_loop(const std::string& file, int backing, bool read_only, std::uint32_t sector_bytes, std::string& node)
 {
     base::Descriptor control(::open("/dev/loop-control", O_RDWR | O_CLOEXEC));
     if (!control)
@@ -64,7 +65,7 @@ base::Descriptor bind_free_loop(const std::string& file, int backing, bool read_
             fail(node + ": cannot open", errno);
         loop_config config{};
         config.fd = unsigned(backing);
-        config.block_size = 512;
+        config.block_size = sector_bytes;
         config.info.lo_flags = LO_FLAGS_DIRECT_IO | (read_only ? unsigned(LO_FLAGS_READ_ONLY) : 0u);
         std::strncpy(reinterpret_cast<char*>(config.info.lo_file_name), file.c_str(), LO_NAME_SIZE - 1);
         if (::ioctl(loop.get(), LOOP_CONFIGURE, &config) == 0)
@@ -86,7 +87,58 @@ std::string swap_or_holder(const HostDevice& device)
     return {};
 }
 
+// A partition that could not be taken away, or put there.
+std::string not_followed(const HostLoop& loop, unsigned partition, int error)
+{
+    return loop.node + "p" + std::to_string(partition) + " does not follow the partition table: " +
+           (error == -EBUSY ? "it is in use; detach the disk and attach it again when it is not"
+                            : std::strerror(-error));
+}
+
 } // namespace
+
+std::vector<std::string> follow_table(const DiskRecord& disk)
+{
+    std::vector<std::string> problems;
+    if (disk.file.empty())
+        return problems;
+    for (const HostLoop& loop : loops_over(disk.file)) {
+        base::Descriptor fd(::open(loop.node.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!fd) {
+            problems.push_back(loop.node + ": cannot open: " + std::strerror(errno));
+            continue;
+        }
+        std::vector<unsigned> there;
+        for (const HostDevice& device : loop.devices) {
+            if (device.partition == 0)
+                continue;
+            const auto same = std::find_if(disk.partitions.begin(), disk.partitions.end(), [&](const auto& part) {
+                return part.minor - disk.minor == device.partition && part.start == device.start;
+            });
+            int error = 0;
+            if (same != disk.partitions.end() && same->sectors == device.sectors) {
+                there.push_back(device.partition);
+            } else if (same != disk.partitions.end() &&
+                       partition_ioctl(fd.get(), BLKPG_RESIZE_PARTITION, device.partition, same->start,
+                                       same->sectors) == 0) {
+                there.push_back(device.partition); // a partition that is in use may grow
+            } else if ((error = partition_ioctl(fd.get(), BLKPG_DEL_PARTITION, device.partition)) != 0 &&
+                       error != -ENXIO) {
+                problems.push_back(not_followed(loop, device.partition, error));
+                there.push_back(device.partition);
+            }
+        }
+        for (const PartitionRecord& part : disk.partitions) {
+            const unsigned number = part.minor - disk.minor;
+            if (std::find(there.begin(), there.end(), number) != there.end())
+                continue;
+            const int error = partition_ioctl(fd.get(), BLKPG_ADD_PARTITION, number, part.start, part.sectors);
+            if (error && error != -EBUSY) // busy: whoever changed the table has added it
+                problems.push_back(not_followed(loop, number, error));
+        }
+    }
+    return problems;
+}
 
 HostLoop attach_disk(const DiskRecord& disk, bool read_only)
 {
@@ -98,7 +150,7 @@ HostLoop attach_disk(const DiskRecord& disk, bool read_only)
         if (!backing)
             fail(disk.file + ": cannot open", errno);
         std::string node;
-        base::Descriptor loop = bind_free_loop(disk.file, backing.get(), read_only, node);
+        base::Descriptor loop = bind_free_loop(disk.file, backing.get(), read_only, disk.sector_bytes, node);
         for (const PartitionRecord& part : disk.partitions) {
             const int error =
                 partition_ioctl(loop.get(), BLKPG_ADD_PARTITION, part.minor - disk.minor, part.start, part.sectors);

@@ -253,9 +253,8 @@ void ControlServer::serve(Client& client)
         if (enter(client)) {
             {
                 const base::Descriptor pidfd = pidfd_of(socket, peer.pid);
-                ControlSession session(hosted::process_memory(peer.pid, pidfd.get()), !options_.multi_client);
-                if (options_.before_open)
-                    options_.before_open();
+                ControlSession session(hosted::process_memory(peer.pid, pidfd.get()), !options_.multi_client,
+                                       options_.observer);
                 const int result = session.open();
                 bool going = send(socket, ControlSession::answer(result)) && result == 0;
                 // One byte more than a request, so that a longer packet shows.

@@ -10,6 +10,7 @@
 #pragma once
 
 #include "base/descriptor.h"
+#include "device_observer.h"
 #include "listener.h"
 
 #include <sys/types.h>
@@ -32,7 +33,7 @@ class ControlServer
         gid_t group = gid_t(-1); // -1: the daemon's own
         bool multi_client = false;
         unsigned most_clients = 32;
-        std::function<void()> before_open; // called before each open of the control device; may be empty
+        DeviceObserver* observer = nullptr; // of what the clients do; lives longer than the server
         std::function<void(std::string_view)> report = [](std::string_view) {}; // a line for the log
     };
 

@@ -24,9 +24,16 @@ ControlSession::~ControlSession()
     mappings_.clear();
     if (file_)
         file_->close();
+    if (backed_up_)
+        observer_->after_backup(*backed_up_);
 }
 
-int ControlSession::open() { return hosted::open_control(control_major, memory_, file_); }
+int ControlSession::open()
+{
+    if (observer_)
+        observer_->before_open();
+    return hosted::open_control(control_major, memory_, file_);
+}
 
 ControlSession::Answer ControlSession::answer(int result)
 {
@@ -83,21 +90,44 @@ std::size_t ClientMemory::read(u32 from, void* to, std::size_t bytes)
     return missing;
 }
 
+int ControlSession::command(u32 number, u32 argument)
+{
+    if (!observer_ || number == QUENDREL_READ_BLOCKS)
+        return number == QUENDREL_START_BACKUP ? start(argument) : file_->ioctl(number, argument);
+    if (number == QUENDREL_GET_BLOCK_SIZE || number == QUENDREL_START_BACKUP)
+        observer_->before_geometry();
+    else
+        observer_->before_command();
+    if (number == QUENDREL_START_BACKUP)
+        return start(argument);
+    const int result = file_->ioctl(number, argument);
+    if (number == QUENDREL_SNAPSHOT)
+        observer_->after_snapshot();
+    return result;
+}
+
 // A second StartBackup puts the file into a state whose close leaves the driver busy for good, so one client could end
 // all backups of this daemon. Where a file is alone, nobody else's close would change what the second one is told, so
 // it is told that without the driver.
-int ControlSession::command(u32 number, u32 argument)
+int ControlSession::start(u32 record)
 {
-    if (number != QUENDREL_START_BACKUP || !alone_)
-        return file_->ioctl(number, argument);
-    if (began_)
+    if (alone_ && began_)
         return QUENDREL_BUSY;
-    const auto device = memory_->hold_number(argument);
-    const int result = file_->ioctl(number, argument);
+    const auto device = memory_->hold_number(record);
+    const bool unfit = device && std::any_of(device->begin(), device->end(), [](u32 n) { return n > 255; });
+    std::optional<kdev_t> observed;
+    if (observer_ && device && !unfit && !backed_up_) {
+        observed = kdev_make((*device)[0], (*device)[1]);
+        observer_->before_backup(*observed);
+    }
+    const int result = file_->ioctl(QUENDREL_START_BACKUP, record);
     memory_->let_go();
+    if (result == QUENDREL_OK && observed)
+        backed_up_ = observed;
+    else if (observed)
+        observer_->after_backup(*observed);
     // A start that ended before it took the driver's one backup lets the client try another one. "Refused" is a number
     // which does not fit the driver's tables, or a size that it does not take.
-    const bool unfit = device && std::any_of(device->begin(), device->end(), [](u32 n) { return n > 255; });
     began_ = result != QUENDREL_COPY_FROM_USER && !(result == QUENDREL_REFUSED && unfit);
     return result;
 }

@@ -7,6 +7,7 @@
 #pragma once
 
 #include "client/socket_protocol.h"
+#include "device_observer.h"
 #include "hosted.h"
 
 #include <array>
@@ -41,9 +42,9 @@ class ClientMemory final : public hosted::AddressSpace
 class ControlSession
 {
   public:
-    // `alone`: no other session has the control device open while this one has.
-    ControlSession(std::shared_ptr<hosted::AddressSpace> memory, bool alone)
-        : memory_(std::make_shared<ClientMemory>(std::move(memory))), alone_(alone)
+    // `alone`: no other session has the control device open while this one has. `observer` may be null.
+    ControlSession(std::shared_ptr<hosted::AddressSpace> memory, bool alone, DeviceObserver* observer = nullptr)
+        : memory_(std::make_shared<ClientMemory>(std::move(memory))), alone_(alone), observer_(observer)
     {
     }
     ~ControlSession();
@@ -66,12 +67,15 @@ class ControlSession
   private:
     std::optional<Answer> map(const quendrel::wire::Request& request);
     int command(u32 number, u32 argument);
+    int start(u32 record);
 
     static constexpr std::size_t most_mappings = 64;
 
     std::shared_ptr<ClientMemory> memory_;
     bool alone_;
     bool began_ = false; // a StartBackup has taken the driver's one backup
+    DeviceObserver* observer_;
+    std::optional<kdev_t> backed_up_; // the observer knows of its backup
     std::unique_ptr<hosted::ControlFile> file_;
     std::map<u32, std::unique_ptr<hosted::Mapping>> mappings_; // by first address
 };

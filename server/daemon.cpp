@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "daemon.h"
 
+#include "attach.h"
 #include "host_mounts.h"
 
 #include <fcntl.h>
@@ -23,6 +24,8 @@ namespace
 {
 
 constexpr auto write_out_patience = std::chrono::seconds(30);
+// Whoever changes a partition table or makes a file system does it in several writes.
+constexpr auto settling = std::chrono::milliseconds(200);
 
 // syncfs on a thread of its own: a file system that is stuck must not keep the daemon from ending.
 bool sync_with_patience(const std::string& mount_point)
@@ -94,7 +97,7 @@ Daemon::Daemon(Config config, base::Descriptor guardian) : config_(std::move(con
             }
         }
 
-        std::vector<FileSystems::Disk> places;
+        std::vector<DiskContents::Place> places;
         for (unsigned i = 0; i < disks_.size(); ++i) {
             const std::string& name = disks_[i]->name();
             DiskRecord record;
@@ -105,14 +108,13 @@ Daemon::Daemon(Config config, base::Descriptor guardian) : config_(std::move(con
             if (fuse_)
                 record.file = run_.disk_file(name);
             record.nbd = "nbd+unix:///" + name + "?socket=" + run_.nbd_socket();
-            for (const hosted::PartitionSpec& part : disks_[i]->disk()->partitions())
-                record.partitions.push_back(
-                    {name + std::to_string(part.index), 8, record.minor + part.index, part.start, part.sectors, {}});
-            places.push_back({config_.images[i], std::move(record)});
+            record.sector_bytes = disks_[i]->block_size();
+            places.push_back({disks_[i].get(), std::move(record)});
         }
-        file_systems_ = std::make_unique<FileSystems>(std::move(places), guardian_,
-                                                      [this](std::string_view line) { report(line); });
-        file_systems_->refresh();
+        contents_ = std::make_unique<DiskContents>(
+            std::move(places), guardian_, [this](std::string_view line) { report(line); }, [this] { describe(); });
+        contents_->refresh();
+        (void)contents_->take_new_tables(); // no loop device is behind them yet
         describe();
         keeper_ = std::thread([this] { keep(); });
 
@@ -135,7 +137,7 @@ Daemon::Daemon(Config config, base::Descriptor guardian) : config_(std::move(con
         options.group = gid_t(config_.group);
         options.multi_client = config_.multi_client;
         options.most_clients = control_clients;
-        options.before_open = [this] { look_for_file_systems(); };
+        options.observer = contents_.get();
         options.report = [this](std::string_view line) { report(line); };
         control_ = std::make_unique<ControlServer>(std::move(options));
     } catch (...) {
@@ -175,38 +177,30 @@ void Daemon::add_disks()
         options.read_only = config_.read_only;
         options.flush_failed = [this, name = disk.name](int error) { flush_failed(name, error); };
         disk.store = hosted::open_file_store(image, options);
-        for (const hosted::PartitionSpec& part : hosted::read_partition_table(image)) {
-            const sector_type sectors = disk.store->size() / 512;
-            if (part.index >= minors_of_disk)
-                report(disk.name + ": partition " + std::to_string(part.index) + " has no device number, left out");
-            else if (part.start >= sectors || part.sectors > sectors - part.start)
-                report(disk.name + ": partition " + std::to_string(part.index) + " ends after the disk, left out");
-            else
-                disk.partitions.push_back(part);
-        }
         disks_.push_back(std::make_unique<ServedDisk>(hosted::add_disk(std::move(disk)), config_.read_only));
-    }
-}
-
-void Daemon::look_for_file_systems()
-{
-    std::lock_guard lock(describe_);
-    if (!file_systems_->refresh())
-        return;
-    try {
-        describe();
-    } catch (const std::exception& error) {
-        report(error.what());
+        disks_.back()->set_watcher([this] { described_anew(); });
     }
 }
 
 void Daemon::describe()
-{
-    std::vector<DiskRecord> records = file_systems_->records();
+try {
+    std::lock_guard lock(describe_);
+    std::vector<DiskRecord> records = contents_->records();
     for (std::size_t i = 0; i < records.size(); ++i)
         if (const int error = disks_[i]->disk()->store().flush_error())
             records[i].flush_error = std::strerror(-error);
     write_file_whole(run_.disks_json(), disks_to_json(records));
+} catch (const std::exception& error) {
+    report(error.what());
+}
+
+void Daemon::described_anew()
+{
+    std::lock_guard lock(news_mutex_);
+    if (described_anew_)
+        return;
+    described_anew_ = true;
+    news_came_.notify_all();
 }
 
 void Daemon::flush_failed(const std::string& disk, int error)
@@ -214,7 +208,7 @@ void Daemon::flush_failed(const std::string& disk, int error)
     report(disk + ": a flush failed: " + std::strerror(-error) +
            "; what was written since the one before may be lost, and every flush fails until the disk is served anew");
     std::lock_guard lock(news_mutex_);
-    news_ = true;
+    flush_failed_ = true;
     news_came_.notify_all();
 }
 
@@ -222,17 +216,24 @@ void Daemon::keep()
 {
     std::unique_lock lock(news_mutex_);
     for (;;) {
-        news_came_.wait(lock, [this] { return news_ || keeper_ends_; });
+        news_came_.wait(lock, [this] { return flush_failed_ || described_anew_ || keeper_ends_; });
         if (keeper_ends_)
             return;
-        news_ = false;
-        lock.unlock();
-        try {
-            std::lock_guard looking(describe_);
+        if (std::exchange(flush_failed_, false)) {
+            lock.unlock();
             describe();
-        } catch (const std::exception& error) {
-            report(error.what());
+            lock.lock();
+            continue;
         }
+        news_came_.wait_for(lock, settling, [this] { return flush_failed_ || keeper_ends_; });
+        if (flush_failed_ || keeper_ends_)
+            continue;
+        described_anew_ = false;
+        lock.unlock();
+        contents_->catch_up();
+        for (const DiskRecord& disk : contents_->take_new_tables())
+            for (const std::string& line : follow_table(disk))
+                report(line);
         lock.lock();
     }
 }
@@ -283,7 +284,7 @@ std::string Daemon::take_down()
         news_came_.notify_all();
         keeper_.join();
     }
-    file_systems_.reset();
+    contents_.reset();
     if (driver_loaded_)
         if (const int error = hosted::unload_driver(); error != 0)
             report("the driver does not unload: " + std::string(std::strerror(-error)));

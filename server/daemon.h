@@ -7,7 +7,7 @@
 
 #include "config.h"
 #include "control_server.h"
-#include "file_systems.h"
+#include "disk_contents.h"
 #include "fuse_front.h"
 #include "log_file.h"
 #include "nbd/server.h"
@@ -40,8 +40,8 @@ class Daemon
 
   private:
     void add_disks();
-    void look_for_file_systems(); // and describe the disks anew when something changed
-    void describe();              // in RUN/disks.json
+    void describe(); // in RUN/disks.json
+    void described_anew();
     void flush_failed(const std::string& disk, int error);
     void keep();
     void write_out_mounts();
@@ -53,14 +53,15 @@ class Daemon
     std::shared_ptr<Guardian> guardian_;
     std::vector<std::unique_ptr<ServedDisk>> disks_;
     bool driver_loaded_ = false;
-    std::mutex describe_; // one look at a time; outermost
-    // Describes the disks when a thread that must not wait has news of them.
+    std::mutex describe_; // one writing of the description at a time; before DiskContents' own
+    // Looks at the disks, and describes them, when a thread that must not wait has news of them.
     std::thread keeper_;
     std::mutex news_mutex_; // guards what follows; innermost
     std::condition_variable news_came_;
-    bool news_ = false;
+    bool flush_failed_ = false;
+    bool described_anew_ = false;
     bool keeper_ends_ = false;
-    std::unique_ptr<FileSystems> file_systems_;
+    std::unique_ptr<DiskContents> contents_;
     std::unique_ptr<FuseFront> fuse_;
     std::unique_ptr<nbd::Server> nbd_;
     std::unique_ptr<ControlServer> control_;

@@ -97,6 +97,8 @@ std::string disks_to_json(const std::vector<DiskRecord>& disks)
         entry["nbd"] = disk.nbd;
         if (!disk.flush_error.empty())
             entry["flushError"] = disk.flush_error;
+        entry["sectorBytes"] = disk.sector_bytes;
+        entry["instance"] = disk.instance;
         add_file_system(entry, disk.file_system);
         entry["partitions"] = ordered::array();
         for (const PartitionRecord& part : disk.partitions) {
@@ -104,7 +106,8 @@ std::string disks_to_json(const std::vector<DiskRecord>& disks)
                         {"major", part.major},
                         {"minor", part.minor},
                         {"start", part.start},
-                        {"sectors", part.sectors}};
+                        {"sectors", part.sectors},
+                        {"instance", part.instance}};
             add_file_system(one, part.file_system);
             entry["partitions"].push_back(one);
         }
@@ -128,12 +131,14 @@ std::vector<DiskRecord> disks_from_json(const std::string& text)
                         entry.at("nbd"),
                         entry.value("flushError", std::string()),
                         file_system_of(entry),
-                        {}};
+                        {},
+                        entry.at("instance"),
+                        entry.at("sectorBytes")};
         if (entry.at("file").is_string())
             disk.file = entry.at("file");
         for (const ordered& one : entry.at("partitions"))
             disk.partitions.push_back({one.at("name"), one.at("major"), one.at("minor"), one.at("start"),
-                                       one.at("sectors"), file_system_of(one)});
+                                       one.at("sectors"), file_system_of(one), one.at("instance")});
         disks.push_back(std::move(disk));
     }
     return disks;

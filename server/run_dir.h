@@ -57,6 +57,7 @@ struct PartitionRecord {
     unsigned major, minor;
     std::uint64_t start, sectors;
     std::optional<FileSystemRecord> file_system;
+    std::string instance; // another one than before: it is not the device that it was
     bool operator==(const PartitionRecord&) const = default;
 };
 
@@ -69,6 +70,8 @@ struct DiskRecord {
     std::string flush_error; // why a flush of it failed, once; mostly empty
     std::optional<FileSystemRecord> file_system; // of a disk without partitions
     std::vector<PartitionRecord> partitions;
+    std::string instance = {};         // of the disk's own blocks, those outside of partitions
+    std::uint32_t sector_bytes = 512; // what requests have to be a multiple of
     bool operator==(const DiskRecord&) const = default;
 };
 

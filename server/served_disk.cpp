@@ -14,16 +14,23 @@ namespace
 using hosted::GuestRequest;
 using hosted::Op;
 
-void whole_done(GuestRequest* guest, int error)
+// From the start of the disk, of a partition and of what lies behind one, and to the end of the disk: here stand tables
+// (GPT with sectors of 4 KiB: 6 of them; extended boot records) and the super blocks of file systems (btrfs: at 64 KiB).
+constexpr std::uint64_t description_bytes = 136 << 10;
+
+void end(IoRequest* r, int error)
 {
-    auto* r = static_cast<IoRequest*>(guest->context);
+    if (r->describes)
+        r->describes->describe_anew();
     r->done(r, error);
 }
+
+void whole_done(GuestRequest* guest, int error) { end(static_cast<IoRequest*>(guest->context), error); }
 
 void drop_part(IoRequest* r)
 {
     if (r->parts.fetch_sub(1) == 1)
-        r->done(r, r->error.load());
+        end(r, r->error.load());
 }
 
 void part_done(GuestRequest* guest, int error)
@@ -45,18 +52,32 @@ struct Waiting : IoRequest {
 ServedDisk::ServedDisk(std::shared_ptr<hosted::Disk> disk, bool read_only)
     : disk_(std::move(disk)), size_(disk_->size()), read_only_(read_only)
 {
-    for (const hosted::PartitionSpec& part : disk_->partitions()) {
-        borders_.push_back(part.start * 512);
-        borders_.push_back((part.start + part.sectors) * 512);
-    }
-    std::sort(borders_.begin(), borders_.end());
-    borders_.erase(std::unique(borders_.begin(), borders_.end()), borders_.end());
+    set_borders({disk_->partitions(), {}, {}});
 }
 
-std::uint64_t ServedDisk::next_border(std::uint64_t offset) const
+void ServedDisk::set_borders(const hosted::PartitionTable& table)
 {
-    const auto at = std::upper_bound(borders_.begin(), borders_.end(), offset);
-    return at == borders_.end() ? size_ : std::min(*at, size_);
+    std::vector<std::uint64_t> places;
+    for (const hosted::PartitionSpec& part : table.partitions) {
+        places.push_back(part.start * 512);
+        places.push_back((part.start + part.sectors) * 512);
+    }
+    for (const sector_type record : table.records)
+        places.push_back(record * 512);
+    borders_.set(std::move(places));
+}
+
+void ServedDisk::set_table(const hosted::PartitionTable& table)
+{
+    disk_->set_partitions(table.partitions);
+    set_borders(table);
+}
+
+void ServedDisk::describe_anew()
+{
+    descriptions_.fetch_add(1);
+    if (watcher_)
+        watcher_();
 }
 
 void ServedDisk::submit(IoRequest* r)
@@ -68,7 +89,14 @@ void ServedDisk::submit(IoRequest* r)
     if (r->bytes == 0 && r->op != Op::flush)
         return r->done(r, 0);
 
-    if (r->op == Op::flush || r->offset + r->bytes <= next_border(r->offset)) {
+    const Borders::Neighbours borders = borders_.around(r->offset);
+    const std::uint64_t end = r->offset + r->bytes;
+    r->describes = nullptr;
+    if (r->op != Op::read && r->op != Op::flush &&
+        (r->offset - borders.below < description_bytes || end > borders.above || size_ - end < description_bytes))
+        r->describes = this;
+
+    if (r->op == Op::flush || end <= borders.above) {
         r->guest = GuestRequest{};
         r->guest.op = r->op;
         r->guest.fua = r->fua;
@@ -83,9 +111,8 @@ void ServedDisk::submit(IoRequest* r)
 
     r->error.store(0);
     r->parts.store(1); // this function's own
-    const std::uint64_t end = r->offset + r->bytes;
     for (std::uint64_t at = r->offset; at < end;) {
-        const std::uint64_t to = std::min(end, next_border(at));
+        const std::uint64_t to = std::min(end, borders_.around(at).above);
         auto* part = new (std::nothrow) GuestRequest;
         if (!part) {
             r->error.store(-ENOMEM);

@@ -4,13 +4,18 @@
 // A request that reaches over the border of a partition is cut there before it enters the disk's queue: whoever
 // watches the queue assigns a request to the partition its first sector lies in, and on a machine whose partitions
 // are devices of their own no request ever crosses a border.
+//
+// A change of what describes the disk (its tables, the first blocks of its file systems) is noticed: before such a
+// request is answered, the disk counts it.
 #pragma once
 
+#include "borders.h"
 #include "hosted.h"
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -31,6 +36,7 @@ struct IoRequest {
     hosted::GuestRequest guest;
     std::atomic<unsigned> parts = 0;
     std::atomic<int> error = 0;
+    class ServedDisk* describes = nullptr; // a change of what describes this disk
 };
 
 class ServedDisk
@@ -56,14 +62,24 @@ class ServedDisk
     // Asks the host to have a range at hand; does not wait for it. 0 or -EINVAL.
     int prefetch(std::uint64_t offset, std::uint64_t bytes) const;
 
+    // Puts another table in place of the disk's.
+    void set_table(const hosted::PartitionTable& table);
+    // How often what describes the disk was changed.
+    std::uint64_t descriptions() const { return descriptions_.load(); }
+    void describe_anew(); // counts as one
+    // Called at each, from the thread that ends the request: it must not wait. Set before the first request.
+    void set_watcher(std::function<void()> watcher) { watcher_ = std::move(watcher); }
+
   private:
     bool inside(std::uint64_t offset, std::uint64_t bytes) const { return offset <= size_ && bytes <= size_ - offset; }
-    std::uint64_t next_border(std::uint64_t offset) const;
+    void set_borders(const hosted::PartitionTable& table);
 
     std::shared_ptr<hosted::Disk> disk_;
     std::uint64_t size_;
     bool read_only_;
-    std::vector<std::uint64_t> borders_; // bytes, ascending: where a partition begins or ends
+    Borders borders_;
+    std::atomic<std::uint64_t> descriptions_ = 0;
+    std::function<void()> watcher_;
 };
 
 } // namespace quendreld

@@ -80,27 +80,39 @@ block_device* bdev_contains(block_device* bdev) { return bdev->contains.load(std
 
 namespace
 {
-const PartitionSpec* partition_of(block_device* bdev)
+// A partition that is gone has zeros.
+int partition_of(block_device* bdev, sector_type* start, sector_type* sectors)
 {
     gendisk* disk = bdev_disk(bdev);
-    u32 index = bdev->partition.load(std::memory_order_acquire);
-    return disk && index ? &disk->slots[index] : nullptr;
+    const u32 index = bdev->partition.load(std::memory_order_acquire);
+    *start = *sectors = 0;
+    if (!disk || !index)
+        return 0;
+    if (!disk->slots[index].get(start, sectors))
+        *start = 0;
+    return 1;
 }
 } // namespace
 
-int bdev_has_partition(block_device* bdev) { return partition_of(bdev) != nullptr; }
+int bdev_has_partition(block_device* bdev)
+{
+    sector_type start, sectors;
+    return partition_of(bdev, &start, &sectors);
+}
 sector_type bdev_partition_start(block_device* bdev)
 {
-    const PartitionSpec* p = partition_of(bdev);
-    return p ? p->start : 0;
+    sector_type start, sectors;
+    partition_of(bdev, &start, &sectors);
+    return start;
 }
 sector_type bdev_partition_sectors(block_device* bdev)
 {
-    const PartitionSpec* p = partition_of(bdev);
-    return p ? p->sectors : 0;
+    sector_type start, sectors;
+    partition_of(bdev, &start, &sectors);
+    return sectors;
 }
 
-// Tables do not change while their disk exists: nothing to lock.
+// What a look finds is whole without a lock.
 void bdev_lock_partitions(block_device*) {}
 void bdev_unlock_partitions(block_device*) {}
 
@@ -108,12 +120,8 @@ request_queue* disk_queue(gendisk* disk) { return disk->queue; }
 sector_type disk_capacity(gendisk* disk) { return disk->capacity; }
 u32 disk_first_minor(gendisk* disk) { return disk->first_minor; }
 u32 disk_minors(gendisk* disk) { return disk->minors; }
-u32 disk_partition_slots(gendisk* disk) { return u32(disk->slots.size()); }
+u32 disk_partition_slots(gendisk* disk) { return disk->slots_used.load(std::memory_order_acquire); }
 int disk_partition(gendisk* disk, u32 index, sector_type* start, sector_type* sectors)
 {
-    if (index == 0 || index >= disk->slots.size() || disk->slots[index].sectors == 0)
-        return 0;
-    *start = disk->slots[index].start;
-    *sectors = disk->slots[index].sectors;
-    return 1;
+    return index != 0 && index < disk->minors && disk->slots[index].get(start, sectors);
 }

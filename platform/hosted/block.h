@@ -3,8 +3,8 @@
 //
 // A bio's way: Disk::submit -> generic_make_request -> the queue's entry point (the disk's own function, or a hook of
 // the driver that calls it in the end) -> the task's plug, where the store completes later -> the store -> bio_end_io.
-// Partition tables never change while a disk exists, and the structures of a removed disk stay until no driver is
-// loaded, so that looking at them needs no lock.
+// The structures of a disk, once there, stay until no driver is loaded, those of a partition that is gone among them, and
+// what changes in them is atomic: looking at them needs no lock.
 #pragma once
 
 #include "hosted.h"
@@ -53,6 +53,35 @@ struct request_queue {
     hosted::DiskImpl* disk;
 };
 
+// Where a partition lies. Changed by one thread at a time, looked at by any.
+class PartitionSlot
+{
+  public:
+    // False: there is no such partition (now).
+    bool get(sector_type* start, sector_type* sectors) const
+    {
+        for (;;) {
+            const u32 before = changes_.load(std::memory_order_acquire);
+            *sectors = sectors_.load(std::memory_order_acquire);
+            *start = start_.load(std::memory_order_acquire);
+            if (before % 2 == 0 && changes_.load(std::memory_order_acquire) == before)
+                return *sectors != 0;
+        }
+    }
+    void set(sector_type start, sector_type sectors)
+    {
+        changes_.fetch_add(1);
+        start_.store(start);
+        sectors_.store(sectors);
+        changes_.fetch_add(1);
+    }
+
+  private:
+    std::atomic<u32> changes_{0}; // odd: one is being made
+    std::atomic<sector_type> start_{0};
+    std::atomic<sector_type> sectors_{0}; // 0: there is none
+};
+
 struct gendisk {
     request_queue* queue;
     hosted::DiskImpl* disk;
@@ -60,7 +89,8 @@ struct gendisk {
     u32 major;
     u32 first_minor;
     u32 minors;
-    std::vector<hosted::PartitionSpec> slots; // by index; sectors 0: none. Slot 0 is unused.
+    std::unique_ptr<PartitionSlot[]> slots; // `minors` of them, by index; slot 0 is unused
+    std::atomic<u32> slots_used{1};         // behind the highest index that there ever was
 };
 
 struct block_device {
@@ -84,7 +114,8 @@ class DiskImpl final : public Disk, public std::enable_shared_from_this<DiskImpl
     const std::string& name() const override { return name_; }
     std::uint64_t size() const override { return store_->size(); }
     kdev_t device(u32 partition) const override;
-    std::vector<PartitionSpec> partitions() const override { return partitions_; }
+    std::vector<PartitionSpec> partitions() const override;
+    void set_partitions(std::vector<PartitionSpec> partitions) override;
     Store& store() override { return *store_; }
     request_queue* queue() override { return &queue_; }
     void submit(GuestRequest* r, u32 partition) override;
@@ -115,14 +146,17 @@ class DiskImpl final : public Disk, public std::enable_shared_from_this<DiskImpl
     void leave(unsigned epoch);
     bool drain(unsigned epoch, std::chrono::steady_clock::time_point deadline);
     int check(const GuestRequest& r, u32 partition) const;
+    void check(const std::vector<PartitionSpec>& partitions) const;
+    void place(u32 partition, sector_type start, sector_type sectors);
     static void guest_end_io(bio* b, int error);
 
     std::string name_;
     std::unique_ptr<Store> store_;
+    mutable std::mutex partitions_mutex_; // guards partitions_ and changes of the slots; before the block device table's
     std::vector<PartitionSpec> partitions_;
     request_queue queue_;
     gendisk gendisk_;
-    std::vector<block_device*> bdevs_; // by partition index
+    std::vector<std::atomic<block_device*>> bdevs_; // by partition index; null: never was there
     std::atomic<bool> gone_{false};
     bool inline_store_;
 

@@ -27,7 +27,7 @@ Disks& disks()
 } // namespace
 
 DiskImpl::DiskImpl(DiskConfig config)
-    : name_(std::move(config.name)), store_(std::move(config.store)), partitions_(std::move(config.partitions)),
+    : name_(std::move(config.name)), store_(std::move(config.store)), bdevs_(config.minors),
       inline_store_(store_ && store_->completes_inline())
 {
     if (!store_)
@@ -40,18 +40,9 @@ DiskImpl::DiskImpl(DiskConfig config)
     gendisk_.major = config.major;
     gendisk_.first_minor = config.first_minor;
     gendisk_.minors = config.minors;
-    gendisk_.slots.resize(1);
-    for (const PartitionSpec& p : partitions_) {
-        if (p.index == 0 || p.index >= config.minors)
-            throw std::invalid_argument("disk " + name_ + ": partition " + std::to_string(p.index) +
-                                        " has no device number");
-        if (p.sectors == 0 || p.sectors > gendisk_.capacity || p.start > gendisk_.capacity - p.sectors)
-            throw std::invalid_argument("disk " + name_ + ": partition " + std::to_string(p.index) +
-                                        " does not lie on the disk");
-        if (gendisk_.slots.size() <= p.index)
-            gendisk_.slots.resize(p.index + 1);
-        gendisk_.slots[p.index] = p;
-    }
+    gendisk_.slots = std::make_unique<PartitionSlot[]>(config.minors);
+    check(config.partitions);
+    partitions_ = std::move(config.partitions);
     spin_lock_init(&queue_.lock);
     queue_.lock_pointer = config.queue_has_lock ? &queue_.lock : nullptr;
     queue_.entry = disk_make_request;
@@ -74,19 +65,67 @@ DiskImpl::~DiskImpl()
 
 kdev_t DiskImpl::device(u32 partition) const { return kdev_make(gendisk_.major, gendisk_.first_minor + partition); }
 
+void DiskImpl::check(const std::vector<PartitionSpec>& partitions) const
+{
+    for (const PartitionSpec& p : partitions) {
+        if (p.index == 0 || p.index >= gendisk_.minors)
+            throw std::invalid_argument("disk " + name_ + ": partition " + std::to_string(p.index) +
+                                        " has no device number");
+        if (p.sectors == 0 || p.sectors > gendisk_.capacity || p.start > gendisk_.capacity - p.sectors)
+            throw std::invalid_argument("disk " + name_ + ": partition " + std::to_string(p.index) +
+                                        " does not lie on the disk");
+    }
+}
+
+std::vector<PartitionSpec> DiskImpl::partitions() const
+{
+    std::lock_guard lock(partitions_mutex_);
+    return partitions_;
+}
+
+// Gives a partition (0: the whole disk) its block device, before anybody can find it in the table.
+void DiskImpl::place(u32 partition, sector_type start, sector_type sectors)
+{
+    if (!bdevs_[partition]) {
+        block_device* bdev = bdev_for(device(partition));
+        bdev->partition = partition;
+        bdev->contains = bdev_for(device(0));
+        bdev->disk = &gendisk_;
+        bdevs_[partition] = bdev;
+    }
+    sector_type start_now, sectors_now;
+    gendisk_.slots[partition].get(&start_now, &sectors_now);
+    // One that stays is there all the time: a write to it must not pass for one to no partition.
+    if (start_now != start || sectors_now != sectors)
+        gendisk_.slots[partition].set(start, sectors);
+    if (gendisk_.slots_used.load() <= partition)
+        gendisk_.slots_used.store(partition + 1);
+}
+
+void DiskImpl::set_partitions(std::vector<PartitionSpec> partitions)
+{
+    check(partitions);
+    std::lock_guard lock(partitions_mutex_);
+    std::vector<PartitionSpec> now(gendisk_.minors);
+    for (const PartitionSpec& p : partitions)
+        now[p.index] = p;
+    // All that go before any that come: no sector is ever in two.
+    for (u32 i = 1; i < gendisk_.slots_used.load(); ++i) {
+        sector_type start, sectors;
+        if (gendisk_.slots[i].get(&start, &sectors) && (start != now[i].start || sectors != now[i].sectors))
+            gendisk_.slots[i].set(0, 0);
+    }
+    for (const PartitionSpec& p : partitions)
+        place(p.index, p.start, p.sectors);
+    partitions_ = std::move(partitions);
+}
+
 void DiskImpl::attach()
 {
-    block_device* whole = bdev_for(device(0));
-    bdevs_.assign(gendisk_.slots.size(), nullptr);
-    for (u32 i = 0; i < gendisk_.slots.size(); ++i) {
-        if (i != 0 && gendisk_.slots[i].sectors == 0)
-            continue;
-        block_device* bdev = bdev_for(device(i));
-        bdevs_[i] = bdev;
-        bdev->partition = i;
-        bdev->contains = whole;
-        bdev->disk = &gendisk_;
-    }
+    std::lock_guard lock(partitions_mutex_);
+    place(0, 0, 0);
+    for (const PartitionSpec& p : partitions_)
+        place(p.index, p.start, p.sectors);
 }
 
 void DiskImpl::detach()

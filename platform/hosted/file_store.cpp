@@ -67,6 +67,7 @@ class FileStore final : public Store
     ~FileStore() override { drain(); }
 
     std::uint64_t size() const override { return size_; }
+    std::string path() const override { return "/proc/self/fd/" + std::to_string(cached_.get()); }
     void submit(StoreRequest* r) override;
     int flush_error() const override { return flush_error_.load(); }
     std::uint32_t logical_block_size() const override { return logical_block_size_; }

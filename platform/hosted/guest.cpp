@@ -47,11 +47,12 @@ int DiskImpl::check(const GuestRequest& r, u32 partition) const
 {
     if (gone())
         return -ENODEV;
-    if (partition != 0 && (partition >= gendisk_.slots.size() || gendisk_.slots[partition].sectors == 0))
+    sector_type start = 0, sectors = gendisk_.capacity;
+    if (partition != 0 && (partition >= gendisk_.minors || !gendisk_.slots[partition].get(&start, &sectors)))
         return -ENXIO;
     if (r.op == Op::flush)
         return r.bytes == 0 ? 0 : -EINVAL;
-    std::uint64_t size = (partition ? gendisk_.slots[partition].sectors : gendisk_.capacity) << 9;
+    const std::uint64_t size = sectors << 9;
     if (r.offset % 512 != 0 || r.bytes % 512 != 0)
         return -EINVAL;
     if (r.bytes > size || r.offset > size - r.bytes)
@@ -62,7 +63,10 @@ int DiskImpl::check(const GuestRequest& r, u32 partition) const
 bool DiskImpl::held(const GuestRequest& r) const
 {
     const u32 partition = Guest::of(const_cast<GuestRequest*>(&r)).partition;
-    const sector_type start = (r.offset >> 9) + (partition ? gendisk_.slots[partition].start : 0);
+    sector_type partition_start = 0, sectors;
+    if (partition)
+        gendisk_.slots[partition].get(&partition_start, &sectors);
+    const sector_type start = (r.offset >> 9) + partition_start;
     return std::any_of(closed_.begin(), closed_.end(), [&](const Range& c) {
         return start < c.start + c.sectors && c.start < start + (r.bytes >> 9);
     });

@@ -54,6 +54,9 @@ class Store
   public:
     virtual ~Store() = default;
     virtual std::uint64_t size() const = 0;   // bytes, a multiple of 512
+    // A path that leads to the same file or device for as long as the store lives, whatever became of its name. Empty:
+    // there is none.
+    virtual std::string path() const { return {}; }
     virtual void submit(StoreRequest* r) = 0; // never waits for the request to complete (memory: completes inside)
     virtual void drain() {}                   // returns when every submitted request has completed
     // True: submit always completes before it returns, so that merging bios first would gain nothing.
@@ -87,9 +90,10 @@ std::unique_ptr<Store> open_file_store(const std::string& path, FileStoreOptions
 // ---- Disks ----------------------------------------------------------------------------------------------------------
 
 struct PartitionSpec {
-    u32 index; // from 1
-    sector_type start;
-    sector_type sectors;
+    u32 index = 0; // from 1
+    sector_type start = 0;
+    sector_type sectors = 0;
+    bool operator==(const PartitionSpec&) const = default;
 };
 
 struct DiskConfig {
@@ -102,9 +106,16 @@ struct DiskConfig {
     bool queue_has_lock = true; // false: queue_lock is null, as on some real disks
 };
 
-// Reads the DOS or GPT table of an image with libblkid. Empty when there is none. Throws std::system_error when the
-// file cannot be read.
-std::vector<PartitionSpec> read_partition_table(const std::string& path);
+struct PartitionTable {
+    std::vector<PartitionSpec> partitions; // on the disk, none over another, in the table's order
+    std::vector<sector_type> records;      // where the extended boot records lie
+    std::vector<std::string> left_out;     // what was not taken from the table, and why: a sentence each
+    bool operator==(const PartitionTable&) const = default;
+};
+// Reads the DOS or GPT table of an image or a block device with libblkid. Empty when there is none. `minors`: of the
+// disk, its own included; a partition with a higher index is left out. Throws std::system_error when the file cannot be
+// read.
+PartitionTable read_partition_table(const std::string& path, u32 minors = 16);
 
 // A guest's request. It must stay alive until done is called.
 struct GuestRequest {
@@ -135,6 +146,10 @@ class Disk
     virtual std::uint64_t size() const = 0;             // bytes
     virtual kdev_t device(u32 partition = 0) const = 0; // partition 0: the whole disk
     virtual std::vector<PartitionSpec> partitions() const = 0;
+    // Puts another table in place of the disk's. A request under way may be counted to a partition of either. Throws
+    // std::invalid_argument, and changes nothing, when one has no device number or does not lie on the disk. Whoever
+    // knows that a file system's or a partition's place has changed tells the driver, by device_changed.
+    virtual void set_partitions(std::vector<PartitionSpec> partitions) = 0;
     virtual Store& store() = 0;
     virtual request_queue* queue() = 0;
 
@@ -193,6 +208,8 @@ std::optional<FileSystemInfo> probe_file_system(const std::string& path, std::ui
 int load_driver();   // 0 or the negative error of driver_init
 int unload_driver(); // 0, or -EBUSY while a file is open; waits until no task is inside a hooked function
 bool driver_loaded();
+// Tells the driver, if it is loaded, that what it recorded of a device's changes counts no more.
+void device_changed(kdev_t dev);
 int driver_references(); // of the module: one per open file
 
 // ---- Processes that use the control device

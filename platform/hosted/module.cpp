@@ -101,6 +101,14 @@ int load_driver()
     return 0;
 }
 
+void device_changed(kdev_t dev)
+{
+    kernel_module& m = the_module();
+    std::lock_guard loading(m.loading);
+    if (is_loaded())
+        driver_device_changed(dev);
+}
+
 int unload_driver()
 {
     kernel_module& m = the_module();

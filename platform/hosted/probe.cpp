@@ -3,6 +3,7 @@
 #include "base/descriptor.h"
 #include "hosted.h"
 
+#include <algorithm>
 #include <blkid/blkid.h>
 #include <cerrno>
 #include <cstdlib>
@@ -16,6 +17,8 @@ namespace hosted
 
 namespace
 {
+
+constexpr std::size_t most_records = 128; // no kernel follows a longer chain
 
 struct FreeProbe {
     void operator()(blkid_struct_probe* p) const { blkid_free_probe(p); }
@@ -61,29 +64,79 @@ std::optional<u32> xfs_block_size(int fd, std::uint64_t offset)
     return u32(b[0]) << 24 | u32(b[1]) << 16 | u32(b[2]) << 8 | b[3];
 }
 
+// The chain of records that describe the logical partitions of an extended one, the first of them at `start`. libblkid
+// reads the chain too, and tells what it says but not where it lies.
+void find_extended_records(int fd, sector_type start, sector_type capacity, PartitionTable& table)
+{
+    for (sector_type at = start; at < capacity && table.records.size() < most_records;) {
+        if (std::find(table.records.begin(), table.records.end(), at) != table.records.end()) {
+            table.left_out.push_back("the extended boot record at sector " + std::to_string(at) +
+                                     " is in the chain twice: what would follow is left out");
+            return;
+        }
+        table.records.push_back(at);
+        unsigned char record[512];
+        if (pread(fd, record, sizeof record, off_t(at * 512)) != ssize_t(sizeof record) || record[510] != 0x55 ||
+            record[511] != 0xAA)
+            return;
+        sector_type next = 0;
+        for (const unsigned char* entry = record + 446; entry < record + 510; entry += 16) {
+            const bool link = entry[4] == 0x05 || entry[4] == 0x0F || entry[4] == 0x85;
+            const u32 offset = u32(entry[8]) | u32(entry[9]) << 8 | u32(entry[10]) << 16 | u32(entry[11]) << 24;
+            if (link && next == 0)
+                next = start + offset;
+        }
+        if (next == 0)
+            return;
+        at = next;
+    }
+}
+
+void take(const PartitionSpec& spec, sector_type capacity, u32 minors, PartitionTable& table)
+{
+    const std::string name = "partition " + std::to_string(spec.index);
+    if (spec.index >= minors) {
+        table.left_out.push_back(name + " has no device number, left out");
+        return;
+    }
+    if (spec.start >= capacity || spec.sectors > capacity - spec.start) {
+        table.left_out.push_back(name + " ends after the disk, left out");
+        return;
+    }
+    for (const PartitionSpec& other : table.partitions) {
+        const bool overlaps = spec.start < other.start + other.sectors && other.start < spec.start + spec.sectors;
+        if (overlaps || spec.index == other.index) {
+            table.left_out.push_back(name + " lies over partition " + std::to_string(other.index) + ", left out");
+            return;
+        }
+    }
+    table.partitions.push_back(spec);
+}
+
 } // namespace
 
-std::vector<PartitionSpec> read_partition_table(const std::string& path)
+PartitionTable read_partition_table(const std::string& path, u32 minors)
 {
     Probe probe(path, 0, 0);
-    std::vector<PartitionSpec> found;
+    PartitionTable table;
     blkid_probe_enable_superblocks(probe.get(), 0);
     blkid_probe_enable_partitions(probe.get(), 1);
     blkid_partlist list = blkid_probe_get_partitions(probe.get());
     if (!list)
-        return found;
-    int n = blkid_partlist_numof_partitions(list);
+        return table;
+    const sector_type capacity = sector_type(blkid_probe_get_size(probe.get())) / 512;
+    const int n = blkid_partlist_numof_partitions(list);
     for (int i = 0; i < n; ++i) {
         blkid_partition p = blkid_partlist_get_partition(list, i);
+        const PartitionSpec spec{u32(blkid_partition_get_partno(p)), sector_type(blkid_partition_get_start(p)),
+                                 sector_type(blkid_partition_get_size(p))};
         // An extended partition is only the frame of the logical ones; the kernel gives it a stub of two sectors.
         if (blkid_partition_is_extended(p))
-            continue;
-        PartitionSpec spec{u32(blkid_partition_get_partno(p)), sector_type(blkid_partition_get_start(p)),
-                           sector_type(blkid_partition_get_size(p))};
-        if (spec.index != 0 && spec.sectors != 0)
-            found.push_back(spec);
+            find_extended_records(probe.fd(), spec.start, capacity, table);
+        else if (spec.index != 0 && spec.sectors != 0)
+            take(spec, capacity, minors, table);
     }
-    return found;
+    return table;
 }
 
 std::optional<FileSystemInfo> probe_file_system(const std::string& path, std::uint64_t offset, std::uint64_t bytes)

@@ -62,10 +62,10 @@ int remap(bio* b)
     u32 index = b->bdev->partition.load(std::memory_order_acquire);
     sector_type sectors = b->size >> 9;
     if (index != 0) {
-        const PartitionSpec& p = disk->slots[index];
-        if (sectors > p.sectors || b->sector > p.sectors - sectors)
+        sector_type start, length;
+        if (!disk->slots[index].get(&start, &length) || sectors > length || b->sector > length - sectors)
             return -EIO;
-        b->sector += p.start;
+        b->sector += start;
         b->bdev = b->bdev->contains.load(std::memory_order_acquire);
     }
     if (sectors > disk->capacity || b->sector > disk->capacity - sectors)

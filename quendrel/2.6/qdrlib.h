@@ -125,6 +125,7 @@ int closeAMS(Backup* b);
 void closeAM(AutoMapSession* ams);
 void closeAllAMS();
 void errorAMS(Backup* b);
+void forgetAM(kdev_t kdev);
 void errorAMSDEV(kdev_t kdev);
 int countQueueAMS(request_queue* q);
 void unSetMRFAMS(AutoMapSession* ams);

@@ -143,21 +143,27 @@ ScratchDir::~ScratchDir()
         16, FTW_DEPTH | FTW_PHYS | FTW_MOUNT);
 }
 
-void make_image(const std::string& path, std::uint64_t bytes, const std::vector<Part>& parts)
+DosTable dos_table(const std::vector<Part>& parts)
 {
-    std::array<unsigned char, 512> table{};
+    DosTable table{};
     const auto put = [&](std::size_t at, std::uint32_t value) {
         for (int i = 0; i < 4; ++i)
             table[at + std::size_t(i)] = static_cast<unsigned char>(value >> (8 * i));
     };
     put(440, 0x51454e44);
     for (std::size_t i = 0; i < parts.size(); ++i) {
-        table[446 + 16 * i + 4] = 0x83;
+        table[446 + 16 * i + 4] = parts[i].sectors ? 0x83 : 0;
         put(446 + 16 * i + 8, parts[i].start);
         put(446 + 16 * i + 12, parts[i].sectors);
     }
     table[510] = 0x55;
     table[511] = 0xaa;
+    return table;
+}
+
+void make_image(const std::string& path, std::uint64_t bytes, const std::vector<Part>& parts)
+{
+    const DosTable table = dos_table(parts);
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     if (!parts.empty())
         out.write(reinterpret_cast<const char*>(table.data()), table.size());

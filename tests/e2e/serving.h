@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -45,6 +46,9 @@ struct Part {
     std::uint32_t start; // sectors
     std::uint32_t sectors;
 };
+// The first sector of a disk with a DOS table of up to four partitions; one of no sectors is left free.
+using DosTable = std::array<unsigned char, 512>;
+DosTable dos_table(const std::vector<Part>& parts);
 // A sparse image with a DOS table of up to four partitions; none: no table.
 void make_image(const std::string& path, std::uint64_t bytes, const std::vector<Part>& parts);
 

@@ -34,15 +34,15 @@ class Image
         f.seekp(std::streamoff(offset));
         f.write(static_cast<const char*>(bytes), std::streamsize(n));
     }
-    // A DOS table entry.
-    void partition(unsigned index, u32 start, u32 sectors, unsigned char type = 0x83)
+    // An entry of a DOS table, or of the extended boot record at sector `record`.
+    void partition(unsigned index, u32 start, u32 sectors, unsigned char type = 0x83, std::uint64_t record = 0)
     {
         unsigned char entry[16] = {};
         entry[4] = type;
         std::memcpy(entry + 8, &start, 4);
         std::memcpy(entry + 12, &sectors, 4);
-        put(446 + 16 * (index - 1), entry, sizeof entry);
-        put(510, "\x55\xAA", 2);
+        put(record * 512 + 446 + 16 * (index - 1), entry, sizeof entry);
+        put(record * 512 + 510, "\x55\xAA", 2);
     }
     std::string path;
 };
@@ -54,7 +54,7 @@ TEST(Probe, ReadsADosTableWithItsGaps)
     Image image(16 * mebibyte);
     image.partition(1, 2048, 4096);
     image.partition(3, 8192, 16384);
-    auto table = read_partition_table(image.path);
+    auto table = read_partition_table(image.path).partitions;
     ASSERT_EQ(table.size(), 2u);
     EXPECT_EQ(table[0].index, 1u);
     EXPECT_EQ(table[0].start, 2048u);
@@ -67,8 +67,60 @@ TEST(Probe, ReadsADosTableWithItsGaps)
 TEST(Probe, AnImageWithoutATableHasNoPartitions)
 {
     Image image(mebibyte);
-    EXPECT_TRUE(read_partition_table(image.path).empty());
+    EXPECT_EQ(read_partition_table(image.path), PartitionTable{});
     EXPECT_THROW(read_partition_table("/nonexistent/image"), std::system_error);
+}
+
+TEST(Probe, LeavesOutWhatLiesOverAnotherPartitionOrBehindTheDiskAndSaysSo)
+{
+    Image image(16 * mebibyte);
+    image.partition(1, 2048, 4096);
+    image.partition(2, 4096, 4096);
+    image.partition(3, 32000, 1000);
+    image.partition(4, 8192, 1024);
+    const PartitionTable table = read_partition_table(image.path);
+    EXPECT_EQ(table.partitions, (std::vector<PartitionSpec>{{1, 2048, 4096}, {4, 8192, 1024}}));
+    EXPECT_EQ(table.left_out, (std::vector<std::string>{"partition 2 lies over partition 1, left out",
+                                                        "partition 3 ends after the disk, left out"}));
+}
+
+TEST(Probe, LeavesOutPartitionsWithoutADeviceNumber)
+{
+    Image image(16 * mebibyte);
+    image.partition(1, 2048, 1024);
+    image.partition(2, 4096, 1024);
+    const PartitionTable table = read_partition_table(image.path, 2);
+    EXPECT_EQ(table.partitions, (std::vector<PartitionSpec>{{1, 2048, 1024}}));
+    EXPECT_EQ(table.left_out, std::vector<std::string>{"partition 2 has no device number, left out"});
+}
+
+TEST(Probe, FindsLogicalPartitionsAndTheRecordsThatDescribeThem)
+{
+    Image image(16 * mebibyte);
+    image.partition(1, 2048, 1024);
+    image.partition(2, 8192, 16384, 0x05);
+    image.partition(1, 64, 1000, 0x83, 8192);
+    image.partition(2, 4096, 4096, 0x05, 8192);
+    image.partition(1, 64, 2000, 0x83, 8192 + 4096);
+    const PartitionTable table = read_partition_table(image.path);
+    EXPECT_EQ(table.partitions, (std::vector<PartitionSpec>{{1, 2048, 1024}, {5, 8256, 1000}, {6, 12352, 2000}}));
+    EXPECT_EQ(table.records, (std::vector<sector_type>{8192, 12288}));
+    EXPECT_TRUE(table.left_out.empty());
+}
+
+TEST(Probe, AChainOfExtendedRecordsThatBitesItsTailEndsThere)
+{
+    Image image(16 * mebibyte);
+    image.partition(2, 8192, 16384, 0x05);
+    image.partition(1, 64, 1000, 0x83, 8192);
+    image.partition(2, 4096, 4096, 0x05, 8192);
+    image.partition(1, 64, 2000, 0x83, 8192 + 4096);
+    image.partition(2, 0, 4096, 0x05, 8192 + 4096);
+    const PartitionTable table = read_partition_table(image.path);
+    EXPECT_EQ(table.partitions, (std::vector<PartitionSpec>{{5, 8256, 1000}, {6, 12352, 2000}}));
+    EXPECT_EQ(table.left_out, std::vector<std::string>{
+                                  "the extended boot record at sector 8192 is in the chain twice: what would follow "
+                                  "is left out"});
 }
 
 TEST(Probe, FindsAnExt4WithItsBlockSizeInsideAPartition)

@@ -86,6 +86,8 @@ void driver_static_init()
 
 int driver_init() { return register_chrdev(test_driver::major_number, "test", &test_driver::operations); }
 
+void driver_device_changed(kdev_t) {}
+
 void driver_exit()
 {
     if (test_driver::calls.exit)

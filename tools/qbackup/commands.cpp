@@ -90,8 +90,14 @@ int commandBackup(const CommonOptions& common, const BackupOptions& options, con
     refuseUnfitDevice(job.device);
     if (catalog.runDirectory().empty()) {
         refuseUnfitFileSystem(job.device);
-        job.instance = [&host, number = makedev(job.device.number.major, job.device.number.minor)] {
-            return host.instance(number);
+        job.identity = [&host, &job] {
+            return Identity{host.instance(makedev(job.device.number.major, job.device.number.minor)), job.device.bytes};
+        };
+    } else {
+        job.identity = [&host, &common, number = job.device.number] {
+            const DeviceCatalog now{common.control, host};
+            const Device device = now.find(std::to_string(number.major) + ":" + std::to_string(number.minor));
+            return Identity{device.instance, device.bytes};
         };
     }
     refuseOnDevice(job.device, host, options.target, "the target directory");

@@ -61,6 +61,7 @@ try {
         whole.name = disk.at("name");
         whole.number = {disk.at("major").get<std::uint32_t>(), disk.at("minor").get<std::uint32_t>()};
         whole.bytes = disk.at("bytes");
+        whole.instance = disk.value("instance", "");
         whole.type = disk.value("type", "");
         whole.blockSize = disk.value("blockSize", 0U);
         if (!file.empty())
@@ -71,6 +72,7 @@ try {
             part.name = entry.at("name");
             part.number = {entry.at("major").get<std::uint32_t>(), entry.at("minor").get<std::uint32_t>()};
             part.bytes = entry.at("sectors").get<std::uint64_t>() * 512;
+            part.instance = entry.value("instance", "");
             part.type = entry.value("type", "");
             part.blockSize = entry.value("blockSize", 0U);
             if (!file.empty())

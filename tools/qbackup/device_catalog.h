@@ -24,6 +24,7 @@ struct Device {
     std::uint32_t blockSize = 0;         // of the file system, in bytes; 0 when not known before the driver is asked
     std::vector<std::string> partitions; // of a whole disk: their names
     std::vector<std::string> holders;    // of a disk or partition: what it is a part of, as a logical volume
+    std::string instance;                // behind a daemon: another one than before, another device
     std::set<dev_t> hostDevices;         // the device as this host sees it: what is mounted when it is mounted here
 };
 

@@ -59,7 +59,12 @@ class Session
     void measure()
     {
         const auto geometry = device_->blockSize(job_.device.number);
-        const std::uint64_t bytes = job_.device.bytes != 0 ? job_.device.bytes : std::uint64_t{geometry.sizeKiB} * 1024;
+        const Identity found = identity();
+        const std::uint64_t bytes = found.bytes != 0 ? found.bytes : std::uint64_t{geometry.sizeKiB} * 1024;
+        // The driver's figure is a word.
+        if (static_cast<std::uint32_t>(bytes / 1024) != geometry.sizeKiB)
+            throw Failure{Exit::refused, "the size of " + job_.device.name +
+                                             " changed this moment: its disk is being laid out anew. Start the backup again"};
         // What lies beyond the last whole block belongs to no block of the file system.
         const std::uint64_t blocks = bytes / geometry.blockSize;
         if (const auto problem = unfitBlockSize(job_.device.name, geometry.blockSize))
@@ -72,10 +77,10 @@ class Session
         manifest_.deviceBytes = bytes;
         manifest_.blockSize = geometry.blockSize;
         manifest_.blocks = static_cast<std::uint32_t>(blocks);
-        manifest_.instance = instance();
+        manifest_.instance = found.instance;
     }
 
-    std::string instance() const { return job_.instance ? job_.instance() : std::string{}; }
+    Identity identity() const { return job_.identity ? job_.identity() : Identity{"", job_.device.bytes}; }
 
     // The stored backup that an incremental would build on, or the reason why there can be none.
     void choosePrevious()
@@ -100,7 +105,8 @@ class Session
         }
         if (m.instance != manifest_.instance) {
             giveUpIncremental("the device was not there all the time since backup " + m.id +
-                              ": the machine was started anew, or the disk was taken away, laid out anew or replaced");
+                              ": the machine or the daemon was started anew, or the disk was taken away, laid out anew "
+                              "or replaced");
             return;
         }
         try {
@@ -232,12 +238,13 @@ class Session
             lost("another program closed the control device meanwhile, which ends the protection of a backup that runs "
                  "(load the driver with exclusive=1 to keep others out)");
         const auto tracking = device_->autoMapState();
+        // First, as tracking does not outlive it.
+        if (identity().instance != manifest_.instance)
+            lost("the disk was taken away, laid out anew or replaced during the backup");
         if (!tracking.inSync)
             lost("the driver's tracking of the device fell out of sync during the backup");
         if (tracking.key != manifest_.key)
             lost("another program took a snapshot of the device during the backup");
-        if (instance() != manifest_.instance)
-            lost("the disk was taken away or replaced during the backup");
     }
 
     void expectState(unsigned expected, const char* when)

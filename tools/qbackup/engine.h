@@ -22,13 +22,18 @@ namespace qbackup
 
 enum class Wanted { automatic, full, incremental };
 
+struct Identity {
+    std::string instance; // another one than before: another device. Empty where devices cannot be exchanged
+    std::uint64_t bytes = 0; // of the device; 0: not known, ask the driver
+};
+
 struct BackupJob {
     Device device;
     Wanted wanted = Wanted::automatic;
     std::uint32_t cacheBlocks = 0; // 0: default_cache_bytes' worth
-    // What the device is known by as long as it is there, asked before the start and again at the end. Empty where
-    // devices cannot be exchanged behind the driver's back.
-    std::function<std::string()> instance{};
+    // What the device is known by as long as it is there, asked before the start, with the control device open, and
+    // again at the end. Null: what `device` says.
+    std::function<Identity()> identity{};
 };
 
 constexpr std::uint64_t default_cache_bytes = 256ULL << 20;

@@ -65,6 +65,8 @@ int driver_init() { return qdrInit(); }
 
 void driver_exit() { qdrExit(); }
 
+void driver_device_changed(kdev_t dev) { forgetAM(dev); }
+
 // Module load. 0, or the negative kernel error of the registration; the module is then not loaded.
 int qdrInit()
 {

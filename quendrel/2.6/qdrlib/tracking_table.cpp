@@ -140,6 +140,14 @@ void errorAMS(Backup* b)
     unsetQueueMRFAMS(getRequestQueue(&b->diskInfo));
 }
 
+// Puts the device's session, if it has one, out of sync: the next backup reads everything.
+void forgetAM(kdev_t kdev)
+{
+    UserGuard reader(&amListUsers, &amListUsersLock);
+    if (AutoMapSession* ams = sessionOf(kdev))
+        set_mb(&ams->state, 0);
+}
+
 // Puts every session on the queue that serves `kdev` out of sync.
 void errorAMSDEV(kdev_t kdev)
 {

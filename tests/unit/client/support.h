@@ -95,7 +95,7 @@ class Machine
         const Repository repository = Repository::openForBackup(directory.path(), "sda1");
         quendrel::ControlDevice device{fake::connect(driver), "memory"};
         Progress progress{Progress::Style::none};
-        return runBackup(std::move(device), repository, {sda1(), wanted, 0, [this] { return instance; }}, progress, stop, watcher);
+        return runBackup(std::move(device), repository, {sda1(), wanted, 0, [this] { return qbackup::Identity{instance, sda1().bytes}; }}, progress, stop, watcher);
     }
 
     Device sda1() const

@@ -274,6 +274,18 @@ TEST_F(TrackingTable, AFailureUnhooksAQueueThatNoOtherDeviceNeeds)
     EXPECT_EQ(atomic_read(&queueListUsers), 1);
 }
 
+TEST_F(TrackingTable, ADeviceThatChangedUnseenLosesItsSessionsSyncAndNoOtherDoes)
+{
+    ASSERT_NO_FATAL_FAILURE(trackDevice(sda(), 1));
+    ASSERT_NO_FATAL_FAILURE(trackDevice(sda(), 2));
+    hosted::device_changed(sda().device(3));
+    hosted::device_changed(sda().device(2));
+    EXPECT_EQ(sessionOf(sda().device(1))->state, 1u);
+    EXPECT_EQ(sessionOf(sda().device(2))->state, 0u);
+    EXPECT_EQ(hookOf(sda()), qdrAMRF) << "the other one is still tracked";
+    EXPECT_EQ(atomic_read(&amListUsers), 1);
+}
+
 TEST_F(TrackingTable, PuttingAQueueOutOfSyncReachesEverySessionOnItAndNoOther)
 {
     ASSERT_NO_FATAL_FAILURE(trackDevice(sda(), 1));

@@ -18,18 +18,19 @@ namespace control_rig
 
 using quendreld::ControlServer;
 
-struct ControlRig : testing::Test {
+struct ControlRig : testing::Test, quendreld::DeviceObserver {
     ControlRig();
     ~ControlRig() override;
     void serve(bool multi_client = false, unsigned most_clients = 32);
     // The version command answers over a new connection: the server and the driver are well.
     void expect_well();
+    void before_open() override { ++opens; }
 
     std::string scratch;
     std::string socket;
     std::shared_ptr<hosted::Disk> disk;
     std::unique_ptr<ControlServer> server;
-    std::atomic<int> opens = 0; // calls of before_open
+    std::atomic<int> opens = 0;
 };
 
 int open_descriptors();

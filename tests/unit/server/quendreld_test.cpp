@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstring>
 #include <fstream>
+#include <regex>
 #include <memory>
 #include <random>
 #include <thread>
@@ -59,15 +60,18 @@ TEST_F(Quendreld, WritesADescriptionOfItsDisks)
     make_image(second, 4 * MiB, {});
     Serving serving({image, second}, run_dir, {"--no-fuse"});
     std::string expected = R"({"version":1,"disks":[{"name":"sda","major":8,"minor":0,"bytes":67108864,"file":null,)"
-                           R"("nbd":"nbd+unix:///sda?socket=RUN/nbd.sock","partitions":[)"
-                           R"({"name":"sda1","major":8,"minor":1,"start":2048,"sectors":65536},)"
-                           R"({"name":"sda2","major":8,"minor":2,"start":67584,"sectors":32768}]},)"
+                           R"("nbd":"nbd+unix:///sda?socket=RUN/nbd.sock","sectorBytes":512,"instance":"","partitions":[)"
+                           R"({"name":"sda1","major":8,"minor":1,"start":2048,"sectors":65536,"instance":""},)"
+                           R"({"name":"sda2","major":8,"minor":2,"start":67584,"sectors":32768,"instance":""}]},)"
                            R"({"name":"sdb","major":8,"minor":16,"bytes":4194304,"file":null,)"
-                           R"("nbd":"nbd+unix:///sdb?socket=RUN/nbd.sock","partitions":[]}]})"
+                           R"("nbd":"nbd+unix:///sdb?socket=RUN/nbd.sock","sectorBytes":512,"instance":"","partitions":[]}]})"
                            "\n";
     for (std::size_t at; (at = expected.find("RUN")) != std::string::npos;)
         expected.replace(at, 3, run_dir);
-    EXPECT_EQ(read_file(run_dir + "/disks.json"), expected);
+    const std::string text = read_file(run_dir + "/disks.json");
+    const std::regex instance(R"("instance":"[0-9a-f]{16}-[0-9]+")");
+    EXPECT_EQ(std::distance(std::sregex_iterator(text.begin(), text.end(), instance), {}), 4);
+    EXPECT_EQ(std::regex_replace(text, instance, R"("instance":"")"), expected);
 }
 
 TEST_F(Quendreld, SocketsAreForOwnerAndGroupOnly)

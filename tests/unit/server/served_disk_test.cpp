@@ -116,4 +116,43 @@ TEST_F(ServedDiskTest, AReadOnlyDiskRefusesChangesOnly)
     EXPECT_TRUE(writes.empty());
 }
 
+TEST_F(ServedDiskTest, ChangesOfTablesAndSuperBlocksAreCountedBeforeTheyAreAnswered)
+{
+    ServedDisk served(disk);
+    unsigned told = 0;
+    served.set_watcher([&] { ++told; });
+    std::vector<std::byte> data(4 * MiB);
+    const auto counts = [&](std::uint64_t offset, std::uint64_t bytes, Op op = Op::write) {
+        const auto before = served.descriptions();
+        EXPECT_EQ(served.run(op, offset, bytes, data.data()), 0);
+        return served.descriptions() != before;
+    };
+    EXPECT_TRUE(counts(0, 512)) << "the first sector";
+    EXPECT_TRUE(counts(8 * MiB - 512, 512)) << "the last one";
+    EXPECT_TRUE(counts(4 * MiB + 65536, 512)) << "a super block in a partition";
+    EXPECT_TRUE(counts(2 * MiB, 512)) << "behind a partition, where extended boot records stand";
+    EXPECT_TRUE(counts(3 * MiB, 2 * MiB)) << "over the start of one";
+    EXPECT_TRUE(counts(0, 4096, Op::write_zeroes));
+    EXPECT_TRUE(counts(0, 4096, Op::discard));
+    EXPECT_EQ(told, 7u);
+    EXPECT_FALSE(counts(0, 512, Op::read));
+    EXPECT_FALSE(counts(5 * MiB, 512)) << "the middle of a partition";
+    EXPECT_FALSE(counts(3 * MiB, 512)) << "the middle of nothing";
+    EXPECT_EQ(told, 7u);
+}
+
+TEST_F(ServedDiskTest, WithAnotherTableWritesAreCutAtItsBorders)
+{
+    ServedDisk served(disk);
+    served.set_table({{{1, 4096, 2048}}, {}, {}});
+    std::vector<std::byte> data(6 * MiB);
+    ASSERT_EQ(served.run(Op::write, MiB / 2, 6 * MiB, data.data()), 0);
+    const auto begins_at = [&](sector_type sector) {
+        return std::any_of(writes.begin(), writes.end(), [&](const auto& w) { return w.first == sector; });
+    };
+    EXPECT_TRUE(begins_at(4096));
+    EXPECT_TRUE(begins_at(6144));
+    EXPECT_EQ(disk->partitions(), (std::vector<hosted::PartitionSpec>{{1, 4096, 2048}}));
+}
+
 } // namespace
