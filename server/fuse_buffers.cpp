@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "fuse_buffers.h"
 
+#include <linux/fuse.h>
 #include <sys/mman.h>
 
+#include <chrono>
 #include <new>
+#include <thread>
+#include <utility>
 
 namespace quendreld
 {
@@ -41,5 +45,24 @@ void BufferPool::give(std::byte* buffer)
     }
     back_.notify_one();
 }
+
+thread_local std::byte* ReceiveBuffer::current = nullptr;
+
+ReceiveBuffer::~ReceiveBuffer() { pool_.give(keep()); }
+
+std::byte* ReceiveBuffer::start() const { return current + 4096 - sizeof(fuse_in_header) - sizeof(fuse_write_in); }
+
+void ReceiveBuffer::renew()
+{
+    while (!current) {
+        try {
+            current = pool_.take();
+        } catch (const std::bad_alloc&) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+}
+
+std::byte* ReceiveBuffer::keep() { return std::exchange(current, nullptr); }
 
 } // namespace quendreld

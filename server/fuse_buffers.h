@@ -36,4 +36,29 @@ class BufferPool
     unsigned out_ = 0;
 };
 
+// The buffer in which a thread receives requests, from a pool of these. The payload of a write begins on a page in it,
+// so headers go into the tail of the first page, and behind the largest payload is the room that libfuse adds to it.
+// An operation may keep the buffer that its request came in; the thread then takes another.
+class ReceiveBuffer
+{
+  public:
+    static constexpr std::size_t most_payload = 1 << 20;
+    static constexpr std::size_t bytes = 4096 + most_payload + 4096;
+
+    explicit ReceiveBuffer(BufferPool& pool) : pool_(pool) { renew(); }
+    ~ReceiveBuffer();
+    ReceiveBuffer(const ReceiveBuffer&) = delete;
+    ReceiveBuffer& operator=(const ReceiveBuffer&) = delete;
+
+    std::byte* start() const;
+    // Takes another when it was kept. Waits as long as there is none, or no memory: buffers in use come back.
+    void renew();
+    // The buffer of the calling thread, which goes back to the pool later.
+    static std::byte* keep();
+
+  private:
+    BufferPool& pool_;
+    static thread_local std::byte* current; // null: kept
+};
+
 } // namespace quendreld
