@@ -11,9 +11,9 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <optional>
-#include <system_error>
-#include <vector>
+#include <utility>
 
 #ifndef SO_PEERPIDFD
 #define SO_PEERPIDFD 77
@@ -117,16 +117,43 @@ bool send(int socket, const ControlSession::Answer& answer)
 
 } // namespace
 
-ControlServer::ControlServer(Options options)
-    : options_(std::move(options)), quietly_(options_.report),
-      listener_({.path = options_.socket,
-                 .type = SOCK_SEQPACKET,
-                 .group = options_.group,
-                 .credentials = true,
-                 .report = options_.report})
+// A connection. What it says and hears once it is in is the session's.
+class ControlServer::Connection final : public ClientThreads::Client
+{
+  public:
+    Connection(ControlServer& server, base::Descriptor socket) : server_(server), socket_(std::move(socket)) {}
+    void serve() override
+    {
+        server_.serve(socket_.get());
+        ::shutdown(socket_.get(), SHUT_RDWR);
+    }
+    void hang_up() override { ::shutdown(socket_.get(), SHUT_RDWR); }
+    void turned_away() override { send(socket_.get(), ControlSession::answer(-ENOMEM)); }
+
+  private:
+    ControlServer& server_;
+    const base::Descriptor socket_;
+};
+
+ControlServer::ControlServer(Options options) : options_(std::move(options)), clients_(client_options()) {}
+
+ClientThreads::Options ControlServer::client_options()
 {
     (void)hosted::transfer_memory_fd(); // made now: no client shall be the first to find that there is none
-    thread_ = std::thread([this] { listen_loop(); });
+    return {
+        .listener = {.path = options_.socket,
+                     .type = SOCK_SEQPACKET,
+                     .group = options_.group,
+                     .credentials = true,
+                     .report = options_.report},
+        .thread_name = "control",
+        .client_name = "a client of the control device",
+        .when_full = {},
+        // Some more threads than can be inside, for those that are told that it is busy. When even these are taken, by
+        // clients that hung up and are being closed, say, the next client waits.
+        .most = 2 * std::size_t(options_.most_clients),
+        .make = [this](base::Descriptor socket) { return std::make_unique<Connection>(*this, std::move(socket)); },
+    };
 }
 
 ControlServer::~ControlServer()
@@ -134,152 +161,74 @@ ControlServer::~ControlServer()
     {
         std::lock_guard lock(mutex_);
         stop_ = true;
-        for (Client& client : clients_)
-            ::shutdown(client.socket.get(), SHUT_RDWR);
     }
-    changed_.notify_all();
-    listener_.wake();
-    thread_.join();
-    for (Client& client : clients_)
-        client.thread.join();
+    left_.notify_all();
 }
 
 unsigned ControlServer::clients() const
 {
     std::lock_guard lock(mutex_);
-    return unsigned(std::count_if(clients_.begin(), clients_.end(), [](const Client& c) { return c.inside; }));
+    return unsigned(inside_.size());
 }
 
-void ControlServer::listen_loop()
+bool ControlServer::enter(int socket)
 {
-    for (;;) {
-        reap();
-        {
-            // Some more threads than can be inside, for those that are told that it is busy. When even these are
-            // taken, by clients that hung up and are being closed, say, the next client waits.
-            std::unique_lock lock(mutex_);
-            if (!stop_ && clients_.size() >= most_threads()) {
-                changed_.wait(lock, [this] {
-                    return stop_ ||
-                           std::any_of(clients_.begin(), clients_.end(), [](const Client& c) { return c.finished; });
-                });
-            }
-            if (stop_)
-                return;
-            if (clients_.size() >= most_threads())
-                continue;
-        }
-        if (base::Descriptor socket = listener_.accept())
-            take(std::move(socket));
-    }
-}
-
-void ControlServer::take(base::Descriptor socket)
-{
-    std::list<Client> one;
-    try {
-        one.emplace_back().socket = std::move(socket);
-        std::lock_guard lock(mutex_);
-        if (stop_)
-            return;
-        Client& client = one.front();
-        client.thread = std::thread([this, &client] { serve(client); });
-        clients_.splice(clients_.end(), one);
-    } catch (const std::exception& error) { // no thread, no memory
-        if (!one.empty() && one.front().socket)
-            send(one.front().socket.get(), ControlSession::answer(-ENOMEM));
-        quietly_(std::string("a client of the control device was turned away: ") + error.what());
-    }
-}
-
-// Joins the threads of those that have left, and closes their sockets.
-void ControlServer::reap()
-{
-    std::list<Client> left;
-    {
-        std::lock_guard lock(mutex_);
-        for (auto at = clients_.begin(); at != clients_.end();) {
-            const auto next = std::next(at);
-            if (at->finished)
-                left.splice(left.end(), clients_, at);
-            at = next;
-        }
-    }
-    for (Client& client : left)
-        client.thread.join();
-}
-
-bool ControlServer::enter(Client& client)
-{
-    const unsigned most = options_.multi_client ? options_.most_clients : 1;
+    const std::size_t most = options_.multi_client ? options_.most_clients : 1;
     const auto until = std::chrono::steady_clock::now() + close_patience;
     std::unique_lock lock(mutex_);
-    for (;;) {
-        unsigned inside = 0, leaving = 0;
-        for (const Client& other : clients_) {
-            if (!other.inside)
-                continue;
-            ++inside;
-            leaving += hung_up(other.socket.get());
-        }
-        if (stop_)
-            return false;
-        if (inside < most) {
-            client.inside = true;
+    while (!stop_) {
+        if (inside_.size() < most) {
+            inside_.push_back(socket);
             return true;
         }
-        if (inside - leaving >= most || std::chrono::steady_clock::now() >= until)
+        const auto leaving = std::size_t(std::count_if(inside_.begin(), inside_.end(), hung_up));
+        if (inside_.size() - leaving >= most || std::chrono::steady_clock::now() >= until)
             return false;
-        changed_.wait_for(lock, std::chrono::milliseconds(50));
+        left_.wait_for(lock, std::chrono::milliseconds(50));
     }
+    return false;
 }
 
-void ControlServer::leave(Client& client)
+void ControlServer::leave(int socket)
 {
     {
         std::lock_guard lock(mutex_);
-        client.inside = false;
+        std::erase(inside_, socket);
     }
-    changed_.notify_all();
+    left_.notify_all();
 }
 
-void ControlServer::serve(Client& client)
+void ControlServer::serve(int socket)
 {
-    const int socket = client.socket.get();
     ucred peer{};
     socklen_t bytes = sizeof peer;
     const gid_t group = options_.group == gid_t(-1) ? ::getegid() : options_.group;
-    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &bytes) == 0 && may_enter(socket, peer, group)) {
-        if (enter(client)) {
-            {
-                const base::Descriptor pidfd = pidfd_of(socket, peer.pid);
-                ControlSession session(hosted::process_memory(peer.pid, pidfd.get()), !options_.multi_client,
-                                       options_.observer);
-                const int result = session.open();
-                bool going = send(socket, ControlSession::answer(result)) && result == 0;
-                // One byte more than a request, so that a longer packet shows.
-                alignas(8) std::byte packet[sizeof(quendrel::wire::Request) + 1];
-                while (going) {
-                    const auto got = receive(socket, peer.pid, packet, sizeof packet);
-                    if (!got)
-                        break;
-                    const auto answer = session.handle(packet, *got);
-                    going = answer && send(socket, *answer);
-                }
-            }
-            leave(client);
-        } else {
-            send(socket, ControlSession::answer(-EBUSY));
-        }
-    } else {
+    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &bytes) != 0 || !may_enter(socket, peer, group)) {
         send(socket, ControlSession::answer(-EACCES));
+        return;
     }
-    ::shutdown(socket, SHUT_RDWR);
-    {
-        std::lock_guard lock(mutex_);
-        client.finished = true;
-        changed_.notify_all();
-        listener_.wake();
+    if (!enter(socket)) {
+        send(socket, ControlSession::answer(-EBUSY));
+        return;
+    }
+    converse(socket, peer.pid);
+    leave(socket);
+}
+
+void ControlServer::converse(int socket, pid_t process)
+{
+    const base::Descriptor pidfd = pidfd_of(socket, process);
+    ControlSession session(hosted::process_memory(process, pidfd.get()), !options_.multi_client, options_.observer);
+    const int result = session.open();
+    bool going = send(socket, ControlSession::answer(result)) && result == 0;
+    // One byte more than a request, so that a longer packet shows.
+    alignas(8) std::byte packet[sizeof(quendrel::wire::Request) + 1];
+    while (going) {
+        const auto got = receive(socket, process, packet, sizeof packet);
+        if (!got)
+            break;
+        const auto answer = session.handle(packet, *got);
+        going = answer && send(socket, *answer);
     }
 }
 

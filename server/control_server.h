@@ -9,18 +9,16 @@
 //   A client whose predecessor has hung up already waits for its close; any other gets -EBUSY.
 #pragma once
 
-#include "base/descriptor.h"
+#include "client_threads.h"
 #include "device_observer.h"
-#include "listener.h"
 
 #include <sys/types.h>
 
 #include <condition_variable>
 #include <functional>
-#include <list>
 #include <mutex>
 #include <string>
-#include <thread>
+#include <vector>
 
 namespace quendreld
 {
@@ -43,30 +41,20 @@ class ControlServer
     unsigned clients() const; // sessions with an open file
 
   private:
-    struct Client {
-        base::Descriptor socket;
-        bool inside = false;   // holds (or opens) the device
-        bool finished = false; // the thread is about to end
-        std::thread thread;
-    };
+    class Connection;
 
-    void listen_loop();
-    void take(base::Descriptor socket);
-    void reap();
-    void serve(Client& client);
-    bool enter(Client& client); // false: busy
-    void leave(Client& client);
-
-    std::size_t most_threads() const { return 2 * std::size_t(options_.most_clients); }
+    ClientThreads::Options client_options();
+    void serve(int socket);
+    void converse(int socket, pid_t process); // with a client that is in
+    bool enter(int socket);                   // false: busy
+    void leave(int socket);
 
     const Options options_;
-    QuietReport quietly_;
-    Listener listener_;
-    mutable std::mutex mutex_; // guards the clients' flags, clients_ and stop_; outermost
-    std::condition_variable changed_;
-    std::list<Client> clients_;
+    mutable std::mutex mutex_; // guards what follows; innermost
+    std::condition_variable left_;
+    std::vector<int> inside_; // sockets of the clients that hold (or open) the device
     bool stop_ = false;
-    std::thread thread_;
+    ClientThreads clients_; // last: its threads use all of the above
 };
 
 } // namespace quendreld

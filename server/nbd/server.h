@@ -6,14 +6,11 @@
 // all.
 #pragma once
 
-#include "listener.h"
+#include "client_threads.h"
 #include "nbd/connection.h"
 
-#include <condition_variable>
-#include <list>
-#include <mutex>
+#include <memory>
 #include <string>
-#include <thread>
 
 namespace quendreld::nbd
 {
@@ -28,34 +25,18 @@ class Server
         std::function<void(std::string_view)> report = [](std::string_view) {}; // a line for the log
     };
 
-    // The disks outlive it. Throws std::system_error.
+    // The disks outlive it. Throws std::system_error. Destroying it completes and answers what was accepted; a client
+    // that does not take its answers is cut off soon.
     Server(Exports exports, Options options);
-    // Completes and answers what was accepted; a client that does not take its answers is cut off soon.
-    ~Server();
 
-    unsigned connections() const;
+    unsigned connections() const { return unsigned(clients_.clients()); }
 
   private:
-    struct Client {
-        std::unique_ptr<Connection> connection;
-        bool finished = false;
-        std::thread thread;
-    };
+    std::unique_ptr<ClientThreads::Client> make_client(base::Descriptor socket);
 
-    void listen_loop();
-    void take(base::Descriptor socket);
-    void serve(Client& client);
-    void reap();
-
-    const unsigned most_connections_;
     QuietReport quietly_;
     Shared shared_;
-    Listener listener_;
-    mutable std::mutex mutex_; // guards what follows; before a connection's own
-    std::condition_variable left_;
-    std::list<Client> clients_;
-    bool stop_ = false;
-    std::thread thread_;
+    ClientThreads clients_; // last: its threads use all of the above
 };
 
 } // namespace quendreld::nbd
