@@ -79,8 +79,11 @@ int send(int socket, const Message& message, int fd)
 [[noreturn]] void guard(int socket)
 {
     ::prctl(PR_SET_NAME, "quendrel-guard");
-    for (int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE})
-        ::signal(number, SIG_IGN);
+    // Signals that end the daemon, from a terminal or a service manager, come to its whole group. They are what this
+    // process is there to outlive.
+    sigset_t all;
+    sigfillset(&all);
+    ::sigprocmask(SIG_SETMASK, &all, nullptr);
     // Of what was inherited only the socket stays open: a lock or a pipe held here would outlive the daemon.
     if (socket > 0)
         ::close_range(0, unsigned(socket) - 1, 0);

@@ -16,7 +16,7 @@ namespace quendreld
 {
 
 // Forks the guardian; the result is the daemon's end of the socket, inherited over exec. Throws std::system_error.
-// The guardian holds no other descriptor and ignores the terminal's signals.
+// The guardian holds no other descriptor; of all signals only SIGKILL ends it.
 base::Descriptor start_guardian();
 
 // The daemon's side. Any thread may call; one request is under way at a time.

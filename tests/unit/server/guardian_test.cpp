@@ -17,6 +17,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <thread>
 
 namespace
@@ -121,6 +122,35 @@ TEST_F(GuardianTest, ThawsWhenItsDaemonIsKilledWhileFrozen)
     ::close(pipe[1]);
     EXPECT_EQ(::read(pipe[0], &result, 1), 0);
     ::close(pipe[0]);
+}
+
+TEST_F(GuardianTest, OutlivesTheSignalThatEndsItsDaemonsWholeGroup)
+{
+    int pipe[2];
+    ASSERT_EQ(::pipe(pipe), 0);
+    const pid_t daemon = ::fork();
+    if (daemon == 0) {
+        ::setpgid(0, 0);
+        Guardian guardian(start_guardian());
+        unsigned id = 0;
+        const char result = guardian.freeze(point, id) == 0 ? 'f' : 'x';
+        [[maybe_unused]] const auto written = ::write(pipe[1], &result, 1);
+        ::pause();
+        ::_exit(0);
+    }
+    char result = 0;
+    ASSERT_EQ(::read(pipe[0], &result, 1), 1);
+    ASSERT_EQ(result, 'f');
+    // What a service manager sends to a service that does not answer; then it waits for the whole group to end.
+    ::kill(-daemon, SIGABRT);
+    ::waitpid(daemon, nullptr, 0);
+    // Opening a file for writing waits for as long as the file system is frozen.
+    auto written = std::async(std::launch::async, [this] { std::ofstream(point + "/file") << "x"; });
+    const bool thawed = written.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    EXPECT_TRUE(thawed);
+    EXPECT_EQ(thaw_by_hand(), !thawed);
+    ::close(pipe[0]);
+    ::close(pipe[1]);
 }
 
 TEST(HostMounts, AFileWithoutLoopDeviceHasNoMount)
