@@ -6,6 +6,7 @@
 
 #include <grp.h>
 #include <limits.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
@@ -16,8 +17,12 @@
 #include <filesystem>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <memory>
 #include <optional>
+#include <set>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace
 {
@@ -48,6 +53,22 @@ int group_number(const std::string& name)
 
 constexpr int usage_error = 2;
 
+// A configuration file: a line "key = value" for each long option of the command line, "#" before comments.
+class ConfigFile : public CLI::ConfigTOML
+{
+  public:
+    // A key that comes again further down would be left out in silence.
+    std::vector<CLI::ConfigItem> from_config(std::istream& input) const override
+    {
+        std::vector<CLI::ConfigItem> items = CLI::ConfigTOML::from_config(input);
+        std::set<std::string> seen;
+        for (const CLI::ConfigItem& item : items)
+            if (!seen.insert(item.fullname()).second)
+                throw CLI::ConfigError(item.fullname() + ": stands here twice, with others between; put the lines together");
+        return items;
+    }
+};
+
 // What is wrong with the command line. A word that is not known goes before one that is missing: it is often the missing
 // one, misspelt.
 std::string complaint(const CLI::App* app, const CLI::Error& error)
@@ -59,6 +80,17 @@ std::string complaint(const CLI::App* app, const CLI::Error& error)
         return "quendreld: " + name + (name.starts_with('-') ? ": unknown option" : ": not expected here") + "; see " +
                app->get_name() + " --help\n";
     }
+    const CLI::Option* config = app->get_config_ptr();
+    const std::string file = config && config->count() ? config->as<std::string>() : std::string();
+    if (!file.empty() && !::access(file.c_str(), R_OK)) {
+        constexpr std::string_view unknown = "INI was not able to parse ";
+        std::string what = error.what();
+        if (what.starts_with(unknown))
+            what = what.substr(unknown.size()) + ": unknown key";
+        return "quendreld: " + file + ": " + what + "; see quendreld(8)\n";
+    }
+    if (!file.empty())
+        return "quendreld: " + file + ": cannot be read: " + std::strerror(errno) + "\n";
     return "quendreld: " + std::string(error.what()) + "; see " + app->get_name() + " --help\n";
 }
 
@@ -115,7 +147,12 @@ int serve(int argc, char** argv)
     std::vector<std::string> paths;
     std::string run_dir, group, format;
     bool no_fuse = false;
-    app.add_option("DISK", paths, "disk image or block device; the first is sda, the next sdb, ...")->required();
+    app.set_config("--config", "", "file with options, a line each: \"run-dir = DIR\", \"disk = PATH\", \"read-only = true\"");
+    app.config_formatter(std::make_shared<ConfigFile>());
+    app.allow_config_extras(CLI::config_extras_mode::error);
+    app.add_option("DISK", paths, "disk image or block device; the first is sda, the next sdb, ...")
+        ->required()
+        ->ignore_case(); // "disk" in a file
     app.add_option("--run-dir", run_dir, "directory for sockets, disk files and log")->required();
     app.add_flag("--foreground", config.foreground, "stay in the foreground, log to standard error too");
     app.add_flag("--direct", config.direct, "bypass the host's page cache (O_DIRECT)");
