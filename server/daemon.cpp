@@ -3,6 +3,7 @@
 
 #include "attach.h"
 #include "host_mounts.h"
+#include "service_manager.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -16,6 +17,7 @@
 #include <filesystem>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 namespace quendreld
 {
@@ -116,6 +118,7 @@ Daemon::Daemon(Config config, base::Descriptor guardian) : config_(std::move(con
         contents_->refresh();
         (void)contents_->take_new_tables(); // no loop device is behind them yet
         describe();
+        liveness_ = std::make_unique<Liveness>(served, [this](std::string_view line) { report(line); });
         keeper_ = std::thread([this] { keep(); });
 
         // Half of them for NBD, at two a connection; half for the control device, at two for each of twice the clients
@@ -164,6 +167,8 @@ std::string Daemon::end()
 
 void Daemon::report(std::string_view line) { log_->print(line); }
 
+bool Daemon::alive() { return liveness_->look(); }
+
 void Daemon::add_disks()
 {
     for (unsigned i = 0; i < config_.images.size(); ++i) {
@@ -186,9 +191,15 @@ void Daemon::describe()
 try {
     std::lock_guard lock(describe_);
     std::vector<DiskRecord> records = contents_->records();
-    for (std::size_t i = 0; i < records.size(); ++i)
-        if (const int error = disks_[i]->disk()->store().flush_error())
+    std::string served, failed;
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        served += (i ? ", " : "") + records[i].name;
+        if (const int error = disks_[i]->disk()->store().flush_error()) {
             records[i].flush_error = std::strerror(-error);
+            failed += "; A FLUSH OF " + records[i].name + " FAILED (" + records[i].flush_error + "), see the log";
+        }
+    }
+    tell_manager("STATUS=Serving " + served + failed);
     write_file_whole(run_.disks_json(), disks_to_json(records));
 } catch (const std::exception& error) {
     report(error.what());

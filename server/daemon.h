@@ -9,6 +9,7 @@
 #include "control_server.h"
 #include "disk_contents.h"
 #include "fuse_front.h"
+#include "liveness.h"
 #include "log_file.h"
 #include "nbd/server.h"
 #include "run_dir.h"
@@ -36,11 +37,13 @@ class Daemon
     // the disks durable. The result tells, in lines, what could not be made durable; mostly it is empty.
     std::string end();
 
+    bool alive(); // the disks answered since the last call; of one thread
+
     void report(std::string_view line); // into the log
 
   private:
     void add_disks();
-    void describe(); // in RUN/disks.json
+    void describe(); // in RUN/disks.json, and to the service manager
     void described_anew();
     void flush_failed(const std::string& disk, int error);
     void keep();
@@ -56,6 +59,7 @@ class Daemon
     std::mutex describe_; // one writing of the description at a time; before DiskContents' own
     // Looks at the disks, and describes them, when a thread that must not wait has news of them.
     std::thread keeper_;
+    std::unique_ptr<Liveness> liveness_;
     std::mutex news_mutex_; // guards what follows; innermost
     std::condition_variable news_came_;
     bool flush_failed_ = false;

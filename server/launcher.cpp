@@ -2,7 +2,6 @@
 #include "launcher.h"
 
 #include "attach.h"
-#include "guardian.h"
 #include "image_lock.h"
 #include "listener.h"
 #include "run_dir.h"
@@ -184,9 +183,8 @@ std::string last_lines(const std::string& path)
         log.reset();
         if (::chdir("/") != 0)
             throw failure("/", errno);
-        base::Descriptor guardian = start_guardian();
         write_file_whole(run.pid(), std::to_string(::getpid()) + "\n");
-        ::_exit(run_service(config, std::move(guardian), [&tell] { tell("ok\n"); }));
+        ::_exit(run_service(config, [&tell] { tell("ok\n"); }));
     } catch (const std::exception& error) {
         tell(error.what());
         ::_exit(1);
@@ -215,9 +213,8 @@ int launch(const Config& config, const std::function<void()>& started)
     const base::Descriptor lock = run.take();
     run.remove_stale();
     if (config.foreground) {
-        base::Descriptor guardian = start_guardian();
         write_file_whole(run.pid(), std::to_string(::getpid()) + "\n");
-        return run_service(config, std::move(guardian), started);
+        return run_service(config, started);
     }
 
     int pipe[2];

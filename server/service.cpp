@@ -2,11 +2,15 @@
 #include "service.h"
 
 #include "daemon.h"
+#include "guardian.h"
+#include "memory_pressure.h"
 #include "run_dir.h"
+#include "service_manager.h"
 
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <exception>
 #include <iostream>
@@ -14,7 +18,32 @@
 namespace quendreld
 {
 
-int run_service(const Config& config, base::Descriptor guardian, const std::function<void()>& ready)
+namespace
+{
+
+// Returns at one of the signals. Until then the service manager, if it watches, hears from us as long as the disks answer.
+void wait_for_end(Daemon& daemon, const sigset_t& ends)
+{
+    const auto patience = manager_patience();
+    if (!patience) {
+        int signal = 0;
+        while (sigwait(&ends, &signal) == EINTR) {
+        }
+        return;
+    }
+    const auto between_looks = std::chrono::nanoseconds(*patience) / 4;
+    const timespec pause{between_looks.count() / 1'000'000'000, between_looks.count() % 1'000'000'000};
+    for (;;) {
+        if (daemon.alive())
+            tell_manager("WATCHDOG=1");
+        if (sigtimedwait(&ends, nullptr, &pause) > 0)
+            return;
+    }
+}
+
+} // namespace
+
+int run_service(const Config& config, const std::function<void()>& ready)
 {
     // Every thread inherits this, so that the signals come to the one that waits for them.
     sigset_t ends;
@@ -26,11 +55,19 @@ int run_service(const Config& config, base::Descriptor guardian, const std::func
     std::signal(SIGPIPE, SIG_IGN);
     ::umask(022);
 
+    // The guardian is spared too: nobody else would thaw what it has frozen. It serves nothing, so the rest is not for it.
+    const std::string oom = spare_from_oom_killer();
+    base::Descriptor guardian = start_guardian();
+    const std::string flusher = allocate_without_disks();
+
     Daemon daemon(config, std::move(guardian));
+    for (const std::string& line : {oom, flusher})
+        if (!line.empty())
+            daemon.report(line);
     ready();
-    int signal = 0;
-    while (sigwait(&ends, &signal) == EINTR) {
-    }
+    tell_manager("READY=1");
+    wait_for_end(daemon, ends);
+    tell_manager("STOPPING=1\nSTATUS=Ending");
     const std::string wrong = daemon.end();
     try {
         write_file_whole(RunDir(config.run_dir).ended(), wrong.empty() ? ended_well : wrong);
