@@ -111,24 +111,26 @@ dkms_package_is_the_same_wherever_it_is_built() {
   cmp "$work/one/quendrel-dkms_${version}_all.deb" "$work/two/quendrel-dkms_${version}_all.deb"
 }
 
+# program_is_sound PATH PACKAGE-FILE: the one program of the package that is unpacked.
+program_is_sound() {
+  local file=$work/tree/$1
+  [ "$(find "$work"/tree/usr/*bin -type f)" = "$file" ] || fail "the programs are $(find "$work"/tree/usr/*bin -type f)"
+  [ "$("$file" --version)" = "${1##*/} $version" ] || fail "$1 says $("$file" --version)"
+  ! readelf -S "$file" | grep -q ' \.debug_' || fail "$1 has debug sections"
+  ! readelf -d "$file" | grep -qE 'RPATH|RUNPATH' || fail "$1 looks for libraries in a place of its own"
+  dpkg-deb -f "$2" Depends | grep -qE '(^|, )libc6 ' || fail "the libraries are not among the dependencies"
+}
+
 tools_package_is_sound() {
   local deb
   "$top/packaging/build" --only tools --output "$work" --build-dir "$place/build" >"$work/built"
   deb=$(cat "$work/built")
   [ "$deb" = "$work/quendrel_${version}_$(dpkg --print-architecture).deb" ] || fail "packaging/build printed $deb"
   unpack "$deb"
-  local tree=$work/tree file
-  for file in usr/bin/qbackup usr/sbin/quendreld; do
-    [ "$("$tree/$file" --version)" = "${file##*/} $version" ] || fail "$file says $("$tree/$file" --version)"
-  done
-  while IFS= read -r file; do
-    ! readelf -S "$file" | grep -q ' \.debug_' || fail "$file has debug sections"
-    ! readelf -d "$file" | grep -qE 'RPATH|RUNPATH' || fail "$file looks for libraries in a place of its own"
-  done < <(find "$tree/usr/bin" "$tree/usr/sbin" -type f)
-  dpkg-deb -f "$deb" Depends | grep -qE '(^|, )libc6 ' || fail "the libraries are not among the dependencies"
-  for file in man1/qbackup.1.gz man8/quendreld.8.gz; do
-    [ -e "$tree/usr/share/man/$file" ] || fail "$file is missing"
-  done
+  local tree=$work/tree
+  program_is_sound usr/bin/qbackup "$deb"
+  [ -e "$tree/usr/share/man/man1/qbackup.1.gz" ] || fail "the manual page is missing"
+  [ ! -e "$tree/usr/sbin" ] || fail "the daemon has a package of its own"
   # Completion offers every option that the program has, and none that it has not.
   local command offered known
   # shellcheck disable=SC1091
@@ -140,6 +142,51 @@ tools_package_is_sound() {
     known=$("$tree/usr/bin/qbackup" "$command" --help | grep -oE '^ +(-[a-z], ?)?--[a-z-]+' | grep -oE -- '--[a-z-]+' | grep -vxE -- '--help' | sort)
     [ "$offered" = "$known" ] || fail "$command has the options $known and completion offers $offered"
   done
+}
+
+daemon_package() {
+  "$top/packaging/build" --only daemon --output "$work" --build-dir "$place/build" >"$work/built"
+  [ "$(cat "$work/built")" = "$work/quendreld_${version}_$(dpkg --print-architecture).deb" ] ||
+    fail "packaging/build printed $(cat "$work/built")"
+  unpack "$(cat "$work/built")"
+}
+
+daemon_package_is_sound() {
+  daemon_package
+  local tree=$work/tree unit=$work/tree/lib/systemd/system/quendreld@.service command key
+  program_is_sound usr/sbin/quendreld "$(cat "$work/built")"
+  [ -e "$tree/usr/share/man/man8/quendreld.8.gz" ] || fail "the manual page is missing"
+  [ -d "$tree/etc/quendrel/quendreld" ] || fail "there is no place for configurations"
+  # The unit's command is one that the daemon understands, for a configuration that it can serve.
+  truncate -s 1M "$work/one.img" "$work/two.img"
+  sed -E "s|^#disk = /srv.*|disk = $work/one.img|; s|^#disk = /dev.*|disk = $work/two.img|; s/^#group = .*/group = 0/; s/^#([a-z-]+ = )/\\1/" \
+    "$tree/usr/share/doc/quendreld/examples/quendreld.conf" >"$work/test.conf"
+  command=$(sed -n 's/^ExecStart=//p' "$unit" | sed "s|/etc/quendrel/quendreld/%i|$work/test|; s|/run/quendrel/%i|$work/run|; s/ --foreground//; s|^|$tree|")
+  $command >"$work/log" 2>&1 || fail "'$command' ends with: $(cat "$work/log")"
+  command=$(sed -n 's/^ExecStop=-//p' "$unit" | sed "s|/run/quendrel/%i|$work/run|; s|^|$tree|")
+  grep -q '^sdb ' "$work/log" || fail "it does not serve both disks of the example: $(cat "$work/log")"
+  $command || fail "'$command' fails"
+  # The example has every option but those that the unit gives.
+  for key in $("$tree/usr/sbin/quendreld" --help | grep -oE '^ +--[a-z-]+' | grep -vxE ' +--(config|run-dir|foreground|version)' | tr -d ' -' | sort); do
+    [ "$(grep -cE "^$key " <(tr -d '-' <"$work/test.conf"))" = 1 ] || fail "the example says nothing of $key, or it is not off"
+  done
+  # Nothing of it starts by itself, and a daemon that serves is left alone.
+  ! grep -qE 'systemctl.* (re)?start|systemctl.* (stop|enable)|invoke-rc' <(grep -vE '^ *(#|echo)' "$work"/control/p*) ||
+    fail "a maintainer script starts or stops something"
+}
+
+# Reads the unit as systemd does. EXPOSURE is what systemd-analyze makes of its confinement, in tenths of 0 (best) to 10.
+unit_of_the_daemon_is_sound() {
+  command -v systemd-analyze >/dev/null || { echo "systemd-analyze is missing" && exit 77; }
+  daemon_package
+  local unit=$work/tree/lib/systemd/system/quendreld@.service root=$work/root exposure
+  # Names of other units and of the manual page are looked up in a root that has them.
+  mkdir -p "$root/usr" && cp -a "$work/tree/." "$root/"
+  sed -i "s|^\(Exec[A-Za-z]*=-*\)/usr|\1$root/usr|; /^Documentation=/d" "$root/lib/systemd/system/quendreld@.service"
+  systemd-analyze verify --man=no "$root/lib/systemd/system/quendreld@.service" >"$work/log" 2>&1 || fail "systemd-analyze: $(cat "$work/log")"
+  ! grep -F quendreld "$work/log" || fail "the lines above are systemd's"
+  exposure=$(systemd-analyze security --offline=true --no-pager "$unit" | sed -nE 's/.*Overall exposure level.*: ([0-9]+)\.([0-9]+) .*/\1\2/p')
+  [ -n "$exposure" ] && [ "$((10#$exposure))" -le 40 ] || fail "the unit is exposed by ${exposure:-?}/10, more than 4.0"
 }
 
 # What is in a root file system with both library packages is all that a program needs to be made, and to run.
