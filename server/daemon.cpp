@@ -114,7 +114,7 @@ Daemon::Daemon(Config config, base::Descriptor guardian) : config_(std::move(con
             places.push_back({disks_[i].get(), std::move(record)});
         }
         contents_ = std::make_unique<DiskContents>(
-            std::move(places), guardian_, [this](std::string_view line) { report(line); }, [this] { describe(); });
+            std::move(places), guardian_, [this](std::string_view line) { report(line); }, [this] { try_to_describe(); });
         contents_->refresh();
         (void)contents_->take_new_tables(); // no loop device is behind them yet
         describe();
@@ -188,7 +188,7 @@ void Daemon::add_disks()
 }
 
 void Daemon::describe()
-try {
+{
     std::lock_guard lock(describe_);
     std::vector<DiskRecord> records = contents_->records();
     std::string served, failed;
@@ -201,6 +201,11 @@ try {
     }
     tell_manager("STATUS=Serving " + served + failed);
     write_file_whole(run_.disks_json(), disks_to_json(records));
+}
+
+void Daemon::try_to_describe()
+try {
+    describe();
 } catch (const std::exception& error) {
     report(error.what());
 }
@@ -232,7 +237,7 @@ void Daemon::keep()
             return;
         if (std::exchange(flush_failed_, false)) {
             lock.unlock();
-            describe();
+            try_to_describe();
             lock.lock();
             continue;
         }

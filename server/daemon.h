@@ -44,6 +44,7 @@ class Daemon
   private:
     void add_disks();
     void describe(); // in RUN/disks.json, and to the service manager
+    void try_to_describe();
     void described_anew();
     void flush_failed(const std::string& disk, int error);
     void keep();

@@ -4,7 +4,7 @@
 #include "program.h"
 #include "run_dir.h"
 #include "serving.h"
-#include "unique_fd.h"
+#include "base/descriptor.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -27,7 +27,7 @@ namespace
 
 using namespace serving;
 using namespace std::chrono_literals;
-using quendreld::UniqueFd;
+using base::Descriptor;
 
 constexpr std::uint64_t MiB = 1 << 20;
 
@@ -36,7 +36,7 @@ struct Service : testing::Test {
     std::string image = scratch / "disk.img";
     std::string run_dir = scratch / "run";
     std::string manager = scratch / "notify";
-    UniqueFd socket{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    base::Descriptor socket{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
     std::string told; // all that the manager has heard
 
     void SetUp() override
