@@ -135,7 +135,9 @@ class ControlServer::Connection final : public ClientThreads::Client
     const base::Descriptor socket_;
 };
 
-ControlServer::ControlServer(Options options) : options_(std::move(options)), clients_(client_options()) {}
+ControlServer::ControlServer(Options options) : options_(std::move(options)), quietly_(options_.report), clients_(client_options())
+{
+}
 
 ClientThreads::Options ControlServer::client_options()
 {
@@ -211,20 +213,28 @@ void ControlServer::serve(int socket)
         send(socket, ControlSession::answer(-EBUSY));
         return;
     }
-    converse(socket, peer.pid);
+    converse(socket, peer);
     leave(socket);
 }
 
-void ControlServer::converse(int socket, pid_t process)
+void ControlServer::converse(int socket, const ucred& peer)
 {
-    const base::Descriptor pidfd = pidfd_of(socket, process);
-    ControlSession session(hosted::process_memory(process, pidfd.get()), !options_.multi_client, options_.observer);
+    std::shared_ptr<hosted::AddressSpace> memory;
+    try {
+        const base::Descriptor pidfd = pidfd_of(socket, peer.pid);
+        memory = hosted::process_memory(peer.pid, pidfd.get(), peer.uid);
+    } catch (const std::system_error& error) {
+        quietly_(std::string("a client of the control device was turned away: ") + error.what());
+        send(socket, ControlSession::answer(-EACCES));
+        return;
+    }
+    ControlSession session(std::move(memory), !options_.multi_client, options_.observer);
     const int result = session.open();
     bool going = send(socket, ControlSession::answer(result)) && result == 0;
     // One byte more than a request, so that a longer packet shows.
     alignas(8) std::byte packet[sizeof(quendrel::wire::Request) + 1];
     while (going) {
-        const auto got = receive(socket, process, packet, sizeof packet);
+        const auto got = receive(socket, peer.pid, packet, sizeof packet);
         if (!got)
             break;
         const auto answer = session.handle(packet, *got);

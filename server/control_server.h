@@ -12,6 +12,7 @@
 #include "client_threads.h"
 #include "device_observer.h"
 
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <condition_variable>
@@ -45,11 +46,12 @@ class ControlServer
 
     ClientThreads::Options client_options();
     void serve(int socket);
-    void converse(int socket, pid_t process); // with a client that is in
+    void converse(int socket, const ucred& peer); // with a client that is in
     bool enter(int socket);                   // false: busy
     void leave(int socket);
 
     const Options options_;
+    QuietReport quietly_;
     mutable std::mutex mutex_; // guards what follows; innermost
     std::condition_variable left_;
     std::vector<int> inside_; // sockets of the clients that hold (or open) the device

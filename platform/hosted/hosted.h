@@ -243,9 +243,10 @@ class SimulatedMemory final : public AddressSpace
     std::unique_ptr<Impl> impl_;
 };
 
-// The memory of a live process of this host, by process_vm_readv and process_vm_writev. `pidfd` (owned elsewhere, -1
-// for none) guards against a recycled pid.
-std::unique_ptr<AddressSpace> process_memory(int pid, int pidfd = -1);
+// The memory of a live process of this host, as long as it runs the program that it runs now. `pidfd` (owned elsewhere,
+// -1 for none) guards against a recycled pid, `user` (a user's number) against a program that has other rights than its
+// caller. Throws std::system_error. What a process has protected against itself is within reach.
+std::unique_ptr<AddressSpace> process_memory(int pid, int pidfd, unsigned user);
 
 class ControlFile;
 

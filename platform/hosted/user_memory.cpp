@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // The memory of the processes that use the control device. A command reaches it through the task that executes it.
+#include "base/descriptor.h"
 #include "task.h"
 
 #include <algorithm>
@@ -7,9 +8,12 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <fcntl.h>
 #include <poll.h>
 #include <shared_mutex>
-#include <sys/uio.h>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
 
 using namespace hosted;
 
@@ -142,62 +146,77 @@ std::size_t SimulatedMemory::write(u32 to, const void* from, std::size_t bytes)
 namespace
 {
 
+// By its /proc/PID/mem, which stays the memory of the program that ran when it was opened: none is left when the process
+// executes another one, or ends.
 class ProcessMemory final : public AddressSpace
 {
   public:
-    ProcessMemory(int pid, int pidfd) : pid_(pid), pidfd_(pidfd) {}
+    explicit ProcessMemory(base::Descriptor memory) : memory_(std::move(memory)) {}
 
     std::size_t read(u32 from, void* to, std::size_t bytes) override
     {
-        std::size_t left = transfer(from, to, bytes, false);
-        // It may have died meanwhile, and what was read may be another process's of the same number.
-        return alive() ? left : bytes;
+        auto* here = static_cast<std::byte*>(to);
+        return transfer(from, bytes, [&](std::size_t n, off64_t at) {
+            const ssize_t moved = ::pread64(memory_.get(), here, n, at);
+            here += std::max<ssize_t>(moved, 0);
+            return moved;
+        });
     }
     std::size_t write(u32 to, const void* from, std::size_t bytes) override
     {
-        return transfer(to, const_cast<void*>(from), bytes, true);
+        auto* here = static_cast<const std::byte*>(from);
+        return transfer(to, bytes, [&](std::size_t n, off64_t at) {
+            const ssize_t moved = ::pwrite64(memory_.get(), here, n, at);
+            here += std::max<ssize_t>(moved, 0);
+            return moved;
+        });
     }
 
   private:
-    bool alive() const
+    // The bytes that could not be moved.
+    template <typename Move> static std::size_t transfer(u32 address, std::size_t bytes, Move move)
     {
-        if (pidfd_ < 0)
-            return true;
-        pollfd p{pidfd_, POLLIN, 0};
-        return ::poll(&p, 1, 0) == 0;
-    }
-
-    std::size_t transfer(u32 address, void* here, std::size_t bytes, bool write)
-    {
-        if (!alive())
-            return bytes;
         std::uint64_t there = address;
-        std::uint64_t room = (std::uint64_t(1) << 32) - there;
-        std::size_t beyond = bytes > room ? std::size_t(bytes - room) : 0;
+        const std::uint64_t room = (std::uint64_t(1) << 32) - there;
+        const std::size_t beyond = bytes > room ? std::size_t(bytes - room) : 0;
         bytes -= beyond;
-        auto* local_at = static_cast<std::byte*>(here);
         while (bytes > 0) {
-            iovec local{local_at, bytes};
-            iovec remote{reinterpret_cast<void*>(std::uintptr_t(there)), bytes};
-            ssize_t n = write ? process_vm_writev(pid_, &local, 1, &remote, 1, 0)
-                              : process_vm_readv(pid_, &local, 1, &remote, 1, 0);
+            const ssize_t n = move(bytes, off64_t(there));
             if (n < 0 && errno == EINTR)
                 continue;
             if (n <= 0)
                 break;
-            local_at += n;
             there += std::uint64_t(n);
             bytes -= std::size_t(n);
         }
         return bytes + beyond;
     }
 
-    int pid_;
-    int pidfd_;
+    base::Descriptor memory_;
 };
+
+bool has_ended(int pidfd)
+{
+    pollfd p{pidfd, POLLIN, 0};
+    return ::poll(&p, 1, 0) != 0;
+}
 
 } // namespace
 
-std::unique_ptr<AddressSpace> process_memory(int pid, int pidfd) { return std::make_unique<ProcessMemory>(pid, pidfd); }
+std::unique_ptr<AddressSpace> process_memory(int pid, int pidfd, unsigned user)
+{
+    const std::string path = "/proc/" + std::to_string(pid) + "/mem";
+    base::Descriptor memory(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+    if (!memory)
+        throw std::system_error(errno, std::generic_category(), path);
+    // In this order: whoever is what he was now was it when the memory was opened. A program that has or had more rights
+    // than its caller, a set-user-ID one, belongs to root here.
+    struct stat status;
+    if (::stat(path.c_str(), &status) != 0 || status.st_uid != user || (pidfd >= 0 && has_ended(pidfd)))
+        throw std::system_error(EPERM, std::generic_category(),
+                                "process " + std::to_string(pid) + " is not the program of user " +
+                                    std::to_string(user) + " that connected, or has changed its rights");
+    return std::make_unique<ProcessMemory>(std::move(memory));
+}
 
 } // namespace hosted

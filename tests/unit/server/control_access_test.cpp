@@ -4,6 +4,7 @@
 
 #include <grp.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -38,11 +39,13 @@ struct ControlAccess : ControlRig {
 };
 
 // Runs in a child process; its result is the child's exit status.
-int in_child(const std::function<int()>& body)
+int in_child(const std::function<int()>& body, int* pid = nullptr)
 {
     const pid_t child = ::fork();
     if (child == 0)
         ::_exit(body());
+    if (pid)
+        *pid = child;
     int status = 0;
     ::waitpid(child, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 255;
@@ -124,11 +127,77 @@ TEST_F(ControlAccess, AMemberOfTheGroupIsLetIn)
                   const gid_t groups[] = {1, 12345};
                   if (::setgroups(2, groups) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0)
                       return 9;
+                  // As after an exec; the kernel takes it away where a process changes its user.
+                  if (::prctl(PR_SET_DUMPABLE, 1) != 0)
+                      return 8;
                   Client client(socket);
                   const auto opened = client.receive();
                   return opened && opened->result == 0 ? 0 : 1;
               }),
               0);
+}
+
+TEST_F(ControlAccess, AProgramThatHadOtherRightsThanItsUserIsTurnedAwayWithALine)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root to become somebody else";
+    ::chmod(scratch.c_str(), 0755);
+    std::string log;
+    ControlServer::Options options;
+    options.socket = socket;
+    options.group = 65534;
+    options.report = [&](std::string_view line) { log = line; };
+    server = std::make_unique<ControlServer>(std::move(options));
+    int pid = 0;
+    EXPECT_EQ(in_child([&] {
+                  if (::setgroups(0, nullptr) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0)
+                      return 9;
+                  Client client(socket);
+                  const auto opened = client.receive();
+                  return opened && opened->result == -EACCES ? 0 : 1;
+              }, &pid),
+              0);
+    server.reset();
+    EXPECT_EQ(log, "a client of the control device was turned away: process " + std::to_string(pid) +
+                       " is not the program of user 65534 that connected, or has changed its rights: Operation not "
+                       "permitted");
+    EXPECT_EQ(opens, 0);
+}
+
+TEST_F(ControlAccess, AnExecOfThePeerEndsItsCommands)
+{
+    serve();
+    int answers[2];
+    ASSERT_EQ(::pipe(answers), 0);
+    // Asks for the version again, over the socket that it inherits, into memory of its own.
+    const std::string program =
+        "import ctypes, os, socket, struct\n"
+        "map = ctypes.CDLL(None).mmap\n"
+        "map.restype = ctypes.c_void_p\n"
+        "map.argtypes = [ctypes.c_void_p, ctypes.c_size_t] + [ctypes.c_int] * 3 + [ctypes.c_long]\n"
+        "at = map(0, 4096, 3, 0x62, -1, 0)\n"
+        "s = socket.socket(fileno=100)\n"
+        "s.send(struct.pack('<5I', " + std::to_string(unsigned(wire::Kind::ioctl)) + ", " +
+        std::to_string(QUENDREL_GET_VERSION_MAJOR) + ", at, 0, 0))\n"
+        "os.write(101, s.recv(4))\n";
+    EXPECT_EQ(in_child([&] {
+                  LowPage page;
+                  Client client(socket);
+                  const auto opened = client.receive();
+                  const auto first = client.ioctl(QUENDREL_GET_VERSION_MAJOR, page.address());
+                  if (!opened || opened->result != 0 || !first || first->result != 0)
+                      return 1;
+                  ::dup2(client.fd(), 100);
+                  ::dup2(answers[1], 101);
+                  ::execlp("python3", "python3", "-c", program.c_str(), nullptr);
+                  return 2;
+              }),
+              0);
+    ::close(answers[1]);
+    std::int32_t result = 0;
+    ASSERT_EQ(::read(answers[0], &result, sizeof result), ssize_t(sizeof result));
+    ::close(answers[0]);
+    EXPECT_EQ(result, QUENDREL_COPY_TO_USER);
 }
 
 TEST_F(ControlAccess, OneClientAtATimeTheNextIsToldBusy)
