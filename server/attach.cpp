@@ -151,6 +151,9 @@ HostLoop attach_disk(const DiskRecord& disk, bool read_only)
             fail(disk.file + ": cannot open", errno);
         std::string node;
         base::Descriptor loop = bind_free_loop(disk.file, backing.get(), read_only, disk.sector_bytes, node);
+        // Linux 6.1 means to look for partitions when the device is opened next, and takes away those that it knows of. So
+        // it is opened before there are any.
+        base::Descriptor(::open(node.c_str(), O_RDONLY | O_CLOEXEC));
         for (const PartitionRecord& part : disk.partitions) {
             const int error =
                 partition_ioctl(loop.get(), BLKPG_ADD_PARTITION, part.minor - disk.minor, part.start, part.sectors);
