@@ -1,6 +1,15 @@
 # SPDX-License-Identifier: GPL-2.0-only
 # After a test: whatever it left is put away; what cannot be is printed.
 
+# Of the tests: with systemd there are others, and these are in a control group of their own.
+processes() {
+  if [ -d /run/systemd/system ]; then
+    ps -o pid=,ppid= -p "$(paste -sd , /sys/fs/cgroup/system.slice/vm-test.service/cgroup.procs)"
+  else
+    ps -eo pid=,ppid=
+  fi
+}
+
 clean_up() {
   echo "7 4 1 7" >/proc/sys/kernel/printk
   touch /run/stop-writers
@@ -8,7 +17,7 @@ clean_up() {
   for try in $(seq 50); do
     count=0
     # All but this program, the kernel's threads, and the programs of this very line.
-    for line in $(ps -eo pid=,ppid= | awk -v me=$me '$1 != 1 && $1 != 2 && $2 != 2 && $1 != me && $2 != me { print $1 }'); do
+    for line in $(processes | awk -v me=$me -v init=$$ '$1 != init && $1 != 1 && $1 != 2 && $2 != 2 && $1 != me && $2 != me { print $1 }'); do
       kill -KILL "$line" 2>/dev/null && count=$((count + 1))
     done
     [ $count != 0 ] || break

@@ -25,7 +25,7 @@ need() { # prints what is missing
     fs:ext4) grep -qwF "$(if old_kernel; then echo ext3; else echo ext4; fi)" /proc/filesystems || echo "the kernel has no ext4" ;;
     fs:*) grep -qwF "${1#*:}" /proc/filesystems || echo "the kernel has no ${1#*:}" ;;
     dm) grep -qw device-mapper /proc/misc /proc/devices || echo "the kernel has no device mapper" ;;
-    loop | brd | scsi_debug | dm_flakey)
+    loop | fuse | brd | scsi_debug | dm_flakey)
       load_kernel_module "$1" 2>/dev/null || [ -d "/sys/module/$1" ] || echo "the kernel has no $1"
       ;;
     nvme) [ -n "$(nvme_disk)" ] || echo "the machine has no NVMe disk" ;;
@@ -38,6 +38,7 @@ need() { # prints what is missing
       [ -f /sys/kernel/debug/failslab/require-start ] || echo "the kernel cannot let the allocations of one module fail"
       ;;
     package) [ -d $KIT/package ] || echo "there is no package for this kernel" ;;
+    daemon) [ -x $KIT/daemon/usr/sbin/quendreld ] || echo "the daemon's package was not made" ;;
     lockdep) [ -f /proc/lockdep_stats ] || echo "the kernel has no lock checker" ;;
     parameter:*) modinfo -F parm $KIT/quendrel.ko 2>/dev/null | grep -q "^${1#*:}:" || echo "the module has no parameter ${1#*:}" ;;
     loose) [ -n "$LOOSE" ] && [ -b "$LOOSE" ] || echo "the disk that can be unplugged is gone" ;;

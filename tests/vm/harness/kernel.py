@@ -16,10 +16,10 @@ from .failure import HarnessError
 # Loaded at boot, in this order, with all that they depend on. What the kernel has built in, or has not got, is left out.
 BOOT_MODULES = [
     "virtio_pci", "virtio_blk", "ext4", "ext3", "xfs", "btrfs", "dm_mod", "nvme", "crc32c_generic", "crc32c_intel",
-    "crc32_generic", "libcrc32c", "virtio_balloon",
+    "crc32_generic", "libcrc32c", "virtio_balloon", "overlay",
 ]
 # Loaded by tests that need them.
-MORE_MODULES = ["brd", "loop", "dm_flakey", "scsi_debug", "dm_snapshot", "null_blk"]
+MORE_MODULES = ["brd", "loop", "dm_flakey", "scsi_debug", "dm_snapshot", "null_blk", "fuse"]
 
 KMOD_PATH = "/usr/sbin:/sbin:/usr/bin:/bin"
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: GPL-2.0-only
-"""The Debian package of the module, as a machine has it after DKMS has built it for its kernel."""
+"""The Debian packages as a machine has them: the module's, after DKMS has built it for its kernel, and the daemon's."""
 import os
 import shutil
 import subprocess
@@ -15,17 +15,23 @@ def run(words, log, **more):
                                "\n".join(log.read_text(errors="replace").splitlines()[-20:]))
 
 
-def installed(kernel, top, work):
-    """Builds the package and the module from the sources in it; returns the directory with the installed files."""
+def unpacked(which, top, work):
+    """Builds one package and unpacks it; returns the directory with the files and the log."""
     shutil.rmtree(work, ignore_errors=True)
     tree = work / "installed"
     tree.mkdir(parents=True)
     log = work / "package.log"
-    run([top / "packaging/build", "--only", "dkms", "--output", work], log)
-    packages = list(work.glob("quendrel-dkms_*.deb"))
+    run([top / "packaging/build", "--only", which, "--output", work], log)
+    packages = list(work.glob("*.deb"))
     if len(packages) != 1:
-        raise HarnessError(f"packaging/build has left {len(packages)} packages of the module in {work}, not 1")
+        raise HarnessError(f"packaging/build has left {len(packages)} packages in {work}, not 1")
     run(["dpkg-deb", "-x", packages[0], tree], log)
+    return tree, log
+
+
+def installed(kernel, top, work):
+    """Builds the module's package and the module from the sources in it; returns the directory with the installed files."""
+    tree, log = unpacked("dkms", top, work)
     source = next((tree / "usr/src").glob("quendrel-*"))
     run([source / "dkms-make", kernel.kdir], log)
     modules = tree / "lib/modules" / kernel.release / "updates/dkms"

@@ -92,6 +92,9 @@ class Session:
         self.judges = {}
 
     def run(self, test):
+        lacks = MACHINES[test.machine].lacks(self.kernel)
+        if lacks:
+            return Verdict(test.name, "SKIP", 0, lacks)
         if self.machine is None or self.kind != test.machine:
             self.boot(test.machine)
         began = time.monotonic()
