@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -69,9 +70,9 @@ unsigned descriptors_for_clients()
 
 } // namespace
 
-Daemon::Daemon(Config config, base::Descriptor guardian) : config_(std::move(config)), run_(config_.run_dir)
+Daemon::Daemon(Config config, const RunDir& run, base::Descriptor guardian) : config_(std::move(config)), run_(run)
 {
-    log_ = std::make_unique<LogFile>(run_.log(), config_.foreground);
+    log_ = std::make_unique<LogFile>(run_.here(run_.log()), config_.foreground);
     hosted::log_set_sink([this](std::string_view line) { report(line); });
     if (guardian)
         guardian_ = std::make_shared<Guardian>(std::move(guardian));
@@ -91,9 +92,11 @@ Daemon::Daemon(Config config, base::Descriptor guardian) : config_(std::move(con
         for (const auto& disk : disks_)
             served.push_back(disk.get());
         if (config_.fuse) {
+            // Who is not root has it mounted by a program that does not have our descriptor.
+            const std::string mount_point = ::geteuid() == 0 ? run_.here(run_.disks()) : run_.disks();
             try {
                 fuse_ =
-                    std::make_unique<FuseFront>(served, run_.disks(), [this](std::string_view line) { report(line); });
+                    std::make_unique<FuseFront>(served, mount_point, [this](std::string_view line) { report(line); });
             } catch (const std::runtime_error& error) {
                 report(std::string("no disk files, NBD only: ") + error.what());
             }
@@ -130,13 +133,14 @@ Daemon::Daemon(Config config, base::Descriptor guardian) : config_(std::move(con
             report("the limit of open files allows " + std::to_string(nbd_clients) + " NBD connections and " +
                    std::to_string(control_clients) + " clients of the control device at a time; raise it for more");
         nbd_ = std::make_unique<nbd::Server>(
-            served, nbd::Server::Options{.socket = run_.nbd_socket(),
+            served, nbd::Server::Options{.socket = run_.here(run_.nbd_socket()),
                                          .group = gid_t(config_.group),
                                          .most_connections = nbd_clients,
                                          .report = [this](std::string_view line) { report(line); }});
 
+        make_backup_lock();
         ControlServer::Options options;
-        options.socket = run_.control_socket();
+        options.socket = run_.here(run_.control_socket());
         options.group = gid_t(config_.group);
         options.multi_client = config_.multi_client;
         options.most_clients = control_clients;
@@ -166,6 +170,15 @@ std::string Daemon::end()
 }
 
 void Daemon::report(std::string_view line) { log_->print(line); }
+
+// Before the control socket is there: whoever may open that may take a backup, and nobody else can be in the way.
+void Daemon::make_backup_lock()
+{
+    const base::Descriptor lock(
+        ::open(run_.here(run_.backup_lock()).c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!lock || ::fchown(lock.get(), uid_t(-1), gid_t(config_.group)) != 0 || ::fchmod(lock.get(), 0660) != 0)
+        throw std::system_error(errno, std::generic_category(), run_.backup_lock() + ": cannot make the lock");
+}
 
 bool Daemon::alive() { return liveness_->look(); }
 
@@ -200,7 +213,7 @@ void Daemon::describe()
         }
     }
     tell_manager("STATUS=Serving " + served + failed);
-    write_file_whole(run_.disks_json(), disks_to_json(records));
+    run_.write(run_.disks_json(), disks_to_json(records));
 }
 
 void Daemon::try_to_describe()
@@ -308,8 +321,8 @@ std::string Daemon::take_down()
     for (const auto& disk : disks_)
         hosted::remove_disk(disk->disk());
     disks_.clear();
-    ::unlink(run_.disks_json().c_str());
-    ::rmdir(run_.disks().c_str());
+    ::unlink(run_.here(run_.disks_json()).c_str());
+    ::rmdir(run_.here(run_.disks()).c_str());
     hosted::log_set_sink(nullptr);
     return wrong;
 }

@@ -30,7 +30,7 @@ class Daemon
   public:
     // Starts everything. Throws std::exception with a message for the user; what was started is taken down again.
     // `guardian`: its socket, or none.
-    Daemon(Config config, base::Descriptor guardian);
+    Daemon(Config config, const RunDir& run, base::Descriptor guardian);
     ~Daemon(); // ends, if end was not called
 
     // Ends clients (a backup under way is detached), answers what was accepted, writes out what is mounted here, makes
@@ -43,6 +43,7 @@ class Daemon
 
   private:
     void add_disks();
+    void make_backup_lock();
     void describe(); // in RUN/disks.json, and to the service manager
     void try_to_describe();
     void described_anew();
@@ -52,7 +53,7 @@ class Daemon
     std::string take_down();
 
     const Config config_;
-    const RunDir run_;
+    const RunDir& run_;
     std::unique_ptr<LogFile> log_;
     std::shared_ptr<Guardian> guardian_;
     std::vector<std::unique_ptr<ServedDisk>> disks_;

@@ -163,7 +163,7 @@ std::string last_lines(const std::string& path)
 }
 
 // The background process: what it has to say before it is ready goes to `ready`.
-[[noreturn]] void run_child(const Config& config, base::Descriptor ready)
+[[noreturn]] void run_child(const Config& config, const RunDir& run, base::Descriptor ready)
 {
     const auto tell = [&ready](const std::string& text) {
         [[maybe_unused]] const auto written = ::write(ready.get(), text.data(), text.size());
@@ -171,9 +171,8 @@ std::string last_lines(const std::string& path)
     };
     try {
         ::setsid();
-        const RunDir run(config.run_dir);
         base::Descriptor null(::open("/dev/null", O_RDWR));
-        base::Descriptor log(::open(run.log().c_str(), O_WRONLY | O_CREAT | O_APPEND, 0640));
+        base::Descriptor log(::open(run.here(run.log()).c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW, 0640));
         if (!null || !log)
             throw failure(run.log() + ": cannot open", errno);
         ::dup2(null.get(), 0);
@@ -183,8 +182,8 @@ std::string last_lines(const std::string& path)
         log.reset();
         if (::chdir("/") != 0)
             throw failure("/", errno);
-        write_file_whole(run.pid(), std::to_string(::getpid()) + "\n");
-        ::_exit(run_service(config, [&tell] { tell("ok\n"); }));
+        run.write(run.pid(), std::to_string(::getpid()) + "\n");
+        ::_exit(run_service(config, run, [&tell] { tell("ok\n"); }));
     } catch (const std::exception& error) {
         tell(error.what());
         ::_exit(1);
@@ -208,13 +207,13 @@ std::vector<std::string> check_images(const std::vector<std::string>& paths, boo
 
 int launch(const Config& config, const std::function<void()>& started)
 {
-    const RunDir run(config.run_dir);
+    const RunDir run(config.run_dir, RunDir::Missing::is_made);
     check_lengths(run);
     const base::Descriptor lock = run.take();
     run.remove_stale();
     if (config.foreground) {
-        write_file_whole(run.pid(), std::to_string(::getpid()) + "\n");
-        return run_service(config, started);
+        run.write(run.pid(), std::to_string(::getpid()) + "\n");
+        return run_service(config, run, started);
     }
 
     int pipe[2];
@@ -226,7 +225,7 @@ int launch(const Config& config, const std::function<void()>& started)
         throw failure("fork", errno);
     if (child == 0) {
         heard.reset();
-        run_child(config, std::move(ready));
+        run_child(config, run, std::move(ready));
     }
     ready.reset();
     std::string message;
@@ -246,7 +245,7 @@ int launch(const Config& config, const std::function<void()>& started)
     ::waitpid(child, nullptr, 0);
     run.remove_stale();
     if (message.empty())
-        message = "the server ended at once; the end of " + run.log() + ":\n" + last_lines(run.log());
+        message = "the server ended at once; the end of " + run.log() + ":\n" + last_lines(run.here(run.log()));
     throw std::runtime_error(message);
 }
 
@@ -264,7 +263,7 @@ void stop_daemon(const std::string& run_dir, bool force)
 
     std::vector<DiskRecord> disks;
     try {
-        disks = disks_from_json(read_file(run.disks_json()));
+        disks = disks_from_json(run.read(run.disks_json()));
     } catch (const std::exception&) {
         // still starting, or ending already: nothing can be attached
     }
@@ -285,7 +284,7 @@ void stop_daemon(const std::string& run_dir, bool force)
         throw std::runtime_error("process " + std::to_string(*pid) + " does not end; see " + run.log());
     std::string how;
     try {
-        how = read_file(run.ended());
+        how = run.read(run.ended());
     } catch (const std::system_error&) {
         throw std::runtime_error("process " + std::to_string(*pid) +
                                  " died instead of ending; what was not flushed may be lost. See " + run.log());

@@ -31,11 +31,15 @@ using namespace quendreld;
 
 std::string absolute(const std::string& path)
 {
-    // The run directory may not exist yet; what exists of its path is resolved, as the kernel will name it.
-    std::string text = std::filesystem::weakly_canonical(std::filesystem::absolute(path)).string();
-    while (text.size() > 1 && text.back() == '/')
-        text.pop_back();
-    return text;
+    // It may not exist yet; what leads to it is resolved, as the kernel will name it, but not the directory itself: that
+    // must be none that somebody else's link names.
+    namespace fs = std::filesystem;
+    fs::path full = fs::absolute(path);
+    while (!full.has_filename() && full.has_relative_path())
+        full = full.parent_path();
+    if (full.filename() == "." || full.filename() == ".." || !full.has_filename())
+        return fs::weakly_canonical(full).string();
+    return (fs::weakly_canonical(full.parent_path()) / full.filename()).string();
 }
 
 int group_number(const std::string& name)
@@ -113,7 +117,7 @@ DiskRecord find_disk(const std::string& run_dir, const std::string& name)
     if (!run.taken())
         throw std::runtime_error(run_dir + ": no daemon runs there; start one with quendreld DISK --run-dir");
     std::string known;
-    for (DiskRecord& disk : disks_from_json(read_file(run.disks_json()))) {
+    for (DiskRecord& disk : disks_from_json(run.read(run.disks_json()))) {
         if (disk.name == name)
             return disk;
         known += (known.empty() ? "" : ", ") + disk.name;
@@ -124,7 +128,7 @@ DiskRecord find_disk(const std::string& run_dir, const std::string& name)
 // What a user wants to know when it runs.
 void tell_what_is_served(const RunDir& run)
 {
-    for (const DiskRecord& disk : disks_from_json(read_file(run.disks_json()))) {
+    for (const DiskRecord& disk : disks_from_json(run.read(run.disks_json()))) {
         std::cout << disk.name << "  " << disk.bytes << " bytes  nbd " << disk.nbd;
         if (!disk.file.empty())
             std::cout << "  file " << disk.file;
@@ -187,7 +191,7 @@ int status(int argc, char** argv)
     if (!run.taken())
         throw std::runtime_error(run_dir + ": no daemon runs there");
     if (json)
-        std::cout << read_file(run.disks_json());
+        std::cout << run.read(run.disks_json());
     else
         tell_what_is_served(run);
     return 0;

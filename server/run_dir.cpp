@@ -40,11 +40,31 @@ std::optional<FileSystemRecord> file_system_of(const ordered& from)
 
 } // namespace
 
+RunDir::RunDir(std::string path, Missing missing) : path_(std::move(path))
+{
+    if (missing == Missing::is_made && ::mkdir(path_.c_str(), 0755) != 0 && errno != EEXIST)
+        throw std::system_error(errno, std::generic_category(), path_ + ": cannot make the run directory");
+    directory_.reset(::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!directory_ && errno == ENOENT && missing == Missing::stays) {
+        at_ = path_;
+        return;
+    }
+    if (!directory_ && (errno == ELOOP || errno == ENOTDIR))
+        throw std::runtime_error(path_ + ": is no directory, or a symbolic link to one; name the directory itself");
+    struct stat status;
+    if (!directory_ || ::fstat(directory_.get(), &status) != 0)
+        throw std::system_error(errno, std::generic_category(), path_ + ": cannot open the run directory");
+    if (status.st_uid != ::geteuid() && status.st_uid != 0)
+        throw std::runtime_error(path_ + ": belongs to user " + std::to_string(status.st_uid) +
+                                 ", who could put anything there; use a directory of your own");
+    if (status.st_mode & S_IWOTH)
+        throw std::runtime_error(path_ + ": everybody may write there; use a directory of your own (chmod o-w)");
+    at_ = "/proc/self/fd/" + std::to_string(directory_.get());
+}
+
 base::Descriptor RunDir::take() const
 {
-    if (::mkdir(path_.c_str(), 0755) != 0 && errno != EEXIST)
-        throw std::system_error(errno, std::generic_category(), path_ + ": cannot make the run directory");
-    base::Descriptor fd(::open(lock().c_str(), O_RDWR | O_CREAT, 0644));
+    base::Descriptor fd(::open(here(lock()).c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, 0644));
     if (!fd)
         throw std::system_error(errno, std::generic_category(), lock() + ": cannot open the lock");
     if (::flock(fd.get(), LOCK_EX | LOCK_NB) == 0)
@@ -59,13 +79,13 @@ base::Descriptor RunDir::take() const
 
 bool RunDir::taken() const
 {
-    base::Descriptor fd(::open(lock().c_str(), O_RDONLY | O_CLOEXEC));
+    base::Descriptor fd(::open(here(lock()).c_str(), O_RDONLY | O_CLOEXEC));
     return fd && ::flock(fd.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
 std::optional<int> RunDir::owner() const
 {
-    std::ifstream in(pid());
+    std::ifstream in(here(pid()));
     int number = 0;
     if (in >> number && number > 0)
         return number;
@@ -74,15 +94,27 @@ std::optional<int> RunDir::owner() const
 
 void RunDir::remove_stale() const
 {
-    ::unlink(control_socket().c_str());
-    ::unlink(nbd_socket().c_str());
-    ::unlink(disks_json().c_str());
-    ::unlink(pid().c_str());
-    ::unlink(ended().c_str());
+    for (const std::string& path : {control_socket(), nbd_socket(), disks_json(), pid(), ended()})
+        ::unlink(here(path).c_str());
     // A FUSE mount whose server died answers ENOTCONN; it goes away lazily, as a loop device may still hold it.
     struct stat status;
-    if (::stat(disks().c_str(), &status) != 0 && errno == ENOTCONN)
-        ::umount2(disks().c_str(), MNT_DETACH);
+    const std::string mounted = here(disks());
+    if (::stat(mounted.c_str(), &status) != 0 && errno == ENOTCONN)
+        ::umount2(mounted.c_str(), MNT_DETACH);
+}
+
+void RunDir::write(const std::string& path, const std::string& text) const
+try {
+    write_file_whole(here(path), text);
+} catch (const std::system_error& error) {
+    throw std::system_error(error.code(), path + ": cannot write");
+}
+
+std::string RunDir::read(const std::string& path) const
+try {
+    return read_file(here(path));
+} catch (const std::system_error& error) {
+    throw std::system_error(error.code(), path + ": cannot read");
 }
 
 std::string disks_to_json(const std::vector<DiskRecord>& disks)

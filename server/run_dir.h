@@ -3,6 +3,9 @@
 //
 // One daemon owns a run directory at a time: it holds an exclusive lock on RUN/lock for as long as it lives, so the
 // lock tells whether it lives. Whatever else is found there without the lock being held is stale and may be removed.
+//
+// The directory is looked at once, when it is opened: it belongs to us or to root, not everybody may write to it, and it
+// is no symbolic link. From then on it is used by its descriptor, whatever becomes of its name.
 #pragma once
 
 #include "base/descriptor.h"
@@ -18,8 +21,11 @@ namespace quendreld
 class RunDir
 {
   public:
-    explicit RunDir(std::string path) : path_(std::move(path)) {}
+    enum class Missing { is_made, stays };
+    // Opens it. One that stays missing has no daemon. Throws std::runtime_error, with what to do, when it may not be used.
+    explicit RunDir(std::string path, Missing missing = Missing::stays);
 
+    // The paths of its name, for people and for other programs.
     const std::string& path() const { return path_; }
     std::string control_socket() const { return path_ + "/control.sock"; }
     std::string nbd_socket() const { return path_ + "/nbd.sock"; }
@@ -30,9 +36,13 @@ class RunDir
     std::string lock() const { return path_ + "/lock"; }
     std::string pid() const { return path_ + "/pid"; }
     std::string ended() const { return path_ + "/ended"; } // how the last daemon here ended; not there if it died
+    // Held by whoever takes a backup; those may open it who may open the control socket.
+    std::string backup_lock() const { return path_ + "/qbackup.lock"; }
+    // The same place by the descriptor, for this process and its children.
+    std::string here(const std::string& path) const { return at_ + path.substr(path_.size()); }
 
-    // Makes the directory if it is missing and takes the lock. Throws std::runtime_error that says what to do when
-    // another daemon holds it. The lock is the descriptor's, and lives until the last process that inherited it ends.
+    // Takes the lock. Throws std::runtime_error that says what to do when another daemon holds it. The lock is the
+    // descriptor's, and lives until the last process that inherited it ends.
     base::Descriptor take() const;
     bool taken() const;               // a daemon is alive
     std::optional<int> owner() const; // its process id, from RUN/pid
@@ -40,8 +50,14 @@ class RunDir
     // Removes what a killed daemon left: sockets, description, a dead FUSE mount. Only with the lock held.
     void remove_stale() const;
 
+    // Files in it, by their path. Throw std::system_error.
+    void write(const std::string& path, const std::string& text) const; // a reader sees the old or the new text
+    std::string read(const std::string& path) const;
+
   private:
     std::string path_;
+    base::Descriptor directory_;
+    std::string at_; // the directory, by its descriptor
 };
 
 // ---- RUN/disks.json ------------------------------------------------------------------------------------------------

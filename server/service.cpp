@@ -43,7 +43,7 @@ void wait_for_end(Daemon& daemon, const sigset_t& ends)
 
 } // namespace
 
-int run_service(const Config& config, const std::function<void()>& ready)
+int run_service(const Config& config, const RunDir& run, const std::function<void()>& ready)
 {
     // Every thread inherits this, so that the signals come to the one that waits for them.
     sigset_t ends;
@@ -60,7 +60,7 @@ int run_service(const Config& config, const std::function<void()>& ready)
     base::Descriptor guardian = start_guardian();
     const std::string flusher = allocate_without_disks();
 
-    Daemon daemon(config, std::move(guardian));
+    Daemon daemon(config, run, std::move(guardian));
     for (const std::string& line : {oom, flusher})
         if (!line.empty())
             daemon.report(line);
@@ -70,7 +70,7 @@ int run_service(const Config& config, const std::function<void()>& ready)
     tell_manager("STOPPING=1\nSTATUS=Ending");
     const std::string wrong = daemon.end();
     try {
-        write_file_whole(RunDir(config.run_dir).ended(), wrong.empty() ? ended_well : wrong);
+        run.write(run.ended(), wrong.empty() ? ended_well : wrong);
     } catch (const std::exception& error) {
         std::cerr << "quendreld: " << error.what() << "\n"; // into the log
         return 1;

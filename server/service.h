@@ -4,6 +4,7 @@
 
 #include "base/descriptor.h"
 #include "config.h"
+#include "run_dir.h"
 
 #include <functional>
 #include <string>
@@ -17,6 +18,6 @@ constexpr const char* ended_well = "ok\n";
 // Serves until SIGTERM, SIGINT, SIGQUIT or SIGHUP, then ends the daemon and leaves RUN/ended behind. `ready` is called
 // once, when clients can come; a service manager is told by itself. The result is the process's exit status: 0, or 1 when something accepted may not be on
 // its disk. To be called while the process has one thread. Throws std::exception when the daemon cannot be made.
-int run_service(const Config& config, const std::function<void()>& ready);
+int run_service(const Config& config, const RunDir& run, const std::function<void()>& ready);
 
 } // namespace quendreld

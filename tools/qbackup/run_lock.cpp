@@ -27,11 +27,20 @@ std::string describe(const File& file)
     return text.empty() ? "a process that has not said yet who it is" : text;
 }
 
-// /run/lock is open to all: there the kernel may refuse to open with O_CREAT a file that another user has made.
+// A lock in a directory where everybody can make files is no lock: anybody could hold it for ever.
 File openOrCreate(const fs::path& path)
 {
+    const fs::path directory = path.parent_path();
+    if (::mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST)
+        throw Failure{Exit::failed, "cannot make " + directory.string() + " for the lock: " + errnoText(errno) +
+                                        ". Whoever may use the control device only by its group needs the lock to be "
+                                        "there; a run as root makes it"};
+    struct stat st {
+    };
+    if (::stat(directory.c_str(), &st) == 0 && (st.st_mode & S_IWOTH) != 0)
+        throw Failure{Exit::refused, directory.string() + ", where the lock " + path.string() +
+                                         " stands, may be written by everybody; take that permission away (chmod o-w)"};
     std::error_code error;
-    fs::create_directories(path.parent_path(), error); // a machine without an init may lack /run/lock
     return File{path, O_RDWR | O_NOFOLLOW | (fs::exists(path, error) ? 0 : O_CREAT), 0660};
 }
 
@@ -87,7 +96,7 @@ fs::path RunLock::placeFor(const fs::path& control)
     if (::stat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode))
         return path.parent_path() / "qbackup.lock";
     // Whatever a node is called, there is one driver behind all of them.
-    return "/run/lock/qbackup-quendrel.lock";
+    return "/run/quendrel/qbackup.lock";
 }
 
 } // namespace qbackup

@@ -23,7 +23,7 @@ class RunLock
 
     // What the present holder says of itself; nothing when nobody holds the lock.
     static std::optional<std::string> holder(const fs::path& lock_file);
-    // The lock file for a control device: beside a daemon's socket, in /run/lock for a device node.
+    // The lock file for a control device: beside a daemon's socket, in /run/quendrel for a device node.
     static fs::path placeFor(const fs::path& control);
 
   private:

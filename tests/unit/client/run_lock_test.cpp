@@ -89,14 +89,43 @@ TEST(RunLock, LookingDoesNotTakeIt)
     EXPECT_FALSE(fs::exists(file));
 }
 
-TEST(RunLock, StandsBesideASocketAndInRunLockForANode)
+TEST(RunLock, IsRefusedWhereEverybodyCouldMakeAndHoldIt)
+{
+    const Directory directory;
+    fs::create_directory(directory / "open");
+    ASSERT_EQ(::chmod((directory / "open").c_str(), 01777), 0);
+    try {
+        const RunLock lock{directory / "open" / "lock", "one"};
+        FAIL();
+    } catch (const Failure& failure) {
+        EXPECT_EQ(failure.exitCode(), 3);
+        EXPECT_EQ(failure.what(), (directory / "open").string() + ", where the lock " +
+                                      (directory / "open" / "lock").string() +
+                                      " stands, may be written by everybody; take that permission away (chmod o-w)");
+    }
+    EXPECT_FALSE(fs::exists(directory / "open" / "lock"));
+}
+
+TEST(RunLock, MakesItsDirectoryForItsOwnerAlone)
+{
+    const Directory directory;
+    const mode_t before = ::umask(0);
+    const RunLock lock{directory / "new" / "lock", "one"};
+    ::umask(before);
+    struct stat st {
+    };
+    ASSERT_EQ(::stat((directory / "new").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0755u);
+}
+
+TEST(RunLock, StandsBesideASocketAndInRunQuendrelForANode)
 {
     const Directory directory;
     fake::Driver driver{{8, 1}, 4096, 10};
     const fake::Server server{driver, directory / "control.sock"};
     EXPECT_EQ(RunLock::placeFor(directory / "control.sock"), directory / "qbackup.lock");
-    EXPECT_EQ(RunLock::placeFor("/dev/quendrel"), "/run/lock/qbackup-quendrel.lock");
-    EXPECT_EQ(RunLock::placeFor("/dev/another-name-of-it"), "/run/lock/qbackup-quendrel.lock");
+    EXPECT_EQ(RunLock::placeFor("/dev/quendrel"), "/run/quendrel/qbackup.lock");
+    EXPECT_EQ(RunLock::placeFor("/dev/another-name-of-it"), "/run/quendrel/qbackup.lock");
 }
 
 } // namespace

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <memory>
@@ -74,16 +75,26 @@ TEST_F(Quendreld, WritesADescriptionOfItsDisks)
     EXPECT_EQ(std::regex_replace(text, instance, R"("instance":"")"), expected);
 }
 
-TEST_F(Quendreld, SocketsAreForOwnerAndGroupOnly)
+TEST_F(Quendreld, SocketsAndTheBackupsLockAreForOwnerAndGroupOnly)
 {
     make();
     Serving serving({image}, run_dir, {"--no-fuse", "--group", "12"});
-    for (const char* name : {"/nbd.sock", "/control.sock"}) {
+    for (const char* name : {"/nbd.sock", "/control.sock", "/qbackup.lock"}) {
         struct stat status;
         ASSERT_EQ(::stat((run_dir + name).c_str(), &status), 0) << name;
         EXPECT_EQ(status.st_mode & 0777, 0660u) << name;
         EXPECT_EQ(status.st_gid, 12u) << name;
     }
+}
+
+TEST_F(Quendreld, ARunDirectoryBySomebodyElsesLinkIsRefused)
+{
+    make();
+    std::filesystem::create_directory(scratch / "there");
+    std::filesystem::create_directory_symlink(scratch / "there", run_dir);
+    EXPECT_EQ(refusal({image, "--run-dir", run_dir + "/"}),
+              "quendreld: " + run_dir + ": is no directory, or a symbolic link to one; name the directory itself\n");
+    EXPECT_TRUE(std::filesystem::is_empty(scratch / "there"));
 }
 
 TEST_F(Quendreld, NbdExportsAreNamedAfterTheDisks)

@@ -57,7 +57,7 @@ TEST(DisksJson, AnotherVersionIsRefused)
 
 TEST_F(RunDirTest, ASecondOwnerIsToldWhoTheFirstIs)
 {
-    const RunDir run(scratch + "/run");
+    const RunDir run(scratch + "/run", RunDir::Missing::is_made);
     const base::Descriptor lock = run.take();
     write_file_whole(run.pid(), "4711\n");
     EXPECT_TRUE(run.taken());
@@ -72,7 +72,7 @@ TEST_F(RunDirTest, ASecondOwnerIsToldWhoTheFirstIs)
 
 TEST_F(RunDirTest, IsFreeAgainWhenTheLockIsGone)
 {
-    const RunDir run(scratch + "/run");
+    const RunDir run(scratch + "/run", RunDir::Missing::is_made);
     run.take();
     EXPECT_FALSE(run.taken());
     EXPECT_NO_THROW(run.take());
@@ -87,6 +87,47 @@ TEST_F(RunDirTest, StaleSocketsAndDescriptionAreRemoved)
     struct stat status;
     for (const std::string& path : {run.control_socket(), run.nbd_socket(), run.disks_json(), run.pid()})
         EXPECT_NE(::stat(path.c_str(), &status), 0) << path;
+}
+
+TEST_F(RunDirTest, IsRefusedWhereSomebodyElseCouldPutThings)
+{
+    const auto refusal = [](const std::string& path) {
+        try {
+            RunDir run(path);
+        } catch (const std::runtime_error& error) {
+            return std::string(error.what());
+        }
+        return std::string("taken");
+    };
+    const std::string link = scratch + "/link", open = scratch + "/open", file = scratch + "/file";
+    std::filesystem::create_directory_symlink(scratch, link);
+    EXPECT_EQ(refusal(link), link + ": is no directory, or a symbolic link to one; name the directory itself");
+    write_file_whole(file, "");
+    EXPECT_EQ(refusal(file), file + ": is no directory, or a symbolic link to one; name the directory itself");
+    std::filesystem::create_directory(open);
+    ASSERT_EQ(::chmod(open.c_str(), 01777), 0);
+    EXPECT_EQ(refusal(open), open + ": everybody may write there; use a directory of your own (chmod o-w)");
+    if (::geteuid() != 0)
+        return;
+    ASSERT_EQ(::chmod(open.c_str(), 0755), 0);
+    ASSERT_EQ(::chown(open.c_str(), 4711, gid_t(-1)), 0);
+    EXPECT_EQ(refusal(open), open + ": belongs to user 4711, who could put anything there; use a directory of your own");
+}
+
+TEST_F(RunDirTest, IsTheSameDirectoryWhateverBecomesOfItsName)
+{
+    const RunDir run(scratch + "/run", RunDir::Missing::is_made);
+    const base::Descriptor lock = run.take();
+    std::filesystem::rename(scratch + "/run", scratch + "/away");
+    std::filesystem::create_directory(scratch + "/run");
+    run.write(run.pid(), "1\n");
+    EXPECT_EQ(read_file(scratch + "/away/pid"), "1\n");
+    EXPECT_EQ(run.read(run.pid()), "1\n");
+    EXPECT_EQ(run.owner(), 1);
+    EXPECT_TRUE(run.taken());
+    run.remove_stale();
+    EXPECT_FALSE(std::filesystem::exists(scratch + "/away/pid"));
+    EXPECT_TRUE(std::filesystem::is_empty(scratch + "/run"));
 }
 
 } // namespace
