@@ -21,14 +21,17 @@ Table& table()
     return *the;
 }
 
+// Never null, as its callers have no answer for that.
 block_device* find_or_make(Table& t, kdev_t dev)
 {
-    auto& slot = t.devices[dev];
-    if (!slot) {
-        slot = std::make_unique<block_device>();
-        slot->dev = dev;
-    }
-    return slot.get();
+    return with_memory([&] {
+        auto& slot = t.devices[dev];
+        if (!slot) {
+            slot = std::make_unique<block_device>();
+            slot->dev = dev;
+        }
+        return slot.get();
+    });
 }
 
 } // namespace

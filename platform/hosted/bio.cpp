@@ -37,13 +37,7 @@ bio* make(u32 vectors)
 namespace hosted
 {
 
-bio* new_raw_bio()
-{
-    bio* b = make(1);
-    if (!b)
-        throw std::bad_alloc();
-    return b;
-}
+bio* new_raw_bio() { return make(1); }
 
 void bio_endio(bio* b, int error)
 {

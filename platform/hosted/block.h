@@ -118,7 +118,7 @@ class DiskImpl final : public Disk, public std::enable_shared_from_this<DiskImpl
     void set_partitions(std::vector<PartitionSpec> partitions) override;
     Store& store() override { return *store_; }
     request_queue* queue() override { return &queue_; }
-    void submit(GuestRequest* r, u32 partition) override;
+    void submit(GuestRequest* r, u32 partition) noexcept override;
     void unplug() override;
 
     gendisk& disk() { return gendisk_; }
@@ -149,6 +149,7 @@ class DiskImpl final : public Disk, public std::enable_shared_from_this<DiskImpl
     void check(const std::vector<PartitionSpec>& partitions) const;
     void place(u32 partition, sector_type start, sector_type sectors);
     static void guest_end_io(bio* b, int error);
+    static void part_over(GuestRequest* r, int error);
 
     std::string name_;
     std::unique_ptr<Store> store_;
@@ -184,7 +185,7 @@ class DiskImpl final : public Disk, public std::enable_shared_from_this<DiskImpl
 int disk_make_request(request_queue* q, bio* b);
 void bio_endio(bio* b, int error);
 
-// A bio of the platform's own, of one raw buffer; not counted, freed by bio_put.
+// A bio of the platform's own, of one raw buffer; not counted, freed by bio_put. Null: no memory.
 bio* new_raw_bio();
 
 block_device* bdev_for(kdev_t dev); // as bdget, without a reference

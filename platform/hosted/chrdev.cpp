@@ -94,6 +94,12 @@ class MappingImpl final : public Mapping
     ~MappingImpl() override { unmap(); }
 
     vm_area_struct& area() { return area_; }
+    // So that enlist, after the driver has agreed, allocates nothing. A process maps one at a time.
+    void make_room()
+    {
+        std::lock_guard lock(file_->mutex);
+        file_->mappings.reserve(file_->mappings.size() + 1);
+    }
     void enlist()
     {
         std::lock_guard lock(file_->mutex);
@@ -180,8 +186,26 @@ class MappingImpl final : public Mapping
 class ControlFileImpl final : public ControlFile
 {
   public:
-    explicit ControlFileImpl(std::shared_ptr<OpenFile> f) : file_(std::move(f)) {}
+    ControlFileImpl(const file_operations* operations, unsigned major, std::shared_ptr<AddressSpace> memory)
+        : file_(std::make_shared<OpenFile>())
+    {
+        file_->handle.operations = operations;
+        file_->handle.node.major = major;
+        file_->memory = std::move(memory);
+    }
     ~ControlFileImpl() override { close(); }
+
+    // Closed until this has succeeded.
+    int open()
+    {
+        if (operations().open) {
+            OnBehalfOf process(file_->memory.get());
+            if (const int result = operations().open(&file_->handle.node, raw()))
+                return result;
+        }
+        closed_ = false;
+        return 0;
+    }
 
     int ioctl(u32 command, u32 argument) override
     {
@@ -204,6 +228,7 @@ class ControlFileImpl final : public ControlFile
         vm_area_struct area{a.address, (unsigned long)(a.address + length), a.flags, a.page_offset, raw()};
         // The driver keeps the area's address: it must be where it stays.
         auto made = std::make_unique<MappingImpl>(file_, area);
+        made->make_room();
         OnBehalfOf process(file_->memory.get());
         int result = operations().mmap(raw(), &made->area());
         if (result != 0)
@@ -268,7 +293,7 @@ class ControlFileImpl final : public ControlFile
     const file_operations& operations() const { return *file_->handle.operations; }
 
     std::shared_ptr<OpenFile> file_;
-    bool closed_ = false;
+    bool closed_ = true;
     s64 position_ = 0;
 };
 
@@ -331,21 +356,20 @@ int open_control(unsigned major, std::shared_ptr<AddressSpace> memory, std::uniq
         module_leave();
         return -ENXIO;
     }
-    auto f = std::make_shared<OpenFile>();
-    f->handle.operations = operations;
-    f->handle.node.major = major;
-    f->memory = std::move(memory);
-    int result = 0;
-    if (operations->open) {
-        OnBehalfOf process(f->memory.get());
-        result = operations->open(&f->handle.node, &f->handle);
+    // All that may fail for want of memory comes before the driver hears of it.
+    std::unique_ptr<ControlFileImpl> file;
+    try {
+        file = std::make_unique<ControlFileImpl>(operations, major, std::move(memory));
+    } catch (const std::bad_alloc&) {
+        module_leave();
+        return -ENOMEM;
     }
-    if (result != 0) {
+    if (const int result = file->open()) {
         module_leave();
         return result;
     }
     count(Counter::files, 1);
-    opened = std::make_unique<ControlFileImpl>(std::move(f));
+    opened = std::move(file);
     return 0;
 }
 

@@ -39,6 +39,7 @@ namespace
 
 constexpr std::size_t direct_alignment = 4096;
 constexpr std::size_t most_pieces = 1024; // IOV_MAX
+constexpr std::size_t most_pieces_at_once = 256; // as many as bios are merged into one request
 // From here on a copy takes longer than its handing over to another thread.
 constexpr std::uint64_t long_copy = 128 << 10;
 
@@ -68,7 +69,7 @@ class FileStore final : public Store
 
     std::uint64_t size() const override { return size_; }
     std::string path() const override { return "/proc/self/fd/" + std::to_string(cached_.get()); }
-    void submit(StoreRequest* r) override;
+    void submit(StoreRequest* r) noexcept override;
     int flush_error() const override { return flush_error_.load(); }
     std::uint32_t logical_block_size() const override { return logical_block_size_; }
     int extents(std::uint64_t offset, std::uint64_t bytes, std::size_t most, std::vector<Extent>& into) override;
@@ -91,6 +92,8 @@ class FileStore final : public Store
     }
     bool try_at_once(const StoreRequest& r) const;
     bool try_ring(StoreRequest* r);
+    void hand_to_ring(StoreRequest* r, bool& taken);
+    void carry_out(StoreRequest* r) noexcept; // on a thread of the pool
     void finish(StoreRequest* r, int error)
     {
         r->done(r, error);
@@ -118,7 +121,7 @@ class FileStore final : public Store
 };
 
 FileStore::FileStore(const std::string& path, const FileStoreOptions& options)
-    : read_only_(options.read_only), flush_failed_(options.flush_failed), ring_(options.use_io_uring ? Ring::open() : nullptr), pool_(ring_ ? 4 : 16)
+    : read_only_(options.read_only), flush_failed_(options.flush_failed), ring_(options.use_io_uring ? Ring::open() : nullptr), pool_(ring_ ? 4 : 16, [this](StoreRequest* r) { carry_out(r); })
 {
     struct stat st;
     if (stat(path.c_str(), &st) != 0)
@@ -161,8 +164,9 @@ FileStore::FileStore(const std::string& path, const FileStoreOptions& options)
         fail(EINVAL, path, "is smaller than one sector: give it a size first");
 }
 
-void FileStore::submit(StoreRequest* r)
+void FileStore::submit(StoreRequest* r) noexcept
 {
+    r->quick_ways_failed = false;
     if (r->op != Op::flush && (r->bytes > size_ || r->offset > size_ - r->bytes)) {
         r->done(r, -EIO);
         return;
@@ -173,12 +177,7 @@ void FileStore::submit(StoreRequest* r)
     }
     if (r->more && r->op == Op::read && r->bytes >= long_copy && !direct_) {
         in_flight_.fetch_add(1, std::memory_order_relaxed);
-        pool_.push([this, r] {
-            if (try_at_once(*r))
-                finish(r, 0);
-            else if (!try_ring(r))
-                finish(r, perform(*r));
-        });
+        pool_.push(r);
         return;
     }
     if (try_at_once(*r)) {
@@ -188,26 +187,31 @@ void FileStore::submit(StoreRequest* r)
     in_flight_.fetch_add(1, std::memory_order_relaxed);
     if (try_ring(r))
         return;
-    pool_.push([this, r] { finish(r, perform(*r)); });
+    r->quick_ways_failed = true;
+    pool_.push(r);
+}
+
+void FileStore::carry_out(StoreRequest* r) noexcept
+{
+    if (r->quick_ways_failed)
+        finish(r, perform(*r));
+    else if (try_at_once(*r))
+        finish(r, 0);
+    else if (!try_ring(r))
+        finish(r, perform(*r));
 }
 
 // Copies to or from the page cache, where that waits for nothing. False: not done.
 bool FileStore::try_at_once(const StoreRequest& r) const
 {
     bool transfer = r.op == Op::read || (r.op == Op::write && !r.fua);
-    if (!transfer || direct_ || r.pieces.size() > most_pieces)
+    iovec pieces[most_pieces_at_once];
+    if (!transfer || direct_ || r.pieces.size() > std::size(pieces))
         return false;
     ssize_t n;
     if (r.op == Op::write && r.pieces.size() == 1) {
         n = pwrite(cached_.get(), r.pieces[0].data, r.pieces[0].bytes, off_t(r.offset));
     } else {
-        iovec few[16];
-        std::vector<iovec> many;
-        iovec* pieces = few;
-        if (r.pieces.size() > std::size(few)) {
-            many.resize(r.pieces.size());
-            pieces = many.data();
-        }
         for (std::size_t i = 0; i < r.pieces.size(); ++i)
             pieces[i] = {r.pieces[i].data, r.pieces[i].bytes};
         const int count = int(r.pieces.size());
@@ -223,6 +227,16 @@ bool FileStore::try_ring(StoreRequest* r)
 {
     if (!ring_ || (r->op != Op::read && r->op != Op::write) || r->pieces.size() > most_pieces)
         return false;
+    bool taken = false;
+    try {
+        hand_to_ring(r, taken);
+    } catch (const std::bad_alloc&) { // the slow way needs no memory
+    }
+    return taken;
+}
+
+void FileStore::hand_to_ring(StoreRequest* r, bool& taken)
+{
     bool direct = direct_ && aligned(*r);
     auto owned = std::make_unique<Transfer>();
     Transfer* t = owned.get();
@@ -235,7 +249,7 @@ bool FileStore::try_ring(StoreRequest* r)
     if (bounce) {
         t->bounce.reset(static_cast<std::byte*>(std::aligned_alloc(direct_alignment, std::size_t(r->bytes))));
         if (!t->bounce)
-            return false;
+            return;
         if (r->op == Op::write) {
             std::byte* at = t->bounce.get();
             for (const StoreRequest::Piece& p : r->pieces) {
@@ -257,7 +271,8 @@ bool FileStore::try_ring(StoreRequest* r)
         StoreRequest* request = t->request;
         if (result < 0 || std::uint64_t(result) != request->bytes) {
             // Short, or refused in this form (an alignment that the device does not take): once more, step by step.
-            pool_.push([this, request] { finish(request, perform(*request)); });
+            request->quick_ways_failed = true;
+            pool_.push(request);
             return;
         }
         if (t->bounce && request->op == Op::read) {
@@ -269,10 +284,9 @@ bool FileStore::try_ring(StoreRequest* r)
         }
         finish(request, 0);
     };
-    if (!ring_->submit(&t->ring))
-        return false;
-    owned.release(); // done deletes it
-    return true;
+    taken = ring_->submit(&t->ring);
+    if (taken)
+        owned.release(); // done deletes it
 }
 
 int FileStore::perform(const StoreRequest& r)
@@ -299,8 +313,11 @@ int FileStore::make_durable()
         return 0;
     const int error = -errno;
     flush_error_.store(error);
-    if (flush_failed_)
-        flush_failed_(error);
+    try {
+        if (flush_failed_)
+            flush_failed_(error);
+    } catch (const std::exception&) { // no memory to tell it with; the flush is answered all the same
+    }
     return error;
 }
 
@@ -342,10 +359,10 @@ int FileStore::zero(const StoreRequest& r)
 
 int FileStore::write_out_zeroes(const StoreRequest& r) const
 {
-    std::vector<std::byte> zeroes(1 << 20);
+    static const std::byte zeroes[1 << 20] = {};
     for (std::uint64_t done = 0; done < r.bytes;) {
-        std::size_t n = std::size_t(std::min<std::uint64_t>(zeroes.size(), r.bytes - done));
-        ssize_t written = pwrite(cached_.get(), zeroes.data(), n, off_t(r.offset + done));
+        std::size_t n = std::size_t(std::min<std::uint64_t>(sizeof zeroes, r.bytes - done));
+        ssize_t written = pwrite(cached_.get(), zeroes, n, off_t(r.offset + done));
         if (written < 0 && errno == EINTR)
             continue;
         if (written <= 0)

@@ -4,6 +4,7 @@
 #include "faults.h"
 #include "futex.h"
 
+#include <exception>
 #include <map>
 #include <utility>
 
@@ -71,8 +72,9 @@ std::shared_ptr<DiskImpl> disk_of(block_device* bdev, sector_type& start, sector
     return disk->disk->shared_from_this();
 }
 
+// The driver knows no exceptions: what the freezer throws is a freeze that failed.
 bool freeze(super_block* sb, block_device* bdev)
-{
+try {
     if (freeze_fails())
         return false;
     if (sb->freezer && sb->freezer->present()) {
@@ -94,6 +96,8 @@ bool freeze(super_block* sb, block_device* bdev)
     sb->held_start = start;
     sb->held_sectors = sectors;
     return true;
+} catch (const std::exception&) {
+    return false;
 }
 
 } // namespace
@@ -147,9 +151,12 @@ void thaw_bdev(block_device*, super_block* sb)
         if (sb->frozen == 0)
             sb->held = nullptr;
     }
-    if (by_freezer)
-        sb->freezer->thaw();
-    else if (held)
+    if (by_freezer) {
+        try {
+            sb->freezer->thaw();
+        } catch (const std::exception&) { // it could not report; the driver knows no exceptions
+        }
+    } else if (held)
         held->open_door(sb->held_start, sb->held_sectors);
     drop_super(sb);
 }
@@ -189,9 +196,11 @@ void mount_file_system(kdev_t dev, u32 block_size, std::shared_ptr<Freezer> free
     unmount_file_system(dev);
     Supers& s = supers();
     std::lock_guard lock(s.mutex);
-    auto* sb = new super_block{dev, block_size, std::move(freezer), 1, 0, false, nullptr, 0, 0};
-    s.mounted[dev] = sb;
-    s.all.push_back(sb);
+    s.all.reserve(s.all.size() + 1);
+    std::unique_ptr<super_block> sb(
+        new super_block{dev, block_size, std::move(freezer), 1, 0, false, nullptr, 0, 0});
+    s.mounted[dev] = sb.get();
+    s.all.push_back(sb.release());
 }
 
 void unmount_file_system(kdev_t dev)

@@ -146,11 +146,15 @@ bool DiskImpl::close_door(sector_type start, sector_type sectors)
         if (!porter_.joinable()) {
             try {
                 porter_ = std::thread([this] { porter(); });
-            } catch (const std::system_error&) {
+            } catch (const std::exception&) {
                 return false; // nobody would let in who has waited
             }
         }
-        closed_.push_back({start, sectors});
+        try {
+            closed_.push_back({start, sectors});
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
         doors_closed_.fetch_add(1);
     }
     auto deadline = std::chrono::steady_clock::now() + longest_drain;
@@ -208,6 +212,11 @@ void DiskImpl::guest_end_io(bio* b, int error)
 {
     auto* r = static_cast<GuestRequest*>(b->private_data);
     bio_put(b);
+    part_over(r, error);
+}
+
+void DiskImpl::part_over(GuestRequest* r, int error)
+{
     Guest& g = Guest::of(r);
     if (error) {
         int none = 0;
@@ -217,7 +226,7 @@ void DiskImpl::guest_end_io(bio* b, int error)
         g.disk->finish(r);
 }
 
-void DiskImpl::submit(GuestRequest* r, u32 partition)
+void DiskImpl::submit(GuestRequest* r, u32 partition) noexcept
 {
     static_assert(sizeof(Guest) <= sizeof r->reserved && alignof(Guest) <= alignof(GuestRequest));
     int error = check(*r, partition);
@@ -246,6 +255,8 @@ void DiskImpl::send(GuestRequest* r)
         left -= bytes;
         last = left == 0;
         bio* b = new_raw_bio();
+        if (!b) // the parts that were sent end by themselves
+            return part_over(r, -ENOMEM);
         b->op = r->op;
         b->fua = r->fua;
         b->may_unmap = r->may_unmap;

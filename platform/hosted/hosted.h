@@ -41,6 +41,9 @@ struct StoreRequest {
     };
     std::span<const Piece> pieces;            // valid until done is called
     void (*done)(StoreRequest* r, int error); // 0 or a negative errno; from any thread, or before submit returns
+    // the store's from submit to done
+    StoreRequest* next = nullptr;
+    bool quick_ways_failed = false;
 };
 
 // A piece of a store that is all data or all hole (reads as zeros, and takes no room).
@@ -57,7 +60,9 @@ class Store
     // A path that leads to the same file or device for as long as the store lives, whatever became of its name. Empty:
     // there is none.
     virtual std::string path() const { return {}; }
-    virtual void submit(StoreRequest* r) = 0; // never waits for the request to complete (memory: completes inside)
+    // Never waits for the request to complete (memory: completes inside), and never throws: where there is no memory
+    // the request ends with -ENOMEM, or goes a way that needs none.
+    virtual void submit(StoreRequest* r) = 0;
     virtual void drain() {}                   // returns when every submitted request has completed
     // True: submit always completes before it returns, so that merging bios first would gain nothing.
     virtual bool completes_inline() const { return false; }
@@ -154,8 +159,8 @@ class Disk
     virtual request_queue* queue() = 0;
 
     // Sends a guest request to the whole disk (partition 0) or to a partition, through generic_make_request. May
-    // sleep (the driver's hook may hold the request), never waits for the disk. A large request becomes several
-    // bios; bios sent in one run and adjacent are merged before they reach the store.
+    // sleep (the driver's hook may hold the request), never waits for the disk and never throws. A large request becomes
+    // several bios; bios sent in one run and adjacent are merged before they reach the store.
     virtual void submit(GuestRequest* r, u32 partition = 0) = 0;
 
     // The same, waiting for the result: 0 or a negative errno.

@@ -37,8 +37,9 @@ std::string plain_pointers(const char* format)
 
 } // namespace
 
+// May be called with any lock held and by what knows no exceptions: a line for which there is no memory is lost.
 int printk(const char* format, ...)
-{
+try {
     static_assert(sizeof(void*) == sizeof(unsigned long));
     std::string converted;
     if (std::strstr(format, "%p")) {
@@ -68,6 +69,8 @@ int printk(const char* format, ...)
     if (sink)
         (*sink)(line);
     return length;
+} catch (const std::bad_alloc&) {
+    return 0;
 }
 
 namespace hosted

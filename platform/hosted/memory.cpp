@@ -12,6 +12,7 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 using namespace hosted;
@@ -44,7 +45,7 @@ struct Deferred {
         unsigned long sequence;
     };
     std::vector<Inside> inside;
-    std::vector<Header*> objects;
+    Header* object;
 };
 std::mutex deferred_mutex; // guards the list below; taken before the task registry's
 std::vector<Deferred>& deferred_list()
@@ -114,20 +115,24 @@ void give_back(Header* h)
 void defer(Header* h)
 {
     h->magic = deferred;
-    Deferred d;
-    for_each_task(
-        [](Task& task, void* context) {
-            unsigned long sequence = task.hook_sequence.load(std::memory_order_seq_cst);
-            if (sequence & 1)
-                static_cast<Deferred*>(context)->inside.push_back({&task, sequence});
-        },
-        &d);
-    if (d.inside.empty())
-        return give_back(h);
-    d.objects.push_back(h);
-    std::lock_guard lock(deferred_mutex);
-    deferred_list().push_back(std::move(d));
-    deferred_memory.store(true);
+    const bool needed = with_memory([h] {
+        Deferred d{{}, h};
+        for_each_task(
+            [](Task& task, void* context) {
+                unsigned long sequence = task.hook_sequence.load(std::memory_order_seq_cst);
+                if (sequence & 1)
+                    static_cast<Deferred*>(context)->inside.push_back({&task, sequence});
+            },
+            &d);
+        if (d.inside.empty())
+            return false;
+        std::lock_guard lock(deferred_mutex);
+        deferred_list().push_back(std::move(d));
+        deferred_memory.store(true);
+        return true;
+    });
+    if (!needed)
+        give_back(h);
 }
 
 } // namespace
@@ -183,7 +188,7 @@ void release_deferred_memory()
 {
     if (!deferred_memory.load())
         return;
-    std::vector<Header*> free_now;
+    Header* free_now = nullptr; // off the lists of the living, so that the links are free
     {
         std::lock_guard lock(deferred_mutex);
         std::erase_if(deferred_list(), [&](Deferred& d) {
@@ -192,14 +197,16 @@ void release_deferred_memory()
             });
             if (!d.inside.empty())
                 return false;
-            free_now.insert(free_now.end(), d.objects.begin(), d.objects.end());
+            d.object->next = std::exchange(free_now, d.object);
             return true;
         });
         if (deferred_list().empty())
             deferred_memory.store(false);
     }
-    for (Header* h : free_now)
+    while (Header* h = free_now) {
+        free_now = h->next;
         give_back(h);
+    }
 }
 
 std::string call_site(const void* address)

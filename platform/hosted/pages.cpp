@@ -151,7 +151,7 @@ class Pool
     {
         try {
             open_memory();
-        } catch (const std::system_error&) {
+        } catch (const std::exception&) {
             return MAP_FAILED;
         }
         return std::size_t(size_) + bytes <= transfer_bytes ? all_ + size_ : MAP_FAILED;
@@ -162,7 +162,15 @@ class Pool
         constexpr std::size_t bytes = chunk_pages * PAGE_BYTES;
         Chunk* c;
         if (empty_.empty()) {
-            c = new Chunk;
+            try {
+                // So that giving back, and what follows here, never allocates.
+                for (auto* list : {&chunks_, &partial_, &empty_})
+                    list->reserve(chunks_.size() + 1);
+                c = new Chunk;
+            } catch (const std::bad_alloc&) {
+                return false;
+            }
+            chunks_.push_back(c);
         } else {
             c = empty_.back();
             empty_.pop_back();
@@ -181,8 +189,6 @@ class Pool
             c->offset = size_;
             size_ += bytes;
         }
-        if (c->pages[0].chunk == nullptr)
-            chunks_.push_back(c);
         c->base = static_cast<std::byte*>(base);
         c->free = nullptr;
         c->used = 0;

@@ -130,14 +130,17 @@ void wait_for_hooks()
         Task* task;
         unsigned long sequence;
     };
-    std::vector<Inside> inside;
-    for_each_task(
-        [](Task& task, void* context) {
-            unsigned long sequence = task.hook_sequence.load(std::memory_order_seq_cst);
-            if (sequence & 1)
-                static_cast<std::vector<Inside>*>(context)->push_back({&task, sequence});
-        },
-        &inside);
+    const std::vector<Inside> inside = with_memory([] {
+        std::vector<Inside> found;
+        for_each_task(
+            [](Task& task, void* context) {
+                unsigned long sequence = task.hook_sequence.load(std::memory_order_seq_cst);
+                if (sequence & 1)
+                    static_cast<std::vector<Inside>*>(context)->push_back({&task, sequence});
+            },
+            &found);
+        return found;
+    });
     before_waiting(this_task());
     for (const Inside& i : inside) {
         unsigned step = 0;

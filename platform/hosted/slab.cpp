@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <sys/mman.h>
 #include <vector>
@@ -69,7 +70,13 @@ struct kmem_cache {
         if (per_chunk % 32)
             c->bitmap[words - 1] = ~0u << (per_chunk % 32);
         HOSTED_POISON(reinterpret_cast<std::byte*>(c) + first, chunk_bytes - first);
-        chunks.insert(std::lower_bound(chunks.begin(), chunks.end(), c), c);
+        try {
+            partial.reserve(chunks.size() + 1); // so that freeing an object never allocates
+            chunks.insert(std::lower_bound(chunks.begin(), chunks.end(), c), c);
+        } catch (const std::bad_alloc&) {
+            unmap(c);
+            return nullptr;
+        }
         partial.push_back(c);
         return c;
     }
@@ -115,8 +122,16 @@ kmem_cache* kmem_cache_create(const char* name, kernel_size_t bytes)
     std::size_t align = cache_line;
     while (align > sizeof(void*) && bytes <= align / 2)
         align /= 2;
-    auto* cache = new kmem_cache{};
-    cache->name = name;
+    std::unique_ptr<kmem_cache> owned;
+    std::lock_guard lock(caches_mutex);
+    try {
+        owned = std::make_unique<kmem_cache>();
+        owned->name = name;
+        caches().push_back(owned.get());
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+    kmem_cache* cache = owned.release();
     cache->object_bytes = bytes;
     cache->stride = (bytes + align - 1) / align * align;
     cache->caller = __builtin_return_address(0);
@@ -126,8 +141,6 @@ kmem_cache* kmem_cache_create(const char* name, kernel_size_t bytes)
     cache->per_chunk = u32((chunk_bytes - cache->first) / cache->stride);
     cache->words = (cache->per_chunk + 31) / 32;
     count(Counter::slab_caches, 1);
-    std::lock_guard lock(caches_mutex);
-    caches().push_back(cache);
     return cache;
 }
 

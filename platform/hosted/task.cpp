@@ -3,7 +3,7 @@
 #include "task.h"
 
 #include <mutex>
-#include <vector>
+#include <utility>
 
 namespace hosted
 {
@@ -15,8 +15,9 @@ namespace
 
 struct Registry {
     std::mutex mutex; // innermost
-    std::vector<Task*> all;
-    std::vector<Task*> unused;
+    Task* newest = nullptr; // of all
+    Task* unused = nullptr;
+    u32 number = 0;
 };
 Registry& registry()
 {
@@ -36,7 +37,7 @@ struct GiveBack {
         current_task = nullptr;
         Registry& r = registry();
         std::lock_guard lock(r.mutex);
-        r.unused.push_back(task);
+        task->next_unused = std::exchange(r.unused, task);
     }
     void touch() {}
 };
@@ -49,13 +50,12 @@ Task& adopt_thread()
     Registry& r = registry();
     {
         std::lock_guard lock(r.mutex);
-        if (!r.unused.empty()) {
-            current_task = r.unused.back();
-            r.unused.pop_back();
+        if (r.unused) {
+            current_task = std::exchange(r.unused, r.unused->next_unused);
         } else {
-            current_task = new Task;
-            r.all.push_back(current_task);
-            current_task->id = u32(r.all.size());
+            current_task = with_memory([] { return new Task; });
+            current_task->id = ++r.number;
+            current_task->older = std::exchange(r.newest, current_task);
         }
     }
     give_back.touch();
@@ -66,7 +66,7 @@ void for_each_task(void (*visit)(Task& task, void* context), void* context)
 {
     Registry& r = registry();
     std::lock_guard lock(r.mutex);
-    for (Task* task : r.all)
+    for (Task* task = r.newest; task; task = task->older)
         visit(*task, context);
 }
 

@@ -9,6 +9,8 @@
 #include "hosted.h"
 
 #include <atomic>
+#include <ctime>
+#include <new>
 
 namespace hosted
 {
@@ -33,6 +35,8 @@ class DiskImpl;
 
 struct Task {
     u32 id = 0; // never 0
+    Task* older = nullptr; // of all; set before others see it
+    Task* next_unused = nullptr;
     int spin_locks = 0;
     unsigned long interrupts_off = 0; // bookkeeping only
 
@@ -59,6 +63,19 @@ struct Task {
 
     std::atomic<long> live[counters] = {}; // may be negative: another thread freed what this one made
 };
+
+// For what has no way to fail: tries until there is memory.
+template <typename Do> auto with_memory(Do what)
+{
+    for (;;) {
+        try {
+            return what();
+        } catch (const std::bad_alloc&) {
+            timespec pause{0, 1000000};
+            nanosleep(&pause, nullptr);
+        }
+    }
+}
 
 extern __thread Task* current_task __attribute__((tls_model("initial-exec")));
 Task& adopt_thread();

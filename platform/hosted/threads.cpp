@@ -6,11 +6,11 @@
 #include "module.h"
 
 #include <csetjmp>
+#include <exception>
 #include <list>
 #include <mutex>
 #include <sched.h>
 #include <sys/prctl.h>
-#include <system_error>
 #include <thread>
 
 using namespace hosted;
@@ -66,17 +66,18 @@ pid_type kernel_thread(int (*fn)(void*), void* arg, unsigned long)
     reap_threads();
     Threads& t = threads();
     std::lock_guard lock(t.mutex);
-    KernelThread& k = t.list.emplace_back();
-    k.fn = fn;
-    k.arg = arg;
     count(Counter::threads, 1);
+    std::list<KernelThread> one;
     try {
+        KernelThread& k = one.emplace_back();
+        k.fn = fn;
+        k.arg = arg;
         k.thread = std::thread(body, &k);
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) { // no thread, no memory
         count(Counter::threads, -1);
-        t.list.pop_back();
         return -11;
     }
+    t.list.splice(t.list.end(), one);
     return t.next_id++;
 }
 

@@ -1,14 +1,16 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
-// A few threads for calls that block. The first is there from the start, others are started when work finds none idle,
-// up to a limit, and stay. When the host gives no more the work waits for those that there are.
+// A few threads for requests that block. The first is there from the start, others are started when a request finds none
+// idle, up to a limit, and stay. When the host gives no more the request waits for those that there are.
 #pragma once
 
+#include "hosted.h"
+
 #include <condition_variable>
-#include <deque>
+#include <exception>
 #include <functional>
 #include <mutex>
-#include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace hosted
@@ -17,7 +19,8 @@ namespace hosted
 class WorkerPool
 {
   public:
-    explicit WorkerPool(unsigned most) : most_(most)
+    // `work` is called for each request, on one of the threads, and does not throw.
+    WorkerPool(unsigned most, std::function<void(StoreRequest*)> work) : most_(most), work_(std::move(work))
     {
         threads_.reserve(most);
         threads_.emplace_back([this] { run(); }); // throws std::system_error
@@ -29,25 +32,27 @@ class WorkerPool
             std::lock_guard lock(mutex_);
             stop_ = true;
         }
-        work_.notify_all();
+        came_.notify_all();
         for (std::thread& t : threads_)
             t.join();
     }
     WorkerPool(const WorkerPool&) = delete;
     WorkerPool& operator=(const WorkerPool&) = delete;
 
-    void push(std::function<void()> job)
+    void push(StoreRequest* r) noexcept
     {
         std::lock_guard lock(mutex_);
-        jobs_.push_back(std::move(job));
-        if (jobs_.size() > idle_ && threads_.size() < most_) {
+        r->next = nullptr;
+        *end_ = r;
+        end_ = &r->next;
+        if (++waiting_ > idle_ && threads_.size() < most_) {
             try {
                 threads_.emplace_back([this] { run(); });
                 return;
-            } catch (const std::system_error&) {
+            } catch (const std::exception&) { // no thread, or no memory for one
             }
         }
-        work_.notify_one();
+        came_.notify_one();
     }
 
   private:
@@ -56,22 +61,28 @@ class WorkerPool
         std::unique_lock lock(mutex_);
         for (;;) {
             ++idle_;
-            work_.wait(lock, [this] { return stop_ || !jobs_.empty(); });
+            came_.wait(lock, [this] { return stop_ || first_; });
             --idle_;
-            if (jobs_.empty())
+            StoreRequest* r = first_;
+            if (!r)
                 return;
-            auto job = std::move(jobs_.front());
-            jobs_.pop_front();
+            first_ = r->next;
+            if (!first_)
+                end_ = &first_;
+            --waiting_;
             lock.unlock();
-            job();
+            work_(r);
             lock.lock();
         }
     }
 
     const unsigned most_;
+    const std::function<void(StoreRequest*)> work_;
     std::mutex mutex_; // guards the rest
-    std::condition_variable work_;
-    std::deque<std::function<void()>> jobs_;
+    std::condition_variable came_;
+    StoreRequest* first_ = nullptr;
+    StoreRequest** end_ = &first_;
+    std::size_t waiting_ = 0;
     std::size_t idle_ = 0;
     bool stop_ = false;
     std::vector<std::thread> threads_;
