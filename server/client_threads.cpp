@@ -75,14 +75,18 @@ void ClientThreads::take(base::Descriptor socket)
     } catch (const std::exception& error) {
         if (!one.empty() && one.front().client)
             one.front().client->turned_away();
-        quietly_(options_.client_name + " was turned away: " + error.what());
+        quietly_({options_.client_name, " was turned away: ", error.what()});
     }
 }
 
 void ClientThreads::run(Entry& entry)
 {
     pthread_setname_np(pthread_self(), options_.thread_name.c_str());
-    entry.client->serve();
+    try {
+        entry.client->serve();
+    } catch (const std::exception& error) { // no memory, for one
+        quietly_({options_.client_name, " was cut off: ", error.what()});
+    }
     // Under the lock to the end: afterwards this may be gone.
     std::lock_guard lock(mutex_);
     entry.finished = true;

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -124,8 +125,12 @@ class ControlServer::Connection final : public ClientThreads::Client
     Connection(ControlServer& server, base::Descriptor socket) : server_(server), socket_(std::move(socket)) {}
     void serve() override
     {
+        // The socket is closed later, when the thread is joined; the client hears of the end now.
+        const struct End {
+            Connection& of;
+            ~End() { of.hang_up(); }
+        } end{*this};
         server_.serve(socket_.get());
-        ::shutdown(socket_.get(), SHUT_RDWR);
     }
     void hang_up() override { ::shutdown(socket_.get(), SHUT_RDWR); }
     void turned_away() override { send(socket_.get(), ControlSession::answer(-ENOMEM)); }
@@ -213,7 +218,13 @@ void ControlServer::serve(int socket)
         send(socket, ControlSession::answer(-EBUSY));
         return;
     }
-    converse(socket, peer);
+    try {
+        converse(socket, peer);
+    } catch (const std::exception&) { // no memory
+        leave(socket);
+        send(socket, ControlSession::answer(-ENOMEM));
+        throw;
+    }
     leave(socket);
 }
 

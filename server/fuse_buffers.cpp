@@ -28,10 +28,10 @@ std::byte* BufferPool::take()
         free_.pop_back();
         return buffer;
     }
+    free_.reserve(free_.size() + out_ + 1); // so that giving back never allocates
     void* buffer = ::mmap(nullptr, bytes_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (buffer == MAP_FAILED)
         throw std::bad_alloc();
-    free_.reserve(free_.size() + out_ + 1); // so that giving back never allocates
     ++out_;
     return static_cast<std::byte*>(buffer);
 }

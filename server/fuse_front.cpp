@@ -17,7 +17,6 @@
 #include <cstring>
 #include <mutex>
 #include <stdexcept>
-#include <system_error>
 #include <thread>
 
 namespace quendreld
@@ -34,11 +33,13 @@ constexpr int wake_signal = SIGUSR1;
 
 struct FuseFront::Impl {
     explicit Impl(std::vector<ServedDisk*> disks) : files(std::move(disks), most_threads) {}
+    ~Impl(); // from wherever the start has come to
 
     FuseFiles files;
     std::string mount_point;
     std::function<void(std::string_view)> report;
     fuse_session* session = nullptr;
+    bool mounted = false;
 
     std::mutex mutex; // guards threads; innermost
     std::vector<std::thread> threads;
@@ -53,6 +54,29 @@ struct FuseFront::Impl {
     void start_thread();
 };
 
+// Unmounted first in any case: who uses a mount that nobody serves waits for ever.
+FuseFront::Impl::~Impl()
+{
+    if (mounted && ::umount2(mount_point.c_str(), MNT_DETACH) != 0 && errno != EINVAL)
+        report(mount_point + ": cannot unmount: " + std::strerror(errno));
+    stop = true;
+    if (supervisor.joinable())
+        supervisor.join();
+    while (alive) {
+        {
+            std::lock_guard lock(mutex);
+            for (std::thread& thread : threads)
+                pthread_kill(thread.native_handle(), wake_signal);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    files.wait_until_idle();
+    if (session)
+        fuse_session_destroy(session);
+}
+
 void FuseFront::Impl::start_thread()
 {
     std::lock_guard lock(mutex);
@@ -64,7 +88,7 @@ void FuseFront::Impl::start_thread()
             receive_loop();
             alive.fetch_sub(1);
         });
-    } catch (const std::system_error&) { // those that there are go on
+    } catch (const std::exception&) { // no thread, or no memory for one: those that there are go on
         alive.fetch_sub(1);
         if (threads.empty())
             throw;
@@ -130,10 +154,9 @@ FuseFront::FuseFront(std::vector<ServedDisk*> disks, const std::string& mount_po
     fuse_opt_free_args(&arguments);
     if (!impl.session)
         throw std::runtime_error("FUSE: cannot make a session");
-    if (fuse_session_mount(impl.session, mount_point.c_str()) != 0) {
-        fuse_session_destroy(impl.session);
+    if (fuse_session_mount(impl.session, mount_point.c_str()) != 0)
         throw std::runtime_error(mount_point + ": cannot mount the disk files here (is it a mount point already?)");
-    }
+    impl.mounted = true;
     // A signal without restart gets a thread out of its read at the end.
     struct sigaction action {
     };
@@ -144,25 +167,6 @@ FuseFront::FuseFront(std::vector<ServedDisk*> disks, const std::string& mount_po
     impl.supervisor = std::thread([&impl] { impl.supervise(); });
 }
 
-FuseFront::~FuseFront()
-{
-    Impl& impl = *impl_;
-    if (::umount2(impl.mount_point.c_str(), MNT_DETACH) != 0 && errno != EINVAL)
-        impl.report(impl.mount_point + ": cannot unmount: " + std::strerror(errno));
-    impl.stop = true;
-    impl.supervisor.join();
-    while (impl.alive) {
-        {
-            std::lock_guard lock(impl.mutex);
-            for (std::thread& thread : impl.threads)
-                pthread_kill(thread.native_handle(), wake_signal);
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    for (std::thread& thread : impl.threads)
-        thread.join();
-    impl.files.wait_until_idle();
-    fuse_session_destroy(impl.session);
-}
+FuseFront::~FuseFront() = default;
 
 } // namespace quendreld

@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <utility>
 
 namespace quendreld
 {
@@ -20,6 +22,11 @@ using hosted::Op;
 constexpr std::size_t sector = 512;
 
 struct FuseIo : IoRequest {
+    ~FuseIo()
+    {
+        if (buffer)
+            pool->give(buffer);
+    }
     FuseFiles* files;
     fuse_req_t request;
     BufferPool* pool = nullptr;
@@ -30,7 +37,7 @@ struct FuseIo : IoRequest {
 
 void io_done(IoRequest* r, int error)
 {
-    auto* io = static_cast<FuseIo*>(r);
+    std::unique_ptr<FuseIo> io(static_cast<FuseIo*>(r));
     if (error)
         fuse_reply_err(io->request, -error);
     else if (io->op == Op::read)
@@ -40,23 +47,26 @@ void io_done(IoRequest* r, int error)
     else
         fuse_reply_err(io->request, 0);
     FuseFiles* files = io->files;
-    if (io->buffer)
-        io->pool->give(io->buffer);
-    delete io;
+    io.reset();
     files->in_flight.fetch_sub(1);
 }
 
-FuseIo* make_io(fuse_req_t request, Op op, std::uint64_t offset, std::uint64_t bytes)
+std::unique_ptr<FuseIo> make_io(fuse_req_t request, Op op, std::uint64_t offset, std::uint64_t bytes)
 {
-    auto* io = new FuseIo;
+    auto io = std::make_unique<FuseIo>();
     io->files = &FuseFiles::of(request);
     io->request = request;
     io->op = op;
     io->offset = offset;
     io->bytes = bytes;
     io->done = io_done;
-    io->files->in_flight.fetch_add(1);
     return io;
+}
+
+void submit(ServedDisk& disk, std::unique_ptr<FuseIo> io)
+{
+    io->files->in_flight.fetch_add(1);
+    disk.submit(io.release()); // io_done deletes it
 }
 
 // A write that begins or ends inside a sector: the sectors are read, changed and written. The loop driver never does
@@ -102,12 +112,12 @@ void fuse_io::read(fuse_req_t request, fuse_ino_t inode, std::size_t bytes, off_
     // A reader may ask for any bytes; the disk knows sectors.
     const std::size_t skip = std::size_t(offset) % sector;
     const std::size_t covering = (skip + bytes + sector - 1) / sector * sector;
-    FuseIo* io = make_io(request, Op::read, std::uint64_t(offset) - skip, covering);
+    auto io = make_io(request, Op::read, std::uint64_t(offset) - skip, covering);
     io->skip = skip;
     io->wanted = bytes;
     io->pool = covering <= files.small.bytes() ? &files.small : &files.large;
     io->buffer = io->data = io->pool->take();
-    disk->submit(io);
+    submit(*disk, std::move(io));
 }
 
 void fuse_io::write(fuse_req_t request, fuse_ino_t inode, const char* data, std::size_t bytes, off_t offset,
@@ -121,7 +131,7 @@ void fuse_io::write(fuse_req_t request, fuse_ino_t inode, const char* data, std:
     }
     if ((std::uint64_t(offset) | bytes) % sector)
         return write_within_sectors(files, *disk, request, data, bytes, std::uint64_t(offset));
-    FuseIo* io = make_io(request, Op::write, std::uint64_t(offset), bytes);
+    auto io = make_io(request, Op::write, std::uint64_t(offset), bytes);
     io->wanted = bytes;
     if (bytes <= files.small.bytes()) {
         // Copying a little is cheaper than receiving the next request into a cold buffer.
@@ -133,7 +143,7 @@ void fuse_io::write(fuse_req_t request, fuse_ino_t inode, const char* data, std:
         io->buffer = ReceiveBuffer::keep();
         io->data = reinterpret_cast<std::byte*>(const_cast<char*>(data));
     }
-    disk->submit(io);
+    submit(*disk, std::move(io));
 }
 
 void fuse_io::fallocate(fuse_req_t request, fuse_ino_t inode, int mode, off_t offset, off_t bytes, fuse_file_info*)
@@ -149,9 +159,9 @@ void fuse_io::fallocate(fuse_req_t request, fuse_ino_t inode, int mode, off_t of
         fuse_reply_err(request, EOPNOTSUPP);
         return;
     }
-    FuseIo* io = make_io(request, Op::write_zeroes, std::uint64_t(offset), std::uint64_t(bytes));
+    auto io = make_io(request, Op::write_zeroes, std::uint64_t(offset), std::uint64_t(bytes));
     io->may_unmap = punch;
-    disk->submit(io);
+    submit(*disk, std::move(io));
 }
 
 void fuse_io::fsync(fuse_req_t request, fuse_ino_t inode, int, fuse_file_info*)
@@ -161,7 +171,7 @@ void fuse_io::fsync(fuse_req_t request, fuse_ino_t inode, int, fuse_file_info*)
         fuse_reply_err(request, EBADF);
         return;
     }
-    disk->submit(make_io(request, Op::flush, 0, 0));
+    submit(*disk, make_io(request, Op::flush, 0, 0));
 }
 
 } // namespace quendreld

@@ -100,10 +100,15 @@ int send(int socket, const Message& message, int fd)
             break;
         message.result = -EINVAL;
         if (message.operation == op_freeze && fd) {
-            message.result = ::ioctl(fd.get(), FIFREEZE, 0) == 0 ? 0 : -errno;
-            if (message.result == 0) {
-                message.id = next++;
-                frozen.emplace(message.id, std::move(fd));
+            // Noted first: what is frozen and not noted would stay so.
+            message.id = next++;
+            try {
+                const auto noted = frozen.emplace(message.id, std::move(fd)).first;
+                message.result = ::ioctl(noted->second.get(), FIFREEZE, 0) == 0 ? 0 : -errno;
+                if (message.result != 0)
+                    frozen.erase(noted);
+            } catch (const std::bad_alloc&) {
+                message.result = -ENOMEM;
             }
         } else if (message.operation == op_thaw) {
             const auto found = frozen.find(message.id);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "host_mounts.h"
 
+#include <dirent.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
 
 namespace quendreld
@@ -18,6 +20,18 @@ namespace fs = std::filesystem;
 
 namespace
 {
+
+// The names in a directory; none when it cannot be read. The standard library's iterator ends the process when it finds
+// no memory for a name.
+std::vector<std::string> names_in(const std::string& directory)
+{
+    const std::unique_ptr<DIR, int (*)(DIR*)> open(::opendir(directory.c_str()), ::closedir);
+    std::vector<std::string> names;
+    while (const dirent* entry = open ? ::readdir(open.get()) : nullptr)
+        if (entry->d_name[0] != '.')
+            names.push_back(entry->d_name);
+    return names;
+}
 
 std::string line_of(const fs::path& path)
 {
@@ -59,27 +73,29 @@ std::string unescape(const std::string& text)
 std::vector<HostLoop> loops_over(const std::string& file)
 {
     std::vector<HostLoop> loops;
-    std::error_code error;
-    for (const auto& entry : fs::directory_iterator("/sys/block", error)) {
-        const std::string name = entry.path().filename();
+    const fs::path all = "/sys/block";
+    for (const std::string& name : names_in(all)) {
+        const fs::path entry = all / name;
         if (name.rfind("loop", 0) != 0)
             continue;
-        if (line_of(entry.path() / "loop/backing_file") != file)
+        if (line_of(entry / "loop/backing_file") != file)
             continue;
-        const std::uint64_t offset = number_of(entry.path() / "loop/offset") / 512;
-        auto whole = device_of(entry.path());
+        const std::uint64_t offset = number_of(entry / "loop/offset") / 512;
+        auto whole = device_of(entry);
         if (!whole)
             continue;
         whole->start = offset;
         HostLoop loop{whole->node, unsigned(std::strtoul(name.c_str() + 4, nullptr, 10)), {*whole}};
-        for (const auto& child : fs::directory_iterator(entry.path(), error)) {
-            if (!fs::exists(child.path() / "partition", error))
+        for (const std::string& part : names_in(entry)) {
+            const fs::path child = entry / part;
+            std::error_code error;
+            if (!fs::exists(child / "partition", error))
                 continue;
-            auto device = device_of(child.path());
+            auto device = device_of(child);
             if (!device)
                 continue;
-            device->partition = unsigned(number_of(child.path() / "partition"));
-            device->start = offset + number_of(child.path() / "start");
+            device->partition = unsigned(number_of(child / "partition"));
+            device->start = offset + number_of(child / "start");
             loop.devices.push_back(*device);
         }
         std::sort(loop.devices.begin(), loop.devices.end(),
@@ -116,13 +132,7 @@ std::vector<std::string> mount_points_of(const HostDevice& device)
 
 std::vector<std::string> holders_of(const HostDevice& device)
 {
-    std::vector<std::string> names;
-    std::error_code error;
-    const std::string directory =
-        "/sys/dev/block/" + std::to_string(device.major) + ":" + std::to_string(device.minor) + "/holders";
-    for (const auto& entry : fs::directory_iterator(directory, error))
-        names.push_back(entry.path().filename());
-    return names;
+    return names_in("/sys/dev/block/" + std::to_string(device.major) + ":" + std::to_string(device.minor) + "/holders");
 }
 
 std::optional<std::string> mount_point_at(const std::string& file, std::uint64_t start)

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <system_error>
 
 namespace quendreld
@@ -50,20 +51,24 @@ base::Descriptor listening_socket(const Listener::Options& options)
 
 } // namespace
 
-void QuietReport::operator()(std::string_view line)
+void QuietReport::operator()(std::initializer_list<std::string_view> parts) noexcept
 {
     const auto now = std::chrono::steady_clock::now();
     std::lock_guard lock(mutex_);
-    if (now < next_) {
-        ++left_out_;
+    ++left_out_;
+    if (now < next_)
         return;
-    }
     next_ = now + std::chrono::seconds(1);
-    if (left_out_)
-        report_(std::string(line) + " (and " + std::to_string(left_out_) + " times more)");
-    else
+    try {
+        std::string line;
+        for (const std::string_view part : parts)
+            line += part;
+        if (left_out_ > 1)
+            line += " (and " + std::to_string(left_out_ - 1) + " times more)";
         report_(line);
-    left_out_ = 0;
+        left_out_ = 0;
+    } catch (const std::bad_alloc&) {
+    }
 }
 
 Listener::Listener(Options options)
@@ -100,7 +105,7 @@ base::Descriptor Listener::accept()
     }
     base::Descriptor connection(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!connection && errno != EINTR && errno != ECONNABORTED && errno != EAGAIN) {
-        report_(path_ + ": cannot take a connection: " + std::strerror(errno) + "; it waits");
+        report_({path_, ": cannot take a connection: ", std::strerror(errno), "; it waits"});
         rest(rest_ms);
     }
     return connection;

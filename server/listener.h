@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <functional>
+#include <initializer_list>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -20,12 +21,13 @@ namespace quendreld
 {
 
 // Lines that somebody outside could cause by the thousand: at most one a second; the next one tells how many were left
-// out.
+// out. A line for which there is no memory is left out as well.
 class QuietReport
 {
   public:
     explicit QuietReport(std::function<void(std::string_view)> report) : report_(std::move(report)) {}
-    void operator()(std::string_view line); // from any thread
+    void operator()(std::string_view line) noexcept { (*this)({line}); } // from any thread
+    void operator()(std::initializer_list<std::string_view> parts) noexcept;
 
   private:
     std::function<void(std::string_view)> report_;

@@ -35,6 +35,12 @@ void put(int fd, const std::string& text)
     [[maybe_unused]] const auto written = ::write(fd, text.data(), text.size());
 }
 
+void put(int fd, std::size_t dropped)
+try {
+    put(fd, time_now() + std::to_string(dropped) + " lines dropped here\n");
+} catch (const std::bad_alloc&) { // the next ones are told of
+}
+
 } // namespace
 
 LogFile::LogFile(const std::string& path, bool echo)
@@ -55,8 +61,8 @@ LogFile::~LogFile()
     thread_.join();
 }
 
-void LogFile::print(std::string_view line)
-{
+void LogFile::print(std::string_view line) noexcept
+try {
     if (line.size() >= 3 && line[0] == '<' && line[2] == '>')
         line.remove_prefix(3);
     while (!line.empty() && line.back() == '\n')
@@ -73,16 +79,19 @@ void LogFile::print(std::string_view line)
         lines_.push_back(std::move(text));
     }
     wake_.notify_one();
+} catch (const std::bad_alloc&) {
+    std::lock_guard lock(mutex_);
+    ++dropped_;
 }
 
 void LogFile::run()
 {
+    std::deque<std::string> batch; // made once: it takes memory even when it is empty
     std::unique_lock lock(mutex_);
     for (;;) {
         wake_.wait(lock, [this] { return stop_ || !lines_.empty(); });
         if (lines_.empty())
             return;
-        std::deque<std::string> batch;
         batch.swap(lines_);
         const std::size_t dropped = std::exchange(dropped_, 0);
         lock.unlock();
@@ -91,8 +100,9 @@ void LogFile::run()
             if (echo_)
                 put(STDERR_FILENO, line);
         }
+        batch.clear();
         if (dropped)
-            put(fd_.get(), time_now() + std::to_string(dropped) + " lines dropped here\n");
+            put(fd_.get(), dropped);
         lock.lock();
     }
 }

@@ -26,7 +26,7 @@ class LogFile
     ~LogFile(); // writes out what is queued
 
     // One line, with or without its line end, with or without the kernel's priority marker "<n>".
-    void print(std::string_view line);
+    void print(std::string_view line) noexcept;
 
   private:
     void run();

@@ -23,13 +23,19 @@ namespace
 
 using ordered = nlohmann::ordered_json;
 
-void add_file_system(ordered& to, const std::optional<FileSystemRecord>& file_system)
+template <typename Value> std::string member(const char* name, const Value& value)
+{
+    return std::string("\"") + name + "\":" + nlohmann::json(value).dump();
+}
+
+std::string file_system_members(const std::optional<FileSystemRecord>& file_system)
 {
     if (!file_system)
-        return;
-    to["type"] = file_system->type;
-    to["blockSize"] = file_system->block_size;
+        return {};
+    return "," + member("type", file_system->type) + "," + member("blockSize", file_system->block_size);
 }
+
+void append(std::string& list, const std::string& element) { list += (list.empty() ? "" : ",") + element; }
 
 std::optional<FileSystemRecord> file_system_of(const ordered& from)
 {
@@ -117,35 +123,26 @@ try {
     throw std::system_error(error.code(), path + ": cannot read");
 }
 
+// Put together here: the library's destructor of a nested value ends the process when there is no memory.
 std::string disks_to_json(const std::vector<DiskRecord>& disks)
 {
-    ordered list = ordered::array();
+    std::string all;
     for (const DiskRecord& disk : disks) {
-        ordered entry{{"name", disk.name}, {"major", disk.major}, {"minor", disk.minor}, {"bytes", disk.bytes}};
-        if (disk.file.empty())
-            entry["file"] = nullptr;
-        else
-            entry["file"] = disk.file;
-        entry["nbd"] = disk.nbd;
-        if (!disk.flush_error.empty())
-            entry["flushError"] = disk.flush_error;
-        entry["sectorBytes"] = disk.sector_bytes;
-        entry["instance"] = disk.instance;
-        add_file_system(entry, disk.file_system);
-        entry["partitions"] = ordered::array();
-        for (const PartitionRecord& part : disk.partitions) {
-            ordered one{{"name", part.name},
-                        {"major", part.major},
-                        {"minor", part.minor},
-                        {"start", part.start},
-                        {"sectors", part.sectors},
-                        {"instance", part.instance}};
-            add_file_system(one, part.file_system);
-            entry["partitions"].push_back(one);
-        }
-        list.push_back(entry);
+        std::string parts;
+        for (const PartitionRecord& part : disk.partitions)
+            append(parts, "{" + member("name", part.name) + "," + member("major", part.major) + "," +
+                              member("minor", part.minor) + "," + member("start", part.start) + "," +
+                              member("sectors", part.sectors) + "," +
+                              member("instance", part.instance) + file_system_members(part.file_system) + "}");
+        append(all, "{" + member("name", disk.name) + "," + member("major", disk.major) + "," +
+                        member("minor", disk.minor) + "," + member("bytes", disk.bytes) + "," +
+                        (disk.file.empty() ? "\"file\":null" : member("file", disk.file)) + "," +
+                        member("nbd", disk.nbd) +
+                        (disk.flush_error.empty() ? "" : "," + member("flushError", disk.flush_error)) +
+                        "," + member("sectorBytes", disk.sector_bytes) + "," + member("instance", disk.instance) +
+                        file_system_members(disk.file_system) + ",\"partitions\":[" + parts + "]}");
     }
-    return ordered{{"version", 1}, {"disks", list}}.dump() + "\n";
+    return "{\"version\":1,\"disks\":[" + all + "]}\n";
 }
 
 std::vector<DiskRecord> disks_from_json(const std::string& text)
