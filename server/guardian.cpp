@@ -153,13 +153,10 @@ int Guardian::ask(unsigned operation, unsigned& id, int fd)
     return message.result;
 }
 
-int Guardian::freeze(const std::string& mount_point, unsigned& id)
+int Guardian::freeze(int directory, unsigned& id)
 {
-    base::Descriptor fd(::open(mount_point.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOATIME));
-    if (!fd)
-        return -errno;
     id = 0;
-    return ask(op_freeze, id, fd.get());
+    return ask(op_freeze, id, directory);
 }
 
 int Guardian::thaw(unsigned id) { return ask(op_thaw, id, -1); }

@@ -25,9 +25,9 @@ class Guardian
   public:
     explicit Guardian(base::Descriptor socket) : socket_(std::move(socket)) {}
 
-    // Freezes the file system mounted at `mount_point`. 0 or a negative errno: -EBUSY when it is frozen already (and
-    // is left so), -EPIPE when the guardian is gone.
-    int freeze(const std::string& mount_point, unsigned& id);
+    // Freezes the file system that an open directory lies in; the guardian keeps it open until the thaw. 0 or a negative
+    // errno: -EBUSY when it is frozen already (and is left so), -EPIPE when the guardian is gone.
+    int freeze(int directory, unsigned& id);
     int thaw(unsigned id); // what freeze answered with id
 
   private:

@@ -20,15 +20,17 @@ bool HostFreezer::present() { return mount_point_at(file_, start_).has_value(); 
 bool HostFreezer::freeze()
 {
     std::lock_guard lock(mutex_);
-    const auto point = mount_point_at(file_, start_);
-    if (!point) {
+    const auto mounted = open_mount_at(file_, start_);
+    if (!mounted) {
+        const auto point = mount_point_at(file_, start_);
         report_("freeze: the file system at sector " + std::to_string(start_) + " of " + file_ +
-                " was unmounted meanwhile; try again");
+                (point ? " is mounted on " + *point + ", where something else is found; unmount what covers it"
+                       : " was unmounted meanwhile; try again"));
         return false;
     }
-    mounted_at_ = *point;
+    mounted_at_ = mounted->point;
     since_ = std::chrono::steady_clock::now();
-    const int error = guardian_->freeze(mounted_at_, frozen_);
+    const int error = guardian_->freeze(mounted->directory.get(), frozen_);
     if (error == 0)
         return true;
     frozen_ = 0;

@@ -2,16 +2,21 @@
 #include "host_mounts.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <libmount/libmount.h>
+#include <linux/loop.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <sstream>
+#include <memory>
 
 namespace quendreld
 {
@@ -53,19 +58,48 @@ std::optional<HostDevice> device_of(const fs::path& directory)
     return device;
 }
 
-// mountinfo writes space, tab, newline and backslash as three octal digits.
-std::string unescape(const std::string& text)
+struct FreeTable {
+    void operator()(libmnt_table* table) const { mnt_unref_table(table); }
+};
+using Table = std::unique_ptr<libmnt_table, FreeTable>;
+
+// What is mounted in this process's view; null when that cannot be told.
+Table mount_table() { return Table(mnt_new_table_from_file("/proc/self/mountinfo")); }
+
+// By number or, for file systems with several devices, by the source that the table names.
+bool lies_on(libmnt_fs* mounted, const HostDevice& device)
 {
-    std::string out;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\\' && i + 3 < text.size()) {
-            out += char(std::strtol(text.substr(i + 1, 3).c_str(), nullptr, 8));
-            i += 3;
-        } else {
-            out += text[i];
-        }
-    }
-    return out;
+    const dev_t number = makedev(device.major, device.minor);
+    if (mnt_fs_get_devno(mounted) == number)
+        return true;
+    const char* source = mnt_fs_get_srcpath(mounted);
+    struct stat status;
+    return source && std::strncmp(source, "/dev/", 5) == 0 && ::stat(source, &status) == 0 &&
+           S_ISBLK(status.st_mode) && status.st_rdev == number;
+}
+
+// The mount that an open directory lies in is one of the device.
+bool is_mount_of(int directory, const HostDevice& device)
+{
+    struct statx status;
+    if (::statx(directory, "", AT_EMPTY_PATH, STATX_MNT_ID, &status) != 0 || !(status.stx_mask & STATX_MNT_ID))
+        return false;
+    const Table table = mount_table();
+    const std::unique_ptr<libmnt_iter, decltype(&mnt_free_iter)> at(mnt_new_iter(MNT_ITER_FORWARD), mnt_free_iter);
+    libmnt_fs* mounted = nullptr;
+    while (table && at && mnt_table_next_fs(table.get(), at.get(), &mounted) == 0)
+        if (std::uint64_t(mnt_fs_get_id(mounted)) == status.stx_mnt_id)
+            return lies_on(mounted, device);
+    return false;
+}
+
+bool is_over(const HostLoop& loop, const std::string& file)
+{
+    const base::Descriptor fd(::open(loop.node.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat status;
+    loop_info64 info{};
+    return fd && ::stat(file.c_str(), &status) == 0 && ::ioctl(fd.get(), LOOP_GET_STATUS64, &info) == 0 &&
+           info.lo_device == status.st_dev && info.lo_inode == status.st_ino;
 }
 
 } // namespace
@@ -108,25 +142,12 @@ std::vector<HostLoop> loops_over(const std::string& file)
 std::vector<std::string> mount_points_of(const HostDevice& device)
 {
     std::vector<std::string> points;
-    std::ifstream in("/proc/self/mountinfo");
-    for (std::string line; std::getline(in, line);) {
-        std::istringstream words(line);
-        std::string id, parent, number, root, point, word, type, source;
-        words >> id >> parent >> number >> root >> point;
-        while (words >> word && word != "-") {
-        }
-        words >> type >> source;
-        unsigned major = 0, minor = 0;
-        std::sscanf(number.c_str(), "%u:%u", &major, &minor);
-        bool ours = major == device.major && minor == device.minor;
-        if (!ours && source.rfind("/dev/", 0) == 0) {
-            struct stat status;
-            ours = ::stat(unescape(source).c_str(), &status) == 0 && S_ISBLK(status.st_mode) &&
-                   status.st_rdev == makedev(device.major, device.minor);
-        }
-        if (ours)
-            points.push_back(unescape(point));
-    }
+    const Table table = mount_table();
+    const std::unique_ptr<libmnt_iter, decltype(&mnt_free_iter)> at(mnt_new_iter(MNT_ITER_FORWARD), mnt_free_iter);
+    libmnt_fs* mounted = nullptr;
+    while (table && at && mnt_table_next_fs(table.get(), at.get(), &mounted) == 0)
+        if (const char* point = mnt_fs_get_target(mounted); point && lies_on(mounted, device))
+            points.push_back(point);
     return points;
 }
 
@@ -144,6 +165,22 @@ std::optional<std::string> mount_point_at(const std::string& file, std::uint64_t
             const auto points = mount_points_of(device);
             if (!points.empty())
                 return points.front();
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<Mounted> open_mount_at(const std::string& file, std::uint64_t start)
+{
+    for (const HostLoop& loop : loops_over(file)) {
+        for (const HostDevice& device : loop.devices) {
+            if (device.start != start || !is_over(loop, file))
+                continue;
+            for (const std::string& point : mount_points_of(device)) {
+                base::Descriptor fd(::open(point.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOATIME));
+                if (fd && is_mount_of(fd.get(), device))
+                    return Mounted{point, std::move(fd)};
+            }
         }
     }
     return std::nullopt;

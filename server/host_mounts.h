@@ -1,7 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
 // What this host has made of a served disk file: loop devices over it, their partitions, and what is mounted there.
-// Everything is read from /sys and /proc/self/mountinfo at the moment of the call; nothing is cached.
+// Everything is read from /sys and the mount table at the moment of the call; nothing is cached.
 #pragma once
+
+#include "base/descriptor.h"
 
 #include <cstdint>
 #include <optional>
@@ -38,5 +40,13 @@ std::vector<std::string> holders_of(const HostDevice& device);
 
 // Where the file system that begins at sector `start` of the disk file is mounted, if it is.
 std::optional<std::string> mount_point_at(const std::string& file, std::uint64_t start);
+
+// That mount point, opened, when it was found to be of that file system, on a loop device over that very file: a path
+// may lead to whatever is mounted there next, and a loop device may have outlived the file of a daemon before.
+struct Mounted {
+    std::string point;
+    base::Descriptor directory;
+};
+std::optional<Mounted> open_mount_at(const std::string& file, std::uint64_t start);
 
 } // namespace quendreld

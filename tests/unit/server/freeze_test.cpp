@@ -76,6 +76,21 @@ TEST_F(MountedPartition, ASnapshotReallyFreezesTheFileSystemAndThawsIt)
     EXPECT_EQ(must_run({"debugfs", "-R", "cat /file", part}), std::string(MiB, 'z'));
 }
 
+TEST_F(MountedPartition, WhatIsMountedOverItIsNotFrozenInItsPlace)
+{
+    const std::string other = scratch / "other.img";
+    make_image(other, 16 * MiB, {});
+    must_run({"mkfs.ext4", "-q", other});
+    must_run({"mount", "-o", "loop", other, mnt});
+    EXPECT_EQ(snapshot(), QUENDREL_REFUSED);
+    EXPECT_TRUE(log_has(" is mounted on " + mnt + ", where something else is found; unmount what covers it\n"))
+        << serving->log();
+    EXPECT_EQ(serving->log().find("frozen for"), std::string::npos);
+    must_run({"umount", mnt});
+    EXPECT_EQ(snapshot(), 0) << "reached again";
+    EXPECT_TRUE(log_has(mnt + ": frozen for "));
+}
+
 TEST_F(MountedPartition, AFileSystemFrozenBySomebodyElseIsNotThawedAndTheLogSaysSo)
 {
     Descriptor fd(::open(mnt.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

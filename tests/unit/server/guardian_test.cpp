@@ -59,6 +59,11 @@ struct GuardianTest : testing::Test {
         if (!scratch.empty())
             std::filesystem::remove_all(scratch);
     }
+    int freeze(Guardian& guardian, unsigned& id) const
+    {
+        const base::Descriptor directory(::open(point.c_str(), O_RDONLY | O_DIRECTORY));
+        return guardian.freeze(directory.get(), id);
+    }
     // FITHAW of a file system that is not frozen is an error.
     bool thaw_by_hand() const
     {
@@ -73,10 +78,10 @@ TEST_F(GuardianTest, FreezesAndThaws)
 {
     Guardian guardian(start_guardian());
     unsigned id = 0;
-    ASSERT_EQ(guardian.freeze(point, id), 0);
+    ASSERT_EQ(freeze(guardian, id), 0);
     EXPECT_EQ(guardian.thaw(id), 0);
     EXPECT_FALSE(thaw_by_hand());
-    ASSERT_EQ(guardian.freeze(point, id), 0);
+    ASSERT_EQ(freeze(guardian, id), 0);
     EXPECT_TRUE(thaw_by_hand());
 }
 
@@ -87,7 +92,7 @@ TEST_F(GuardianTest, AForeignFreezeIsBusyAndIsLeftAsItIs)
     {
         Guardian guardian(start_guardian());
         unsigned id = 0;
-        EXPECT_EQ(guardian.freeze(point, id), -EBUSY);
+        EXPECT_EQ(freeze(guardian, id), -EBUSY);
         EXPECT_EQ(guardian.thaw(id), -EINVAL);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
@@ -103,7 +108,7 @@ TEST_F(GuardianTest, ThawsWhenItsDaemonIsKilledWhileFrozen)
     if (daemon == 0) {
         Guardian guardian(start_guardian());
         unsigned id = 0;
-        const char result = guardian.freeze(point, id) == 0 ? 'f' : 'x';
+        const char result = freeze(guardian, id) == 0 ? 'f' : 'x';
         [[maybe_unused]] const auto written = ::write(pipe[1], &result, 1);
         ::pause();
         ::_exit(0);
@@ -133,7 +138,7 @@ TEST_F(GuardianTest, OutlivesTheSignalThatEndsItsDaemonsWholeGroup)
         ::setpgid(0, 0);
         Guardian guardian(start_guardian());
         unsigned id = 0;
-        const char result = guardian.freeze(point, id) == 0 ? 'f' : 'x';
+        const char result = freeze(guardian, id) == 0 ? 'f' : 'x';
         [[maybe_unused]] const auto written = ::write(pipe[1], &result, 1);
         ::pause();
         ::_exit(0);
