@@ -22,8 +22,14 @@ constexpr unsigned control_major = 120;
 ControlSession::~ControlSession()
 {
     mappings_.clear();
-    if (file_)
+    if (file_ && alone_) {
         file_->close();
+    } else if (file_) {
+        // A close detaches the backup that runs on another file. What the driver holds for that one then would never
+        // get on, and the close of the other file wait for it for ever.
+        const hosted::ClosedDoors nothing_is_held;
+        file_->close();
+    }
     if (backed_up_)
         observer_->after_backup(*backed_up_);
 }

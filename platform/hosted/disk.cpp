@@ -195,6 +195,27 @@ void forget_removed_disks()
     removed.swap(disks().removed);
 }
 
+ClosedDoors::ClosedDoors()
+{
+    {
+        std::lock_guard lock(disks().mutex);
+        disks_.assign(disks().present.begin(), disks().present.end());
+    }
+    for (const auto& disk : disks_) {
+        auto& one = static_cast<DiskImpl&>(*disk);
+        while (!one.close_door(0, one.disk().capacity)) {
+        }
+    }
+}
+
+ClosedDoors::~ClosedDoors()
+{
+    for (const auto& disk : disks_) {
+        auto& one = static_cast<DiskImpl&>(*disk);
+        one.open_door(0, one.disk().capacity);
+    }
+}
+
 void restore_all_queues()
 {
     Disks& all = disks();

@@ -179,6 +179,19 @@ std::shared_ptr<Disk> add_disk(DiskConfig config);
 // Waits for its requests in flight, then forgets it. No guest request may be submitted meanwhile or later.
 void remove_disk(const std::shared_ptr<Disk>& disk);
 
+// While it exists, requests that change any disk wait at its door, and none is inside, the driver's hands included.
+class ClosedDoors
+{
+  public:
+    ClosedDoors(); // waits for those inside, as long as that takes
+    ~ClosedDoors();
+    ClosedDoors(const ClosedDoors&) = delete;
+    ClosedDoors& operator=(const ClosedDoors&) = delete;
+
+  private:
+    std::vector<std::shared_ptr<Disk>> disks_;
+};
+
 // ---- File systems
 // ----------------------------------------------------------------------------------------------------
 

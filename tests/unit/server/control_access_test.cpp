@@ -9,8 +9,11 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <thread>
@@ -324,6 +327,60 @@ TEST_F(ControlAccess, EndingTheServerCutsClientsOffAndClosesTheirFiles)
     EXPECT_EQ(hosted::driver_references(), 0);
     struct stat status;
     EXPECT_NE(::stat(socket.c_str(), &status), 0);
+}
+
+TEST_F(ControlAccess, OfSeveralClientsOneThatLeavesWhileWritesAreHeldHangsNobody)
+{
+    serve(true);
+    // The worker's reads of old blocks take a while, so that writes lie with the driver at any moment.
+    hosted::set_disk_probe([](const hosted::BioView& bio) {
+        if (!bio.write)
+            std::this_thread::sleep_for(5ms);
+    });
+    std::atomic<bool> ends = false;
+    std::atomic<unsigned> written = 0;
+    std::vector<std::thread> writers;
+    for (unsigned thread = 0; thread < 6; ++thread)
+        writers.emplace_back([&, thread] {
+            std::vector<std::byte> block(4096);
+            for (unsigned i = thread; !ends; i += 6) {
+                EXPECT_EQ(disk->write((i * 7 % 1024) * 4096, block, 1), 0);
+                ++written;
+            }
+        });
+    std::atomic<bool> through = false;
+    std::thread watchdog([&] {
+        for (int i = 0; i < 600 && !through; ++i)
+            std::this_thread::sleep_for(100ms);
+        if (!through) {
+            std::fprintf(stderr, "a close of the control device hangs\n");
+            std::abort();
+        }
+    });
+    LowPage page, key;
+    for (int round = 0; round < 20; ++round) {
+        Client backup(socket);
+        EXPECT_EQ(backup.receive()->result, 0);
+        start(backup, page);
+        page.as<SnapShot>() = {key.address(), 0};
+        EXPECT_EQ(backup.ioctl(QUENDREL_SNAPSHOT, page.address())->result, 0);
+        const unsigned before = written;
+        while (written < before + 3)
+            std::this_thread::yield();
+        {
+            Client other(socket);
+            EXPECT_EQ(other.receive()->result, 0);
+        }
+        wait_for_clients(1);
+        backup.close();
+        wait_for_clients(0);
+    }
+    ends = true;
+    for (std::thread& writer : writers)
+        writer.join();
+    through = true;
+    watchdog.join();
+    hosted::set_disk_probe(nullptr);
 }
 
 } // namespace
