@@ -66,8 +66,9 @@ std::optional<u32> xfs_block_size(int fd, std::uint64_t offset)
 
 // The chain of records that describe the logical partitions of an extended one, the first of them at `start`. libblkid
 // reads the chain too, and tells what it says but not where it lies.
-void find_extended_records(int fd, sector_type start, sector_type capacity, PartitionTable& table)
+void find_extended_records(blkid_probe probe, sector_type start, sector_type capacity, PartitionTable& table)
 {
+    const u32 sectors_a_block = blkid_probe_get_sectorsize(probe) / 512;
     for (sector_type at = start; at < capacity && table.records.size() < most_records;) {
         if (std::find(table.records.begin(), table.records.end(), at) != table.records.end()) {
             table.left_out.push_back("the extended boot record at sector " + std::to_string(at) +
@@ -76,7 +77,7 @@ void find_extended_records(int fd, sector_type start, sector_type capacity, Part
         }
         table.records.push_back(at);
         unsigned char record[512];
-        if (pread(fd, record, sizeof record, off_t(at * 512)) != ssize_t(sizeof record) || record[510] != 0x55 ||
+        if (pread(blkid_probe_get_fd(probe), record, sizeof record, off_t(at * 512)) != ssize_t(sizeof record) || record[510] != 0x55 ||
             record[511] != 0xAA)
             return;
         sector_type next = 0;
@@ -84,7 +85,7 @@ void find_extended_records(int fd, sector_type start, sector_type capacity, Part
             const bool link = entry[4] == 0x05 || entry[4] == 0x0F || entry[4] == 0x85;
             const u32 offset = u32(entry[8]) | u32(entry[9]) << 8 | u32(entry[10]) << 16 | u32(entry[11]) << 24;
             if (link && next == 0)
-                next = start + offset;
+                next = start + sector_type(offset) * sectors_a_block;
         }
         if (next == 0)
             return;
@@ -132,7 +133,7 @@ PartitionTable read_partition_table(const std::string& path, u32 minors)
                                  sector_type(blkid_partition_get_size(p))};
         // An extended partition is only the frame of the logical ones; the kernel gives it a stub of two sectors.
         if (blkid_partition_is_extended(p))
-            find_extended_records(probe.fd(), spec.start, capacity, table);
+            find_extended_records(probe.get(), spec.start, capacity, table);
         else if (spec.index != 0 && spec.sectors != 0)
             take(spec, capacity, minors, table);
     }

@@ -196,6 +196,64 @@ TEST_F(LoopDisk, AFileSystemMadeLaterIsFoundWhenTheControlDeviceIsOpened)
     EXPECT_EQ(*after[1].file_system, (quendreld::FileSystemRecord{"ext4", 4096}));
 }
 
+// A block device with sectors of 4 KiB, gone at the end.
+struct FourKibDevice {
+    explicit FourKibDevice(const std::string& image)
+        : node(must_run({"losetup", "--find", "--show", "--sector-size", "4096", image}))
+    {
+        node.pop_back();
+    }
+    ~FourKibDevice() { run({"losetup", "--detach", node}); }
+    std::string node;
+};
+
+TEST_F(LoopDisk, ADiskWithSectorsOf4KiBIsToldZeroedAndMountedAsOne)
+{
+    // The table counts in the disk's own sectors: from 2 MiB on, 40 MiB, and from 64 MiB on an extended partition of two.
+    make_image(image, 128 * MiB, {{512, 10240}, {16384, 16384}});
+    std::fstream table(image, std::ios::binary | std::ios::in | std::ios::out);
+    table.seekp(446 + 16 + 4) << '\x05';
+    const DosTable record = dos_table({{256, 1024}, {4096, 4096}});
+    const DosTable last = dos_table({{256, 2048}});
+    table.seekp(64 * MiB).write(reinterpret_cast<const char*>(record.data()), 512);
+    table.seekp(64 * MiB + 446 + 16 + 4) << '\x05';
+    table.seekp(80 * MiB).write(reinterpret_cast<const char*>(last.data()), 512);
+    table.close();
+    const FourKibDevice device(image);
+    for (const char* option : {"--multi-client", "--direct"}) {
+        SCOPED_TRACE(option);
+        Serving serving({device.node}, run_dir, {option});
+        const auto disk = quendreld::disks_from_json(quendreld::read_file(run_dir + "/disks.json"))[0];
+        EXPECT_EQ(disk.sector_bytes, 4096u);
+        ASSERT_EQ(disk.partitions.size(), 3u);
+        EXPECT_EQ(disk.partitions[0].start, 4096u) << "in units of 512 bytes";
+        EXPECT_EQ(disk.partitions[0].sectors, 81920u);
+        EXPECT_EQ(disk.partitions[2].name, "sda6");
+        EXPECT_EQ(disk.partitions[2].start, (80 * MiB + MiB) / 512);
+        const std::string loop = serving.attach();
+        EXPECT_EQ(must_run({"blockdev", "--getss", loop}), "4096\n");
+        must_run({"mkfs.ext4", "-q", loop + "p1"});
+        serving.mount(loop + "p1", mnt);
+        std::ofstream(mnt + "/file") << std::string(3 * MiB, 'f');
+        serving.unmount(mnt);
+        must_run({"e2fsck", "-fn", loop + "p1"});
+        serving.detach();
+
+        Descriptor fd(::open(serving.file().c_str(), O_RDWR | O_CLOEXEC));
+        const std::vector<char> full(16384, 'x');
+        ASSERT_EQ(::pwrite(fd.get(), full.data(), full.size(), off_t(50 * MiB)), ssize_t(full.size()));
+        ASSERT_EQ(::fallocate(fd.get(), FALLOC_FL_ZERO_RANGE | FALLOC_FL_KEEP_SIZE, off_t(50 * MiB + 512), 4096), 0);
+        ASSERT_EQ(::fallocate(fd.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, off_t(50 * MiB + 8192), 4096), 0);
+        std::vector<char> expected = full, back(full.size());
+        std::fill_n(expected.begin() + 512, 4096, 0);
+        std::fill_n(expected.begin() + 8192, 4096, 0);
+        ASSERT_EQ(::pread(fd.get(), back.data(), back.size(), off_t(50 * MiB)), ssize_t(back.size()));
+        EXPECT_EQ(back, expected);
+        fd.reset();
+        serving.stop();
+    }
+}
+
 TEST_F(LoopDisk, KillingTheDaemonUnderAMountLeavesNothingStuckAndKeepsFlushedData)
 {
     {
