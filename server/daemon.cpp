@@ -26,12 +26,12 @@ namespace quendreld
 namespace
 {
 
-constexpr auto write_out_patience = std::chrono::seconds(30);
+constexpr auto write_out_patience = std::chrono::seconds(30); // for all of them together
 // Whoever changes a partition table or makes a file system does it in several writes.
 constexpr auto settling = std::chrono::milliseconds(200);
 
 // syncfs on a thread of its own: a file system that is stuck must not keep the daemon from ending.
-bool sync_with_patience(const std::string& mount_point)
+bool sync_until(std::chrono::steady_clock::time_point end, const std::string& mount_point)
 {
     struct Shared {
         std::mutex mutex;
@@ -48,7 +48,7 @@ bool sync_with_patience(const std::string& mount_point)
         shared->done.notify_all();
     }).detach();
     std::unique_lock lock(shared->mutex);
-    return shared->done.wait_for(lock, write_out_patience, [&] { return shared->finished; });
+    return shared->done.wait_until(lock, end, [&] { return shared->finished; });
 }
 
 // How many descriptors the clients may take together: all that the host allows, less what is open already and some that
@@ -271,6 +271,7 @@ void Daemon::write_out_mounts()
 {
     if (!fuse_)
         return;
+    const auto end = std::chrono::steady_clock::now() + write_out_patience;
     for (const auto& disk : disks_) {
         for (const HostLoop& loop : loops_over(run_.disk_file(disk->name()))) {
             for (const HostDevice& device : loop.devices) {
@@ -279,7 +280,7 @@ void Daemon::write_out_mounts()
                     continue;
                 report(device.node + " is still mounted on " + points.front() +
                        ": written out now; later writes to it will fail");
-                if (!sync_with_patience(points.front()))
+                if (!sync_until(end, points.front()))
                     report(points.front() + ": could not be written out");
             }
         }

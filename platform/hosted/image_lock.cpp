@@ -2,9 +2,12 @@
 #include "image_lock.h"
 
 #include <cerrno>
+#include <chrono>
 #include <fcntl.h>
 #include <initializer_list>
 #include <sys/file.h>
+#include <sys/stat.h>
+#include <thread>
 
 namespace hosted
 {
@@ -13,6 +16,9 @@ namespace
 {
 
 constexpr int used_row = 100, unshared_row = 200;
+// The device manager locks a block device while it looks what is on it, which is whenever a writer has closed it.
+constexpr auto between_looks = std::chrono::milliseconds(50);
+constexpr int looks = 40;
 constexpr int consistent_read = 0, write = 1, resize = 3;
 
 struct flock byte_lock(short type, int byte)
@@ -42,7 +48,17 @@ bool held_by_another(int fd, int byte)
 
 std::string lock_image(int fd, bool read_only)
 {
-    if (::flock(fd, (read_only ? LOCK_SH : LOCK_EX) | LOCK_NB) != 0 && errno == EWOULDBLOCK)
+    struct stat status;
+    const bool block = ::fstat(fd, &status) == 0 && S_ISBLK(status.st_mode);
+    const auto refused = [&] {
+        return ::flock(fd, (read_only ? LOCK_SH : LOCK_EX) | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    };
+    bool locked_out = refused();
+    for (int i = 0; locked_out && block && i < looks; ++i) {
+        std::this_thread::sleep_for(between_looks);
+        locked_out = refused();
+    }
+    if (locked_out)
         return "another program (a second daemon?) serves it already; stop that one first";
     // Taken first, then looked at: of two that come at once at least one sees the other.
     take(fd, used_row + consistent_read);

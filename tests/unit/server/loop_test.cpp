@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@
 #include <cerrno>
 #include <fstream>
 #include <random>
+#include <thread>
 
 namespace
 {
@@ -252,6 +254,19 @@ TEST_F(LoopDisk, ADiskWithSectorsOf4KiBIsToldZeroedAndMountedAsOne)
         fd.reset();
         serving.stop();
     }
+}
+
+TEST_F(LoopDisk, ADeviceThatTheDeviceManagerLooksAtForAMomentIsServedAllTheSame)
+{
+    const FourKibDevice device(image);
+    const Descriptor looked_at(::open(device.node.c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(::flock(looked_at.get(), LOCK_SH), 0);
+    std::thread manager([&] {
+        std::this_thread::sleep_for(500ms);
+        ::flock(looked_at.get(), LOCK_UN);
+    });
+    EXPECT_NO_THROW(Serving({device.node}, run_dir));
+    manager.join();
 }
 
 TEST_F(LoopDisk, KillingTheDaemonUnderAMountLeavesNothingStuckAndKeepsFlushedData)
