@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <exception>
 #include <random>
+#include <tuple>
+#include <utility>
 
 namespace quendreld
 {
@@ -154,9 +156,9 @@ void DiskContents::look(Disk& disk, bool& changed)
         changed = true;
     }
     if (disk.record.partitions.empty())
-        update(disk, disk.record.minor, 0, disk.record.bytes / 512, disk.record.file_system, changed);
+        update(disk, disk.record.minor, 0, disk.record.bytes / 512, disk.record.file_system, disk.record.holds, changed);
     for (PartitionRecord& part : disk.record.partitions)
-        update(disk, part.minor, part.start, part.sectors, part.file_system, changed);
+        update(disk, part.minor, part.start, part.sectors, part.file_system, part.holds, changed);
     // Only now: whoever finds nothing new to look at may rely on what was found.
     if (whole)
         disk.seen.store(descriptions);
@@ -225,12 +227,14 @@ void DiskContents::use_table(Disk& disk)
             return part.minor == old.minor && part.start == old.start && part.sectors == old.sectors;
         });
         if (same != parts.end())
-            same->file_system = old.file_system;
+            std::tie(same->file_system, same->holds) = std::tie(old.file_system, old.holds);
         else
             forget(disk, old.minor, old.file_system);
     }
-    if (!parts.empty())
+    if (!parts.empty()) {
         forget(disk, disk.record.minor, disk.record.file_system);
+        disk.record.holds.clear();
+    }
     disk.served->set_table(disk.table);
     disk.record.partitions = std::move(parts);
     disk.used = disk.table;
@@ -253,18 +257,23 @@ void DiskContents::forget(const Disk& disk, unsigned minor, std::optional<FileSy
 }
 
 void DiskContents::update(const Disk& disk, unsigned minor, std::uint64_t start, std::uint64_t sectors,
-                          std::optional<FileSystemRecord>& known, bool& changed)
+                          std::optional<FileSystemRecord>& known, std::string& holds, bool& changed)
 {
     std::optional<FileSystemRecord> found;
+    std::string other;
     try {
-        if (const auto info =
-                hosted::probe_file_system(disk.served->disk()->store().path(), start * 512, sectors * 512))
+        const auto info = hosted::probe_place(disk.served->disk()->store().path(), start * 512, sectors * 512);
+        if (info && info->file_system)
             found = FileSystemRecord{info->type, info->block_size};
+        else if (info)
+            other = info->type;
     } catch (const std::exception& error) {
         report_(disk.record.name + ": cannot look for a file system at sector " + std::to_string(start) + ": " +
                 error.what());
         return;
     }
+    if (std::exchange(holds, other) != other)
+        changed = true;
     if (found == known)
         return;
     changed = true;

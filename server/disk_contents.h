@@ -83,7 +83,7 @@ class DiskContents final : public DeviceObserver
     void use_table(Disk& disk);
     void name_instances(Disk& disk) const;
     void update(const Disk& disk, unsigned minor, std::uint64_t start, std::uint64_t sectors,
-                std::optional<FileSystemRecord>& known, bool& changed);
+                std::optional<FileSystemRecord>& known, std::string& holds, bool& changed);
     void forget(const Disk& disk, unsigned minor, std::optional<FileSystemRecord>& known);
     Disk* disk_of(kdev_t device);
 

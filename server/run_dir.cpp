@@ -161,13 +161,15 @@ std::vector<DiskRecord> disks_from_json(const std::string& text)
                         entry.value("flushError", std::string()),
                         file_system_of(entry),
                         {},
+                        entry.value("holds", std::string()),
                         entry.at("instance"),
                         entry.at("sectorBytes")};
         if (entry.at("file").is_string())
             disk.file = entry.at("file");
         for (const ordered& one : entry.at("partitions"))
             disk.partitions.push_back({one.at("name"), one.at("major"), one.at("minor"), one.at("start"),
-                                       one.at("sectors"), file_system_of(one), one.at("instance")});
+                                       one.at("sectors"), file_system_of(one), one.at("instance"),
+                                       one.value("holds", std::string())});
         disks.push_back(std::move(disk));
     }
     return disks;

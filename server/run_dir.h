@@ -74,6 +74,7 @@ struct PartitionRecord {
     std::uint64_t start, sectors;
     std::optional<FileSystemRecord> file_system;
     std::string instance; // another one than before: it is not the device that it was
+    std::string holds = {}; // what it holds that is no file system: "swap"
     bool operator==(const PartitionRecord&) const = default;
 };
 
@@ -86,6 +87,7 @@ struct DiskRecord {
     std::string flush_error; // why a flush of it failed, once; mostly empty
     std::optional<FileSystemRecord> file_system; // of a disk without partitions
     std::vector<PartitionRecord> partitions;
+    std::string holds = {};            // as of a partition
     std::string instance = {};         // of the disk's own blocks, those outside of partitions
     std::uint32_t sector_bytes = 512; // what requests have to be a multiple of
     bool operator==(const DiskRecord&) const = default;

@@ -213,12 +213,14 @@ class Freezer
 void mount_file_system(kdev_t dev, u32 block_size, std::shared_ptr<Freezer> freezer = {});
 void unmount_file_system(kdev_t dev);
 
-struct FileSystemInfo {
+struct PlaceInfo {
+    bool file_system; // and not swap space, a part of a volume group, ...
     std::string type; // "ext4"
     u32 block_size;   // bytes
 };
 // What libblkid finds at a place in an image, with the file system's real block size (xfs: from its super block).
-std::optional<FileSystemInfo> probe_file_system(const std::string& path, std::uint64_t offset, std::uint64_t bytes);
+// Nothing: nothing that it knows. `bytes` from `offset` on are looked at.
+std::optional<PlaceInfo> probe_place(const std::string& path, std::uint64_t offset, std::uint64_t bytes);
 
 // ---- The driver
 // ------------------------------------------------------------------------------------------------------

@@ -140,7 +140,7 @@ PartitionTable read_partition_table(const std::string& path, u32 minors)
     return table;
 }
 
-std::optional<FileSystemInfo> probe_file_system(const std::string& path, std::uint64_t offset, std::uint64_t bytes)
+std::optional<PlaceInfo> probe_place(const std::string& path, std::uint64_t offset, std::uint64_t bytes)
 {
     Probe probe(path, offset, bytes);
     blkid_probe_enable_partitions(probe.get(), 0);
@@ -150,9 +150,9 @@ std::optional<FileSystemInfo> probe_file_system(const std::string& path, std::ui
         return std::nullopt;
     auto usage = value(probe.get(), "USAGE");
     auto type = value(probe.get(), "TYPE");
-    if (!type || (usage && *usage != "filesystem"))
+    if (!type)
         return std::nullopt;
-    FileSystemInfo info{*type, 0};
+    PlaceInfo info{!usage || *usage == "filesystem", *type, 0};
     if (auto size = value(probe.get(), "BLOCK_SIZE"))
         info.block_size = u32(std::strtoul(size->c_str(), nullptr, 10));
     if (*type == "xfs") {

@@ -132,8 +132,9 @@ TEST(Probe, FindsAnExt4WithItsBlockSizeInsideAPartition)
                            " -E offset=1048576 " + image.path + " 16M >/dev/null 2>&1";
         if (std::system(make.c_str()) != 0)
             GTEST_SKIP() << "no mkfs.ext4";
-        auto info = probe_file_system(image.path, mebibyte, 16 * mebibyte);
+        auto info = probe_place(image.path, mebibyte, 16 * mebibyte);
         ASSERT_TRUE(info);
+        EXPECT_TRUE(info->file_system);
         EXPECT_EQ(info->type, "ext4");
         EXPECT_EQ(info->block_size, block_size);
     }
@@ -146,14 +147,25 @@ TEST(Probe, TakesTheBlockSizeOfAnXfsFromItsSuperBlock)
         "PATH=$PATH:/sbin:/usr/sbin mkfs.xfs -q -f -b size=1024 -s size=512 " + image.path + " >/dev/null 2>&1";
     if (std::system(make.c_str()) != 0)
         GTEST_SKIP() << "no mkfs.xfs";
-    auto info = probe_file_system(image.path, 0, 512 * mebibyte);
+    auto info = probe_place(image.path, 0, 512 * mebibyte);
     ASSERT_TRUE(info);
     EXPECT_EQ(info->type, "xfs");
     EXPECT_EQ(info->block_size, 1024u);
 }
 
+TEST(Probe, SwapSpaceIsKnownAndNoFileSystem)
+{
+    Image image(16 * mebibyte);
+    if (std::system(("PATH=$PATH:/sbin:/usr/sbin mkswap " + image.path + " >/dev/null 2>&1").c_str()) != 0)
+        GTEST_SKIP() << "no mkswap";
+    const auto info = probe_place(image.path, 0, 16 * mebibyte);
+    ASSERT_TRUE(info);
+    EXPECT_FALSE(info->file_system);
+    EXPECT_EQ(info->type, "swap");
+}
+
 TEST(Probe, FindsNothingInZeroes)
 {
     Image image(mebibyte);
-    EXPECT_FALSE(probe_file_system(image.path, 0, mebibyte));
+    EXPECT_FALSE(probe_place(image.path, 0, mebibyte));
 }

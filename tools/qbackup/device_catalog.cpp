@@ -62,6 +62,7 @@ try {
         whole.number = {disk.at("major").get<std::uint32_t>(), disk.at("minor").get<std::uint32_t>()};
         whole.bytes = disk.at("bytes");
         whole.instance = disk.value("instance", "");
+        whole.holds = disk.value("holds", "");
         whole.type = disk.value("type", "");
         whole.blockSize = disk.value("blockSize", 0U);
         if (!file.empty())
@@ -73,6 +74,7 @@ try {
             part.number = {entry.at("major").get<std::uint32_t>(), entry.at("minor").get<std::uint32_t>()};
             part.bytes = entry.at("sectors").get<std::uint64_t>() * 512;
             part.instance = entry.value("instance", "");
+            part.holds = entry.value("holds", "");
             part.type = entry.value("type", "");
             part.blockSize = entry.value("blockSize", 0U);
             if (!file.empty())

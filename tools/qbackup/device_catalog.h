@@ -21,6 +21,7 @@ struct Device {
     quendrel::DeviceNumber number;
     std::uint64_t bytes = 0;             // 0: not known, ask the driver
     std::string type;                    // of the file system; empty when not known
+    std::string holds;                   // what it holds that is no file system, as a daemon tells it: "swap"
     std::uint32_t blockSize = 0;         // of the file system, in bytes; 0 when not known before the driver is asked
     std::vector<std::string> partitions; // of a whole disk: their names
     std::vector<std::string> holders;    // of a disk or partition: what it is a part of, as a logical volume

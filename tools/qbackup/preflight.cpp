@@ -60,6 +60,11 @@ void refuseUnfitDevice(const Device& device)
     if (device.blockSize != 0)
         if (const auto problem = unfitBlockSize(device.name, device.blockSize))
             throw Failure{Exit::refused, *problem};
+    if (device.holds == "swap")
+        throw Failure{Exit::refused, device.name + " is swap space: there is nothing in it to back up"};
+    if (!device.holds.empty())
+        throw Failure{Exit::refused, device.name + " holds no file system but " + device.holds +
+                                         ", which the driver cannot freeze; back up what lies on it where it is in use"};
     if (!device.partitions.empty())
         throw Failure{Exit::refused, device.name +
                                          " is a whole disk with partitions, and its writes belong to them; "

@@ -89,6 +89,26 @@ std::string refusalOf(const std::function<void()>& action)
     return "";
 }
 
+TEST(Preflight, SwapSpaceAndOtherThingsThatAreNoFileSystemAreRefusedForWhatTheyAre)
+{
+    const auto refusal = [](const char* holds) {
+        Device device;
+        device.name = "sda2";
+        device.holds = holds;
+        try {
+            refuseUnfitDevice(device);
+        } catch (const Failure& failure) {
+            EXPECT_EQ(failure.exitCode(), 3);
+            return std::string{failure.what()};
+        }
+        return std::string{"taken"};
+    };
+    EXPECT_EQ(refusal("swap"), "sda2 is swap space: there is nothing in it to back up");
+    EXPECT_EQ(refusal("LVM2_member"), "sda2 holds no file system but LVM2_member, which the driver cannot freeze; back "
+                                      "up what lies on it where it is in use");
+    EXPECT_EQ(refusal(""), "taken");
+}
+
 TEST(Preflight, TargetOnTheDeviceItselfIsRefused)
 {
     const Host host;

@@ -145,6 +145,22 @@ TEST_F(PartitionTable, AFileSystemMadeByTheGuestIsWhatTheNextQuestionFinds)
     EXPECT_TRUE(eventually([&] { return disk().partitions[1].file_system->block_size == 1024; })) << "described, too";
 }
 
+TEST_F(PartitionTable, SwapSpaceIsDescribedAsSuch)
+{
+    serve();
+    nbd_client::Client guest = nbd_client::Client::connect(run_dir + "/nbd.sock");
+    ASSERT_TRUE(guest.begin("sda"));
+    // mkswap's: the version and the last page at 1024, the signature at the end of the first page.
+    Bytes swap(4096);
+    const std::uint32_t words[] = {1, second.sectors / 8 - 1};
+    std::memcpy(swap.data() + 1024, words, sizeof words);
+    std::memcpy(swap.data() + 4086, "SWAPSPACE2", 10);
+    ASSERT_EQ(guest.ask(Command::write, second.start * 512, 4096, 0, swap).error, Error::none);
+    EXPECT_TRUE(eventually([&] { return disk().partitions[1].holds == "swap"; }));
+    EXPECT_FALSE(disk().partitions[1].file_system);
+    EXPECT_EQ(disk().partitions[0].holds, "");
+}
+
 TEST_F(PartitionTable, ABackupThatRunsKeepsItsPlaceAndSeesAtItsEndThatItMoved)
 {
     serve();

@@ -23,7 +23,7 @@ struct RunDirTest : testing::Test {
 
 TEST(DisksJson, IsExactlyTheDocumentedText)
 {
-    DiskRecord disk{"sda", 8, 0, 1048576, "/run/q/disks/sda", "nbd+unix:///sda?socket=/run/q/nbd.sock", {}, {}, {}, "x-3", 4096};
+    DiskRecord disk{"sda", 8, 0, 1048576, "/run/q/disks/sda", "nbd+unix:///sda?socket=/run/q/nbd.sock", {}, {}, {}, {}, "x-3", 4096};
     disk.partitions.push_back({"sda1", 8, 1, 2048, 100, FileSystemRecord{"ext4", 4096}, "x-1"});
     disk.partitions.push_back({"sda2", 8, 2, 2148, 50, std::nullopt, "x-2"});
     EXPECT_EQ(disks_to_json({disk}),
