@@ -139,6 +139,8 @@ struct Configured : testing::Test {
         for (const char* name : {"a.img", "b.img"})
             make_image(scratch / name, MiB, {});
     }
+    // What should have been refused does not stay behind.
+    void TearDown() override { run({Serving::program(), "stop", "--force", "--run-dir", run_dir}); }
     Outcome start(const std::string& text, std::vector<std::string> more = {})
     {
         std::ofstream(file) << text;
