@@ -28,11 +28,12 @@ template <typename Value> std::string member(const char* name, const Value& valu
     return std::string("\"") + name + "\":" + nlohmann::json(value).dump();
 }
 
-std::string file_system_members(const std::optional<FileSystemRecord>& file_system)
+std::string contents_members(const std::optional<FileSystemRecord>& file_system, const std::string& holds)
 {
+    const std::string other = holds.empty() ? "" : "," + member("holds", holds);
     if (!file_system)
-        return {};
-    return "," + member("type", file_system->type) + "," + member("blockSize", file_system->block_size);
+        return other;
+    return other + "," + member("type", file_system->type) + "," + member("blockSize", file_system->block_size);
 }
 
 void append(std::string& list, const std::string& element) { list += (list.empty() ? "" : ",") + element; }
@@ -133,14 +134,14 @@ std::string disks_to_json(const std::vector<DiskRecord>& disks)
             append(parts, "{" + member("name", part.name) + "," + member("major", part.major) + "," +
                               member("minor", part.minor) + "," + member("start", part.start) + "," +
                               member("sectors", part.sectors) + "," +
-                              member("instance", part.instance) + file_system_members(part.file_system) + "}");
+                              member("instance", part.instance) + contents_members(part.file_system, part.holds) + "}");
         append(all, "{" + member("name", disk.name) + "," + member("major", disk.major) + "," +
                         member("minor", disk.minor) + "," + member("bytes", disk.bytes) + "," +
                         (disk.file.empty() ? "\"file\":null" : member("file", disk.file)) + "," +
                         member("nbd", disk.nbd) +
                         (disk.flush_error.empty() ? "" : "," + member("flushError", disk.flush_error)) +
                         "," + member("sectorBytes", disk.sector_bytes) + "," + member("instance", disk.instance) +
-                        file_system_members(disk.file_system) + ",\"partitions\":[" + parts + "]}");
+                        contents_members(disk.file_system, disk.holds) + ",\"partitions\":[" + parts + "]}");
     }
     return "{\"version\":1,\"disks\":[" + all + "]}\n";
 }

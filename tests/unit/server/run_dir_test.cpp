@@ -49,6 +49,15 @@ TEST(DisksJson, AFileSystemWithoutPartitionTableStandsOnTheDisk)
     EXPECT_EQ(disks_from_json(disks_to_json({disk})), std::vector<DiskRecord>{disk});
 }
 
+TEST(DisksJson, WhatIsNoFileSystemStandsOnItsPartition)
+{
+    DiskRecord disk{"sda", 8, 0, 4096, "/f", "n", {}, {}, {}};
+    disk.partitions.push_back({"sda1", 8, 1, 1, 2, std::nullopt, "x-1", "swap"});
+    const std::string text = disks_to_json({disk});
+    EXPECT_NE(text.find(R"("instance":"x-1","holds":"swap"})"), std::string::npos) << text;
+    EXPECT_EQ(disks_from_json(text), std::vector<DiskRecord>{disk});
+}
+
 TEST(DisksJson, AnotherVersionIsRefused)
 {
     EXPECT_ANY_THROW(disks_from_json(R"({"version":2,"disks":[]})"));
