@@ -109,6 +109,7 @@ nlohmann::json parse(const std::string& text)
 Backup BackupRig::backup(const std::string& mode, const std::string& device) const
 {
     Backup made;
+    made.target = target;
     made.from = now();
     const Outcome outcome = run_qbackup({"--json", "backup", "--device", device, "--to", target, "--mode", mode});
     made.to = now();
@@ -148,6 +149,7 @@ std::unique_ptr<Program> BackupRig::stopped_in_the_middle(const std::string& nam
 Backup BackupRig::finish(Program& program, std::int64_t from) const
 {
     Backup made;
+    made.target = target;
     program.signal(SIGCONT);
     made.status = program.wait();
     made.from = from;
@@ -170,8 +172,8 @@ std::vector<std::string> BackupRig::stored(const std::string& device) const
 
 std::string BackupRig::restore(const Backup& made, const std::string& device) const
 {
-    const std::string id = made.text("id"), out = scratch / ("restored-" + id);
-    must_run({QBACKUP_PROGRAM, "--quiet", "restore", "--from", target + "/" + device + "/" + id, "--to", out});
+    const std::string id = made.text("id"), out = made.target + "-" + device + "-" + id;
+    must_run({QBACKUP_PROGRAM, "--quiet", "restore", "--from", made.target + "/" + device + "/" + id, "--to", out});
     return out;
 }
 

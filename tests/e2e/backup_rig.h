@@ -50,6 +50,7 @@ struct Backup {
     int status = -1;       // of qbackup
     nlohmann::json report; // what it printed, as JSON
     std::string err;       // its messages
+    std::string target;    // the directory it went to
     std::int64_t from, to; // when it ran
     std::string text(const char* field) const { return report.value(field, std::string()); }
 };

@@ -30,7 +30,7 @@ using namespace std::chrono_literals;
 namespace
 {
 
-constexpr const char* watchdog_seconds = "900";
+constexpr const char* watchdog_seconds = "1500";
 
 std::vector<char*> argument_list(const std::vector<std::string>& words)
 {

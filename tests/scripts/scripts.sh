@@ -9,7 +9,7 @@ test=$1
 top=$(cd "$(dirname "$0")/../.." && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-unset FUZZ_SECONDS VM_TIMEOUT CHECK_JOBS PROGRESS_SECONDS PROGRESS_LINE
+unset FUZZ_SECONDS CROWD_SECONDS VM_TIMEOUT CHECK_JOBS PROGRESS_SECONDS PROGRESS_LINE
 
 fail() {
   echo "$*" >&2

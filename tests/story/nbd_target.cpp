@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-only
-// The story's blocks in an NBD export.
+// The story's blocks in an NBD export. Now and then, like a file system, it wants to be sure that they are durable.
 #include "block_target.h"
 
 #include <libnbd.h>
@@ -20,7 +20,11 @@ class NbdTarget final : public BlockTarget
 
     void write(std::uint64_t offset, std::span<const char> bytes) override
     {
-        if (nbd_pwrite(nbd_.get(), bytes.data(), bytes.size(), offset, 0) != 0)
+        ++writes_;
+        const bool durable = writes_ % 8 == 0 && nbd_can_fua(nbd_.get()) > 0;
+        if (nbd_pwrite(nbd_.get(), bytes.data(), bytes.size(), offset, durable ? LIBNBD_CMD_FLAG_FUA : 0) != 0)
+            fail();
+        if (writes_ % 32 == 0 && nbd_can_flush(nbd_.get()) > 0 && nbd_flush(nbd_.get(), 0) != 0)
             fail();
     }
 
@@ -28,6 +32,7 @@ class NbdTarget final : public BlockTarget
     [[noreturn]] void fail() const { throw std::runtime_error(uri_ + ": " + nbd_get_error()); }
 
     std::string uri_;
+    std::uint64_t writes_ = 0;
     std::unique_ptr<nbd_handle, void (*)(nbd_handle*)> nbd_;
 };
 

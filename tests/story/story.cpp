@@ -9,8 +9,9 @@
 //
 //   story write-files DIRECTORY LOG                  until SIGTERM
 //   story make-region FILE BLOCKS                    blocks that no step has written
-//   story write-blocks TARGET OFFSETS LOG            TARGET: an NBD URI; in a static build a file or block device
+//   story write-blocks TARGET OFFSETS LOG [PAUSE]    TARGET: an NBD URI; in a static build a file or block device
 //                                                    OFFSETS: a file of byte offsets, one 4-KiB block a line
+//                                                    PAUSE: microseconds between two steps (default 300)
 //   story check-files DIRECTORY LOG FROM TO          FROM, TO: nanoseconds of CLOCK_REALTIME around the backup
 //   story check-blocks FILE LOG FROM TO              FILE: the region's blocks in order
 //   story felt LOG FROM TO                           what the writer felt in that time
@@ -160,13 +161,14 @@ void make_region(const std::string& path, unsigned blocks)
         throw std::runtime_error(path + ": cannot be written");
 }
 
-void write_blocks(const std::string& target_name, const std::string& offsets_path, const std::string& log)
+void write_blocks(const std::string& target_name, const std::string& offsets_path, const std::string& log,
+                  unsigned pause)
 {
     const auto offsets = read_offsets(offsets_path);
     const auto out = open_block_target(target_name);
     write_steps(log, unsigned(offsets.size()), [&](std::uint64_t step, unsigned target) {
         out->write(offsets[target], content_of(step, kBlockBytes));
-        ::usleep(300);
+        ::usleep(pause);
     });
 }
 
@@ -195,10 +197,12 @@ void judge(const std::vector<Step>& steps, unsigned targets, std::int64_t from, 
         if (s.number <= newest)
             expected[s.target] = s.number;
     }
-    // The step under way when the log was last read has no line yet.
+    // The step under way when the log was last read, or when the writer was killed, has no line.
     if (newest < must || newest > may + 1)
         throw std::runtime_error("the copy shows step " + std::to_string(newest) + ", and a moment of the backup shows " +
                                  std::to_string(must) + " to " + std::to_string(may + 1));
+    if (newest > (steps.empty() ? 0 : steps.back().number))
+        expected[target_of(newest, targets)] = newest;
     for (unsigned t = 0; t < targets; t++) {
         const auto it = expected.find(t);
         if (it == expected.end()) {
@@ -262,8 +266,8 @@ int main(int argc, char** argv)
             write_files(argv[2], argv[3]);
         else if (command == "make-region" && argc == 4)
             make_region(argv[2], unsigned(std::stoul(argv[3])));
-        else if (command == "write-blocks" && argc == 5)
-            write_blocks(argv[2], argv[3], argv[4]);
+        else if (command == "write-blocks" && (argc == 5 || argc == 6))
+            write_blocks(argv[2], argv[3], argv[4], argc == 6 ? unsigned(std::stoul(argv[5])) : 300);
         else if (command == "check-files" && argc == 6)
             check_files(argv[2], argv[3], std::stoll(argv[4]), std::stoll(argv[5]));
         else if (command == "check-blocks" && argc == 6)
