@@ -170,10 +170,13 @@ class Disk:
         self.name, self.path, self.address = name, path, address
         self.interface, self.log, self.read_only = interface, log, read_only
 
-    def options(self):
-        node = {"driver": "raw", "node-name": self.name, "read-only": self.read_only, "discard": "unmap",
+    def node(self):
+        return {"driver": "raw", "node-name": self.name, "read-only": self.read_only, "discard": "unmap",
                 "file": {"driver": "file", "filename": str(self.path), "discard": "unmap", "cache": {"direct": False},
                          "locking": "off"}}
+
+    def options(self):
+        node = self.node()
         if self.log is not None:
             node["node-name"] = self.name + "-data"
             node = {"driver": "blklogwrites", "node-name": self.name, "file": node, "discard": "unmap",

@@ -6,6 +6,7 @@ from dataclasses import dataclass
 from . import images, kernel_log, write_log
 from .failure import HarnessError
 from .machine import Disk, Machine, MachineDied
+from .served import ServedRoot
 from .suite import MACHINES
 
 TESTED_MIB, LOOSE_MIB, NVME_MIB, STORE_MIB, REGION_MIB, REGIONS = 192, 64, 64, 1536, 192, 8
@@ -25,9 +26,11 @@ class Verdict:
 class Session:
     """All tests of one kernel."""
 
-    def __init__(self, kernel, *, work, boot_image, root, initial, time_factor, tell, verbose, keep=False, arguments=""):
+    def __init__(self, kernel, *, work, boot_image, root, initial, host_programs, time_factor, tell, verbose, keep=False, arguments=""):
         self.kernel, self.work = kernel, work
         self.boot_image, self.root, self.initial = boot_image, root, initial
+        self.host_programs = host_programs
+        self.served = None
         self.time_factor, self.tell, self.verbose, self.keep = time_factor, tell, verbose, keep
         self.arguments = arguments
         self.machine = None
@@ -45,8 +48,10 @@ class Session:
         logs = {name: here / f"{name}.writes" for name in ("tested", "nvme")}
         for log in logs.values():
             write_log.fresh_log(log)
+        if MACHINES[kind].served:
+            self.served = ServedRoot(self.root, self.host_programs["quendreld"], self.host_programs["qbackup"], here)
         disks = [
-            Disk("root", self.root, 4, read_only=True),
+            self.served.disk(4) if self.served else Disk("root", self.root, 4, read_only=True),
             Disk("tested", images.raw_disk(here / "tested.img", TESTED_MIB), 5, log=logs["tested"]),
             Disk("spare", images.raw_disk(here / "spare.img", REGIONS * REGION_MIB + 8), 6),
             Disk("store", images.raw_disk(here / "store.img", STORE_MIB), 7),
@@ -60,6 +65,7 @@ class Session:
                                    boot_limit=BOOT_LIMIT * self.time_factor)
         except MachineDied:
             self.machine = None
+            self._let_go_of_served()
             console = (here / "console.log").read_text(errors="replace")
             raise HarnessError(f"the machine did not come up; {here / 'console.log'} ends with:\n" + tail(console, 30)) from None
         self.boot_seconds = time.monotonic() - began
@@ -80,16 +86,30 @@ class Session:
         self.discard()
         if self.keep:
             return
-        for name in ("tested.img", "spare.img", "store.img", "loose.img", "nvme.img", "tested.writes", "nvme.writes"):
+        for name in ("served.img", "tested.img", "spare.img", "store.img", "loose.img", "nvme.img", "tested.writes", "nvme.writes"):
             (self.here / name).unlink(missing_ok=True)
 
     def discard(self):
         """Ends the machine at once; its disks stay."""
         self.machine.stop()
         self.machine = None
+        self._let_go_of_served()
         for judge in self.judges.values():
             judge.log.close()
         self.judges = {}
+
+    def _let_go_of_served(self):
+        if self.served is not None:
+            self.served.close()
+            self.served = None
+
+    def _shut_down_served(self):
+        """Shuts the machine down and looks at its root disk; "" or what is wrong."""
+        self.machine.say("off")
+        if not self.machine.wait(60 * self.time_factor):
+            return "the machine cannot be shut down"
+        served, self.served = self.served, None
+        return served.complaint()
 
     def run(self, test):
         lacks = MACHINES[test.machine].lacks(self.kernel)
@@ -100,6 +120,10 @@ class Session:
         began = time.monotonic()
         try:
             verdict = self._run(test)
+            if self.served is not None and verdict.verdict == "PASS":
+                verdict.reason = self._shut_down_served()
+                verdict.verdict = "FAIL" if verdict.reason else "PASS"
+                self.discard()
         except MachineDied:
             verdict = Verdict(test.name, "FAIL", time.monotonic() - began, "the machine died", tail(self._console_of_test(), 40))
             self.discard()
@@ -165,6 +189,20 @@ class Session:
 
     def host_flushed_between(self, first, second, pairs):
         return self.judges["tested"].flushed_between(int(first), int(second), int(pairs))
+
+    def host_backed_up(self, durable):
+        mode, count = self.served.backed_up(int(durable))
+        return True, f"{mode} {count}"
+
+    def host_kill_daemon(self, seconds):
+        self.served.kill()
+        time.sleep(float(seconds))
+        self.served.start()
+        return True, "another daemon serves"
+
+    def host_durable_at_the_end(self, number):
+        self.served.durable = int(number)
+        return True, number
 
     def host_unplug(self, disk):
         self.machine.command("device_del", id=f"{disk}-device")

@@ -19,6 +19,7 @@ class MachineKind:
     memory: int           # MiB
     arguments: str = ""
     init: str = "guest"   # the first program of the root file system: guest/init, or systemd with that as a service
+    served: bool = False  # the root file system can be written to, on a disk that the daemon of this host serves
     high: int = 0         # of the memory, MiB that a 32-bit kernel is told to reach by temporary mappings only
 
     def kernel_arguments(self, kernel):
@@ -26,6 +27,8 @@ class MachineKind:
         if self.init == "systemd":
             # No more than the test's own service, and what that asks for.
             words.append("vm_test_init=systemd systemd.unit=vm-test.service systemd.show_status=no")
+        if self.served:
+            words.append("vm_test_root=partition")
         if kernel.arch == "i386":
             words.append(f"highmem={self.high}M")
         if kernel.old:
@@ -33,9 +36,14 @@ class MachineKind:
             words.append("highres=off")
         return " ".join(words)
 
+    @property
+    def daemon(self):
+        """Whether the daemon's package takes part."""
+        return self.init == "systemd" or self.served
+
     def lacks(self, kernel):
         """Why there is no such machine with this kernel; empty: there is."""
-        if self.init == "systemd" and (kernel.arch != "amd64" or kernel.old):
+        if self.daemon and (kernel.arch != "amd64" or kernel.old):
             return "the daemon's package is for amd64"
         return ""
 
@@ -44,6 +52,7 @@ MACHINES = {
     "standard": MachineKind(memory=512, arguments="log_buf_len=8M", high=256),
     "small": MachineKind(memory=256, high=96),
     "systemd": MachineKind(memory=512, arguments="log_buf_len=8M", init="systemd"),
+    "served": MachineKind(memory=256, served=True, high=96),
 }
 
 
