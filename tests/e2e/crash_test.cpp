@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
-// SIGKILL for qbackup and for the daemon, in the middle of their work.
+// SIGKILL for qbackup and for the daemon, in the middle of their work; and a power cut.
 #include "backup_rig.h"
+#include "lossy_file.h"
 #include "nbd_writers.h"
 
 #include <signal.h>
@@ -105,6 +106,27 @@ TEST_P(KilledDaemon, TheImageHoldsEveryAcknowledgedAndFlushedWrite)
             words.insert(words.end(), GetParam().begin(), GetParam().end());
             return words;
         }());
+    }
+}
+
+// A killed daemon leaves what it wrote to the page cache; a power cut does not.
+TEST_P(KilledDaemon, WithTheMachinesPowerCutTheImageStillHoldsEveryFlushedWrite)
+{
+    if (const std::string reason = no_loop_reason(); !reason.empty())
+        GTEST_SKIP() << reason;
+    LossyFile file(scratch / "store", 64 * MiB);
+    Serving serving({file.path()}, scratch / "run", GetParam());
+    for (unsigned round = 0; round < 3; ++round) {
+        NbdWriters writers(serving.nbd(), MiB, blocks, 4);
+        ASSERT_TRUE(writers.goes_on(20));
+        serving.kill_it();
+        writers.stop();
+        EXPECT_GT(writers.promised(), 300u);
+        EXPECT_GT(file.cut_power(round), 0u) << "nothing was lost, so nothing is shown";
+        ASSERT_EQ(writers.complaint(file.path()), "");
+        std::vector<std::string> words{Serving::program(), file.path(), "--run-dir", scratch / "run"};
+        words.insert(words.end(), GetParam().begin(), GetParam().end());
+        must_run(words);
     }
 }
 

@@ -1,0 +1,33 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
+// A file that forgets: what was written to it and not made durable by a later fsync can be taken away, as a power cut
+// takes it from a disk and from the page cache. It is the only file of a FUSE file system that this process serves.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace backup_rig
+{
+
+class LossyFile
+{
+  public:
+    // Mounted on `mount_point`, which it makes. Of zeros; a whole number of pages.
+    LossyFile(const std::string& mount_point, std::size_t bytes);
+    ~LossyFile(); // unmounts; nobody may have it open
+    LossyFile(const LossyFile&) = delete;
+    LossyFile& operator=(const LossyFile&) = delete;
+
+    std::string path() const;
+    // About half of the pages that are not durable, chosen by `seed`, are again what they were when they last were. How
+    // many. To be called when nobody has it open.
+    std::size_t cut_power(std::uint64_t seed);
+
+  private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+} // namespace backup_rig
