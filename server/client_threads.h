@@ -36,7 +36,7 @@ class ClientThreads
         std::string thread_name;                                       // at most 8 characters
         std::string client_name;                                       // for the log: "an NBD client"
         std::string when_full;                                         // a line for the log; may be empty
-        std::size_t most;                                              // threads
+        std::size_t most = 0;                                          // threads
         std::function<std::unique_ptr<Client>(base::Descriptor)> make; // on the listening thread; may throw
     };
 

@@ -147,20 +147,20 @@ ControlServer::ControlServer(Options options) : options_(std::move(options)), qu
 ClientThreads::Options ControlServer::client_options()
 {
     (void)hosted::transfer_memory_fd(); // made now: no client shall be the first to find that there is none
-    return {
-        .listener = {.path = options_.socket,
-                     .type = SOCK_SEQPACKET,
-                     .group = options_.group,
-                     .credentials = true,
-                     .report = options_.report},
-        .thread_name = "control",
-        .client_name = "a client of the control device",
-        .when_full = {},
-        // Some more threads than can be inside, for those that are told that it is busy. When even these are taken, by
-        // clients that hung up and are being closed, say, the next client waits.
-        .most = 2 * std::size_t(options_.most_clients),
-        .make = [this](base::Descriptor socket) { return std::make_unique<Connection>(*this, std::move(socket)); },
-    };
+    // Member by member: when an initializer of an aggregate throws, this compiler destroys some members twice.
+    ClientThreads::Options threads;
+    threads.listener.path = options_.socket;
+    threads.listener.type = SOCK_SEQPACKET;
+    threads.listener.group = options_.group;
+    threads.listener.credentials = true;
+    threads.listener.report = options_.report;
+    threads.thread_name = "control";
+    threads.client_name = "a client of the control device";
+    // Some more threads than can be inside, for those that are told that it is busy. When even these are taken, by
+    // clients that hung up and are being closed, say, the next client waits.
+    threads.most = 2 * std::size_t(options_.most_clients);
+    threads.make = [this](base::Descriptor socket) { return std::make_unique<Connection>(*this, std::move(socket)); };
+    return threads;
 }
 
 ControlServer::~ControlServer()

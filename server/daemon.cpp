@@ -15,7 +15,7 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
-#include <filesystem>
+#include <new>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -62,9 +62,7 @@ unsigned descriptors_for_clients()
     limit.rlim_cur = limit.rlim_max;
     ::setrlimit(RLIMIT_NOFILE, &limit); // a soft limit is there to be raised
     ::getrlimit(RLIMIT_NOFILE, &limit);
-    rlim_t open = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
-        ++open;
+    const rlim_t open = names_in("/proc/self/fd").size();
     return limit.rlim_cur > open + own ? unsigned(std::min(limit.rlim_cur - open - own, enough)) : 0;
 }
 
@@ -132,11 +130,12 @@ Daemon::Daemon(Config config, const RunDir& run, base::Descriptor guardian) : co
         if (nbd_clients < 64 || control_clients < 32)
             report("the limit of open files allows " + std::to_string(nbd_clients) + " NBD connections and " +
                    std::to_string(control_clients) + " clients of the control device at a time; raise it for more");
-        nbd_ = std::make_unique<nbd::Server>(
-            served, nbd::Server::Options{.socket = run_.here(run_.nbd_socket()),
-                                         .group = gid_t(config_.group),
-                                         .most_connections = nbd_clients,
-                                         .report = [this](std::string_view line) { report(line); }});
+        nbd::Server::Options nbd_options;
+        nbd_options.socket = run_.here(run_.nbd_socket());
+        nbd_options.group = gid_t(config_.group);
+        nbd_options.most_connections = nbd_clients;
+        nbd_options.report = [this](std::string_view line) { report(line); };
+        nbd_ = std::make_unique<nbd::Server>(served, std::move(nbd_options));
 
         make_backup_lock();
         ControlServer::Options options;
@@ -147,13 +146,14 @@ Daemon::Daemon(Config config, const RunDir& run, base::Descriptor guardian) : co
         options.observer = contents_.get();
         options.report = [this](std::string_view line) { report(line); };
         control_ = std::make_unique<ControlServer>(std::move(options));
+
+        for (unsigned i = 0; i < disks_.size(); ++i)
+            report(disks_[i]->name() + " serves " + config_.images[i] + ", " + std::to_string(disks_[i]->size()) +
+                   " bytes");
     } catch (...) {
         take_down();
         throw;
     }
-    for (unsigned i = 0; i < disks_.size(); ++i)
-        report(disks_[i]->name() + " serves " + config_.images[i] + ", " + std::to_string(disks_[i]->size()) +
-               " bytes");
 }
 
 Daemon::~Daemon()
@@ -180,7 +180,12 @@ void Daemon::make_backup_lock()
         throw std::system_error(errno, std::generic_category(), run_.backup_lock() + ": cannot make the lock");
 }
 
-bool Daemon::alive() { return liveness_->look(); }
+bool Daemon::alive()
+try {
+    return liveness_->look();
+} catch (const std::bad_alloc&) {
+    return false; // this time
+}
 
 void Daemon::add_disks()
 {
@@ -212,7 +217,7 @@ void Daemon::describe()
             failed += "; A FLUSH OF " + records[i].name + " FAILED (" + records[i].flush_error + "), see the log";
         }
     }
-    tell_manager("STATUS=Serving " + served + failed);
+    tell_manager(("STATUS=Serving " + served + failed).c_str());
     run_.write(run_.disks_json(), disks_to_json(records));
 }
 
@@ -259,10 +264,14 @@ void Daemon::keep()
             continue;
         described_anew_ = false;
         lock.unlock();
-        contents_->catch_up();
-        for (const DiskRecord& disk : contents_->take_new_tables())
-            for (const std::string& line : follow_table(disk))
-                report(line);
+        try {
+            contents_->catch_up();
+            for (const DiskRecord& disk : contents_->take_new_tables())
+                for (const std::string& line : follow_table(disk))
+                    report(line);
+        } catch (const std::exception& error) { // the next client's commands look again
+            report(error.what());
+        }
         lock.lock();
     }
 }
@@ -290,21 +299,34 @@ void Daemon::write_out_mounts()
 std::string Daemon::take_down()
 {
     std::string wrong;
+    // Whatever goes wrong, the rest has to be done all the same.
+    const auto note = [&](std::string_view subject, std::string_view what, std::string_view why) noexcept {
+        try {
+            std::string line(subject);
+            line += what;
+            line += why;
+            report(line);
+            wrong += line + "\n";
+        } catch (const std::bad_alloc&) {
+            wrong = "no memory\n"; // too short to need any
+        }
+    };
     control_.reset();
     nbd_.reset();
     try {
         write_out_mounts();
-    } catch (const std::exception& error) { // the rest has to be done all the same
-        report(error.what());
-        wrong += std::string("mounted file systems were not written out: ") + error.what() + "\n";
+    } catch (const std::exception& error) {
+        note("mounted file systems", " were not written out: ", error.what());
     }
     fuse_.reset();
     for (const auto& disk : disks_) {
-        if (const int error = disk->disk()->flush(); error && !config_.read_only) {
-            const std::string line = disk->name() + ": flush failed: " + std::strerror(-error);
-            report(line);
-            wrong += line + "\n";
+        int error = disk->disk()->flush();
+        for (int again = 0; error == -ENOMEM && again < 100; ++again) { // the last chance of what was written
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            error = disk->disk()->flush();
         }
+        if (error && !config_.read_only)
+            note(disk->name(), ": flush failed: ", std::strerror(-error));
     }
     if (keeper_.joinable()) {
         {
@@ -322,8 +344,8 @@ std::string Daemon::take_down()
     for (const auto& disk : disks_)
         hosted::remove_disk(disk->disk());
     disks_.clear();
-    ::unlink(run_.here(run_.disks_json()).c_str());
-    ::rmdir(run_.here(run_.disks()).c_str());
+    ::unlink(disks_json_.c_str());
+    ::rmdir(disk_files_.c_str());
     hosted::log_set_sink(nullptr);
     return wrong;
 }

@@ -54,6 +54,9 @@ class Daemon
 
     const Config config_;
     const RunDir& run_;
+    // What is taken away at the end, made before: that shall need no memory.
+    const std::string disks_json_ = run_.here(run_.disks_json());
+    const std::string disk_files_ = run_.here(run_.disks());
     std::unique_ptr<LogFile> log_;
     std::shared_ptr<Guardian> guardian_;
     std::vector<std::unique_ptr<ServedDisk>> disks_;

@@ -178,18 +178,22 @@ bool DiskContents::read_table(Disk& disk, bool& changed)
     for (const std::string& line : now.left_out)
         if (std::find(disk.table.left_out.begin(), disk.table.left_out.end(), line) == disk.table.left_out.end())
             report_(disk.record.name + ": " + line);
+    const bool others = disk.table_known && now.partitions != disk.table.partitions;
+    if (others)
+        note_changes(disk, now);
     const hosted::PartitionTable before = std::exchange(disk.table, std::move(now));
-    if (disk.table_known && before.partitions != disk.table.partitions) {
-        tell_changes(disk, before);
-        changed = true;
-    }
     disk.table_known = true;
+    if (others) {
+        changed = true;
+        tell_changes(disk, before);
+    }
     return true;
 }
 
-void DiskContents::tell_changes(Disk& disk, const hosted::PartitionTable& before)
+// Before anything that may find no memory: a device that has another place is never taken for the one that it was.
+void DiskContents::note_changes(Disk& disk, const hosted::PartitionTable& next)
 {
-    const Slots then = slots_of(before), now = slots_of(disk.table);
+    const Slots then = slots_of(disk.table), now = slots_of(next);
     disk.instances[0] = ++disk.last_instance;
     hosted::device_changed(disk.served->disk()->device(0));
     for (unsigned i = 1; i < minors_of_disk; ++i) {
@@ -197,6 +201,16 @@ void DiskContents::tell_changes(Disk& disk, const hosted::PartitionTable& before
             continue;
         disk.instances[i] = ++disk.last_instance;
         hosted::device_changed(disk.served->disk()->device(i));
+    }
+}
+
+void DiskContents::tell_changes(Disk& disk, const hosted::PartitionTable& before)
+{
+    name_instances(disk);
+    const Slots then = slots_of(before), now = slots_of(disk.table);
+    for (unsigned i = 1; i < minors_of_disk; ++i) {
+        if (then[i] == now[i])
+            continue;
         const std::string name = disk.record.name + std::to_string(i);
         if (now[i].sectors == 0)
             report_(name + " is gone: its partition was removed");
@@ -206,7 +220,6 @@ void DiskContents::tell_changes(Disk& disk, const hosted::PartitionTable& before
     }
     if (disk.backups != 0)
         report_(disk.record.name + ": its new partition table counts when the backup that runs has ended");
-    name_instances(disk);
 }
 
 void DiskContents::use_table(Disk& disk)
@@ -278,13 +291,13 @@ void DiskContents::update(const Disk& disk, unsigned minor, std::uint64_t start,
         return;
     changed = true;
     forget(disk, minor, known);
-    known = found;
     if (!found)
         return;
     std::shared_ptr<hosted::Freezer> freezer;
     if (guardian_ && !disk.record.file.empty())
         freezer = std::make_shared<HostFreezer>(guardian_, disk.record.file, start, report_);
     hosted::mount_file_system(kdev_make(disk.record.major, minor), found->block_size, std::move(freezer));
+    known = found; // not before: without memory for the mount the next look tries again
 }
 
 } // namespace quendreld

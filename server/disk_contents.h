@@ -79,6 +79,7 @@ class DiskContents final : public DeviceObserver
     static Slots slots_of(const hosted::PartitionTable& table);
     void look(Disk& disk, bool& changed);
     bool read_table(Disk& disk, bool& changed);
+    static void note_changes(Disk& disk, const hosted::PartitionTable& next);
     void tell_changes(Disk& disk, const hosted::PartitionTable& before);
     void use_table(Disk& disk);
     void name_instances(Disk& disk) const;

@@ -26,18 +26,6 @@ namespace fs = std::filesystem;
 namespace
 {
 
-// The names in a directory; none when it cannot be read. The standard library's iterator ends the process when it finds
-// no memory for a name.
-std::vector<std::string> names_in(const std::string& directory)
-{
-    const std::unique_ptr<DIR, int (*)(DIR*)> open(::opendir(directory.c_str()), ::closedir);
-    std::vector<std::string> names;
-    while (const dirent* entry = open ? ::readdir(open.get()) : nullptr)
-        if (entry->d_name[0] != '.')
-            names.push_back(entry->d_name);
-    return names;
-}
-
 std::string line_of(const fs::path& path)
 {
     std::ifstream in(path);
@@ -103,6 +91,16 @@ bool is_over(const HostLoop& loop, const std::string& file)
 }
 
 } // namespace
+
+std::vector<std::string> names_in(const std::string& directory)
+{
+    const std::unique_ptr<DIR, int (*)(DIR*)> open(::opendir(directory.c_str()), ::closedir);
+    std::vector<std::string> names;
+    while (const dirent* entry = open ? ::readdir(open.get()) : nullptr)
+        if (entry->d_name[0] != '.')
+            names.push_back(entry->d_name);
+    return names;
+}
 
 std::vector<HostLoop> loops_over(const std::string& file)
 {

@@ -13,6 +13,10 @@
 namespace quendreld
 {
 
+// The names in a directory but hidden ones; none when it cannot be read. The standard library's iterator ends the process
+// when it finds no memory for a name.
+std::vector<std::string> names_in(const std::string& directory);
+
 // A block device of this host that shows a range of a served disk.
 struct HostDevice {
     std::string node; // "/dev/loop0p1"

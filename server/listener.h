@@ -41,7 +41,7 @@ class Listener
   public:
     struct Options {
         std::string path;
-        int type;                 // SOCK_STREAM, SOCK_SEQPACKET
+        int type = 0;             // SOCK_STREAM, SOCK_SEQPACKET
         gid_t group = gid_t(-1);  // -1: the process's own
         bool credentials = false; // every packet carries its sender's (SO_PASSCRED)
         std::function<void(std::string_view)> report = [](std::string_view) {};

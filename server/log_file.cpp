@@ -86,21 +86,20 @@ try {
 
 void LogFile::run()
 {
-    std::deque<std::string> batch; // made once: it takes memory even when it is empty
     std::unique_lock lock(mutex_);
     for (;;) {
         wake_.wait(lock, [this] { return stop_ || !lines_.empty(); });
         if (lines_.empty())
             return;
-        batch.swap(lines_);
+        writing_.swap(lines_);
         const std::size_t dropped = std::exchange(dropped_, 0);
         lock.unlock();
-        for (const std::string& line : batch) {
+        for (const std::string& line : writing_) {
             put(fd_.get(), line);
             if (echo_)
                 put(STDERR_FILENO, line);
         }
-        batch.clear();
+        writing_.clear();
         if (dropped)
             put(fd_.get(), dropped);
         lock.lock();

@@ -33,7 +33,8 @@ class LogFile
 
     base::Descriptor fd_;
     bool echo_;
-    std::mutex mutex_; // guards what follows; innermost
+    std::deque<std::string> writing_; // of the thread alone; here because even an empty one takes memory
+    std::mutex mutex_;                // guards what follows; innermost
     std::condition_variable wake_;
     std::deque<std::string> lines_;
     std::size_t dropped_ = 0;

@@ -14,6 +14,7 @@
 #include <csignal>
 #include <exception>
 #include <iostream>
+#include <thread>
 
 namespace quendreld
 {
@@ -69,13 +70,19 @@ int run_service(const Config& config, const RunDir& run, const std::function<voi
     wait_for_end(daemon, ends);
     tell_manager("STOPPING=1\nSTATUS=Ending");
     const std::string wrong = daemon.end();
-    try {
-        run.write(run.ended(), wrong.empty() ? ended_well : wrong);
-    } catch (const std::exception& error) {
-        std::cerr << "quendreld: " << error.what() << "\n"; // into the log
-        return 1;
+    // Without this file whoever stops the daemon takes it for dead; what is short may be there a little later.
+    for (int left = 100;; --left) {
+        try {
+            run.write(run.ended(), wrong.empty() ? ended_well : wrong);
+            return wrong.empty() ? 0 : 1;
+        } catch (const std::exception& error) {
+            if (left == 0) {
+                std::cerr << "quendreld: " << error.what() << "\n"; // into the log
+                return 1;
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    return wrong.empty() ? 0 : 1;
 }
 
 } // namespace quendreld

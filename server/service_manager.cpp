@@ -6,7 +6,7 @@
 namespace quendreld
 {
 
-void tell_manager(const std::string& assignments) { ::sd_notify(0, assignments.c_str()); }
+void tell_manager(const char* assignments) { ::sd_notify(0, assignments); }
 
 std::optional<std::chrono::microseconds> manager_patience()
 {

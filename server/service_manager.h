@@ -10,7 +10,7 @@ namespace quendreld
 {
 
 // Assignments as sd_notify(3) knows them, a line each: "READY=1". Never waits for the manager.
-void tell_manager(const std::string& assignments);
+void tell_manager(const char* assignments);
 
 // Within which time the manager wants to hear WATCHDOG=1 again; none: it does not watch this process.
 std::optional<std::chrono::microseconds> manager_patience();

@@ -17,8 +17,8 @@ struct Table {
 };
 Table& table()
 {
-    static auto* const the = new Table;
-    return *the;
+    static Immortal<Table> the;
+    return the.get();
 }
 
 // Never null, as its callers have no answer for that.

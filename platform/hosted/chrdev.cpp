@@ -56,8 +56,8 @@ struct Table {
 };
 Table& table()
 {
-    static auto* const the = new Table;
-    return *the;
+    static Immortal<Table> the;
+    return the.get();
 }
 
 // The calling thread works for a process.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <list>
 #include <stdexcept>
 
 namespace hosted
@@ -15,13 +16,13 @@ namespace
 
 struct Disks {
     std::mutex mutex; // guards the lists; before the block device table's
-    std::vector<std::shared_ptr<DiskImpl>> present;
-    std::vector<std::shared_ptr<DiskImpl>> removed; // whose structures the driver may still point to
+    std::list<std::shared_ptr<DiskImpl>> present; // lists, so that removing needs no memory
+    std::list<std::shared_ptr<DiskImpl>> removed; // whose structures the driver may still point to
 };
 Disks& disks()
 {
-    static auto* const the = new Disks;
-    return *the;
+    static Immortal<Disks> the;
+    return the.get();
 }
 
 } // namespace
@@ -181,8 +182,9 @@ void remove_disk(const std::shared_ptr<Disk>& disk)
     Disks& all = disks();
     {
         std::lock_guard lock(all.mutex);
-        if (std::erase(all.present, impl) != 0)
-            all.removed.push_back(impl);
+        const auto at = std::find(all.present.begin(), all.present.end(), impl);
+        if (at != all.present.end())
+            all.removed.splice(all.removed.end(), all.present, at);
     }
     if (!is_loaded())
         forget_removed_disks();
@@ -190,7 +192,7 @@ void remove_disk(const std::shared_ptr<Disk>& disk)
 
 void forget_removed_disks()
 {
-    std::vector<std::shared_ptr<DiskImpl>> removed;
+    std::list<std::shared_ptr<DiskImpl>> removed;
     std::lock_guard lock(disks().mutex);
     removed.swap(disks().removed);
 }

@@ -32,8 +32,8 @@ struct Supers {
 };
 Supers& supers()
 {
-    static auto* const the = new Supers;
-    return *the;
+    static Immortal<Supers> the;
+    return the.get();
 }
 
 // With the mutex held.

@@ -20,8 +20,8 @@ struct Log {
 };
 Log& the_log()
 {
-    static Log* const log = new Log;
-    return *log;
+    static hosted::Immortal<Log> log;
+    return log.get();
 }
 
 // The same format with %p as %lx: one rendering of pointers, hexadecimal without prefix.

@@ -50,8 +50,8 @@ struct Deferred {
 std::mutex deferred_mutex; // guards the list below; taken before the task registry's
 std::vector<Deferred>& deferred_list()
 {
-    static auto* const the = new std::vector<Deferred>;
-    return *the;
+    static Immortal<std::vector<Deferred>> the;
+    return the.get();
 }
 
 void* allocate(kernel_size_t bytes, Counter counter, const void* caller)

@@ -22,8 +22,8 @@ namespace
 {
 kernel_module& the_module()
 {
-    static auto* const m = new kernel_module;
-    return *m;
+    static Immortal<kernel_module> m;
+    return m.get();
 }
 } // namespace
 

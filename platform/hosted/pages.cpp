@@ -217,13 +217,13 @@ class Pool
 
 Pool& shared_pool()
 {
-    static auto* const pool = new Pool(true);
-    return *pool;
+    static Immortal<Pool> pool{true};
+    return pool.get();
 }
 Pool& ordinary_pool()
 {
-    static auto* const pool = new Pool(false);
-    return *pool;
+    static Immortal<Pool> pool{false};
+    return pool.get();
 }
 
 void free_page(page* p)

@@ -123,8 +123,8 @@ struct Probe {
 };
 Probe& the_probe()
 {
-    static auto* const probe = new Probe;
-    return *probe;
+    static Immortal<Probe> probe;
+    return probe.get();
 }
 std::atomic<bool> probe_set{false};
 

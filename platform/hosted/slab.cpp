@@ -100,8 +100,8 @@ namespace
 std::mutex caches_mutex; // guards the list
 std::vector<kmem_cache*>& caches()
 {
-    static auto* const the = new std::vector<kmem_cache*>;
-    return *the;
+    static Immortal<std::vector<kmem_cache*>> the;
+    return the.get();
 }
 
 void destroy(kmem_cache* cache)

@@ -21,8 +21,8 @@ struct Registry {
 };
 Registry& registry()
 {
-    static Registry* const the = new Registry; // never destroyed: threads may end after main has
-    return *the;
+    static Immortal<Registry> the;
+    return the.get();
 }
 
 struct GiveBack {

@@ -64,6 +64,18 @@ struct Task {
     std::atomic<long> live[counters] = {}; // may be negative: another thread freed what this one made
 };
 
+// The one object of its kind, a static one: made at its first use without memory of its own, never destroyed, as threads
+// may end after main has.
+template <typename T> class Immortal
+{
+  public:
+    template <typename... Arguments> explicit Immortal(Arguments... arguments) { new (memory_) T(arguments...); }
+    T& get() { return *std::launder(reinterpret_cast<T*>(memory_)); }
+
+  private:
+    alignas(T) std::byte memory_[sizeof(T)];
+};
+
 // For what has no way to fail: tries until there is memory.
 template <typename Do> auto with_memory(Do what)
 {

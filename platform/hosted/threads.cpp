@@ -33,8 +33,8 @@ struct Threads {
 };
 Threads& threads()
 {
-    static auto* const the = new Threads;
-    return *the;
+    static Immortal<Threads> the;
+    return the.get();
 }
 
 __thread KernelThread* this_kernel_thread = nullptr;

@@ -14,8 +14,8 @@ namespace
 
 std::function<void()>& random_probe()
 {
-    static auto* const the = new std::function<void()>;
-    return *the;
+    static hosted::Immortal<std::function<void()>> the;
+    return the.get();
 }
 
 } // namespace

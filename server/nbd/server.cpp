@@ -31,16 +31,25 @@ class Client final : public ClientThreads::Client
 
 Server::Server(Exports exports, Options options)
     : quietly_(options.report), shared_{std::move(exports), {}, [this](std::string_view line) { quietly_(line); }},
-      clients_({
-          .listener = {.path = options.socket, .type = SOCK_STREAM, .group = options.group, .report = options.report},
-          .thread_name = "nbd",
-          .client_name = "an NBD client",
-          .when_full = "all " + std::to_string(options.most_connections) +
-                       " NBD connections are taken; the next client waits until one ends",
-          .most = options.most_connections,
-          .make = [this](base::Descriptor socket) { return make_client(std::move(socket)); },
-      })
+      clients_(client_options(options))
 {
+}
+
+// Member by member: when an initializer of an aggregate throws, this compiler destroys some members twice.
+ClientThreads::Options Server::client_options(const Options& options)
+{
+    ClientThreads::Options threads;
+    threads.listener.path = options.socket;
+    threads.listener.type = SOCK_STREAM;
+    threads.listener.group = options.group;
+    threads.listener.report = options.report;
+    threads.thread_name = "nbd";
+    threads.client_name = "an NBD client";
+    threads.when_full = "all " + std::to_string(options.most_connections) +
+                        " NBD connections are taken; the next client waits until one ends";
+    threads.most = options.most_connections;
+    threads.make = [this](base::Descriptor socket) { return make_client(std::move(socket)); };
+    return threads;
 }
 
 std::unique_ptr<ClientThreads::Client> Server::make_client(base::Descriptor socket)

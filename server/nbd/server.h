@@ -32,6 +32,7 @@ class Server
     unsigned connections() const { return unsigned(clients_.clients()); }
 
   private:
+    ClientThreads::Options client_options(const Options& options);
     std::unique_ptr<ClientThreads::Client> make_client(base::Descriptor socket);
 
     QuietReport quietly_;

@@ -127,13 +127,13 @@ TEST(ProcessMemory, StopsAtAPageThatIsNotThereAndSaysHowMuchIsLeft)
 TEST(ProcessMemory, IsGoneWhenTheProcessExecutesAnotherProgram)
 {
     constexpr u32 address = 0x10000000;
-    constexpr char program[] = "import ctypes, sys, time\n"
+    constexpr char program[] = "import ctypes, os, sys\n"
                                "map = ctypes.CDLL(None).mmap\n"
                                "map.restype = ctypes.c_void_p\n"
                                "map.argtypes = [ctypes.c_void_p, ctypes.c_size_t] + [ctypes.c_int] * 3 + [ctypes.c_long]\n"
                                "at = map(0x10000000, 4096, 3, 0x32, -1, 0)\n"
                                "ctypes.memset(at, ord('n'), 4096)\n"
-                               "print('ready', flush=True)\n"
+                               "os.write(1, b'ready\\n')\n"
                                "sys.stdin.read()\n";
     int go[2], told[2];
     ASSERT_EQ(pipe(go), 0);

@@ -54,8 +54,8 @@ void note_stack()
         if (!::dladdr(frames[i], &info) || !info.dli_fname)
             continue;
         const auto offset = static_cast<const char*>(frames[i]) - static_cast<const char*>(info.dli_fbase);
-        used += std::size_t(std::max(
-            0, std::snprintf(order->where + used, sizeof order->where - used, "%s+0x%lx\n", info.dli_fname, long(offset))));
+        used += std::size_t(std::max(0, std::snprintf(order->where + used, sizeof order->where - used, "%s+0x%lx\n",
+                                                      info.dli_fname, long(offset))));
     }
 }
 

@@ -24,6 +24,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <mutex>
@@ -49,7 +50,7 @@ constexpr quendrel::DeviceNumber part{8, 1};
 // What is written to: from the middle of the partition to a little behind its end.
 constexpr std::uint64_t work_start = part_start + part_bytes / 2, work_bytes = part_bytes / 2 + 2 * block;
 // For one attempt. A daemon that forgets a request is found by this.
-constexpr unsigned patience_seconds = 30;
+constexpr unsigned patience_seconds = 20;
 
 base::Descriptor stream_socket() { return base::Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)); }
 
@@ -92,13 +93,18 @@ class Order
     std::uint32_t seen() const { return shared_->seen; }
     std::uint32_t failed() const { return shared_->failed; }
     std::string where() const { return shared_->where; }
+    std::string text() const
+    {
+        return "failed from call " + std::to_string(shared_->first) + " on, of " + std::to_string(seen()) + ":\n" +
+               where();
+    }
 
   private:
     Shortage* shared_ = nullptr;
 };
 
-// Kills the test when an attempt takes too long: the daemon has forgotten a request. The thread that waits for it may be
-// past the reach of any other signal. What is left of the daemon is the watchdog's.
+// Kills the test when an attempt takes too long: the daemon has forgotten a request. The thread that waits for it may
+// be past the reach of any other signal. What is left of the daemon is the watchdog's.
 class Patience
 {
   public:
@@ -111,6 +117,8 @@ class Patience
         change_.notify_all();
         thread_.join();
     }
+    // `what` says what goes on, for the case that it does not end.
+    explicit Patience(std::function<std::string()> what) : what_(std::move(what)) {}
     void begin_again()
     {
         std::lock_guard lock(mutex_);
@@ -124,11 +132,12 @@ class Patience
         while (!change_.wait_for(lock, std::chrono::seconds(1), [this] { return over_; })) {
             if (std::chrono::steady_clock::now() < until_)
                 continue;
-            std::cerr << "no progress: the daemon has forgotten a request\n";
+            std::cerr << "no progress: the daemon has forgotten a request; " << what_() << "\n";
             ::kill(::getpid(), SIGKILL);
         }
     }
 
+    const std::function<std::string()> what_;
     std::mutex mutex_; // guards what follows
     std::condition_variable change_;
     bool over_ = false;
@@ -158,7 +167,7 @@ struct AShortage : testing::TestWithParam<Kind> {
     Order order{scratch / "order"};
     std::unique_ptr<Serving> serving;
     Bytes disk; // what it holds
-    Patience patience;
+    Patience patience{[this] { return order.text(); }};
     unsigned char fill = 0;
 
     void SetUp() override
@@ -179,7 +188,8 @@ struct AShortage : testing::TestWithParam<Kind> {
     }
     std::vector<std::string> options() const
     {
-        return ::access("/dev/fuse", R_OK | W_OK) == 0 ? std::vector<std::string>{} : std::vector<std::string>{"--no-fuse"};
+        return ::access("/dev/fuse", R_OK | W_OK) == 0 ? std::vector<std::string>{}
+                                                       : std::vector<std::string>{"--no-fuse"};
     }
     Bytes fresh(std::size_t bytes) { return Bytes(bytes, std::byte(++fill)); }
     // From here on the disk holds this there.
@@ -248,10 +258,11 @@ struct AShortage : testing::TestWithParam<Kind> {
             return told;
         for (unsigned i = 0; i < together; ++i)
             now_holds(at + (8 + i) * block, data);
-        for (const auto& [command, offset, bytes] :
-             {std::tuple{Command::flush, std::uint64_t(0), 0u}, {Command::trim, at + 16 * block, 2 * block},
-              {Command::write_zeroes, at + 16 * block, 2 * block}, {Command::cache, 0, block},
-              {Command::block_status, 0, unsigned(image_bytes)}})
+        for (const auto& [command, offset, bytes] : {std::tuple{Command::flush, std::uint64_t(0), 0u},
+                                                     {Command::trim, at + 16 * block, 2 * block},
+                                                     {Command::write_zeroes, at + 16 * block, 2 * block},
+                                                     {Command::cache, 0, block},
+                                                     {Command::block_status, 0, unsigned(image_bytes)}})
             if (told = ask(client, command, offset, bytes); !told.empty())
                 return told;
         now_holds(at + 16 * block, Bytes(2 * block));
@@ -350,8 +361,22 @@ struct AShortage : testing::TestWithParam<Kind> {
         ASSERT_EQ(ask(client, Command::write, work_start, std::uint32_t(work_bytes), data), "");
         now_holds(work_start, data);
     }
-
 };
+
+struct AShortageAtTheFirstBackup : AShortage {
+};
+struct AShortageAtTheStart : AShortage {
+};
+struct AShortageAtTheEnd : AShortage {
+};
+
+// How many calls failed; a kind that has none shows nothing.
+void tell(const Kind& kind, unsigned failures, std::chrono::steady_clock::time_point since)
+{
+    EXPECT_GT(failures, 0u);
+    const std::chrono::duration<double> lasted = std::chrono::steady_clock::now() - since;
+    std::cout << kind.name << ": " << failures << " failures in " << lasted.count() << " s\n";
+}
 
 TEST_P(AShortage, HitsOneClientAtMostAndTheNextBackupIsRight)
 {
@@ -372,7 +397,8 @@ TEST_P(AShortage, HitsOneClientAtMostAndTheNextBackupIsRight)
         order.end();
         const bool met = order.failed() != 0;
         hits += met;
-        SCOPED_TRACE(std::string(kind.name) + ", call " + std::to_string(n) + ", " + told.text() + "\n" + order.where());
+        SCOPED_TRACE(std::string(kind.name) + ", call " + std::to_string(n) + ", " + told.text() + "\n" +
+                     order.where());
         if (kind.together == 1) {
             EXPECT_LE(told.clients(), 1);
         }
@@ -384,8 +410,7 @@ TEST_P(AShortage, HitsOneClientAtMostAndTheNextBackupIsRight)
         if (HasFailure())
             break;
         if (!met) {
-            std::cout << kind.name << ": " << hits << " failures, one at a time, in "
-                      << std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count() << " s\n";
+            tell(kind, hits, begun);
             break;
         }
     }
@@ -395,13 +420,39 @@ TEST_P(AShortage, HitsOneClientAtMostAndTheNextBackupIsRight)
     EXPECT_EQ(content(), disk);
 }
 
-// A start makes all of these calls too: it succeeds without what failed, or says what is wrong and leaves nothing behind.
-TEST_P(AShortage, AtTheStartIsSaidAndLeavesNothingBehind)
+// What is made at its first use is not there yet.
+TEST_P(AShortageAtTheFirstBackup, HitsOneClientAtMostAndTheNextBackupIsRight)
 {
     const Kind kind = GetParam();
     const auto begun = std::chrono::steady_clock::now();
     const char* from = std::getenv("SHORTAGE_FIRST");
-    unsigned refused = 0;
+    for (std::uint32_t n = from ? std::uint32_t(std::atoi(from)) : 1;; ++n) {
+        patience.begin_again();
+        serving = std::make_unique<Serving>(std::vector{image}, run_dir, options());
+        order.give(kind.call, n, kind.together);
+        const Told told = attempt();
+        order.end();
+        SCOPED_TRACE(std::string(kind.name) + ", " + told.text() + ", " + order.text());
+        EXPECT_LE(told.clients(), 1);
+        repair();
+        EXPECT_EQ(attempt().text(), Told{}.text()) << "afterwards\n" << serving->log();
+        serving.reset();
+        if (HasFailure())
+            break;
+        if (order.failed() == 0) {
+            tell(kind, n - 1, begun);
+            break;
+        }
+    }
+}
+
+// A start makes all of these calls too: it succeeds without what failed, or says what is wrong and leaves nothing
+// behind.
+TEST_P(AShortageAtTheStart, IsSaidAndLeavesNothingBehind)
+{
+    const Kind kind = GetParam();
+    const auto begun = std::chrono::steady_clock::now();
+    const char* from = std::getenv("SHORTAGE_FIRST");
     for (std::uint32_t n = from ? std::uint32_t(std::atoi(from)) : 1;; ++n) {
         patience.begin_again();
         order.give(kind.call, n, kind.together);
@@ -418,7 +469,6 @@ TEST_P(AShortage, AtTheStartIsSaidAndLeavesNothingBehind)
             serving->stop();
             serving.reset();
         } else {
-            ++refused;
             EXPECT_NE(refusal.find(" ended with 1: quendreld: "), std::string::npos) << "no reason was given";
             for (const char* name : {"/control.sock", "/nbd.sock", "/disks.json", "/pid", "/disks"})
                 EXPECT_NE(::access((run_dir + name).c_str(), F_OK), 0) << name << " was left behind";
@@ -426,25 +476,74 @@ TEST_P(AShortage, AtTheStartIsSaidAndLeavesNothingBehind)
         if (HasFailure())
             break;
         if (order.failed() == 0) {
-            std::cout << kind.name << ": " << n - 1 << " failures, " << refused << " of them ended the start, in "
-                      << std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count() << " s\n";
+            tell(kind, n - 1, begun);
             break;
         }
     }
 }
 
-constexpr Kind one_at_a_time[] = {{"Threads", Call::thread, 1},     {"Connections", Call::accept, 1},
-                                  {"SharedMemory", Call::memfd, 1}, {"Mappings", Call::map, 1},
-                                  {"Files", Call::open, 1},         {"Objects", Call::allocation, 1},
-                                  {"Memory", Call::memory, 1}};
-INSTANTIATE_TEST_SUITE_P(Of, AShortage, testing::ValuesIn(one_at_a_time), [](const auto& i) { return i.param.name; });
-// A shortage lasts: many calls in a row.
-constexpr Kind lasting[] = {{"Threads", Call::thread, 5},
-                            {"Connections", Call::accept, 3},
-                            {"Mappings", Call::map, 5},
-                            {"Files", Call::open, 5},
-                            {"Objects", Call::allocation, 30},
-                            {"Memory", Call::memory, 30}};
-INSTANTIATE_TEST_SUITE_P(ThatLastsOf, AShortage, testing::ValuesIn(lasting), [](const auto& i) { return i.param.name; });
+// What the daemon could not do is said; dying, or never ending, is not the way.
+TEST_P(AShortageAtTheEnd, KeepsNothingFromTheDisk)
+{
+    const Kind kind = GetParam();
+    const auto begun = std::chrono::steady_clock::now();
+    for (std::uint32_t n = 1;; ++n) {
+        patience.begin_again();
+        serving = std::make_unique<Serving>(std::vector{image}, run_dir, options());
+        ASSERT_EQ(attempt().text(), Told{}.text());
+        order.give(kind.call, n, kind.together);
+        SCOPED_TRACE(std::string(kind.name) + ", call " + std::to_string(n));
+        std::string refusal;
+        try {
+            serving->stop();
+        } catch (const std::exception& error) {
+            refusal = error.what();
+        }
+        order.end();
+        EXPECT_TRUE(refusal.empty() || refusal.find("not everything is on disk") != std::string::npos)
+            << refusal << order.where();
+        serving.reset();
+        EXPECT_TRUE(content() == disk) << order.where();
+        if (HasFailure())
+            break;
+        if (order.failed() == 0) {
+            tell(kind, n - 1, begun);
+            break;
+        }
+    }
+}
+
+std::string name_of(const testing::TestParamInfo<Kind>& info) { return info.param.name; }
+
+INSTANTIATE_TEST_SUITE_P(Of, AShortage,
+                         testing::Values(Kind{"Threads", Call::thread, 1}, Kind{"Connections", Call::accept, 1},
+                                         Kind{"Mappings", Call::map, 1}, Kind{"Files", Call::open, 1},
+                                         Kind{"Objects", Call::allocation, 1}, Kind{"Memory", Call::memory, 1}),
+                         name_of);
+INSTANTIATE_TEST_SUITE_P(Of, AShortageAtTheFirstBackup,
+                         testing::Values(Kind{"Threads", Call::thread, 1}, Kind{"Mappings", Call::map, 1},
+                                         Kind{"Objects", Call::allocation, 1}),
+                         name_of);
+INSTANTIATE_TEST_SUITE_P(Of, AShortageAtTheStart,
+                         testing::Values(Kind{"Threads", Call::thread, 1}, Kind{"SharedMemory", Call::memfd, 1},
+                                         Kind{"Mappings", Call::map, 1}, Kind{"Files", Call::open, 1},
+                                         Kind{"Objects", Call::allocation, 1}),
+                         name_of);
+INSTANTIATE_TEST_SUITE_P(Of, AShortageAtTheEnd,
+                         testing::Values(Kind{"Files", Call::open, 1}, Kind{"Objects", Call::allocation, 1},
+                                         Kind{"Memory", Call::memory, 1}),
+                         name_of);
+// Many calls in a row.
+INSTANTIATE_TEST_SUITE_P(ThatLastsOf, AShortage,
+                         testing::Values(Kind{"Threads", Call::thread, 5}, Kind{"Connections", Call::accept, 3},
+                                         Kind{"Mappings", Call::map, 5}, Kind{"Files", Call::open, 5},
+                                         Kind{"Objects", Call::allocation, 30}, Kind{"Memory", Call::memory, 30}),
+                         name_of);
+INSTANTIATE_TEST_SUITE_P(ThatLastsOf, AShortageAtTheStart,
+                         testing::Values(Kind{"Threads", Call::thread, 5}, Kind{"Files", Call::open, 5},
+                                         Kind{"Objects", Call::allocation, 30}),
+                         name_of);
+INSTANTIATE_TEST_SUITE_P(ThatLastsOf, AShortageAtTheEnd,
+                         testing::Values(Kind{"Files", Call::open, 5}, Kind{"Objects", Call::allocation, 30}), name_of);
 
 } // namespace
