@@ -233,6 +233,8 @@ void ControlServer::converse(int socket, const ucred& peer)
     std::shared_ptr<hosted::AddressSpace> memory;
     try {
         const base::Descriptor pidfd = pidfd_of(socket, peer.pid);
+        if (!pidfd && errno != ENOSYS)
+            throw std::system_error(errno, std::generic_category(), "process " + std::to_string(peer.pid));
         memory = hosted::process_memory(peer.pid, pidfd.get(), peer.uid);
     } catch (const std::system_error& error) {
         quietly_(std::string("a client of the control device was turned away: ") + error.what());

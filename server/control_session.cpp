@@ -98,16 +98,15 @@ std::size_t ClientMemory::read(u32 from, void* to, std::size_t bytes)
 
 int ControlSession::command(u32 number, u32 argument)
 {
-    if (!observer_ || number == QUENDREL_READ_BLOCKS)
-        return number == QUENDREL_START_BACKUP ? start(argument) : file_->ioctl(number, argument);
-    if (number == QUENDREL_GET_BLOCK_SIZE || number == QUENDREL_START_BACKUP)
+    if (observer_ && (number == QUENDREL_GET_BLOCK_SIZE || number == QUENDREL_START_BACKUP))
         observer_->before_geometry();
-    else
+    else if (observer_ && (number == QUENDREL_SNAPSHOT || number == QUENDREL_GET_STATE ||
+                           number == QUENDREL_GET_AUTOMAP_STATE))
         observer_->before_command();
     if (number == QUENDREL_START_BACKUP)
         return start(argument);
     const int result = file_->ioctl(number, argument);
-    if (number == QUENDREL_SNAPSHOT)
+    if (observer_ && number == QUENDREL_SNAPSHOT)
         observer_->after_snapshot();
     return result;
 }

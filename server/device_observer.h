@@ -16,7 +16,7 @@ class DeviceObserver
     virtual ~DeviceObserver() = default;
     virtual void before_open() {}
     virtual void before_geometry() {} // a command that asks what a device is
-    virtual void before_command() {}  // any other, but not the reads of blocks
+    virtual void before_command() {}  // one that asks how the backup or its device is
     virtual void before_backup(kdev_t) {}
     virtual void after_backup(kdev_t) {} // one a before_backup
     virtual void after_snapshot() {}

@@ -168,7 +168,9 @@ bool DiskContents::read_table(Disk& disk, bool& changed)
 {
     hosted::PartitionTable now;
     try {
-        now = hosted::read_partition_table(disk.served->disk()->store().path(), minors_of_disk);
+        // As large as it was at the start: nobody is told of what a file has grown by since.
+        const hosted::Store& store = disk.served->disk()->store();
+        now = hosted::read_partition_table(store.path(), minors_of_disk, store.size() / 512);
     } catch (const std::exception& error) {
         report_(disk.record.name + ": its partition table cannot be read: " + error.what());
         return false;

@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <iostream>
 #include <set>
 #include <stdexcept>
 #include <string_view>
@@ -269,8 +270,12 @@ void stop_daemon(const std::string& run_dir, bool force)
     }
     for (const DiskRecord& disk : disks) {
         if (force) {
-            if (!users_of_disk(disk))
-                detach_disk(disk);
+            try {
+                if (!users_of_disk(disk))
+                    detach_disk(disk);
+            } catch (const std::exception& error) {
+                std::cerr << "quendreld: " << error.what() << "; stopping all the same\n";
+            }
             continue;
         }
         if (const auto user = users_of_disk(disk))

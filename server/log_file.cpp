@@ -44,7 +44,7 @@ try {
 } // namespace
 
 LogFile::LogFile(const std::string& path, bool echo)
-    : fd_(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640)), echo_(echo)
+    : fd_(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0640)), echo_(echo)
 {
     if (!fd_)
         throw std::system_error(errno, std::generic_category(), path + ": cannot open the log");

@@ -66,6 +66,9 @@ RunDir::RunDir(std::string path, Missing missing) : path_(std::move(path))
                                  ", who could put anything there; use a directory of your own");
     if (status.st_mode & S_IWOTH)
         throw std::runtime_error(path_ + ": everybody may write there; use a directory of your own (chmod o-w)");
+    if ((status.st_mode & S_IWGRP) && status.st_gid != ::getegid())
+        throw std::runtime_error(path_ + ": group " + std::to_string(status.st_gid) +
+                                 " may write there; use a directory of your own (chmod g-w)");
     at_ = "/proc/self/fd/" + std::to_string(directory_.get());
 }
 
@@ -74,7 +77,14 @@ base::Descriptor RunDir::take() const
     base::Descriptor fd(::open(here(lock()).c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, 0644));
     if (!fd)
         throw std::system_error(errno, std::generic_category(), lock() + ": cannot open the lock");
-    if (::flock(fd.get(), LOCK_EX | LOCK_NB) == 0)
+    ::fchmod(fd.get(), 0644); // who may not open it could not tell that we live
+    // Whoever asks whether a daemon lives holds it for a moment.
+    int locked = ::flock(fd.get(), LOCK_EX | LOCK_NB);
+    for (int again = 0; locked != 0 && errno == EWOULDBLOCK && again < 10; ++again) {
+        ::usleep(20'000);
+        locked = ::flock(fd.get(), LOCK_EX | LOCK_NB);
+    }
+    if (locked == 0)
         return fd;
     if (errno != EWOULDBLOCK)
         throw std::system_error(errno, std::generic_category(), lock() + ": cannot lock");
@@ -179,7 +189,7 @@ std::vector<DiskRecord> disks_from_json(const std::string& text)
 void write_file_whole(const std::string& path, const std::string& text)
 {
     const std::string next = path + ".new";
-    base::Descriptor fd(::open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    base::Descriptor fd(::open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
     if (!fd)
         throw std::system_error(errno, std::generic_category(), next + ": cannot create");
     if (::write(fd.get(), text.data(), text.size()) != ssize_t(text.size()))

@@ -128,9 +128,9 @@ class DiskImpl final : public Disk, public std::enable_shared_from_this<DiskImpl
     void detach();
     void wait_until_idle();
 
-    // Holds guest requests that change sectors of the range at the door and waits for those inside. False: they did
-    // not leave in time, or there is no thread for the door, and nothing is held.
-    bool close_door(sector_type start, sector_type sectors);
+    // Holds guest requests that change sectors of the range at the door, or `reads` of them too, and waits for those
+    // inside. False: they did not leave in time, or there is no thread for the door, and nothing is held.
+    bool close_door(sector_type start, sector_type sectors, bool reads = false);
     void open_door(sector_type start, sector_type sectors);
 
     // The end of a guest request's last bio.
@@ -176,6 +176,7 @@ class DiskImpl final : public Disk, public std::enable_shared_from_this<DiskImpl
     struct Range {
         sector_type start;
         sector_type sectors;
+        bool reads;
     };
     std::vector<Range> closed_;
     std::mutex closing_; // one closing at a time; before door_mutex_

@@ -201,11 +201,11 @@ ClosedDoors::ClosedDoors()
 {
     {
         std::lock_guard lock(disks().mutex);
-        disks_.assign(disks().present.begin(), disks().present.end());
+        with_memory([&] { disks_.assign(disks().present.begin(), disks().present.end()); });
     }
     for (const auto& disk : disks_) {
         auto& one = static_cast<DiskImpl&>(*disk);
-        while (!one.close_door(0, one.disk().capacity)) {
+        while (!one.close_door(0, one.disk().capacity, true)) {
         }
     }
 }

@@ -67,8 +67,9 @@ bool DiskImpl::held(const GuestRequest& r) const
     if (partition)
         gendisk_.slots[partition].get(&partition_start, &sectors);
     const sector_type start = (r.offset >> 9) + partition_start;
+    const bool changes = changes_data(r.op);
     return std::any_of(closed_.begin(), closed_.end(), [&](const Range& c) {
-        return start < c.start + c.sectors && c.start < start + (r.bytes >> 9);
+        return (changes || c.reads) && start < c.start + c.sectors && c.start < start + (r.bytes >> 9);
     });
 }
 
@@ -77,7 +78,7 @@ bool DiskImpl::enter(GuestRequest* r)
     Guest& g = Guest::of(r);
     g.epoch = epoch_.load() & 1;
     inside_[g.epoch].fetch_add(1);
-    if (__builtin_expect(doors_closed_.load() == 0, 1) || !changes_data(r->op))
+    if (__builtin_expect(doors_closed_.load() == 0, 1) || r->op == Op::flush)
         return true;
     std::lock_guard lock(door_mutex_);
     if (!held(*r))
@@ -137,7 +138,7 @@ void DiskImpl::porter()
 
 void DiskImpl::leave(unsigned epoch) { inside_[epoch].fetch_sub(1); }
 
-bool DiskImpl::close_door(sector_type start, sector_type sectors)
+bool DiskImpl::close_door(sector_type start, sector_type sectors, bool reads)
 {
     std::lock_guard closing(closing_);
     before_waiting(this_task());
@@ -151,7 +152,7 @@ bool DiskImpl::close_door(sector_type start, sector_type sectors)
             }
         }
         try {
-            closed_.push_back({start, sectors});
+            closed_.push_back({start, sectors, reads});
         } catch (const std::bad_alloc&) {
             return false;
         }

@@ -120,7 +120,8 @@ struct PartitionTable {
 // Reads the DOS or GPT table of an image or a block device with libblkid. Empty when there is none. `minors`: of the
 // disk, its own included; a partition with a higher index is left out. Throws std::system_error when the file cannot be
 // read.
-PartitionTable read_partition_table(const std::string& path, u32 minors = 16);
+// `sectors`: of the disk, where the file may have become larger.
+PartitionTable read_partition_table(const std::string& path, u32 minors = 16, sector_type sectors = ~sector_type(0));
 
 // A guest's request. It must stay alive until done is called.
 struct GuestRequest {
@@ -179,7 +180,8 @@ std::shared_ptr<Disk> add_disk(DiskConfig config);
 // Waits for its requests in flight, then forgets it. No guest request may be submitted meanwhile or later.
 void remove_disk(const std::shared_ptr<Disk>& disk);
 
-// While it exists, requests that change any disk wait at its door, and none is inside, the driver's hands included.
+// While it exists, requests to any disk, but for flushes, wait at its door, and none is inside, the driver's hands
+// included: it holds reads as well as writes.
 class ClosedDoors
 {
   public:

@@ -64,6 +64,13 @@ std::optional<u32> xfs_block_size(int fd, std::uint64_t offset)
     return u32(b[0]) << 24 | u32(b[1]) << 16 | u32(b[2]) << 8 | b[3];
 }
 
+void check_readable(int fd, sector_type at, const std::string& path)
+{
+    char sector[512];
+    if (pread(fd, sector, sizeof sector, off_t(at * 512)) < 0)
+        throw std::system_error(errno, std::generic_category(), path + ": sector " + std::to_string(at));
+}
+
 // The chain of records that describe the logical partitions of an extended one, the first of them at `start`. libblkid
 // reads the chain too, and tells what it says but not where it lies.
 void find_extended_records(blkid_probe probe, sector_type start, sector_type capacity, PartitionTable& table)
@@ -116,16 +123,22 @@ void take(const PartitionSpec& spec, sector_type capacity, u32 minors, Partition
 
 } // namespace
 
-PartitionTable read_partition_table(const std::string& path, u32 minors)
+PartitionTable read_partition_table(const std::string& path, u32 minors, sector_type sectors)
 {
     Probe probe(path, 0, 0);
     PartitionTable table;
     blkid_probe_enable_superblocks(probe.get(), 0);
     blkid_probe_enable_partitions(probe.get(), 1);
+    // libblkid's answer is the same when there is none and when it could not look.
+    const sector_type capacity = std::min(sectors, sector_type(blkid_probe_get_size(probe.get())) / 512);
+    for (const sector_type at : {sector_type(0), capacity - 1})
+        check_readable(probe.fd(), at, path);
+    errno = 0;
     blkid_partlist list = blkid_probe_get_partitions(probe.get());
+    if (!list && (errno == EIO || errno == ENOMEM))
+        throw std::system_error(errno, std::generic_category(), path);
     if (!list)
         return table;
-    const sector_type capacity = sector_type(blkid_probe_get_size(probe.get())) / 512;
     const int n = blkid_partlist_numof_partitions(list);
     for (int i = 0; i < n; ++i) {
         blkid_partition p = blkid_partlist_get_partition(list, i);
@@ -146,7 +159,12 @@ std::optional<PlaceInfo> probe_place(const std::string& path, std::uint64_t offs
     blkid_probe_enable_partitions(probe.get(), 0);
     blkid_probe_enable_superblocks(probe.get(), 1);
     blkid_probe_set_superblocks_flags(probe.get(), BLKID_SUBLKS_TYPE | BLKID_SUBLKS_USAGE);
-    if (blkid_do_safeprobe(probe.get()) != 0)
+    check_readable(probe.fd(), offset / 512, path);
+    errno = 0;
+    const int found = blkid_do_safeprobe(probe.get());
+    if (found == -1 && (errno == EIO || errno == ENOMEM))
+        throw std::system_error(errno, std::generic_category(), path);
+    if (found != 0)
         return std::nullopt;
     auto usage = value(probe.get(), "USAGE");
     auto type = value(probe.get(), "TYPE");

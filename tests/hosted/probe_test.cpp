@@ -84,6 +84,16 @@ TEST(Probe, LeavesOutWhatLiesOverAnotherPartitionOrBehindTheDiskAndSaysSo)
                                                         "partition 3 ends after the disk, left out"}));
 }
 
+TEST(Probe, WhatAFileHasGrownByIsNoPartOfTheDisk)
+{
+    Image image(16 * mebibyte);
+    image.partition(1, 2048, 1024);
+    image.partition(2, 20000, 4096);
+    const PartitionTable table = read_partition_table(image.path, 16, 22000);
+    EXPECT_EQ(table.partitions, (std::vector<PartitionSpec>{{1, 2048, 1024}}));
+    EXPECT_EQ(table.left_out, std::vector<std::string>{"partition 2 ends after the disk, left out"});
+}
+
 TEST(Probe, LeavesOutPartitionsWithoutADeviceNumber)
 {
     Image image(16 * mebibyte);

@@ -345,6 +345,7 @@ TEST_F(ControlAccess, OfSeveralClientsOneThatLeavesWhileWritesAreHeldHangsNobody
             std::vector<std::byte> block(4096);
             for (unsigned i = thread; !ends; i += 6) {
                 EXPECT_EQ(disk->write((i * 7 % 1024) * 4096, block, 1), 0);
+                EXPECT_EQ(disk->read((i * 7 % 1024) * 4096, block, 1), 0);
                 ++written;
             }
         });

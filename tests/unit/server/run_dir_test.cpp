@@ -118,7 +118,9 @@ TEST_F(RunDirTest, IsRefusedWhereSomebodyElseCouldPutThings)
     EXPECT_EQ(refusal(open), open + ": everybody may write there; use a directory of your own (chmod o-w)");
     if (::geteuid() != 0)
         return;
-    ASSERT_EQ(::chmod(open.c_str(), 0755), 0);
+    ASSERT_EQ(::chown(open.c_str(), 0, 4711), 0);
+    ASSERT_EQ(::chmod(open.c_str(), 0775), 0);
+    EXPECT_EQ(refusal(open), open + ": group 4711 may write there; use a directory of your own (chmod g-w)");
     ASSERT_EQ(::chown(open.c_str(), 4711, gid_t(-1)), 0);
     EXPECT_EQ(refusal(open), open + ": belongs to user 4711, who could put anything there; use a directory of your own");
 }
