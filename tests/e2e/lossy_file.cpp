@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "lossy_file.h"
 
-#define FUSE_USE_VERSION 35
+#define FUSE_USE_VERSION 314
 #include <fuse.h>
 
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -33,6 +34,7 @@ using Page = std::array<char, page_bytes>;
 
 struct LossyFile::Impl {
     std::string mount_point;
+    std::atomic<std::chrono::milliseconds> delay{};
     std::mutex mutex; // guards what follows
     std::vector<Page> durable;
     std::map<std::size_t, Page> lately;                                 // pages written since
@@ -85,6 +87,7 @@ struct LossyFile::Impl {
     static int write(const char*, const char* from, std::size_t bytes, off_t offset, fuse_file_info*)
     {
         Impl& impl = self();
+        std::this_thread::sleep_for(impl.delay.load());
         const std::lock_guard guard(impl.mutex);
         if (std::size_t(offset) + bytes > impl.durable.size() * page_bytes)
             return -ENOSPC;
@@ -126,7 +129,7 @@ LossyFile::LossyFile(const std::string& mount_point, std::size_t bytes) : impl_(
     if (!impl_->handle || fuse_mount(impl_->handle, mount_point.c_str()) != 0)
         throw std::runtime_error(mount_point + ": cannot be mounted");
     impl_->unmounter.reset(::popen(("trap '' INT; read _; umount -l '" + mount_point + "'").c_str(), "we"));
-    impl_->thread = std::thread([this] { fuse_loop(impl_->handle); });
+    impl_->thread = std::thread([this] { fuse_loop_mt(impl_->handle, nullptr); });
 }
 
 LossyFile::~LossyFile()
@@ -138,6 +141,8 @@ LossyFile::~LossyFile()
 }
 
 std::string LossyFile::path() const { return impl_->mount_point + std::string(name); }
+
+void LossyFile::make_slow(std::chrono::milliseconds delay) { impl_->delay = delay; }
 
 std::size_t LossyFile::cut_power(std::uint64_t seed)
 {

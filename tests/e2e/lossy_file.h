@@ -1,8 +1,10 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
 // A file that forgets: what was written to it and not made durable by a later fsync can be taken away, as a power cut
-// takes it from a disk and from the page cache. It is the only file of a FUSE file system that this process serves.
+// takes it from a disk and from the page cache. It can be slow, too. It is the only file of a FUSE file system that
+// this process serves.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -21,6 +23,8 @@ class LossyFile
     LossyFile& operator=(const LossyFile&) = delete;
 
     std::string path() const;
+    // Each write that comes from now on reaches the file only after that time.
+    void make_slow(std::chrono::milliseconds delay);
     // About half of the pages that are not durable, chosen by `seed`, are again what they were when they last were. How
     // many. To be called when nobody has it open.
     std::size_t cut_power(std::uint64_t seed);
