@@ -44,13 +44,6 @@ unsigned from_environment(const char* name, unsigned otherwise)
     return text ? unsigned(std::strtoul(text, nullptr, 10)) : otherwise;
 }
 
-// It ends with the thread that started it, however that ends.
-Words mortal(Words words)
-{
-    words.insert(words.begin(), {"setpriv", "--pdeathsig", "KILL"});
-    return words;
-}
-
 // The regions of the story's writers, and the proof of what a copy holds of them.
 class Regions
 {
@@ -303,7 +296,7 @@ struct Crowd : BackupRig {
         if (words.empty())
             return;
         ++lives[client.kind];
-        client.program = std::make_unique<Program>(mortal(words), client.output);
+        client.program = std::make_unique<Program>(words, client.output);
     }
 
     // It has ended. Who was not killed must have been content.
@@ -387,7 +380,7 @@ struct Crowd : BackupRig {
             std::filesystem::create_directory(to);
             for (unsigned taken = 0; taken < 5 && !over && !HasFailure();) {
                 const auto from = now();
-                Program program(mortal(qbackup({"--json", "backup", "--device", device, "--to", to, "--mode", "auto"})),
+                Program program(qbackup({"--json", "backup", "--device", device, "--to", to, "--mode", "auto"}),
                                 scratch / ("backup" + std::to_string(number)));
                 bool killed = false;
                 if (const unsigned fate = below(8); fate < 3) {

@@ -26,6 +26,7 @@ std::string read_text(const std::string& path)
 
 Program::Program(std::vector<std::string> words, std::string output) : output_(std::move(output))
 {
+    words.insert(words.begin(), {"setpriv", "--pdeathsig", "KILL"});
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC;

@@ -14,7 +14,7 @@ namespace serving
 class Program
 {
   public:
-    // Starts it (no shell); its standard output and error go to `output`.out and `output`.err.
+    // Starts it (no shell). It does not outlive the thread that called this, however that ends. Its standard output and error go to `output`.out and `output`.err.
     Program(std::vector<std::string> words, std::string output);
     ~Program(); // kills what still runs
     Program(const Program&) = delete;
