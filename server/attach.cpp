@@ -87,6 +87,37 @@ std::string swap_or_holder(const HostDevice& device)
     return {};
 }
 
+bool has_partition(const std::string& file, unsigned number, const PartitionRecord& part)
+{
+    for (const HostLoop& loop : loops_over(file))
+        for (const HostDevice& device : loop.devices)
+            if (device.partition == number && device.start == part.start && device.sectors == part.sectors)
+                return true;
+    return false;
+}
+
+// Adds a partition to a loop device that was just bound. What the device was before may have left partitions, which go
+// when the last user of them does.
+int add_partition(int loop, const DiskRecord& disk, const PartitionRecord& part)
+{
+    const unsigned number = part.minor - disk.minor;
+    for (int tries = 0;; ++tries) {
+        const int error = partition_ioctl(loop, BLKPG_ADD_PARTITION, number, part.start, part.sectors);
+        if (error != -EBUSY || has_partition(disk.file, number, part))
+            return error == -EBUSY ? 0 : error;
+        if (tries == 40)
+            return error;
+        for (const HostLoop& bound : loops_over(disk.file))
+            for (const HostDevice& device : bound.devices)
+                if (device.partition && std::none_of(disk.partitions.begin(), disk.partitions.end(), [&](const auto& p) {
+                        return p.minor - disk.minor == device.partition && p.start == device.start &&
+                               p.sectors == device.sectors;
+                    }))
+                    partition_ioctl(loop, BLKPG_DEL_PARTITION, device.partition);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+}
+
 // A partition that could not be taken away, or put there.
 std::string not_followed(const HostLoop& loop, unsigned partition, int error)
 {
@@ -132,8 +163,10 @@ std::vector<std::string> follow_table(const DiskRecord& disk)
             const unsigned number = part.minor - disk.minor;
             if (std::find(there.begin(), there.end(), number) != there.end())
                 continue;
-            const int error = partition_ioctl(fd.get(), BLKPG_ADD_PARTITION, number, part.start, part.sectors);
-            if (error && error != -EBUSY) // busy: whoever changed the table has added it
+            int error = partition_ioctl(fd.get(), BLKPG_ADD_PARTITION, number, part.start, part.sectors);
+            if (error == -EBUSY && has_partition(disk.file, number, part)) // whoever changed the table has added it
+                error = 0;
+            if (error)
                 problems.push_back(not_followed(loop, number, error));
         }
     }
@@ -155,9 +188,7 @@ HostLoop attach_disk(const DiskRecord& disk, bool read_only)
         // it is opened before there are any.
         base::Descriptor(::open(node.c_str(), O_RDONLY | O_CLOEXEC));
         for (const PartitionRecord& part : disk.partitions) {
-            const int error =
-                partition_ioctl(loop.get(), BLKPG_ADD_PARTITION, part.minor - disk.minor, part.start, part.sectors);
-            if (error && error != -EBUSY) { // busy: the kernel has found it by itself
+            if (const int error = add_partition(loop.get(), disk, part)) {
                 ::ioctl(loop.get(), LOOP_CLR_FD);
                 fail(node + ": cannot add partition " + part.name, -error);
             }

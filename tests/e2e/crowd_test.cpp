@@ -304,7 +304,9 @@ struct Crowd : BackupRig {
     {
         const int status = client.program->wait();
         if (!client.killed) {
-            EXPECT_TRUE(status == 0 && client.kind != story) << names[client.kind] << " ended with " << status << ": "
+            // Who asks for the status holds the backups' lock for a moment, and may be stopped with it.
+            const bool locked_out = client.kind == qbackup_status && status == 4;
+            EXPECT_TRUE((status == 0 || locked_out) && client.kind != story) << names[client.kind] << " ended with " << status << ": "
                                                              << client.program->out() << client.program->err();
         }
         if (client.region)
