@@ -38,7 +38,7 @@ void ControlRig::serve(bool multi_client, unsigned most_clients)
     options.socket = socket;
     options.multi_client = multi_client;
     options.most_clients = most_clients;
-    options.observer = this;
+    options.observer = &opens;
     server = std::make_unique<ControlServer>(std::move(options));
 }
 

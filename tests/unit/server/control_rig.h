@@ -18,19 +18,29 @@ namespace control_rig
 
 using quendreld::ControlServer;
 
-struct ControlRig : testing::Test, quendreld::DeviceObserver {
+// Counts the opens. An object of its own: a test's destructor runs before its rig has ended the server's threads.
+class Opens final : public quendreld::DeviceObserver
+{
+  public:
+    void before_open() override { ++count_; }
+    operator int() const { return count_; }
+
+  private:
+    std::atomic<int> count_ = 0;
+};
+
+struct ControlRig : testing::Test {
     ControlRig();
     ~ControlRig() override;
     void serve(bool multi_client = false, unsigned most_clients = 32);
     // The version command answers over a new connection: the server and the driver are well.
     void expect_well();
-    void before_open() override { ++opens; }
 
     std::string scratch;
     std::string socket;
     std::shared_ptr<hosted::Disk> disk;
+    Opens opens;
     std::unique_ptr<ControlServer> server;
-    std::atomic<int> opens = 0;
 };
 
 int open_descriptors();
