@@ -92,7 +92,7 @@ class DiskContents final : public DeviceObserver
     const std::function<void(std::string_view)> report_;
     const std::function<void()> changed_;
     const std::string daemon_; // what makes instances of this daemon others than any other's
-    mutable std::mutex mutex_; // guards disks_; outermost
+    mutable std::mutex mutex_; // guards disks_; after the daemon's describe_, before all of the hosted kernel's
     std::deque<Disk> disks_;   // the disks themselves, their number and `seen` need no lock
 };
 

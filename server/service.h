@@ -16,8 +16,9 @@ namespace quendreld
 constexpr const char* ended_well = "ok\n";
 
 // Serves until SIGTERM, SIGINT, SIGQUIT or SIGHUP, then ends the daemon and leaves RUN/ended behind. `ready` is called
-// once, when clients can come; a service manager is told by itself. The result is the process's exit status: 0, or 1 when something accepted may not be on
-// its disk. To be called while the process has one thread. Throws std::exception when the daemon cannot be made.
+// once, when clients can come; a service manager is told by itself. The result is the process's exit status: 0, or 1 when
+// something accepted may not be on its disk. To be called while the process has one thread, with the lock of `run` held,
+// which outlives the call. Throws std::exception when the daemon cannot be made.
 int run_service(const Config& config, const RunDir& run, const std::function<void()>& ready);
 
 } // namespace quendreld
