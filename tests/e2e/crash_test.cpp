@@ -116,13 +116,17 @@ TEST_P(KilledDaemon, WithTheMachinesPowerCutTheImageStillHoldsEveryFlushedWrite)
         GTEST_SKIP() << reason;
     LossyFile file(scratch / "store", 64 * MiB);
     Serving serving({file.path()}, scratch / "run", GetParam());
-    for (unsigned round = 0; round < 3; ++round) {
+    // A round in which every write happened to be durable when the daemon was killed shows nothing.
+    unsigned telling_rounds = 0;
+    for (unsigned round = 0; telling_rounds < 3; ++round) {
+        ASSERT_LT(round, 20u) << "nothing is ever lost, so nothing is shown";
         NbdWriters writers(serving.nbd(), MiB, blocks, 4);
         ASSERT_TRUE(writers.goes_on(20));
         serving.kill_it();
         writers.stop();
         EXPECT_GT(writers.promised(), 300u);
-        EXPECT_GT(file.cut_power(round), 0u) << "nothing was lost, so nothing is shown";
+        if (file.cut_power(round) > 0)
+            ++telling_rounds;
         ASSERT_EQ(writers.complaint(file.path()), "");
         std::vector<std::string> words{Serving::program(), file.path(), "--run-dir", scratch / "run"};
         words.insert(words.end(), GetParam().begin(), GetParam().end());
