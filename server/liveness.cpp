@@ -11,7 +11,7 @@ Liveness::Liveness(const std::vector<ServedDisk*>& disks, std::function<void(std
 {
     for (ServedDisk* disk : disks) {
         auto probe = std::make_unique<Probe>();
-        probe->disk = disk;
+        probe->served = disk;
         probe->bytes = probe->sector.size();
         probe->data = probe->sector.data();
         probe->done = [](IoRequest* r, int) {
@@ -29,7 +29,7 @@ bool Liveness::look()
         all = all && answered;
         if (probe->sent && answered == probe->missed) {
             probe->missed = !answered;
-            report_(probe->disk->name() + (answered
+            report_(probe->served->name() + (answered
                                                ? ": answers again"
                                                : ": has not answered a read; if that lasts, the service manager is "
                                                  "left to end this daemon and start another"));
@@ -38,7 +38,7 @@ bool Liveness::look()
             continue;
         probe->sent = true;
         probe->answered.store(false, std::memory_order_relaxed);
-        probe->disk->submit(probe.get());
+        probe->served->submit(probe.get());
     }
     return all;
 }

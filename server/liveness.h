@@ -31,7 +31,7 @@ class Liveness
 
   private:
     struct Probe : IoRequest {
-        ServedDisk* disk = nullptr;
+        ServedDisk* served = nullptr;
         std::atomic<bool> answered = false;
         bool sent = false, missed = false;
         std::array<std::byte, 512> sector = {};

@@ -21,25 +21,14 @@ constexpr std::uint64_t description_bytes = 136 << 10;
 void end(IoRequest* r, int error)
 {
     if (r->describes)
-        r->describes->describe_anew();
+        r->disk->describe_anew();
     r->done(r, error);
 }
-
-void whole_done(GuestRequest* guest, int error) { end(static_cast<IoRequest*>(guest->context), error); }
 
 void drop_part(IoRequest* r)
 {
     if (r->parts.fetch_sub(1) == 1)
         end(r, r->error.load());
-}
-
-void part_done(GuestRequest* guest, int error)
-{
-    auto* r = static_cast<IoRequest*>(guest->context);
-    delete guest;
-    if (error)
-        r->error.store(error);
-    drop_part(r);
 }
 
 struct Waiting : IoRequest {
@@ -71,6 +60,7 @@ void ServedDisk::set_table(const hosted::PartitionTable& table)
 {
     disk_->set_partitions(table.partitions);
     set_borders(table);
+    disk_->new_edition();
 }
 
 void ServedDisk::describe_anew()
@@ -89,13 +79,18 @@ void ServedDisk::submit(IoRequest* r)
     if (r->bytes == 0 && r->op != Op::flush)
         return r->done(r, 0);
 
+    r->disk = this;
+    send(r);
+}
+
+void ServedDisk::send(IoRequest* r)
+{
+    const u32 edition = disk_->edition(); // before the borders are looked at
     const Borders::Neighbours borders = borders_.around(r->offset);
     const std::uint64_t end = r->offset + r->bytes;
-    r->describes = nullptr;
-    if (r->op != Op::read && r->op != Op::flush &&
-        (r->offset - borders.below < description_bytes || end > borders.above || size_ - end < description_bytes))
-        r->describes = this;
-
+    r->describes = r->op != Op::read && r->op != Op::flush &&
+                   (r->offset - borders.below < description_bytes || end > borders.above ||
+                    size_ - end < description_bytes);
     if (r->op == Op::flush || end <= borders.above) {
         r->guest = GuestRequest{};
         r->guest.op = r->op;
@@ -104,32 +99,61 @@ void ServedDisk::submit(IoRequest* r)
         r->guest.offset = r->offset;
         r->guest.bytes = r->bytes;
         r->guest.data = r->data;
+        r->guest.edition = r->op == Op::flush ? 0 : edition;
         r->guest.done = whole_done;
         r->guest.context = r;
         return disk_->submit(&r->guest);
     }
-
     r->error.store(0);
     r->parts.store(1); // this function's own
-    for (std::uint64_t at = r->offset; at < end;) {
-        const std::uint64_t to = std::min(end, borders_.around(at).above);
+    send_parts(r, r->offset, end);
+    drop_part(r);
+}
+
+void ServedDisk::send_parts(IoRequest* r, std::uint64_t from, std::uint64_t to)
+{
+    while (from < to) {
+        const u32 edition = disk_->edition();
+        const std::uint64_t border = std::min(to, borders_.around(from).above);
         auto* part = new (std::nothrow) GuestRequest;
         if (!part) {
             r->error.store(-ENOMEM);
-            break;
+            return;
         }
         part->op = r->op;
         part->fua = r->fua;
         part->may_unmap = r->may_unmap;
-        part->offset = at;
-        part->bytes = to - at;
-        part->data = r->data ? r->data + (at - r->offset) : nullptr;
+        part->offset = from;
+        part->bytes = border - from;
+        part->data = r->data ? r->data + (from - r->offset) : nullptr;
+        part->edition = edition;
         part->done = part_done;
         part->context = r;
         r->parts.fetch_add(1);
         disk_->submit(part);
-        at = to;
+        from = border;
     }
+}
+
+void ServedDisk::whole_done(GuestRequest* guest, int error)
+{
+    auto* r = static_cast<IoRequest*>(guest->context);
+    if (guest->outdated)
+        r->disk->send(r);
+    else
+        end(r, error);
+}
+
+void ServedDisk::part_done(GuestRequest* guest, int error)
+{
+    auto* r = static_cast<IoRequest*>(guest->context);
+    const std::uint64_t from = guest->offset, to = from + guest->bytes;
+    const bool outdated = guest->outdated;
+    delete guest;
+    if (outdated)
+        r->disk->send_parts(r, from, to);
+    else if (error)
+        r->error.store(error);
     drop_part(r);
 }
 

@@ -3,7 +3,7 @@
 //
 // A request that reaches over the border of a partition is cut there before it enters the disk's queue: whoever
 // watches the queue assigns a request to the partition its first sector lies in, and on a machine whose partitions
-// are devices of their own no request ever crosses a border.
+// are devices of their own no request ever crosses a border. One that was cut while the borders changed is cut again.
 //
 // A change of what describes the disk (its tables, the first blocks of its file systems) is noticed: before such a
 // request is answered, the disk counts it.
@@ -36,7 +36,8 @@ struct IoRequest {
     hosted::GuestRequest guest;
     std::atomic<unsigned> parts = 0;
     std::atomic<int> error = 0;
-    class ServedDisk* describes = nullptr; // a change of what describes this disk
+    class ServedDisk* disk = nullptr;
+    bool describes = false; // a change of what describes the disk
 };
 
 class ServedDisk
@@ -73,6 +74,10 @@ class ServedDisk
   private:
     bool inside(std::uint64_t offset, std::uint64_t bytes) const { return offset <= size_ && bytes <= size_ - offset; }
     void set_borders(const hosted::PartitionTable& table);
+    void send(IoRequest* r);
+    void send_parts(IoRequest* r, std::uint64_t from, std::uint64_t to);
+    static void whole_done(hosted::GuestRequest* guest, int error);
+    static void part_done(hosted::GuestRequest* guest, int error);
 
     std::shared_ptr<hosted::Disk> disk_;
     std::uint64_t size_;

@@ -116,6 +116,12 @@ class DiskImpl final : public Disk, public std::enable_shared_from_this<DiskImpl
     kdev_t device(u32 partition) const override;
     std::vector<PartitionSpec> partitions() const override;
     void set_partitions(std::vector<PartitionSpec> partitions) override;
+    u32 edition() const override { return edition_.load(); }
+    void new_edition() override
+    {
+        if (edition_.fetch_add(1) + 1 == 0)
+            edition_.fetch_add(1);
+    }
     Store& store() override { return *store_; }
     request_queue* queue() override { return &queue_; }
     void submit(GuestRequest* r, u32 partition) noexcept override;
@@ -139,7 +145,7 @@ class DiskImpl final : public Disk, public std::enable_shared_from_this<DiskImpl
   private:
     struct Guest; // in GuestRequest::reserved
     bool held(const GuestRequest& r) const; // door_mutex_ is held
-    bool enter(GuestRequest* r);            // false: it lies before the door
+    bool enter(GuestRequest* r);            // false: it lies before the door, or is done
     void send(GuestRequest* r);
     GuestRequest* take_free();
     void porter();
@@ -155,6 +161,7 @@ class DiskImpl final : public Disk, public std::enable_shared_from_this<DiskImpl
     std::unique_ptr<Store> store_;
     mutable std::mutex partitions_mutex_; // guards partitions_ and changes of the slots; before the block device table's
     std::vector<PartitionSpec> partitions_;
+    std::atomic<u32> edition_{1};
     request_queue queue_;
     gendisk gendisk_;
     std::vector<std::atomic<block_device*>> bdevs_; // by partition index; null: never was there

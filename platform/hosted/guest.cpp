@@ -78,6 +78,13 @@ bool DiskImpl::enter(GuestRequest* r)
     Guest& g = Guest::of(r);
     g.epoch = epoch_.load() & 1;
     inside_[g.epoch].fetch_add(1);
+    // Only now: one that was cut by partitions of before is seen here, or waited for by the next closing of the door.
+    if (__builtin_expect(r->edition != 0 && r->edition != edition_.load(), 0)) {
+        leave(g.epoch);
+        r->outdated = true; // a host's file may answer ESTALE, too
+        r->done(r, -ESTALE);
+        return false;
+    }
     if (__builtin_expect(doors_closed_.load() == 0, 1) || r->op == Op::flush)
         return true;
     std::lock_guard lock(door_mutex_);

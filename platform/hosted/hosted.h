@@ -132,10 +132,12 @@ struct GuestRequest {
     std::uint64_t offset = 0;  // bytes from the start of the device it is sent to; a multiple of 512
     std::uint64_t bytes = 0;   // a multiple of 512; 0 for flush
     std::byte* data = nullptr; // read and write
+    u32 edition = 0;           // Disk::edition() before the partitions were looked at for it; 0: they do not matter
     // 0 or a negative errno; from any thread, or before submit returns. A store's own thread may call it, so it must
     // not wait for other requests; submitting a write may wait (the driver's hook sleeps) and belongs on another thread.
     void (*done)(GuestRequest* r, int error) = nullptr;
     void* context = nullptr;
+    bool outdated = false; // in done: it came too late for its edition
     // owned by the hosted kernel from submit to done
     std::uint64_t reserved[4] = {};
 };
@@ -156,6 +158,10 @@ class Disk
     // std::invalid_argument, and changes nothing, when one has no device number or does not lie on the disk. Whoever
     // knows that a file system's or a partition's place has changed tells the driver, by device_changed.
     virtual void set_partitions(std::vector<PartitionSpec> partitions) = 0;
+    // Whoever cuts requests at the borders of partitions numbers them by the edition of those. One of an earlier edition
+    // than the disk's is outdated: it ends with an error and has done nothing. It is to be cut again.
+    virtual u32 edition() const = 0;
+    virtual void new_edition() = 0; // the partitions have changed, and whoever looks at them from now on sees that
     virtual Store& store() = 0;
     virtual request_queue* queue() = 0;
 

@@ -52,6 +52,25 @@ TEST(Partitions, ATableThatDoesNotFitTheDiskChangesNothing)
     EXPECT_EQ(rig.disk->partitions(), (std::vector<PartitionSpec>{{1, 2048, 2048}}));
 }
 
+TEST(Partitions, ARequestThatWasCutForAnEarlierTableIsOutdatedAndDoesNothing)
+{
+    MemoryDisk rig(8 * mebibyte);
+    std::vector<std::byte> data = sector('o');
+    GuestRequest r;
+    r.op = Op::write;
+    r.bytes = 512;
+    r.data = data.data();
+    r.edition = rig.disk->edition();
+    rig.disk->new_edition();
+    int result = 1;
+    r.context = &result;
+    r.done = [](GuestRequest* done, int error) { *static_cast<int*>(done->context) = error; };
+    rig.disk->submit(&r);
+    EXPECT_EQ(result, -ESTALE);
+    EXPECT_TRUE(r.outdated);
+    EXPECT_EQ(memory_store_bytes(rig.disk->store())[0], std::byte(0));
+}
+
 TEST(Partitions, OneThatStaysIsFoundAtEveryMomentWhileOthersMove)
 {
     MemoryDisk rig(8 * mebibyte, {{1, 2048, 2048}, {2, 8192, 1024}});

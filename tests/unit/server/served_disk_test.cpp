@@ -155,4 +155,51 @@ TEST_F(ServedDiskTest, WithAnotherTableWritesAreCutAtItsBorders)
     EXPECT_EQ(disk->partitions(), (std::vector<hosted::PartitionSpec>{{1, 4096, 2048}}));
 }
 
+// Of a write that waits at the disk's door while the table changes. The probe sees it only behind the door.
+struct WaitingAtTheDoor : ServedDiskTest {
+    void write_over_a_new_border(std::uint64_t offset, std::uint64_t size, sector_type border)
+    {
+        ServedDisk served(disk);
+        std::vector<std::byte> data(size, std::byte{0x5a});
+        struct Done : IoRequest {
+            std::atomic<bool> ended = false;
+            int result = 1;
+        } r;
+        r.op = Op::write;
+        r.offset = offset;
+        r.bytes = size;
+        r.data = data.data();
+        r.done = [](IoRequest* done, int error) {
+            auto* one = static_cast<Done*>(done);
+            one->result = error;
+            one->ended.store(true);
+            one->ended.notify_one();
+        };
+        {
+            const hosted::ClosedDoors closed;
+            served.submit(&r);
+            served.set_table({{{1, border, 512}}, {}, {}});
+            ASSERT_TRUE(writes.empty());
+        }
+        r.ended.wait(false);
+        EXPECT_EQ(r.result, 0);
+        for (const auto& [sector, written] : writes)
+            EXPECT_FALSE(sector < border && sector + written / 512 > border)
+                << "a bio of " << written << " bytes at " << sector << " reaches over " << border;
+        EXPECT_EQ(std::memcmp(bytes().data() + offset, data.data(), size), 0);
+        EXPECT_EQ(bytes()[offset - 1], std::byte{0});
+        EXPECT_EQ(bytes()[offset + size], std::byte{0});
+    }
+};
+
+TEST_F(WaitingAtTheDoor, AWriteIsCutAtTheBordersThatAreThereWhenItGoesOn)
+{
+    write_over_a_new_border(6 * MiB + 4096, 65536, 6 * 2048 + 16);
+}
+
+TEST_F(WaitingAtTheDoor, TheRestOfAWriteThatWasCutBeforeIsToo)
+{
+    write_over_a_new_border(6 * MiB - 4096, 65536, 6 * 2048 + 16);
+}
+
 } // namespace
