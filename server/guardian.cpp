@@ -147,8 +147,10 @@ int Guardian::ask(unsigned operation, unsigned& id, int fd)
     std::lock_guard lock(mutex_);
     Message message{operation, id, 0};
     base::Descriptor none;
-    if (send(socket_.get(), message, fd) != 0 || receive(socket_.get(), message, none) != 0)
+    if (send(socket_.get(), message, fd) != 0)
         return -EPIPE;
+    if (receive(socket_.get(), message, none) != 0)
+        return -ECONNRESET;
     id = message.id;
     return message.result;
 }

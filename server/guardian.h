@@ -26,7 +26,8 @@ class Guardian
     explicit Guardian(base::Descriptor socket) : socket_(std::move(socket)) {}
 
     // Freezes the file system that an open directory lies in; the guardian keeps it open until the thaw. 0 or a negative
-    // errno: -EBUSY when it is frozen already (and is left so), -EPIPE when the guardian is gone.
+    // errno: -EBUSY when it is frozen already (and is left so), -EPIPE when the guardian is gone, -ECONNRESET when it
+    // went with the question, which it may have acted on.
     int freeze(int directory, unsigned& id);
     int thaw(unsigned id); // what freeze answered with id
 

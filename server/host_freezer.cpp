@@ -3,6 +3,9 @@
 
 #include "host_mounts.h"
 
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+
 #include <cerrno>
 #include <cstring>
 
@@ -20,24 +23,30 @@ bool HostFreezer::present() { return mount_point_at(file_, start_).has_value(); 
 bool HostFreezer::freeze()
 {
     std::lock_guard lock(mutex_);
-    const auto mounted = open_mount_at(file_, start_);
+    auto mounted = open_mount_at(file_, start_);
     if (!mounted) {
         const auto point = mount_point_at(file_, start_);
         report_("freeze: the file system at sector " + std::to_string(start_) + " of " + file_ +
-                (point ? " is mounted on " + *point + ", where something else is found; unmount what covers it"
+                (point ? " is mounted on " + *point +
+                             ", where it cannot be reached (mostly something else is mounted over it; unmount that)"
                        : " was unmounted meanwhile; try again"));
         return false;
     }
     mounted_at_ = mounted->point;
     since_ = std::chrono::steady_clock::now();
-    const int error = guardian_->freeze(mounted->directory.get(), frozen_);
+    directory_ = std::move(mounted->directory);
+    const int error = guardian_->freeze(directory_.get(), frozen_);
     if (error == 0)
         return true;
+    if (error == -ECONNRESET)
+        ::ioctl(directory_.get(), FITHAW, 0);
     frozen_ = 0;
+    directory_.reset();
+    const bool gone = error == -EPIPE || error == -ECONNRESET;
     report_("freeze: " + mounted_at_ + ": " +
-            (error == -EBUSY   ? "frozen already by somebody else; thaw it first (fsfreeze --unfreeze)"
-             : error == -EPIPE ? "the guardian process is gone; restart the daemon"
-                               : std::strerror(-error)));
+            (error == -EBUSY ? "frozen already by somebody else; thaw it first (fsfreeze --unfreeze)"
+             : gone          ? "the guardian process is gone; restart the daemon"
+                             : std::strerror(-error)));
     return false;
 }
 
@@ -46,8 +55,13 @@ void HostFreezer::thaw()
     std::lock_guard lock(mutex_);
     if (!frozen_)
         return;
-    const int error = guardian_->thaw(frozen_);
+    int error = guardian_->thaw(frozen_);
+    if (error == -EPIPE || error == -ECONNRESET) {
+        report_("thaw: " + mounted_at_ + ": the guardian process is gone; thawed without it; restart the daemon");
+        error = ::ioctl(directory_.get(), FITHAW, 0) == 0 ? 0 : -errno;
+    }
     frozen_ = 0;
+    directory_.reset();
     // -EINVAL: somebody thawed it already, which makes the copy less consistent, but nothing is stuck.
     if (error)
         return report_("thaw: " + mounted_at_ + ": " + std::strerror(-error));

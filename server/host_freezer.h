@@ -33,6 +33,7 @@ class HostFreezer final : public hosted::Freezer
     const std::function<void(std::string_view)> report_;
     std::mutex mutex_; // guards what is below; before the guardian's
     std::string mounted_at_;
+    base::Descriptor directory_; // there, while it is frozen: should the guardian go, this process thaws
     std::chrono::steady_clock::time_point since_; // the freeze was asked for
     unsigned frozen_ = 0;                         // the guardian's id, 0: not frozen
 };

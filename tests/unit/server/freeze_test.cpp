@@ -83,7 +83,8 @@ TEST_F(MountedPartition, WhatIsMountedOverItIsNotFrozenInItsPlace)
     must_run({"mkfs.ext4", "-q", other});
     must_run({"mount", "-o", "loop", other, mnt});
     EXPECT_EQ(snapshot(), QUENDREL_REFUSED);
-    EXPECT_TRUE(log_has(" is mounted on " + mnt + ", where something else is found; unmount what covers it\n"))
+    EXPECT_TRUE(log_has(" is mounted on " + mnt +
+                        ", where it cannot be reached (mostly something else is mounted over it; unmount that)\n"))
         << serving->log();
     EXPECT_EQ(serving->log().find("frozen for"), std::string::npos);
     must_run({"umount", mnt});

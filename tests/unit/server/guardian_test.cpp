@@ -2,6 +2,7 @@
 // Freezing through the guardian, on a file system that is mounted here through a loop device.
 #include "guardian.h"
 
+#include "host_freezer.h"
 #include "host_mounts.h"
 
 #include <fcntl.h>
@@ -64,6 +65,14 @@ struct GuardianTest : testing::Test {
         const base::Descriptor directory(::open(point.c_str(), O_RDONLY | O_DIRECTORY));
         return guardian.freeze(directory.get(), id);
     }
+    // Opening a file for writing waits for as long as the file system is frozen.
+    bool writable_soon() const
+    {
+        auto written = std::async(std::launch::async, [this] { std::ofstream(point + "/file") << "x"; });
+        const bool soon = written.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+        EXPECT_EQ(thaw_by_hand(), !soon);
+        return soon;
+    }
     // FITHAW of a file system that is not frozen is an error.
     bool thaw_by_hand() const
     {
@@ -100,62 +109,93 @@ TEST_F(GuardianTest, AForeignFreezeIsBusyAndIsLeftAsItIs)
     ::close(fd);
 }
 
+// A process of its own, at the head of its group, that has a guardian freeze the file system and then waits.
+class FreezingDaemon
+{
+  public:
+    explicit FreezingDaemon(const GuardianTest& test)
+    {
+        int pipe[2];
+        if (::pipe(pipe) != 0)
+            return;
+        pipe_ = base::Descriptor(pipe[0]);
+        base::Descriptor other_end(pipe[1]);
+        process_ = ::fork();
+        if (process_ == 0) {
+            ::setpgid(0, 0);
+            Guardian guardian(start_guardian());
+            unsigned id = 0;
+            const char result = test.freeze(guardian, id) == 0 ? 'f' : 'x';
+            [[maybe_unused]] const auto written = ::write(other_end.get(), &result, 1);
+            ::pause();
+            ::_exit(0);
+        }
+        other_end.reset();
+        char result = 0;
+        frozen_ = ::read(pipe_.get(), &result, 1) == 1 && result == 'f';
+    }
+    bool frozen() const { return frozen_; }
+    void end_group(int signal) { end(-process_, signal); }
+    void end_alone(int signal) { end(process_, signal); }
+    // Of the pipe that it inherited nothing is left, in whatever process.
+    bool holds_nothing() const
+    {
+        char result;
+        return ::read(pipe_.get(), &result, 1) == 0;
+    }
+
+  private:
+    void end(pid_t whom, int signal)
+    {
+        ::kill(whom, signal);
+        ::waitpid(process_, nullptr, 0);
+    }
+    base::Descriptor pipe_;
+    pid_t process_ = -1;
+    bool frozen_ = false;
+};
+
 TEST_F(GuardianTest, ThawsWhenItsDaemonIsKilledWhileFrozen)
 {
-    int pipe[2];
-    ASSERT_EQ(::pipe(pipe), 0);
-    const pid_t daemon = ::fork();
-    if (daemon == 0) {
-        Guardian guardian(start_guardian());
-        unsigned id = 0;
-        const char result = freeze(guardian, id) == 0 ? 'f' : 'x';
-        [[maybe_unused]] const auto written = ::write(pipe[1], &result, 1);
-        ::pause();
-        ::_exit(0);
-    }
-    char result = 0;
-    ASSERT_EQ(::read(pipe[0], &result, 1), 1);
-    ASSERT_EQ(result, 'f');
-    ::kill(daemon, SIGKILL);
-    ::waitpid(daemon, nullptr, 0);
-    // Opening a file for writing waits for as long as the file system is frozen.
-    const auto begin = std::chrono::steady_clock::now();
-    std::ofstream(point + "/file") << "x";
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
-    EXPECT_FALSE(thaw_by_hand());
-    // The guardian held nothing else open: the pipe ends with the daemon.
-    ::close(pipe[1]);
-    EXPECT_EQ(::read(pipe[0], &result, 1), 0);
-    ::close(pipe[0]);
+    FreezingDaemon daemon(*this);
+    ASSERT_TRUE(daemon.frozen());
+    daemon.end_alone(SIGKILL);
+    EXPECT_TRUE(writable_soon());
+    EXPECT_TRUE(daemon.holds_nothing());
 }
 
+// What a service manager sends to a service that does not answer; then it waits for the whole group to end.
 TEST_F(GuardianTest, OutlivesTheSignalThatEndsItsDaemonsWholeGroup)
 {
-    int pipe[2];
-    ASSERT_EQ(::pipe(pipe), 0);
-    const pid_t daemon = ::fork();
-    if (daemon == 0) {
-        ::setpgid(0, 0);
-        Guardian guardian(start_guardian());
-        unsigned id = 0;
-        const char result = freeze(guardian, id) == 0 ? 'f' : 'x';
-        [[maybe_unused]] const auto written = ::write(pipe[1], &result, 1);
-        ::pause();
-        ::_exit(0);
-    }
-    char result = 0;
-    ASSERT_EQ(::read(pipe[0], &result, 1), 1);
-    ASSERT_EQ(result, 'f');
-    // What a service manager sends to a service that does not answer; then it waits for the whole group to end.
-    ::kill(-daemon, SIGABRT);
-    ::waitpid(daemon, nullptr, 0);
-    // Opening a file for writing waits for as long as the file system is frozen.
-    auto written = std::async(std::launch::async, [this] { std::ofstream(point + "/file") << "x"; });
-    const bool thawed = written.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
-    EXPECT_TRUE(thawed);
-    EXPECT_EQ(thaw_by_hand(), !thawed);
-    ::close(pipe[0]);
-    ::close(pipe[1]);
+    FreezingDaemon daemon(*this);
+    ASSERT_TRUE(daemon.frozen());
+    daemon.end_group(SIGABRT);
+    EXPECT_TRUE(writable_soon());
+}
+
+TEST_F(GuardianTest, IsNotNeededToThawWhatItFroze)
+{
+    auto guardian = std::make_shared<Guardian>(start_guardian());
+    std::string log;
+    HostFreezer freezer(guardian, image, 0, [&](std::string_view line) { log += std::string(line) + "\n"; });
+    ASSERT_TRUE(freezer.freeze()) << log;
+    std::ifstream children("/proc/thread-self/children");
+    pid_t process = 0;
+    while (children >> process) // the last is the newest
+        ;
+    ASSERT_GT(process, 0);
+    // It thaws when its socket ends, but not when it is killed.
+    ::kill(process, SIGKILL);
+    ::waitpid(process, nullptr, 0);
+    freezer.thaw();
+    EXPECT_TRUE(writable_soon());
+    EXPECT_EQ(log.find("thaw: " + point + ": the guardian process is gone; thawed without it; restart the daemon\n" + point +
+                       ": frozen for "),
+              0u)
+        << log;
+    log.clear();
+    EXPECT_FALSE(freezer.freeze());
+    EXPECT_EQ(log, "freeze: " + point + ": the guardian process is gone; restart the daemon\n");
 }
 
 TEST(HostMounts, AFileWithoutLoopDeviceHasNoMount)
