@@ -5,9 +5,11 @@
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/vfs.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -45,6 +47,23 @@ std::optional<FileSystemRecord> file_system_of(const ordered& from)
     return FileSystemRecord{from.at("type"), from.at("blockSize")};
 }
 
+// Whether somebody has a file locked exclusively, for those who may not open it: what the kernel lets everybody read.
+bool is_locked(const std::string& path)
+{
+    struct stat status;
+    if (::stat(path.c_str(), &status) != 0)
+        return false;
+    char place[64];
+    std::snprintf(place, sizeof place, " %02x:%02x:%llu ", major(status.st_dev), minor(status.st_dev),
+                  static_cast<unsigned long long>(status.st_ino));
+    std::ifstream in("/proc/locks");
+    for (std::string line; std::getline(in, line);)
+        if (line.find(" FLOCK ") != std::string::npos && line.find(" WRITE ") != std::string::npos &&
+            line.find(place) != std::string::npos)
+            return true;
+    return false;
+}
+
 } // namespace
 
 RunDir::RunDir(std::string path, Missing missing) : path_(std::move(path))
@@ -74,10 +93,10 @@ RunDir::RunDir(std::string path, Missing missing) : path_(std::move(path))
 
 base::Descriptor RunDir::take() const
 {
-    base::Descriptor fd(::open(here(lock()).c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, 0644));
+    base::Descriptor fd(::open(here(lock()).c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, 0600));
     if (!fd)
         throw std::system_error(errno, std::generic_category(), lock() + ": cannot open the lock");
-    ::fchmod(fd.get(), 0644); // who may not open it could not tell that we live
+    ::fchmod(fd.get(), 0600); // who could open it could lock it
     // Whoever asks whether a daemon lives holds it for a moment.
     int locked = ::flock(fd.get(), LOCK_EX | LOCK_NB);
     for (int again = 0; locked != 0 && errno == EWOULDBLOCK && again < 10; ++again) {
@@ -97,6 +116,8 @@ base::Descriptor RunDir::take() const
 bool RunDir::taken() const
 {
     base::Descriptor fd(::open(here(lock()).c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd && errno == EACCES)
+        return is_locked(here(lock()));
     return fd && ::flock(fd.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 

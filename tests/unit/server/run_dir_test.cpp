@@ -2,11 +2,17 @@
 // The run directory: its lock and the description of the disks.
 #include "run_dir.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
+#include <thread>
 
 namespace
 {
@@ -85,6 +91,44 @@ TEST_F(RunDirTest, IsFreeAgainWhenTheLockIsGone)
     run.take();
     EXPECT_FALSE(run.taken());
     EXPECT_NO_THROW(run.take());
+}
+
+TEST_F(RunDirTest, WhoeverJustAsksWhetherItIsTakenIsWaitedFor)
+{
+    const RunDir run(scratch + "/run", RunDir::Missing::is_made);
+    run.take();
+    base::Descriptor asking(::open(run.lock().c_str(), O_RDONLY));
+    ASSERT_EQ(::flock(asking.get(), LOCK_SH), 0);
+    std::thread soon_done([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        asking.reset();
+    });
+    EXPECT_NO_THROW(run.take());
+    soon_done.join();
+}
+
+TEST_F(RunDirTest, WhoMayNotOpenItsLockIsToldByTheKernelWhetherItIsTaken)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root, to be somebody else";
+    ASSERT_EQ(::chmod(scratch.c_str(), 0755), 0);
+    const RunDir run(scratch + "/run", RunDir::Missing::is_made);
+    const auto as_somebody_else = [&] {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            if (::setgid(65534) != 0 || ::setuid(65534) != 0 || ::open(run.lock().c_str(), O_RDONLY) >= 0)
+                ::_exit(2);
+            ::_exit(RunDir(run.path()).taken() ? 1 : 0);
+        }
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        return WEXITSTATUS(status);
+    };
+    {
+        const base::Descriptor lock = run.take();
+        EXPECT_EQ(as_somebody_else(), 1);
+    }
+    EXPECT_EQ(as_somebody_else(), 0);
 }
 
 TEST_F(RunDirTest, StaleSocketsAndDescriptionAreRemoved)
