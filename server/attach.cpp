@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "attach.h"
 
+#include "loop_partitions.h"
+
 #include <fcntl.h>
-#include <linux/blkpg.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -25,16 +25,6 @@ namespace
 [[noreturn]] void fail(const std::string& what, int error)
 {
     throw std::runtime_error(what + ": " + std::strerror(error));
-}
-
-int partition_ioctl(int fd, int operation, unsigned number, std::uint64_t start = 0, std::uint64_t sectors = 0)
-{
-    blkpg_partition part{};
-    part.pno = int(number);
-    part.start = static_cast<long long>(start * 512);
-    part.length = static_cast<long long>(sectors * 512);
-    blkpg_ioctl_arg argument{operation, 0, sizeof part, &part};
-    return ::ioctl(fd, BLKPG, &argument) == 0 ? 0 : -errno;
 }
 
 // devtmpfs makes nodes at once and udev a little later; where neither runs the node is made here.
@@ -87,91 +77,7 @@ std::string swap_or_holder(const HostDevice& device)
     return {};
 }
 
-bool has_partition(const std::string& file, unsigned number, const PartitionRecord& part)
-{
-    for (const HostLoop& loop : loops_over(file))
-        for (const HostDevice& device : loop.devices)
-            if (device.partition == number && device.start == part.start && device.sectors == part.sectors)
-                return true;
-    return false;
-}
-
-// Adds a partition to a loop device that was just bound. What the device was before may have left partitions, which go
-// when the last user of them does.
-int add_partition(int loop, const DiskRecord& disk, const PartitionRecord& part)
-{
-    const unsigned number = part.minor - disk.minor;
-    for (int tries = 0;; ++tries) {
-        const int error = partition_ioctl(loop, BLKPG_ADD_PARTITION, number, part.start, part.sectors);
-        if (error != -EBUSY || has_partition(disk.file, number, part))
-            return error == -EBUSY ? 0 : error;
-        if (tries == 40)
-            return error;
-        for (const HostLoop& bound : loops_over(disk.file))
-            for (const HostDevice& device : bound.devices)
-                if (device.partition && std::none_of(disk.partitions.begin(), disk.partitions.end(), [&](const auto& p) {
-                        return p.minor - disk.minor == device.partition && p.start == device.start &&
-                               p.sectors == device.sectors;
-                    }))
-                    partition_ioctl(loop, BLKPG_DEL_PARTITION, device.partition);
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-}
-
-// A partition that could not be taken away, or put there.
-std::string not_followed(const HostLoop& loop, unsigned partition, int error)
-{
-    return loop.node + "p" + std::to_string(partition) + " does not follow the partition table: " +
-           (error == -EBUSY ? "it is in use; detach the disk and attach it again when it is not"
-                            : std::strerror(-error));
-}
-
 } // namespace
-
-std::vector<std::string> follow_table(const DiskRecord& disk)
-{
-    std::vector<std::string> problems;
-    if (disk.file.empty())
-        return problems;
-    for (const HostLoop& loop : loops_over(disk.file)) {
-        base::Descriptor fd(::open(loop.node.c_str(), O_RDONLY | O_CLOEXEC));
-        if (!fd) {
-            problems.push_back(loop.node + ": cannot open: " + std::strerror(errno));
-            continue;
-        }
-        std::vector<unsigned> there;
-        for (const HostDevice& device : loop.devices) {
-            if (device.partition == 0)
-                continue;
-            const auto same = std::find_if(disk.partitions.begin(), disk.partitions.end(), [&](const auto& part) {
-                return part.minor - disk.minor == device.partition && part.start == device.start;
-            });
-            int error = 0;
-            if (same != disk.partitions.end() && same->sectors == device.sectors) {
-                there.push_back(device.partition);
-            } else if (same != disk.partitions.end() &&
-                       partition_ioctl(fd.get(), BLKPG_RESIZE_PARTITION, device.partition, same->start,
-                                       same->sectors) == 0) {
-                there.push_back(device.partition); // a partition that is in use may grow
-            } else if ((error = partition_ioctl(fd.get(), BLKPG_DEL_PARTITION, device.partition)) != 0 &&
-                       error != -ENXIO) {
-                problems.push_back(not_followed(loop, device.partition, error));
-                there.push_back(device.partition);
-            }
-        }
-        for (const PartitionRecord& part : disk.partitions) {
-            const unsigned number = part.minor - disk.minor;
-            if (std::find(there.begin(), there.end(), number) != there.end())
-                continue;
-            int error = partition_ioctl(fd.get(), BLKPG_ADD_PARTITION, number, part.start, part.sectors);
-            if (error == -EBUSY && has_partition(disk.file, number, part)) // whoever changed the table has added it
-                error = 0;
-            if (error)
-                problems.push_back(not_followed(loop, number, error));
-        }
-    }
-    return problems;
-}
 
 HostLoop attach_disk(const DiskRecord& disk, bool read_only)
 {
@@ -187,11 +93,11 @@ HostLoop attach_disk(const DiskRecord& disk, bool read_only)
         // Linux 6.1 means to look for partitions when the device is opened next, and takes away those that it knows of. So
         // it is opened before there are any.
         base::Descriptor(::open(node.c_str(), O_RDONLY | O_CLOEXEC));
-        for (const PartitionRecord& part : disk.partitions) {
-            if (const int error = add_partition(loop.get(), disk, part)) {
-                ::ioctl(loop.get(), LOOP_CLR_FD);
-                fail(node + ": cannot add partition " + part.name, -error);
-            }
+        try {
+            add_partitions(loop.get(), node, disk);
+        } catch (...) {
+            ::ioctl(loop.get(), LOOP_CLR_FD);
+            throw;
         }
         loops = loops_over(disk.file);
         if (loops.empty())
@@ -230,16 +136,7 @@ bool detach_disk(const DiskRecord& disk)
         base::Descriptor fd(::open(loop.node.c_str(), O_RDONLY | O_CLOEXEC));
         if (!fd)
             fail(loop.node + ": cannot open", errno);
-        for (const HostDevice& device : loop.devices) {
-            if (device.partition == 0)
-                continue;
-            const int error = partition_ioctl(fd.get(), BLKPG_DEL_PARTITION, device.partition);
-            if (error == -EBUSY)
-                throw std::runtime_error(disk.name + ": " + device.node +
-                                         " is in use (open, or mounted in another mount namespace)");
-            if (error && error != -ENXIO)
-                fail(device.node + ": cannot remove the partition", -error);
-        }
+        remove_partitions(fd.get(), loop, disk.name);
         ::fsync(fd.get());
         if (::ioctl(fd.get(), LOOP_CLR_FD) != 0)
             fail(loop.node + ": cannot detach", errno);

@@ -19,10 +19,6 @@ HostLoop attach_disk(const DiskRecord& disk, bool read_only);
 // what uses it; nothing has been changed then. False: it was not attached.
 bool detach_disk(const DiskRecord& disk);
 
-// Gives the loop devices of a disk the partitions that it has now. What could not be done, a line each: a partition in
-// use stays as it was.
-std::vector<std::string> follow_table(const DiskRecord& disk);
-
 // What keeps the disk from being detached: "/dev/loop0p1 is mounted on /mnt; ...".
 std::optional<std::string> users_of_disk(const DiskRecord& disk);
 

@@ -17,6 +17,12 @@ namespace
 
 constexpr unsigned control_major = 120;
 
+// Into the driver's tables.
+bool fits(const ClientMemory::Number& device)
+{
+    return std::all_of(device.begin(), device.end(), [](u32 n) { return n <= 255; });
+}
+
 } // namespace
 
 ControlSession::~ControlSession()
@@ -98,16 +104,18 @@ std::size_t ClientMemory::read(u32 from, void* to, std::size_t bytes)
 
 int ControlSession::command(u32 number, u32 argument)
 {
-    if (observer_ && (number == QUENDREL_GET_BLOCK_SIZE || number == QUENDREL_START_BACKUP))
-        observer_->before_geometry();
-    else if (observer_ && (number == QUENDREL_SNAPSHOT || number == QUENDREL_GET_STATE ||
-                           number == QUENDREL_GET_AUTOMAP_STATE))
-        observer_->before_command();
     if (number == QUENDREL_START_BACKUP)
         return start(argument);
+    if (observer_ && number == QUENDREL_GET_BLOCK_SIZE)
+        if (ClientMemory::Number device; memory_->read(argument, device.data(), sizeof device) == 0 && fits(device))
+            observer_->before_geometry(kdev_make(device[0], device[1]));
+    const bool of_backup =
+        number == QUENDREL_SNAPSHOT || number == QUENDREL_GET_STATE || number == QUENDREL_GET_AUTOMAP_STATE;
+    if (of_backup && backed_up_)
+        observer_->before_command(*backed_up_);
     const int result = file_->ioctl(number, argument);
-    if (observer_ && number == QUENDREL_SNAPSHOT)
-        observer_->after_snapshot();
+    if (number == QUENDREL_SNAPSHOT && backed_up_)
+        observer_->after_snapshot(*backed_up_);
     return result;
 }
 
@@ -119,7 +127,7 @@ int ControlSession::start(u32 record)
     if (alone_ && began_)
         return QUENDREL_BUSY;
     const auto device = memory_->hold_number(record);
-    const bool unfit = device && std::any_of(device->begin(), device->end(), [](u32 n) { return n > 255; });
+    const bool unfit = device && !fits(*device);
     std::optional<kdev_t> observed;
     if (observer_ && device && !unfit && !backed_up_) {
         observed = kdev_make((*device)[0], (*device)[1]);

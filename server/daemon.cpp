@@ -27,8 +27,6 @@ namespace
 {
 
 constexpr auto write_out_patience = std::chrono::seconds(30); // for all of them together
-// Whoever changes a partition table or makes a file system does it in several writes.
-constexpr auto settling = std::chrono::milliseconds(200);
 
 // syncfs on a thread of its own: a file system that is stuck must not keep the daemon from ending.
 bool sync_until(std::chrono::steady_clock::time_point end, const std::string& mount_point)
@@ -100,7 +98,7 @@ Daemon::Daemon(Config config, const RunDir& run, base::Descriptor guardian) : co
             }
         }
 
-        std::vector<DiskContents::Place> places;
+        std::vector<ContentsKeeper::Place> places;
         for (unsigned i = 0; i < disks_.size(); ++i) {
             const std::string& name = disks_[i]->name();
             DiskRecord record;
@@ -114,13 +112,13 @@ Daemon::Daemon(Config config, const RunDir& run, base::Descriptor guardian) : co
             record.sector_bytes = disks_[i]->block_size();
             places.push_back({disks_[i].get(), std::move(record)});
         }
-        contents_ = std::make_unique<DiskContents>(
+        contents_ = std::make_unique<ContentsKeeper>(
             std::move(places), guardian_, [this](std::string_view line) { report(line); }, [this] { try_to_describe(); });
-        contents_->refresh();
-        (void)contents_->take_new_tables(); // no loop device is behind them yet
+        contents_there_.store(contents_.get());
         describe();
+        contents_->start();
         liveness_ = std::make_unique<Liveness>(served, [this](std::string_view line) { report(line); });
-        keeper_ = std::thread([this] { keep(); });
+        herald_ = std::thread([this] { tell_news(); });
 
         // Half of them for NBD, at two a connection; half for the control device, at two for each of twice the clients
         // that are let in.
@@ -201,7 +199,7 @@ void Daemon::add_disks()
         options.flush_failed = [this, name = disk.name](int error) { flush_failed(name, error); };
         disk.store = hosted::open_file_store(image, options);
         disks_.push_back(std::make_unique<ServedDisk>(hosted::add_disk(std::move(disk)), config_.read_only));
-        disks_.back()->set_watcher([this] { described_anew(); });
+        disks_.back()->set_watcher([this, i] { described_anew(i); });
     }
 }
 
@@ -228,13 +226,10 @@ try {
     report(error.what());
 }
 
-void Daemon::described_anew()
+void Daemon::described_anew(unsigned disk)
 {
-    std::lock_guard lock(news_mutex_);
-    if (described_anew_)
-        return;
-    described_anew_ = true;
-    news_came_.notify_all();
+    if (ContentsKeeper* contents = contents_there_.load())
+        contents->described_anew(disk);
 }
 
 void Daemon::flush_failed(const std::string& disk, int error)
@@ -246,32 +241,16 @@ void Daemon::flush_failed(const std::string& disk, int error)
     news_came_.notify_all();
 }
 
-void Daemon::keep()
+void Daemon::tell_news()
 {
     std::unique_lock lock(news_mutex_);
     for (;;) {
-        news_came_.wait(lock, [this] { return flush_failed_ || described_anew_ || keeper_ends_; });
-        if (keeper_ends_)
+        news_came_.wait(lock, [this] { return flush_failed_ || herald_ends_; });
+        if (herald_ends_)
             return;
-        if (std::exchange(flush_failed_, false)) {
-            lock.unlock();
-            try_to_describe();
-            lock.lock();
-            continue;
-        }
-        news_came_.wait_for(lock, settling, [this] { return flush_failed_ || keeper_ends_; });
-        if (flush_failed_ || keeper_ends_)
-            continue;
-        described_anew_ = false;
+        flush_failed_ = false;
         lock.unlock();
-        try {
-            contents_->catch_up();
-            for (const DiskRecord& disk : contents_->take_new_tables())
-                for (const std::string& line : follow_table(disk))
-                    report(line);
-        } catch (const std::exception& error) { // the next client's commands look again
-            report(error.what());
-        }
+        try_to_describe();
         lock.lock();
     }
 }
@@ -328,14 +307,17 @@ std::string Daemon::take_down()
         if (error && !config_.read_only)
             note(disk->name(), ": flush failed: ", std::strerror(-error));
     }
-    if (keeper_.joinable()) {
+    if (herald_.joinable()) {
         {
             std::lock_guard lock(news_mutex_);
-            keeper_ends_ = true;
+            herald_ends_ = true;
         }
         news_came_.notify_all();
-        keeper_.join();
+        herald_.join();
     }
+    contents_there_.store(nullptr);
+    if (contents_)
+        contents_->stop(); // while what they describe is there
     contents_.reset();
     if (driver_loaded_)
         if (const int error = hosted::unload_driver(); error != 0)

@@ -7,7 +7,7 @@
 
 #include "config.h"
 #include "control_server.h"
-#include "disk_contents.h"
+#include "contents_keeper.h"
 #include "fuse_front.h"
 #include "liveness.h"
 #include "log_file.h"
@@ -15,6 +15,7 @@
 #include "run_dir.h"
 #include "served_disk.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -46,9 +47,9 @@ class Daemon
     void make_backup_lock();
     void describe(); // in RUN/disks.json, and to the service manager
     void try_to_describe();
-    void described_anew();
+    void described_anew(unsigned disk);
     void flush_failed(const std::string& disk, int error);
-    void keep();
+    void tell_news();
     void write_out_mounts();
     std::string take_down();
 
@@ -61,16 +62,15 @@ class Daemon
     std::shared_ptr<Guardian> guardian_;
     std::vector<std::unique_ptr<ServedDisk>> disks_;
     bool driver_loaded_ = false;
-    std::mutex describe_; // one writing of the description at a time; before DiskContents' own
-    // Looks at the disks, and describes them, when a thread that must not wait has news of them.
-    std::thread keeper_;
+    std::mutex describe_; // one writing of the description at a time; before the contents' own locks
+    std::thread herald_;  // describes the disks when a thread that must not wait has news of a failed flush
     std::unique_ptr<Liveness> liveness_;
     std::mutex news_mutex_; // guards what follows; innermost
     std::condition_variable news_came_;
     bool flush_failed_ = false;
-    bool described_anew_ = false;
-    bool keeper_ends_ = false;
-    std::unique_ptr<DiskContents> contents_;
+    bool herald_ends_ = false;
+    std::unique_ptr<ContentsKeeper> contents_;
+    std::atomic<ContentsKeeper*> contents_there_ = nullptr; // the same, for the disks' threads, which are there before
     std::unique_ptr<FuseFront> fuse_;
     std::unique_ptr<nbd::Server> nbd_;
     std::unique_ptr<ControlServer> control_;

@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "disk_contents.h"
 
-#include "host_freezer.h"
-
 #include <algorithm>
 #include <exception>
-#include <random>
 #include <tuple>
 #include <utility>
 
@@ -15,15 +12,6 @@ namespace quendreld
 namespace
 {
 
-std::string random_name()
-{
-    std::random_device random;
-    std::string name;
-    for (int i = 0; i < 16; ++i)
-        name += "0123456789abcdef"[random() % 16];
-    return name;
-}
-
 std::string place_of(const hosted::PartitionSpec& part)
 {
     return std::to_string(part.sectors) + " sectors from sector " + std::to_string(part.start) + " on";
@@ -31,112 +19,69 @@ std::string place_of(const hosted::PartitionSpec& part)
 
 } // namespace
 
-DiskContents::DiskContents(std::vector<Place> places, std::shared_ptr<Guardian> guardian,
-                           std::function<void(std::string_view)> report, std::function<void()> changed)
-    : guardian_(std::move(guardian)), report_(std::move(report)), changed_(std::move(changed)), daemon_(random_name())
+DiskContents::DiskContents(ServedDisk& served, DiskRecord record, std::string daemon,
+                           std::shared_ptr<Guardian> guardian, const std::function<void(std::string_view)>& report)
+    : served_(served), daemon_(std::move(daemon)), file_systems_(served, record.file, std::move(guardian), report),
+      report_(report), record_(std::move(record))
 {
-    for (Place& place : places) {
-        Disk& disk = disks_.emplace_back();
-        disk.served = place.disk;
-        disk.record = std::move(place.record);
-        name_instances(disk);
-    }
+    name_instances();
+    publish();
 }
 
 DiskContents::~DiskContents()
 {
-    for (Disk& disk : disks_) {
-        forget(disk, disk.record.minor, disk.record.file_system);
-        for (PartitionRecord& part : disk.record.partitions)
-            forget(disk, part.minor, part.file_system);
-    }
+    FileSystems::forget(device(0), record_.file_system);
+    for (PartitionRecord& part : record_.partitions)
+        FileSystems::forget(kdev_make(part.major, part.minor), part.file_system);
 }
 
-void DiskContents::refresh()
+bool DiskContents::look()
 {
-    bool changed = false;
-    {
-        std::lock_guard lock(mutex_);
-        for (Disk& disk : disks_)
-            look(disk, changed);
-    }
-    if (changed)
-        changed_();
+    const std::lock_guard lock(looking_);
+    return look_held();
 }
 
-void DiskContents::catch_up()
+bool DiskContents::catch_up() { return served_.descriptions() != seen_.load() && look(); }
+
+bool DiskContents::begin_backup()
 {
-    bool changed = false;
-    for (Disk& disk : disks_) {
-        if (disk.served->descriptions() == disk.seen.load())
-            continue;
-        std::lock_guard lock(mutex_);
-        look(disk, changed);
-    }
-    if (changed)
-        changed_();
+    const std::lock_guard lock(looking_);
+    const bool changed = look_held();
+    backups_.fetch_add(1);
+    return changed;
 }
 
-std::vector<DiskRecord> DiskContents::records() const
+void DiskContents::end_backup()
 {
-    std::lock_guard lock(mutex_);
-    std::vector<DiskRecord> records;
-    for (const Disk& disk : disks_)
-        records.push_back(disk.record);
-    return records;
-}
-
-std::vector<DiskRecord> DiskContents::take_new_tables()
-{
-    std::lock_guard lock(mutex_);
-    std::vector<DiskRecord> records;
-    for (Disk& disk : disks_)
-        if (std::exchange(disk.new_table, false))
-            records.push_back(disk.record);
-    return records;
-}
-
-DiskContents::Disk* DiskContents::disk_of(kdev_t device)
-{
-    const unsigned index = kdev_minor(device) / minors_of_disk;
-    return kdev_major(device) == disks_.front().record.major && index < disks_.size() ? &disks_[index] : nullptr;
-}
-
-void DiskContents::before_backup(kdev_t device)
-{
-    bool changed = false;
-    {
-        std::lock_guard lock(mutex_);
-        Disk* disk = disk_of(device);
-        if (!disk)
-            return;
-        look(*disk, changed);
-        ++disk->backups;
-    }
-    if (changed)
-        changed_();
-}
-
-void DiskContents::after_backup(kdev_t device)
-{
-    std::lock_guard lock(mutex_);
-    if (Disk* disk = disk_of(device); disk && --disk->backups == 0 && disk->table != disk->used)
-        disk->served->describe_anew(); // for the keeper, or the next client
+    if (backups_.fetch_sub(1) == 1 && held_back_.load())
+        served_.describe_anew(); // for the keeper, or the next client
 }
 
 // The driver may have begun to record a device anew whose place has changed since the backup began.
 void DiskContents::after_snapshot()
 {
-    std::lock_guard lock(mutex_);
-    for (Disk& disk : disks_) {
-        if (disk.table.partitions == disk.used.partitions)
-            continue;
-        const Slots then = slots_of(disk.used), now = slots_of(disk.table);
-        hosted::device_changed(disk.served->disk()->device(0));
-        for (unsigned i = 1; i < minors_of_disk; ++i)
-            if (then[i] != now[i])
-                hosted::device_changed(disk.served->disk()->device(i));
-    }
+    const std::lock_guard lock(looking_);
+    if (table_.partitions == used_.partitions)
+        return;
+    const Slots then = slots_of(used_), now = slots_of(table_);
+    hosted::device_changed(device(0));
+    for (unsigned i = 1; i < minors_of_disk; ++i)
+        if (then[i] != now[i])
+            hosted::device_changed(device(i));
+}
+
+DiskRecord DiskContents::record() const
+{
+    const std::lock_guard lock(told_mutex_);
+    return told_;
+}
+
+std::optional<DiskRecord> DiskContents::take_new_table()
+{
+    const std::lock_guard lock(looking_);
+    if (!std::exchange(new_table_, false))
+        return std::nullopt;
+    return record_;
 }
 
 DiskContents::Slots DiskContents::slots_of(const hosted::PartitionTable& table)
@@ -147,159 +92,143 @@ DiskContents::Slots DiskContents::slots_of(const hosted::PartitionTable& table)
     return slots;
 }
 
-void DiskContents::look(Disk& disk, bool& changed)
+bool DiskContents::look_held()
 {
-    const std::uint64_t descriptions = disk.served->descriptions();
-    const bool whole = (disk.table_known && descriptions == disk.seen.load()) || read_table(disk, changed);
-    if (disk.backups == 0 && disk.used != disk.table) {
-        use_table(disk);
-        changed = true;
+    std::vector<std::string> news;
+    try {
+        look_at_all(news);
+    } catch (const std::bad_alloc&) {
+        report_(news);
+        throw;
     }
-    if (disk.record.partitions.empty())
-        update(disk, disk.record.minor, 0, disk.record.bytes / 512, disk.record.file_system, disk.record.holds, changed);
-    for (PartitionRecord& part : disk.record.partitions)
-        update(disk, part.minor, part.start, part.sectors, part.file_system, part.holds, changed);
-    // Only now: whoever finds nothing new to look at may rely on what was found.
-    if (whole)
-        disk.seen.store(descriptions);
+    report_(news);
+    return std::exchange(untold_, false);
 }
 
-bool DiskContents::read_table(Disk& disk, bool& changed)
+void DiskContents::look_at_all(std::vector<std::string>& news)
+{
+    const std::uint64_t descriptions = served_.descriptions();
+    const bool whole = (table_known_ && descriptions == seen_.load()) || read_table(news);
+    // Set before the backups are looked at: the last of them that ends meanwhile sees it, or is seen here.
+    held_back_.store(used_ != table_);
+    if (held_back_.load() && backups_.load() == 0) {
+        use_table();
+        held_back_.store(false);
+    }
+    publish(); // what follows may wait for the disk again
+    if (record_.partitions.empty())
+        file_systems_.look(device(0), 0, record_.bytes / 512, record_.file_system, record_.holds, news);
+    for (PartitionRecord& part : record_.partitions)
+        file_systems_.look(kdev_make(part.major, part.minor), part.start, part.sectors, part.file_system, part.holds,
+                           news);
+    publish();
+    // Only now: whoever finds nothing new to look at may rely on what was found.
+    if (whole)
+        seen_.store(descriptions);
+}
+
+bool DiskContents::read_table(std::vector<std::string>& news)
 {
     hosted::PartitionTable now;
     try {
         // As large as it was at the start: nobody is told of what a file has grown by since.
-        const hosted::Store& store = disk.served->disk()->store();
+        const hosted::Store& store = served_.disk()->store();
         now = hosted::read_partition_table(store.path(), minors_of_disk, store.size() / 512);
     } catch (const std::exception& error) {
-        report_(disk.record.name + ": its partition table cannot be read: " + error.what());
+        news.push_back(record_.name + ": its partition table cannot be read: " + error.what());
         return false;
     }
-    if (now == disk.table && disk.table_known)
+    if (now == table_ && table_known_)
         return true;
     for (const std::string& line : now.left_out)
-        if (std::find(disk.table.left_out.begin(), disk.table.left_out.end(), line) == disk.table.left_out.end())
-            report_(disk.record.name + ": " + line);
-    const bool others = disk.table_known && now.partitions != disk.table.partitions;
+        if (std::find(table_.left_out.begin(), table_.left_out.end(), line) == table_.left_out.end())
+            news.push_back(record_.name + ": " + line);
+    const bool others = table_known_ && now.partitions != table_.partitions;
     if (others)
-        note_changes(disk, now);
-    const hosted::PartitionTable before = std::exchange(disk.table, std::move(now));
-    disk.table_known = true;
+        note_changes(now);
+    const hosted::PartitionTable before = std::exchange(table_, std::move(now));
+    table_known_ = true;
     if (others) {
-        changed = true;
-        tell_changes(disk, before);
+        name_instances();
+        tell_changes(before, news);
     }
     return true;
 }
 
 // Before anything that may find no memory: a device that has another place is never taken for the one that it was.
-void DiskContents::note_changes(Disk& disk, const hosted::PartitionTable& next)
+void DiskContents::note_changes(const hosted::PartitionTable& next)
 {
-    const Slots then = slots_of(disk.table), now = slots_of(next);
-    disk.instances[0] = ++disk.last_instance;
-    hosted::device_changed(disk.served->disk()->device(0));
+    const Slots then = slots_of(table_), now = slots_of(next);
+    instances_[0] = ++last_instance_;
+    hosted::device_changed(device(0));
     for (unsigned i = 1; i < minors_of_disk; ++i) {
         if (then[i] == now[i])
             continue;
-        disk.instances[i] = ++disk.last_instance;
-        hosted::device_changed(disk.served->disk()->device(i));
+        instances_[i] = ++last_instance_;
+        hosted::device_changed(device(i));
     }
 }
 
-void DiskContents::tell_changes(Disk& disk, const hosted::PartitionTable& before)
+void DiskContents::tell_changes(const hosted::PartitionTable& before, std::vector<std::string>& news) const
 {
-    name_instances(disk);
-    const Slots then = slots_of(before), now = slots_of(disk.table);
+    const Slots then = slots_of(before), now = slots_of(table_);
     for (unsigned i = 1; i < minors_of_disk; ++i) {
         if (then[i] == now[i])
             continue;
-        const std::string name = disk.record.name + std::to_string(i);
+        const std::string name = record_.name + std::to_string(i);
         if (now[i].sectors == 0)
-            report_(name + " is gone: its partition was removed");
+            news.push_back(name + " is gone: its partition was removed");
         else
-            report_(name + " is another device now: " + place_of(now[i]) +
-                    (then[i].sectors ? ", it had " + place_of(then[i]) : ""));
+            news.push_back(name + " is another device now: " + place_of(now[i]) +
+                           (then[i].sectors ? ", it had " + place_of(then[i]) : ""));
     }
-    if (disk.backups != 0)
-        report_(disk.record.name + ": its new partition table counts when the backup that runs has ended");
+    if (backups_.load() != 0)
+        news.push_back(record_.name + ": its new partition table counts when the backup that runs has ended");
 }
 
-void DiskContents::use_table(Disk& disk)
+void DiskContents::use_table()
 {
     std::vector<PartitionRecord> parts;
-    for (const hosted::PartitionSpec& spec : disk.table.partitions) {
-        const unsigned minor = disk.record.minor + spec.index;
-        parts.push_back({disk.record.name + std::to_string(spec.index),
-                         disk.record.major,
-                         minor,
-                         spec.start,
-                         spec.sectors,
-                         {},
-                         {}});
+    for (const hosted::PartitionSpec& spec : table_.partitions) {
+        const unsigned minor = record_.minor + spec.index;
+        parts.push_back(
+            {record_.name + std::to_string(spec.index), record_.major, minor, spec.start, spec.sectors, {}, {}});
     }
-    for (PartitionRecord& old : disk.record.partitions) {
+    for (PartitionRecord& old : record_.partitions) {
         const auto same = std::find_if(parts.begin(), parts.end(), [&](const PartitionRecord& part) {
             return part.minor == old.minor && part.start == old.start && part.sectors == old.sectors;
         });
         if (same != parts.end())
             std::tie(same->file_system, same->holds) = std::tie(old.file_system, old.holds);
         else
-            forget(disk, old.minor, old.file_system);
+            FileSystems::forget(kdev_make(old.major, old.minor), old.file_system);
     }
     if (!parts.empty()) {
-        forget(disk, disk.record.minor, disk.record.file_system);
-        disk.record.holds.clear();
+        FileSystems::forget(device(0), record_.file_system);
+        record_.holds.clear();
     }
-    disk.served->set_table(disk.table);
-    disk.record.partitions = std::move(parts);
-    disk.used = disk.table;
-    disk.new_table = true;
-    name_instances(disk);
+    served_.set_table(table_);
+    record_.partitions = std::move(parts);
+    used_ = table_;
+    name_instances();
+    new_table_ = true;
 }
 
-void DiskContents::name_instances(Disk& disk) const
+void DiskContents::name_instances()
 {
-    disk.record.instance = daemon_ + "-" + std::to_string(disk.instances[0]);
-    for (PartitionRecord& part : disk.record.partitions)
-        part.instance = daemon_ + "-" + std::to_string(disk.instances[part.minor - disk.record.minor]);
+    record_.instance = daemon_ + "-" + std::to_string(instances_[0]);
+    for (PartitionRecord& part : record_.partitions)
+        part.instance = daemon_ + "-" + std::to_string(instances_[part.minor - record_.minor]);
 }
 
-void DiskContents::forget(const Disk& disk, unsigned minor, std::optional<FileSystemRecord>& known)
+void DiskContents::publish()
 {
-    if (known)
-        hosted::unmount_file_system(kdev_make(disk.record.major, minor));
-    known.reset();
-}
-
-void DiskContents::update(const Disk& disk, unsigned minor, std::uint64_t start, std::uint64_t sectors,
-                          std::optional<FileSystemRecord>& known, std::string& holds, bool& changed)
-{
-    std::optional<FileSystemRecord> found;
-    std::string other;
-    try {
-        const auto info = hosted::probe_place(disk.served->disk()->store().path(), start * 512, sectors * 512);
-        if (info && info->file_system)
-            found = FileSystemRecord{info->type, info->block_size};
-        else if (info)
-            other = info->type;
-    } catch (const std::exception& error) {
-        report_(disk.record.name + ": cannot look for a file system at sector " + std::to_string(start) + ": " +
-                error.what());
+    if (told_ == record_)
         return;
-    }
-    if (std::exchange(holds, other) != other)
-        changed = true;
-    if (found == known)
-        return;
-    changed = true;
-    forget(disk, minor, known);
-    if (!found)
-        return;
-    std::shared_ptr<hosted::Freezer> freezer;
-    if (guardian_ && !disk.record.file.empty())
-        freezer = std::make_shared<HostFreezer>(guardian_, disk.record.file, start, report_);
-    hosted::mount_file_system(kdev_make(disk.record.major, minor), found->block_size, std::move(freezer));
-    known = found; // not before: without memory for the mount the next look tries again
+    DiskRecord now = record_;
+    const std::lock_guard lock(told_mutex_);
+    told_ = std::move(now);
+    untold_ = true;
 }
 
 } // namespace quendreld

@@ -1,30 +1,30 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
-// What lies on the served disks, their partitions and file systems, and telling the hosted kernel and RUN/disks.json.
+// What lies on one served disk: its partitions and their file systems, read from it and told to the hosted kernel.
 //
-// Whoever uses a disk changes both as he likes. A disk that was described anew (ServedDisk) is looked at again: by the
-// daemon's keeper, and before each question of a client.
+// Whoever uses a disk changes both as he likes. A disk that was described anew (ServedDisk) is looked at again.
 //
 // - A partition that comes, goes, moves or grows is another instance of its device from then on, and so is the disk,
 //   whose own blocks are those that belong to no partition. What the driver recorded of their changes counts no more.
 // - While a backup of a device of the disk runs, the disk's table stays as it was when the backup began. Instances
 //   change at once, for the backup to see that at its end.
-// - A file system whose place, type and block size did not change is left alone: a backup of it keeps its super block.
+// - What is told (record()) never waits for the disk, whose file may hang.
 #pragma once
 
 #include "config.h"
-#include "device_observer.h"
+#include "file_systems.h"
 #include "guardian.h"
 #include "hosted.h"
+#include "listener.h"
 #include "run_dir.h"
 #include "served_disk.h"
 
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,68 +32,65 @@
 namespace quendreld
 {
 
-class DiskContents final : public DeviceObserver
+class DiskContents
 {
   public:
-    struct Place {
-        ServedDisk* disk;
-        DiskRecord record; // partitions, file systems and instances are filled in here
-    };
-
-    // `changed` is called, with no lock held, when the records are others than before. Nothing is looked at yet.
-    DiskContents(std::vector<Place> places, std::shared_ptr<Guardian> guardian,
-                 std::function<void(std::string_view)> report, std::function<void()> changed);
-    ~DiskContents() override; // unmounts all
+    // `record`: of the disk; partitions, file systems and instances are filled in here. `daemon`: what makes instances
+    // of this daemon others than any other's. Nothing is looked at yet.
+    DiskContents(ServedDisk& served, DiskRecord record, std::string daemon, std::shared_ptr<Guardian> guardian,
+                 const std::function<void(std::string_view)>& report);
+    ~DiskContents(); // unmounts all
     DiskContents(const DiskContents&) = delete;
     DiskContents& operator=(const DiskContents&) = delete;
 
-    void refresh();  // looks at everything
-    void catch_up(); // looks at the disks that were described anew
-    std::vector<DiskRecord> records() const;
-    // The disks whose table was put in place since the last call.
-    std::vector<DiskRecord> take_new_tables();
+    // These look at the disk, and wait for it as long as that takes. True: record() is another than before. What went
+    // wrong is in the log. Throw std::bad_alloc; the next look does what is missing then.
+    bool look();
+    bool catch_up();     // when it was described anew
+    bool begin_backup(); // and counts the backup of a device of the disk, unless it throws
 
-    void before_open() override { refresh(); }
-    void before_geometry() override { refresh(); }
-    void before_command() override { catch_up(); }
-    void before_backup(kdev_t device) override;
-    void after_backup(kdev_t device) override;
-    void after_snapshot() override;
+    void end_backup(); // does not wait
+    // A backup's snapshot was taken: what has moved since it began is not in sync. Waits as the above.
+    void after_snapshot();
+
+    DiskRecord record() const;
+    // The record, when the disk's table was put in place since the last call. Waits as a look.
+    std::optional<DiskRecord> take_new_table();
 
   private:
     using Slots = std::array<hosted::PartitionSpec, minors_of_disk>; // by index; 0 is unused
 
-    struct Disk {
-        ServedDisk* served;
-        DiskRecord record;
-        hosted::PartitionTable table; // as it was last read
-        hosted::PartitionTable used;  // as everybody is told
-        std::array<unsigned, minors_of_disk> instances{};
-        unsigned last_instance = 0;
-        unsigned backups = 0; // of its devices, that run
-        bool table_known = false;
-        bool new_table = false;
-        std::atomic<std::uint64_t> seen = 0; // descriptions() before the last look that found all it looked for
-    };
-
     static Slots slots_of(const hosted::PartitionTable& table);
-    void look(Disk& disk, bool& changed);
-    bool read_table(Disk& disk, bool& changed);
-    static void note_changes(Disk& disk, const hosted::PartitionTable& next);
-    void tell_changes(Disk& disk, const hosted::PartitionTable& before);
-    void use_table(Disk& disk);
-    void name_instances(Disk& disk) const;
-    void update(const Disk& disk, unsigned minor, std::uint64_t start, std::uint64_t sectors,
-                std::optional<FileSystemRecord>& known, std::string& holds, bool& changed);
-    void forget(const Disk& disk, unsigned minor, std::optional<FileSystemRecord>& known);
-    Disk* disk_of(kdev_t device);
+    bool look_held();
+    void look_at_all(std::vector<std::string>& news);
+    bool read_table(std::vector<std::string>& news);
+    void note_changes(const hosted::PartitionTable& next);
+    void tell_changes(const hosted::PartitionTable& before, std::vector<std::string>& news) const;
+    void use_table();
+    void name_instances();
+    void publish();
+    kdev_t device(unsigned index) const { return served_.disk()->device(index); }
 
-    const std::shared_ptr<Guardian> guardian_;
-    const std::function<void(std::string_view)> report_;
-    const std::function<void()> changed_;
-    const std::string daemon_; // what makes instances of this daemon others than any other's
-    mutable std::mutex mutex_; // guards disks_; after the daemon's describe_, before all of the hosted kernel's
-    std::deque<Disk> disks_;   // the disks themselves, their number and `seen` need no lock
+    ServedDisk& served_;
+    const std::string daemon_;
+    FileSystems file_systems_;
+    QuietReport report_;                  // what a guest writes must not fill the log
+    std::atomic<std::uint64_t> seen_ = 0; // descriptions() before the last look that found all it looked for
+    std::atomic<unsigned> backups_ = 0;   // of its devices, that run
+    std::atomic<bool> held_back_ = false; // for them: the table in use is not the one on the disk
+
+    std::mutex looking_; // one look at a time; guards what follows. Before all of the hosted kernel's locks
+    DiskRecord record_;
+    hosted::PartitionTable table_; // as it was last read
+    hosted::PartitionTable used_;  // as everybody is told
+    std::array<unsigned, minors_of_disk> instances_{};
+    unsigned last_instance_ = 0;
+    bool table_known_ = false;
+    bool untold_ = false;    // told_ has changed since it was said
+    bool new_table_ = false; // used_ has changed since it was asked for
+
+    mutable std::mutex told_mutex_; // guards the changes of what follows, which only a look makes; innermost
+    DiskRecord told_;
 };
 
 } // namespace quendreld

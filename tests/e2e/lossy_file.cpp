@@ -35,6 +35,8 @@ using Page = std::array<char, page_bytes>;
 struct LossyFile::Impl {
     std::string mount_point;
     std::atomic<std::chrono::milliseconds> delay{};
+    std::atomic<bool> hangs = false;
+    std::atomic<std::uint64_t> failing_reads_end = 0;
     std::mutex mutex; // guards what follows
     std::vector<Page> durable;
     std::map<std::size_t, Page> lately;                                 // pages written since
@@ -74,6 +76,9 @@ struct LossyFile::Impl {
     static int read(const char*, char* into, std::size_t bytes, off_t offset, fuse_file_info*)
     {
         Impl& impl = self();
+        impl.hangs.wait(true);
+        if (std::uint64_t(offset) < impl.failing_reads_end.load())
+            return -EIO;
         const std::lock_guard guard(impl.mutex);
         bytes = std::min(bytes, impl.durable.size() * page_bytes - std::size_t(offset));
         each_page(offset, bytes, [&](std::size_t page, std::size_t in, std::size_t part, std::size_t done) {
@@ -88,6 +93,7 @@ struct LossyFile::Impl {
     {
         Impl& impl = self();
         std::this_thread::sleep_for(impl.delay.load());
+        impl.hangs.wait(true);
         const std::lock_guard guard(impl.mutex);
         if (std::size_t(offset) + bytes > impl.durable.size() * page_bytes)
             return -ENOSPC;
@@ -143,6 +149,16 @@ LossyFile::~LossyFile()
 std::string LossyFile::path() const { return impl_->mount_point + std::string(name); }
 
 void LossyFile::make_slow(std::chrono::milliseconds delay) { impl_->delay = delay; }
+
+void LossyFile::hang() { impl_->hangs.store(true); }
+
+void LossyFile::let_go()
+{
+    impl_->hangs.store(false);
+    impl_->hangs.notify_all();
+}
+
+void LossyFile::fail_reads(std::uint64_t below) { impl_->failing_reads_end.store(below); }
 
 std::size_t LossyFile::cut_power(std::uint64_t seed)
 {

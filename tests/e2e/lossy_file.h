@@ -25,6 +25,10 @@ class LossyFile
     std::string path() const;
     // Each write that comes from now on reaches the file only after that time.
     void make_slow(std::chrono::milliseconds delay);
+    // No read and no write is answered until it is let go.
+    void hang();
+    void let_go();
+    void fail_reads(std::uint64_t below); // of bytes before that one, with EIO; 0: none
     // About half of the pages that are not durable, chosen by `seed`, are again what they were when they last were. How
     // many. To be called when nobody has it open.
     std::size_t cut_power(std::uint64_t seed);

@@ -290,4 +290,23 @@ TEST_F(LoopDisk, KillingTheDaemonUnderAMountLeavesNothingStuckAndKeepsFlushedDat
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), std::string(100000, 'k'));
 }
 
+TEST_F(LoopDisk, AForcedStopGoesOnWhereADeviceCannotBeDetached)
+{
+    Serving serving({image}, run_dir);
+    const std::string loop = serving.attach();
+    Descriptor user(::open((loop + "p1").c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_TRUE(user) << errno;
+    const std::string why = "sda: " + loop + "p1 is in use (open, or mounted in another mount namespace)";
+    const Outcome refused = quendreld({"stop", "--run-dir", run_dir});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.err, "quendreld: " + why + "\n");
+    const Outcome forced = quendreld({"stop", "--run-dir", run_dir, "--force"});
+    EXPECT_EQ(forced.status, 0);
+    EXPECT_EQ(forced.err, "quendreld: " + why + "; stopping all the same\n");
+    user.reset();
+    for (const char* number : {"1", "2"})
+        must_run({"delpart", loop, number});
+    must_run({"losetup", "-d", loop});
+}
+
 } // namespace
