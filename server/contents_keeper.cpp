@@ -94,13 +94,16 @@ void ContentsKeeper::before_open()
     if (answer_.wait_for(lock, patience,
                          [&] { return std::equal(disks_.begin(), disks_.end(), tickets.begin(), answered); }))
         return;
+    std::vector<Disk*> given_up;
     for (std::size_t i = 0; i < disks_.size(); ++i) {
-        Disk& disk = disks_[i];
-        if (answered(disk, tickets[i]))
+        if (answered(disks_[i], tickets[i]))
             continue;
-        disk.late = true;
-        disk.report({disk.contents.record().name, ": does not answer; what it holds is told as it was last seen"});
+        disks_[i].late = true;
+        given_up.push_back(&disks_[i]);
     }
+    lock.unlock();
+    for (Disk* disk : given_up)
+        disk->report({disk->contents.record().name, ": does not answer; what it holds is told as it was last seen"});
 }
 
 void ContentsKeeper::before_geometry(kdev_t device)

@@ -74,7 +74,7 @@ class ContentsKeeper final : public DeviceObserver
     const std::function<void()> changed_;
     unsigned major_ = 0;
     std::deque<Disk> disks_; // their number and `contents` need no lock
-    std::mutex mutex_;       // guards the rest of each disk, and what follows; innermost
+    std::mutex mutex_;       // guards the rest of each disk but `report`, and what follows; innermost
     std::condition_variable news_;
     std::condition_variable answer_;
     bool ends_ = false; // for good
