@@ -170,8 +170,12 @@ class MappingImpl final : public Mapping
             return nullptr;
         OnBehalfOf process(file_->memory.get());
         vm_fault fault{area_.start + index * PAGE_BYTES};
-        if (area_.operations->fault(&area_, &fault) != 0)
+        // Any other answer would be taken for a page, or for something to try again.
+        if (const int answer = area_.operations->fault(&area_, &fault)) {
+            if (answer != VM_FAULT_SIGBUS)
+                die("a fault was answered with %d", answer);
             return nullptr;
+        }
         present_[index] = fault.result;
         return fault.result;
     }

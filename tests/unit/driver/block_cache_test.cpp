@@ -99,6 +99,16 @@ TEST_F(BlockCache, HoldsAsManyBlocksAsItMayAndNoMore)
                                 "cache object\n"}));
 }
 
+// The limit is met exactly or not at all.
+TEST_F(BlockCache, IsFullAtItsLimitAndNotBeyondIt)
+{
+    Backup* b = begin(1);
+    atomic_set(&b->curAllocCPs, 2);
+    EXPECT_EQ(save(b, 1, 0x11), 0);
+    EXPECT_EQ(state(), unsigned(QUENDREL_STATE_MAP_LOADED));
+    atomic_set(&b->curAllocCPs, 1);
+}
+
 TEST_F(BlockCache, TakesABlockAgainWhereOneWasRead)
 {
     Backup* b = begin(1);

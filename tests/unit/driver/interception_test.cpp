@@ -419,6 +419,7 @@ TEST_F(Interception, CountsBlocksFromThePartitionsStart)
         {899, 1536, 99, 99},      // ends further beyond: the last sector
         {100, 800 * 512, 0, 99},  // all of it
         {0, 4000u * 512u, 0, 99}, // more than all of it
+        {1000, 4096, 112, 99},    // behind the partition: an empty range
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::to_string(c.sector) + " " + std::to_string(c.bytes));
@@ -465,6 +466,18 @@ TEST_F(Interception, NamesThePartitionOfTheFirstSectorLowestIndexFirst)
         RawBio bio(sdb.device(0), Op::read, sector, 512);
         EXPECT_EQ(BIOToMinor(bio.get()), minor);
     }
+}
+
+// The device's own function will fail it.
+TEST_F(Interception, NamesTheDeviceOfARequestWhoseDiskHasGone)
+{
+    TestDisk& sdb = addDisk("sdb", 16, 400, {{1, 100, 100, 0}});
+    RawBio bio(sdb.device(0), Op::read, 150, 512);
+    RawBio ofThePartition(sdb.device(1), Op::read, 0, 512);
+    EXPECT_EQ(BIOToMinor(bio.get()), 17);
+    sdb.disk().unplug();
+    EXPECT_EQ(BIOToMinor(bio.get()), 16);
+    EXPECT_EQ(BIOToMinor(ofThePartition.get()), 17);
 }
 
 // ---- Passing on

@@ -327,6 +327,20 @@ TEST_F(Snapshot, AnotherBlockCountReplacesTheSessionWithAWarning)
     EXPECT_EQ(program.close(), 0);
 }
 
+TEST_F(Snapshot, OfAWrongKeyAndAnotherBlockCountTheKeyIsWhatCounts)
+{
+    Key wrong = track();
+    wrong[0] ^= 1;
+    Program program;
+    begin(program, 4000);
+    takeLog();
+    EXPECT_EQ(program.snapshot(wrong), 0);
+    EXPECT_EQ(takeLog(), Lines{kMismatch});
+    EXPECT_EQ(stateOf(program), 2u);
+    EXPECT_EQ(session()->map.size, 4096u);
+    EXPECT_EQ(program.close(), 0);
+}
+
 TEST_F(Snapshot, TheResizeWarningPrintsTheLowAndTheHighWordOfTheBlockCount)
 {
     const Key key = track();

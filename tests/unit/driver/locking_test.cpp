@@ -1,0 +1,288 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Who waits for whom: each test holds one of the driver's locks, and whoever needs it must not get on before it is
+// given up. What has to happen under a lock is in other tests; that the lock is taken is here.
+#include "guest_io.h"
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <thread>
+
+using namespace rig;
+using hosted::Op;
+
+namespace
+{
+
+constexpr u32 kBlock = 4096; // of sda1
+
+class Locking : public CopyOnWriteTest
+{
+  protected:
+    // Runs `act` on a thread of its own while this one holds something, which `release` then gives up. Whether it waited
+    // for that: it had not come back after a while, and `meanwhile` held then.
+    static bool waits(const std::function<void()>& act, const std::function<void()>& release,
+                      const std::function<bool()>& meanwhile = [] { return true; })
+    {
+        std::atomic<bool> back{false};
+        std::thread thread([&] {
+            act();
+            back = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        const bool waited = !back && meanwhile();
+        release();
+        thread.join();
+        return waited;
+    }
+    // The same of an act that needs a semaphore.
+    static bool waitsFor(semaphore* sem, const std::function<void()>& act)
+    {
+        down(sem);
+        return waits(act, [=] { up(sem); });
+    }
+    // Of one that needs to read, or to write, what others write or read.
+    static bool waitsForWriter(rw_semaphore* sem, const std::function<void()>& act)
+    {
+        down_write(sem);
+        return waits(act, [=] { up_write(sem); });
+    }
+    static bool waitsForReader(rw_semaphore* sem, const std::function<void()>& act)
+    {
+        down_read(sem);
+        return waits(act, [=] { up_read(sem); });
+    }
+    // Of one that needs what a drain gate counts the users of to itself.
+    static bool waitsForUser(atomic_int* users, const std::function<void()>& act)
+    {
+        atomic_inc(users);
+        return waits(act, [=] { atomic_dec(users); });
+    }
+
+    Backup* started()
+    {
+        EXPECT_EQ(program.open(), 0);
+        EXPECT_EQ(program.start(sda().device(1), sda().blocks(1), 100000), 0);
+        return recordOf(program);
+    }
+    Backup* begin()
+    {
+        program.beginFullBackup(sda(), 1);
+        return recordOf(program);
+    }
+    // Keeps a block in the cache as the worker does.
+    static int save(Backup* b, u32 block)
+    {
+        const Bytes data = filled(kBlock, 0x11);
+        ReadHold users(b);
+        return saveBlock(b, data.data(), block);
+    }
+    struct ReadHold {
+        explicit ReadHold(Backup* b) : b(b) { down_read(&b->cacheUsers); }
+        ~ReadHold() { up_read(&b->cacheUsers); }
+        Backup* b;
+    };
+    static semaphore* bucketOf(Backup* b, u32 block) { return &b->blockTable[block & CACHE_BUCKET_MASK]->sem; }
+};
+
+// ---- The record's own
+
+TEST_F(Locking, TheStateIsAskedForWithTheRecordHeld)
+{
+    Backup* b = started();
+    EXPECT_TRUE(waitsFor(&b->bSem, [&] { EXPECT_EQ(program.state().state, 2u); }));
+}
+
+TEST_F(Locking, TheCountersAreReadWithTheRecordHeld)
+{
+    Backup* b = started();
+    const u32 at = program.memory().allocate(sizeof(Stats));
+    user_addr to{at};
+    EXPECT_TRUE(waitsFor(&b->bSem, [&] { EXPECT_EQ(ioctlGetStats(b, to, 0), 0); }));
+}
+
+TEST_F(Locking, AMapIsLoadedWithTheRecordHeld)
+{
+    program.beginSnapshot(sda(), 1);
+    Backup* b = recordOf(program);
+    EXPECT_TRUE(waitsFor(&b->bSem, [&] { EXPECT_EQ(program.loadMap(Bits(100, true)), 0); }));
+}
+
+TEST_F(Locking, ASnapshotIsTakenWithTheRecordHeld)
+{
+    Backup* b = started();
+    EXPECT_TRUE(waitsFor(&b->bSem, [&] { EXPECT_EQ(program.snapshot(), 0); }));
+}
+
+TEST_F(Locking, ADirtyBlockIsLookedForWithTheRecordHeld)
+{
+    Backup* b = begin();
+    u32 block = 0;
+    EXPECT_TRUE(waitsFor(&b->bSem, [&] { EXPECT_EQ(program.dirtyBlock(block), 0); }));
+}
+
+TEST_F(Locking, ACloseWaitsForTheCommandThatHoldsTheRecord)
+{
+    Backup* b = started();
+    down(&b->bSem);
+    EXPECT_TRUE(waits([&] { EXPECT_EQ(program.close(), 0); }, [=] { up(&b->bSem); },
+                      [=] { return load_acquire(&b->state) == QUENDREL_STATE_STARTED; }));
+}
+
+TEST_F(Locking, ACloseWaitsForTheRequestsThatAreBeingDecided)
+{
+    Backup* b = started();
+    down_read(&b->writers);
+    EXPECT_TRUE(waits([&] { EXPECT_EQ(program.close(), 0); }, [=] { up_read(&b->writers); },
+                      [=] { return load_acquire(&b->state) == QUENDREL_STATE_STARTED; }));
+}
+
+// ---- The hook
+
+TEST_F(Locking, ARequestIsDecidedWithTheRequestsOfTheBackupHeld)
+{
+    Backup* b = begin();
+    EXPECT_TRUE(waitsForWriter(&b->writers, [&] { EXPECT_EQ(sda().writeBlock(1, 3, 0x33), 0); }));
+}
+
+TEST_F(Locking, TheHookLooksForTheRunningBackupAsOneOfItsUsers)
+{
+    begin();
+    EXPECT_TRUE(waitsForWriter(&activeSessionUsers, [&] { EXPECT_EQ(sda().writeBlock(1, 3, 0x33), 0); }));
+}
+
+// Once queued it may be performed at any moment, and a snapshot before it is recorded would miss it.
+TEST_F(Locking, AHeldWriteIsRecordedBeforeItIsQueued)
+{
+    Backup* b = begin();
+    unsigned long flags;
+    spin_lock_irqsave(&amListUsersLock, &flags); // recording needs it
+    EXPECT_TRUE(waits([&] { EXPECT_EQ(sda().writeBlock(1, 4, 0x44), 0); },
+                      [&] { spin_unlock_irqrestore(&amListUsersLock, flags); }, [=] { return held(b) == 0; }));
+    EXPECT_EQ(membersOf(sessionOf(sda().device(1))->map), std::vector<u32>{4});
+}
+
+// ---- The moment of a snapshot
+
+TEST_F(Locking, ASnapshotWaitsForTheRequestsThatAreBeingDecided)
+{
+    Backup* b = started();
+    down_read(&b->writers);
+    EXPECT_TRUE(waits([&] { EXPECT_EQ(program.snapshot(), 0); }, [=] { up_read(&b->writers); },
+                      [=] { return load_acquire(&b->state) == QUENDREL_STATE_STARTED; }));
+}
+
+TEST_F(Locking, ASnapshotWaitsForTheUsersOfItsSession)
+{
+    trackDevice(sda(), 1);
+    AutoMapSession* ams = sessionOf(sda().device(1));
+    const Key key = keyOf(ams);
+    Backup* b = started();
+    ASSERT_EQ(getAMS(sda().device(1)), ams);
+    EXPECT_TRUE(waits([&] { EXPECT_EQ(program.snapshot(key), 0); }, [=] { putAMS(ams); },
+                      [=] { return load_acquire(&b->state) == QUENDREL_STATE_STARTED; }));
+    EXPECT_EQ(load_acquire(&b->state), QUENDREL_STATE_SNAPSHOT);
+}
+
+// ---- The table of sessions
+
+TEST_F(Locking, ASessionIsTakenOutWithNoReaderInTheTable)
+{
+    trackDevice(sda(), 1);
+    LooseBackup b(sda(), 1);
+    EXPECT_TRUE(waitsForUser(&amListUsers, [&] { EXPECT_EQ(closeAMS(b.get()), 0); }));
+}
+
+TEST_F(Locking, AllSessionsAreTakenOutWithNoReaderInTheTable)
+{
+    trackDevice(sda(), 1);
+    EXPECT_TRUE(waitsForUser(&amListUsers, [] { closeAllAMS(); }));
+}
+
+TEST_F(Locking, ANewSessionIsPutInWithNoReaderInTheTable)
+{
+    LooseBackup b(sda(), 1);
+    AutoMapSession* ams = nullptr;
+    EXPECT_TRUE(waitsForUser(&amListUsers, [&] { EXPECT_EQ(newAMS(b.get(), &ams), 0); }));
+}
+
+// ---- The cache
+
+TEST_F(Locking, ABlockIsSavedByTheWorkerAsAUserOfTheCache)
+{
+    Backup* b = begin();
+    EXPECT_TRUE(waitsForWriter(&b->cacheUsers, [&] { cacheBlock(b, nullptr, 7); }));
+}
+
+TEST_F(Locking, ABlockIsTakenOutAsAUserOfTheCache)
+{
+    Backup* b = begin();
+    Bytes data(kBlock);
+    EXPECT_TRUE(waitsForWriter(&b->cacheUsers, [&] { EXPECT_EQ(cacheRead(b, data.data(), 7), 0); }));
+}
+
+TEST_F(Locking, ADirtyBlockIsLookedForAsAUserOfTheCache)
+{
+    Backup* b = begin();
+    ASSERT_EQ(save(b, 7), 0);
+    EXPECT_TRUE(waitsForWriter(&b->cacheUsers, [&] { EXPECT_EQ(anyDirtyBlock(b), 7u); }));
+}
+
+TEST_F(Locking, TheCacheIsCleanedAsAUserOfIt)
+{
+    Backup* b = begin();
+    EXPECT_TRUE(waitsForWriter(&b->cacheUsers, [&] { EXPECT_EQ(cleanUpCache(b), 0); }));
+}
+
+TEST_F(Locking, ABlockIsSavedWithItsBucketHeld)
+{
+    Backup* b = begin();
+    EXPECT_TRUE(waitsFor(bucketOf(b, 7), [&] { EXPECT_EQ(save(b, 7), 0); }));
+}
+
+TEST_F(Locking, ABlockIsTakenOutWithItsBucketHeld)
+{
+    Backup* b = begin();
+    Bytes data(kBlock);
+    EXPECT_TRUE(waitsFor(bucketOf(b, 7), [&] { EXPECT_EQ(cacheRead(b, data.data(), 7), 0); }));
+}
+
+TEST_F(Locking, ADirtyBlockIsLookedForWithTheBucketHeld)
+{
+    Backup* b = begin();
+    ASSERT_EQ(save(b, 7), 0);
+    EXPECT_TRUE(waitsFor(bucketOf(b, 7), [&] { EXPECT_EQ(anyDirtyBlock(b), 7u); }));
+}
+
+TEST_F(Locking, TheCacheIsCleanedWithEachBucketHeld)
+{
+    Backup* b = begin();
+    EXPECT_TRUE(waitsFor(bucketOf(b, 7), [&] { EXPECT_EQ(cleanUpCache(b), 0); }));
+}
+
+// ---- The worker
+
+TEST_F(Locking, TheWorkerThatFindsNoRunningBackupGoesOnWaiting)
+{
+    Backup* b = begin();
+    store_release(&activeSession, nullptr);
+    up(&signalThread);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    store_release(&activeSession, b);
+    write(b, 1, 5, 0x55);
+    EXPECT_EQ(membersOf(b->cacheMap), std::vector<u32>{5}) << "it still saves";
+}
+
+TEST_F(Locking, TheWorkerTakesNothingBeforeTheSnapshot)
+{
+    Backup* b = started();
+    RawBio bio(sda().device(0), Op::write, sectorOf(sda(), 1, 6), kBlock);
+    ASSERT_EQ(newMR(b, sda().disk().queue(), bio.get(), 6, 6), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(held(b), 1);
+    EXPECT_EQ(bio.ends(), 0);
+    closeMR(getTopMR(b));
+    atomic_dec(&b->mrInQueue);
+}
+
+} // namespace
