@@ -116,8 +116,13 @@ sector_type bdev_partition_sectors(block_device* bdev)
 }
 
 // What a look finds is whole without a lock.
-void bdev_lock_partitions(block_device*) {}
-void bdev_unlock_partitions(block_device*) {}
+// The slots can be read at any time; that the driver asks for the lock is checked for platforms where they cannot.
+void bdev_lock_partitions(block_device*) { ++hosted::this_task().partition_looks; }
+void bdev_unlock_partitions(block_device*)
+{
+    if (--hosted::this_task().partition_looks < 0)
+        hosted::die("the lock of a partition table was released and is not held");
+}
 
 request_queue* disk_queue(gendisk* disk) { return disk->queue; }
 sector_type disk_capacity(gendisk* disk) { return disk->capacity; }
@@ -126,5 +131,7 @@ u32 disk_minors(gendisk* disk) { return disk->minors; }
 u32 disk_partition_slots(gendisk* disk) { return disk->slots_used.load(std::memory_order_acquire); }
 int disk_partition(gendisk* disk, u32 index, sector_type* start, sector_type* sectors)
 {
+    if (hosted::this_task().partition_looks == 0)
+        hosted::die("a partition table was read without its lock");
     return index != 0 && index < disk->minors && disk->slots[index].get(start, sectors);
 }

@@ -38,6 +38,7 @@ struct Task {
     Task* older = nullptr; // of all; set before others see it
     Task* next_unused = nullptr;
     int spin_locks = 0;
+    int partition_looks = 0; // between bdev_lock_partitions and its end
     unsigned long interrupts_off = 0; // bookkeeping only
 
     AddressSpace* memory = nullptr; // of the process whose command this thread executes
@@ -119,6 +120,8 @@ inline void may_sleep(Task& task, const char* operation)
 {
     if (__builtin_expect(task.spin_locks != 0, 0))
         die("%s may sleep and was called with %d spin lock(s) held", operation, task.spin_locks);
+    if (__builtin_expect(task.partition_looks != 0, 0))
+        die("%s may sleep and was called with a partition table locked", operation);
 }
 // Just before the thread really waits: what it keeps back might be what it waits for.
 inline void before_waiting(Task& task)

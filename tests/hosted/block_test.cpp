@@ -478,21 +478,42 @@ TEST(Block, ANumberWithoutADeviceGetsAStandIn)
     forget_leaks();
 }
 
+TEST(BlockDeathTest, APartitionTableIsReadUnderItsLockOnly)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    MemoryDisk d(8 * mebibyte, {{1, 2048, 4096}});
+    block_device* bdev = bdget(d.disk->device());
+    sector_type start, sectors;
+    EXPECT_DEATH(disk_partition(bdev_disk(bdev), 1, &start, &sectors), "a partition table was read without its lock");
+    EXPECT_DEATH(bdev_unlock_partitions(bdev), "the lock of a partition table was released and is not held");
+    semaphore sem;
+    sema_init(&sem, 1);
+    EXPECT_DEATH(
+        {
+            bdev_lock_partitions(bdev);
+            down(&sem);
+        },
+        "down may sleep and was called with a partition table locked");
+}
+
 TEST(Block, PartitionTableIsSeenAsTheKernelHasIt)
 {
     MemoryDisk d(8 * mebibyte, {{1, 2048, 4096}, {5, 8192, 100}});
-    gendisk* disk = bdev_disk(bdget(d.disk->device()));
+    block_device* bdev = bdget(d.disk->device());
+    gendisk* disk = bdev_disk(bdev);
     EXPECT_EQ(disk_capacity(disk), 16384u);
     EXPECT_EQ(disk_first_minor(disk), 0u);
     EXPECT_EQ(disk_minors(disk), 16u);
     EXPECT_EQ(disk_partition_slots(disk), 6u);
     sector_type start = 0, sectors = 0;
+    bdev_lock_partitions(bdev);
     EXPECT_EQ(disk_partition(disk, 5, &start, &sectors), 1);
     EXPECT_EQ(start, 8192u);
     EXPECT_EQ(sectors, 100u);
     EXPECT_EQ(disk_partition(disk, 2, &start, &sectors), 0);
     EXPECT_EQ(disk_partition(disk, 0, &start, &sectors), 0);
     EXPECT_EQ(disk_partition(disk, 6, &start, &sectors), 0);
+    bdev_unlock_partitions(bdev);
     EXPECT_THROW(MemoryDisk{mebibyte}, std::invalid_argument) << "the same device numbers";
 }
 
