@@ -22,7 +22,7 @@ include $(QUENDREL)/platform/linux/Kbuild
 flags:
 	@echo '$(cxx_flags)'
 END
-flags=$(make -s -f "$work/Makefile" -C "$work" QUENDREL="$top" src="$top/platform/linux" srctree="$work" flags)
+flags=$(make -s -f "$work/Makefile" -C "$work" QUENDREL="$top" QUENDREL_WERROR=1 src="$top/platform/linux" srctree="$work" flags)
 [[ $flags = *-fno-strict-aliasing* && $flags = *-Werror* ]] || {
   echo "these are not the flags of a compilation: $flags"
   exit 1

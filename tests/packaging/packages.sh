@@ -97,7 +97,7 @@ dkms_package_is_sound() {
   local file
   while IFS= read -r file; do
     cmp -s "$top/$file" "$source/$file" || fail "$file is missing or not the same"
-  done < <(cd "$top" && find quendrel/2.6 platform/linux platform/kernel.h -name '*.cpp' -o -name '*.[ch]' -o -name Kbuild -o -name Makefile -o -path platform/kernel.h)
+  done < <(cd "$top" && find quendrel/2.6 platform/linux platform/kernel.h -name '*.cpp' -o -name '*.[ch]' -o -name Kbuild -o -name Makefile -o -name kernels -o -name supported -o -path platform/kernel.h)
   [ ! -e "$source/platform/hosted" ] || fail "the hosted kernel is of no use to a module"
 }
 
@@ -241,14 +241,22 @@ int main() { std::cout << quendrel::codeText("SnapShot", 9) << "\n"; }' >program
   LD_LIBRARY_PATH=${PKG_CONFIG_PATH%/pkgconfig} ./program | grep -q '^another backup is running' || fail "the library does not work"
 }
 
-module_builds_from_the_dkms_package() {
-  local kdir=${QUENDREL_KDIR:-} fetched=$top/build/vm/cache/amd64/kdir
-  [ -n "$kdir" ] || [ ! -s "$fetched" ] || kdir=$(cat "$fetched")
-  [ -n "$kdir" ] || kdir=/lib/modules/$(uname -r)/build
-  if [ ! -e "$kdir/Makefile" ]; then
-    echo "no kernel build tree at $kdir: run tests/vm/fetch, or set QUENDREL_KDIR"
+# Sets $tree_of_kernel.
+kernel_tree() {
+  local fetched=$top/build/vm/cache/amd64/kdir
+  tree_of_kernel=${QUENDREL_KDIR:-}
+  [ -n "$tree_of_kernel" ] || [ ! -s "$fetched" ] || tree_of_kernel=$(cat "$fetched")
+  [ -n "$tree_of_kernel" ] || tree_of_kernel=/lib/modules/$(uname -r)/build
+  if [ ! -e "$tree_of_kernel/Makefile" ]; then
+    echo "no kernel build tree at $tree_of_kernel: run tests/vm/fetch, or set QUENDREL_KDIR"
     exit 77
   fi
+}
+
+module_builds_from_the_dkms_package() {
+  local kdir
+  kernel_tree
+  kdir=$tree_of_kernel
   dkms_package
   local source=$work/tree/usr/src/quendrel-$version
   chmod -R a-w "$source/quendrel" "$source/platform"
@@ -258,6 +266,28 @@ module_builds_from_the_dkms_package() {
   info=$(PATH=$PATH:/sbin:/usr/sbin modinfo "$source/ko/quendrel.ko")
   grep -q "^version: *$version\$" <<<"$info" || fail "the module is not of version $version"
   grep -q '^parm: *exclusive:' <<<"$info" || fail "the module has no parameter exclusive"
+}
+
+# For a kernel that is not on the list a module comes out that can be installed, and says why it does not load.
+a_stand_in_builds_for_a_kernel_that_is_not_tested() {
+  local kdir=$work/kdir source
+  kernel_tree
+  dkms_package
+  source=$work/tree/usr/src/quendrel-$version
+  mkdir "$kdir"
+  cp -rs "$tree_of_kernel"/. "$kdir"
+  rm "$kdir/include/config/kernel.release"
+  echo 6.12.3-other >"$kdir/include/config/kernel.release"
+  (cd "$source" && ./dkms-make "$kdir") >"$work/log" 2>&1 || { tail -30 "$work/log" >&2 && fail "there is no stand-in"; }
+  local info reason='quendrel is not tested on Linux 6.12.3-other, only on 6.1, 2.6.29'
+  expect "$work/log" "^$reason"
+  info=$(PATH=$PATH:/sbin:/usr/sbin modinfo "$source/ko/quendrel.ko")
+  grep -q "^description: *not the driver: $reason" <<<"$info" || fail "the stand-in does not say that it is one"
+  grep -q "^version: *$version\$" <<<"$info" || fail "the stand-in is not of version $version"
+  grep -q '^parm: *exclusive:' <<<"$info" || fail "the stand-in has no parameter exclusive"
+  # By hand it is refused.
+  ! make -C "$source/platform/linux" KDIR="$kdir" BUILD="$work/by-hand" >"$work/log" 2>&1 || fail "the driver builds for any kernel"
+  expect "$work/log" "^$reason"
 }
 
 "$test"

@@ -135,7 +135,7 @@ def build_module(kernel, source, build, jobs):
     """Builds the driver for this kernel and returns the path of quendrel.ko."""
     build.mkdir(parents=True, exist_ok=True)
     log = build / "build.log"
-    command = ["make", "-C", str(source), f"-j{jobs}", f"KDIR={kernel.kdir}", f"ARCH={kernel.make_arch}", f"BUILD={build}"]
+    command = ["make", "-C", str(source), f"-j{jobs}", f"KDIR={kernel.kdir}", f"ARCH={kernel.make_arch}", f"BUILD={build}", "WERROR=1"]
     with log.open("wb") as out:
         status = subprocess.run(command, stdout=out, stderr=subprocess.STDOUT).returncode
     module = build / "quendrel.ko"
