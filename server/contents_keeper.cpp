@@ -6,7 +6,10 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
+#include <iterator>
+#include <new>
 #include <random>
+#include <string>
 #include <utility>
 
 namespace quendreld
@@ -19,6 +22,15 @@ namespace
 constexpr auto settling = std::chrono::milliseconds(200);
 // A client that wants to know all disks waits so long for them together.
 constexpr auto patience = std::chrono::seconds(2);
+
+constexpr auto between_lines = std::chrono::seconds(1);
+constexpr std::size_t most_sentences = 8; // of a line
+
+void note(const std::exception& error, std::vector<std::string>& unsaid) noexcept
+try {
+    unsaid.emplace_back(error.what());
+} catch (const std::bad_alloc&) {
+}
 
 std::string random_name()
 {
@@ -33,11 +45,15 @@ std::string random_name()
 
 ContentsKeeper::ContentsKeeper(std::vector<Place> places, std::shared_ptr<Guardian> guardian,
                                std::function<void(std::string_view)> report, std::function<void()> changed)
-    : changed_(std::move(changed))
+    : report_(std::move(report))
 {
     const std::string daemon = random_name();
+    const auto tell = [this, changed = std::move(changed)] {
+        if (started_.load())
+            changed();
+    };
     for (Place& place : places)
-        disks_.emplace_back(std::move(place), daemon, guardian, report);
+        disks_.emplace_back(std::move(place), daemon, guardian, report_, tell);
     for (Disk& disk : disks_) {
         major_ = disk.contents.record().major;
         disk.contents.look();
@@ -49,6 +65,7 @@ ContentsKeeper::~ContentsKeeper() { stop(); }
 
 void ContentsKeeper::start()
 {
+    started_.store(true);
     for (Disk& disk : disks_)
         disk.thread = std::thread([this, &disk] { keep(disk); });
 }
@@ -103,25 +120,25 @@ void ContentsKeeper::before_open()
     }
     lock.unlock();
     for (Disk* disk : given_up)
-        disk->report({disk->contents.record().name, ": does not answer; what it holds is told as it was last seen"});
+        report_(disk->contents.record().name + ": does not answer; what it holds is told as it was last seen");
 }
 
 void ContentsKeeper::before_geometry(kdev_t device)
 {
-    if (Disk* disk = disk_of(device); disk && disk->contents.look())
-        changed_();
+    if (Disk* disk = disk_of(device))
+        disk->contents.look();
 }
 
 void ContentsKeeper::before_command(kdev_t device)
 {
-    if (Disk* disk = disk_of(device); disk && disk->contents.catch_up())
-        changed_();
+    if (Disk* disk = disk_of(device))
+        disk->contents.catch_up();
 }
 
 void ContentsKeeper::before_backup(kdev_t device)
 {
-    if (Disk* disk = disk_of(device); disk && disk->contents.begin_backup())
-        changed_();
+    if (Disk* disk = disk_of(device))
+        disk->contents.begin_backup();
 }
 
 void ContentsKeeper::after_backup(kdev_t device)
@@ -144,37 +161,70 @@ ContentsKeeper::Disk* ContentsKeeper::disk_of(kdev_t device)
 
 void ContentsKeeper::keep(Disk& disk)
 {
-    std::unique_lock lock(mutex_);
+    Sentences unsaid;
+    auto next_line = std::chrono::steady_clock::now();
     const auto is_asked = [&] { return ends_ || disk.asked != disk.answered; };
-    for (;;) {
-        news_.wait(lock, [&] { return disk.described_anew || is_asked(); });
-        if (!is_asked())
+    const auto is_wanted = [&] { return disk.described_anew || is_asked(); };
+    std::unique_lock lock(mutex_);
+    for (bool ends = false; !ends;) {
+        if (unsaid.empty())
+            news_.wait(lock, is_wanted);
+        else
+            news_.wait_until(lock, next_line, is_wanted);
+        if (disk.described_anew && !is_asked())
             news_.wait_for(lock, settling, is_asked);
-        if (ends_)
-            return;
-        disk.described_anew = false;
-        const std::uint64_t asked = disk.asked;
-        const bool at_all_events = asked != disk.answered;
-        lock.unlock();
-        try {
-            if (at_all_events ? disk.contents.look() : disk.contents.catch_up())
-                changed_();
-        } catch (const std::exception& error) { // the next question looks again
-            disk.report(error.what());
+        ends = ends_;
+        if (is_wanted() && !ends) {
+            disk.described_anew = false;
+            const std::uint64_t asked = disk.asked;
+            const bool at_all_events = asked != disk.answered;
+            lock.unlock();
+            look(disk, at_all_events, unsaid);
+            lock.lock();
+            disk.answered = asked;
+            disk.late = false;
+            answer_.notify_all();
         }
-        lock.lock();
-        disk.answered = asked;
-        disk.late = false;
-        answer_.notify_all();
         lock.unlock();
-        try {
-            if (const auto table = disk.contents.take_new_table())
-                disk.report(follow_table(*table));
-        } catch (const std::exception& error) {
-            disk.report(error.what());
+        follow(disk, unsaid);
+        if (!unsaid.empty() && (ends || std::chrono::steady_clock::now() >= next_line)) {
+            say(unsaid);
+            next_line = std::chrono::steady_clock::now() + between_lines;
         }
         lock.lock();
     }
+}
+
+void ContentsKeeper::look(Disk& disk, bool at_all_events, Sentences& unsaid)
+try {
+    if (at_all_events)
+        disk.contents.look();
+    else
+        disk.contents.catch_up();
+} catch (const std::exception& error) { // the next question looks again
+    note(error, unsaid);
+}
+
+// Of what the looks have found, whoever made them.
+void ContentsKeeper::follow(Disk& disk, Sentences& unsaid)
+try {
+    std::ranges::move(disk.contents.take_news(), std::back_inserter(unsaid));
+    if (const auto table = disk.contents.take_new_table())
+        std::ranges::move(follow_table(*table), std::back_inserter(unsaid));
+} catch (const std::exception& error) {
+    note(error, unsaid);
+}
+
+void ContentsKeeper::say(Sentences& unsaid) const
+try {
+    std::string line;
+    for (std::size_t i = 0; i < std::min(unsaid.size(), most_sentences); ++i)
+        line += (i ? "; " : "") + unsaid[i];
+    if (unsaid.size() > most_sentences)
+        line += "; and more";
+    report_(line);
+    unsaid.clear();
+} catch (const std::bad_alloc&) { // later
 }
 
 } // namespace quendreld

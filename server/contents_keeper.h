@@ -2,16 +2,17 @@
 // Keeps what is told of the served disks' contents up to date: RUN/disks.json, the clients of the control device, the
 // loop devices of this host.
 //
-// Each disk has a thread that looks at it when it was described anew. A client's question about a device waits for a
-// look at its disk; no disk, however long it hangs, keeps clients of others waiting.
+// Each disk has a thread that looks at it when it was described anew, and that says what it found, once a second at
+// most: what a guest writes must not fill the log. A client's question about a device waits for a look at its disk,
+// however long that hangs, and not for other disks'.
 #pragma once
 
 #include "device_observer.h"
 #include "disk_contents.h"
 #include "guardian.h"
-#include "listener.h"
 #include "served_disk.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -33,8 +34,8 @@ class ContentsKeeper final : public DeviceObserver
         DiskRecord record; // partitions, file systems and instances are filled in here
     };
 
-    // Looks at every disk once. All have one major number, and are in the order of their minors. `changed` is called,
-    // with no lock held and from any thread, when the records are others than before; not for those of the first look.
+    // Looks at every disk once. All have one major number, and are in the order of their minors. `changed` is called
+    // from any thread when the records are others than before, from start() on.
     ContentsKeeper(std::vector<Place> places, std::shared_ptr<Guardian> guardian,
                    std::function<void(std::string_view)> report, std::function<void()> changed);
     ~ContentsKeeper() override; // unmounts all
@@ -55,12 +56,11 @@ class ContentsKeeper final : public DeviceObserver
   private:
     struct Disk {
         Disk(Place place, const std::string& daemon, const std::shared_ptr<Guardian>& guardian,
-             const std::function<void(std::string_view)>& report)
-            : contents(*place.disk, std::move(place.record), daemon, guardian, report), report(report)
+             const std::function<void(std::string_view)>& report, std::function<void()> changed)
+            : contents(*place.disk, std::move(place.record), daemon, guardian, report, std::move(changed))
         {
         }
         DiskContents contents;
-        QuietReport report;
         std::thread thread;
         bool described_anew = true; // by whom this keeper was not there to hear
         std::uint64_t asked = 0;    // looks that somebody waits for
@@ -68,13 +68,19 @@ class ContentsKeeper final : public DeviceObserver
         bool late = false;          // one was given up; nobody waits again before it is done
     };
 
+    using Sentences = std::vector<std::string>;
+
     void keep(Disk& disk);
+    static void look(Disk& disk, bool at_all_events, Sentences& unsaid);
+    static void follow(Disk& disk, Sentences& unsaid);
+    void say(Sentences& unsaid) const;
     Disk* disk_of(kdev_t device);
 
-    const std::function<void()> changed_;
+    const std::function<void(std::string_view)> report_;
+    std::atomic<bool> started_ = false;
     unsigned major_ = 0;
     std::deque<Disk> disks_; // their number and `contents` need no lock
-    std::mutex mutex_;       // guards the rest of each disk but `report`, and what follows; innermost
+    std::mutex mutex_;       // guards the rest of each disk, and what follows; innermost
     std::condition_variable news_;
     std::condition_variable answer_;
     bool ends_ = false; // for good

@@ -62,7 +62,7 @@ class Daemon
     std::shared_ptr<Guardian> guardian_;
     std::vector<std::unique_ptr<ServedDisk>> disks_;
     bool driver_loaded_ = false;
-    std::mutex describe_; // one writing of the description at a time; before the contents' own locks
+    std::mutex describe_; // one writing of the description at a time; after a look's lock
     std::thread herald_;  // describes the disks when a thread that must not wait has news of a failed flush
     std::unique_ptr<Liveness> liveness_;
     std::mutex news_mutex_; // guards what follows; innermost

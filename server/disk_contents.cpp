@@ -12,6 +12,8 @@ namespace quendreld
 namespace
 {
 
+constexpr std::size_t most_news = 32;
+
 std::string place_of(const hosted::PartitionSpec& part)
 {
     return std::to_string(part.sectors) + " sectors from sector " + std::to_string(part.start) + " on";
@@ -20,9 +22,11 @@ std::string place_of(const hosted::PartitionSpec& part)
 } // namespace
 
 DiskContents::DiskContents(ServedDisk& served, DiskRecord record, std::string daemon,
-                           std::shared_ptr<Guardian> guardian, const std::function<void(std::string_view)>& report)
-    : served_(served), daemon_(std::move(daemon)), file_systems_(served, record.file, std::move(guardian), report),
-      report_(report), record_(std::move(record))
+                           std::shared_ptr<Guardian> guardian, std::function<void(std::string_view)> report,
+                           std::function<void()> changed)
+    : served_(served), daemon_(std::move(daemon)),
+      file_systems_(served, record.file, std::move(guardian), std::move(report)), changed_(std::move(changed)),
+      record_(std::move(record))
 {
     name_instances();
     publish();
@@ -35,20 +39,23 @@ DiskContents::~DiskContents()
         FileSystems::forget(kdev_make(part.major, part.minor), part.file_system);
 }
 
-bool DiskContents::look()
+void DiskContents::look()
 {
     const std::lock_guard lock(looking_);
-    return look_held();
+    look_held();
 }
 
-bool DiskContents::catch_up() { return served_.descriptions() != seen_.load() && look(); }
+void DiskContents::catch_up()
+{
+    if (served_.descriptions() != seen_.load())
+        look();
+}
 
-bool DiskContents::begin_backup()
+void DiskContents::begin_backup()
 {
     const std::lock_guard lock(looking_);
-    const bool changed = look_held();
+    look_held();
     backups_.fetch_add(1);
-    return changed;
 }
 
 void DiskContents::end_backup()
@@ -92,42 +99,40 @@ DiskContents::Slots DiskContents::slots_of(const hosted::PartitionTable& table)
     return slots;
 }
 
-bool DiskContents::look_held()
+std::vector<std::string> DiskContents::take_news()
 {
-    std::vector<std::string> news;
-    try {
-        look_at_all(news);
-    } catch (const std::bad_alloc&) {
-        report_(news);
-        throw;
-    }
-    report_(news);
-    return std::exchange(untold_, false);
+    const std::lock_guard lock(looking_);
+    return std::exchange(news_, {});
 }
 
-void DiskContents::look_at_all(std::vector<std::string>& news)
+void DiskContents::look_held()
 {
     const std::uint64_t descriptions = served_.descriptions();
-    const bool whole = (table_known_ && descriptions == seen_.load()) || read_table(news);
+    bool whole = (table_known_ && descriptions == seen_.load()) || read_table();
     // Set before the backups are looked at: the last of them that ends meanwhile sees it, or is seen here.
     held_back_.store(used_ != table_);
     if (held_back_.load() && backups_.load() == 0) {
         use_table();
         held_back_.store(false);
     }
+    name_instances();
     publish(); // what follows may wait for the disk again
     if (record_.partitions.empty())
-        file_systems_.look(device(0), 0, record_.bytes / 512, record_.file_system, record_.holds, news);
+        whole &= file_systems_.look(device(0), 0, record_.bytes / 512, record_.file_system, record_.holds, news_);
     for (PartitionRecord& part : record_.partitions)
-        file_systems_.look(kdev_make(part.major, part.minor), part.start, part.sectors, part.file_system, part.holds,
-                           news);
+        whole &= file_systems_.look(kdev_make(part.major, part.minor), part.start, part.sectors, part.file_system,
+                                    part.holds, news_);
     publish();
-    // Only now: whoever finds nothing new to look at may rely on what was found.
+    news_.resize(std::min(news_.size(), most_news));
+    if (untold_)
+        changed_();
+    untold_ = false;
+    // Only now: whoever finds nothing new to look at may rely on what was found, and on its being told.
     if (whole)
         seen_.store(descriptions);
 }
 
-bool DiskContents::read_table(std::vector<std::string>& news)
+bool DiskContents::read_table()
 {
     hosted::PartitionTable now;
     try {
@@ -135,23 +140,21 @@ bool DiskContents::read_table(std::vector<std::string>& news)
         const hosted::Store& store = served_.disk()->store();
         now = hosted::read_partition_table(store.path(), minors_of_disk, store.size() / 512);
     } catch (const std::exception& error) {
-        news.push_back(record_.name + ": its partition table cannot be read: " + error.what());
+        news_.push_back(record_.name + ": its partition table cannot be read: " + error.what());
         return false;
     }
     if (now == table_ && table_known_)
         return true;
     for (const std::string& line : now.left_out)
         if (std::find(table_.left_out.begin(), table_.left_out.end(), line) == table_.left_out.end())
-            news.push_back(record_.name + ": " + line);
+            news_.push_back(record_.name + ": " + line);
     const bool others = table_known_ && now.partitions != table_.partitions;
     if (others)
         note_changes(now);
     const hosted::PartitionTable before = std::exchange(table_, std::move(now));
     table_known_ = true;
-    if (others) {
-        name_instances();
-        tell_changes(before, news);
-    }
+    if (others)
+        tell_changes(before);
     return true;
 }
 
@@ -169,7 +172,7 @@ void DiskContents::note_changes(const hosted::PartitionTable& next)
     }
 }
 
-void DiskContents::tell_changes(const hosted::PartitionTable& before, std::vector<std::string>& news) const
+void DiskContents::tell_changes(const hosted::PartitionTable& before)
 {
     const Slots then = slots_of(before), now = slots_of(table_);
     for (unsigned i = 1; i < minors_of_disk; ++i) {
@@ -177,13 +180,13 @@ void DiskContents::tell_changes(const hosted::PartitionTable& before, std::vecto
             continue;
         const std::string name = record_.name + std::to_string(i);
         if (now[i].sectors == 0)
-            news.push_back(name + " is gone: its partition was removed");
+            news_.push_back(name + " is gone: its partition was removed");
         else
-            news.push_back(name + " is another device now: " + place_of(now[i]) +
-                           (then[i].sectors ? ", it had " + place_of(then[i]) : ""));
+            news_.push_back(name + " is another device now: " + place_of(now[i]) +
+                            (then[i].sectors ? ", it had " + place_of(then[i]) : ""));
     }
     if (backups_.load() != 0)
-        news.push_back(record_.name + ": its new partition table counts when the backup that runs has ended");
+        news_.push_back(record_.name + ": its new partition table counts when the backup that runs has ended");
 }
 
 void DiskContents::use_table()
@@ -209,9 +212,8 @@ void DiskContents::use_table()
     }
     served_.set_table(table_);
     record_.partitions = std::move(parts);
-    used_ = table_;
-    name_instances();
     new_table_ = true;
+    used_ = table_; // last: what throws before is done again
 }
 
 void DiskContents::name_instances()

@@ -25,9 +25,9 @@ bool FileSystems::look(kdev_t device, std::uint64_t start, std::uint64_t sectors
                        error.what());
         return false;
     }
-    const bool others = std::exchange(holds, other) != other;
+    holds = other;
     if (found == known)
-        return others;
+        return true;
     forget(device, known);
     if (found) {
         std::shared_ptr<hosted::Freezer> freezer;

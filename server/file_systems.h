@@ -34,8 +34,8 @@ class FileSystems
     }
 
     // Looks at the place of a device, in sectors, and mounts what was not `known`, which becomes what was found;
-    // `holds` becomes what else is there. Reads the disk; when it cannot be read, `news` gets a sentence and all stays.
-    // True: either has changed. Throws std::bad_alloc.
+    // `holds` becomes what else is there. Reads the disk; false: it cannot be read, `news` gets a sentence and all
+    // stays. Throws std::bad_alloc.
     bool look(kdev_t device, std::uint64_t start, std::uint64_t sectors, std::optional<FileSystemRecord>& known,
               std::string& holds, std::vector<std::string>& news);
     static void forget(kdev_t device, std::optional<FileSystemRecord>& known); // unmounts it

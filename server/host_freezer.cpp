@@ -38,6 +38,7 @@ bool HostFreezer::freeze()
     const int error = guardian_->freeze(directory_.get(), frozen_);
     if (error == 0)
         return true;
+    // It may have frozen it. Should somebody else have, that is undone as well: better than frozen for ever.
     if (error == -ECONNRESET)
         ::ioctl(directory_.get(), FITHAW, 0);
     frozen_ = 0;
@@ -56,12 +57,14 @@ void HostFreezer::thaw()
     if (!frozen_)
         return;
     int error = guardian_->thaw(frozen_);
-    if (error == -EPIPE || error == -ECONNRESET) {
-        report_("thaw: " + mounted_at_ + ": the guardian process is gone; thawed without it; restart the daemon");
+    const bool gone = error == -EPIPE || error == -ECONNRESET;
+    if (gone)
         error = ::ioctl(directory_.get(), FITHAW, 0) == 0 ? 0 : -errno;
-    }
     frozen_ = 0;
     directory_.reset();
+    // A line may find no memory: only now.
+    if (gone)
+        report_("thaw: " + mounted_at_ + ": the guardian process is gone; thawed without it; restart the daemon");
     // -EINVAL: somebody thawed it already, which makes the copy less consistent, but nothing is stuck.
     if (error)
         return report_("thaw: " + mounted_at_ + ": " + std::strerror(-error));

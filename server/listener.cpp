@@ -51,17 +51,6 @@ base::Descriptor listening_socket(const Listener::Options& options)
 
 } // namespace
 
-void QuietReport::operator()(const std::vector<std::string>& sentences) noexcept
-try {
-    std::string line;
-    for (const std::string& sentence : sentences)
-        line += (line.empty() ? "" : "; ") + sentence;
-    if (!line.empty())
-        (*this)({line});
-} catch (const std::bad_alloc&) {
-    (*this)({});
-}
-
 void QuietReport::operator()(std::initializer_list<std::string_view> parts) noexcept
 {
     const auto now = std::chrono::steady_clock::now();

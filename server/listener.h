@@ -16,7 +16,6 @@
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace quendreld
 {
@@ -29,7 +28,6 @@ class QuietReport
     explicit QuietReport(std::function<void(std::string_view)> report) : report_(std::move(report)) {}
     void operator()(std::string_view line) noexcept { (*this)({line}); } // from any thread
     void operator()(std::initializer_list<std::string_view> parts) noexcept;
-    void operator()(const std::vector<std::string>& sentences) noexcept; // one line of them; nothing without any
 
   private:
     std::function<void(std::string_view)> report_;

@@ -13,7 +13,7 @@ namespace quendreld
 {
 
 // Adds a disk's partitions to a loop device that was just bound to its file. What the device was before may have left
-// partitions, which go first. Throws std::runtime_error.
+// partitions, which go when they are in the way. Throws std::runtime_error.
 void add_partitions(int loop, const std::string& node, const DiskRecord& disk);
 
 // Brings those of all loop devices over a disk's file in line with its record. A partition in use may grow, but neither

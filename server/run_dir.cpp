@@ -5,11 +5,9 @@
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <sys/vfs.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -47,21 +45,12 @@ std::optional<FileSystemRecord> file_system_of(const ordered& from)
     return FileSystemRecord{from.at("type"), from.at("blockSize")};
 }
 
-// Whether somebody has a file locked exclusively, for those who may not open it: what the kernel lets everybody read.
-bool is_locked(const std::string& path)
+// A process by this program's name, which everybody may read.
+bool is_daemon(int process)
 {
-    struct stat status;
-    if (::stat(path.c_str(), &status) != 0)
-        return false;
-    char place[64];
-    std::snprintf(place, sizeof place, " %02x:%02x:%llu ", major(status.st_dev), minor(status.st_dev),
-                  static_cast<unsigned long long>(status.st_ino));
-    std::ifstream in("/proc/locks");
-    for (std::string line; std::getline(in, line);)
-        if (line.find(" FLOCK ") != std::string::npos && line.find(" WRITE ") != std::string::npos &&
-            line.find(place) != std::string::npos)
-            return true;
-    return false;
+    std::ifstream in("/proc/" + std::to_string(process) + "/comm");
+    std::string name;
+    return std::getline(in, name) && name == "quendreld";
 }
 
 } // namespace
@@ -116,8 +105,10 @@ base::Descriptor RunDir::take() const
 bool RunDir::taken() const
 {
     base::Descriptor fd(::open(here(lock()).c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd && errno == EACCES)
-        return is_locked(here(lock()));
+    if (!fd && errno == EACCES) {
+        const auto process = owner();
+        return process && is_daemon(*process);
+    }
     return fd && ::flock(fd.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 

@@ -44,7 +44,7 @@ class RunDir
     // Takes the lock. Throws std::runtime_error that says what to do when another daemon holds it. The lock is the
     // descriptor's, and lives until the last process that inherited it ends.
     base::Descriptor take() const;
-    bool taken() const;               // a daemon is alive
+    bool taken() const;               // a daemon is alive; for who may not open the lock, by RUN/pid
     std::optional<int> owner() const; // its process id, from RUN/pid
 
     // Removes what a killed daemon left: sockets, description, a dead FUSE mount. Only with the lock held.

@@ -115,7 +115,6 @@ sector_type bdev_partition_sectors(block_device* bdev)
     return sectors;
 }
 
-// What a look finds is whole without a lock.
 // The slots can be read at any time; that the driver asks for the lock is checked for platforms where they cannot.
 void bdev_lock_partitions(block_device*) { ++hosted::this_task().partition_looks; }
 void bdev_unlock_partitions(block_device*)

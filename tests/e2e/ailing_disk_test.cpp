@@ -17,7 +17,12 @@ using namespace serving;
 
 struct AilingDisk : BackupRig {
     std::optional<LossyFile> store;
-    ~AilingDisk() override { serving.reset(); } // before the file that it serves
+    ~AilingDisk() override
+    {
+        if (store)
+            store->let_go();
+        serving.reset(); // before the file that it serves
+    }
 };
 
 TEST_F(AilingDisk, OneThatHangsKeepsNoClientOfAnotherWaiting)

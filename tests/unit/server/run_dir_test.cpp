@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -107,7 +108,7 @@ TEST_F(RunDirTest, WhoeverJustAsksWhetherItIsTakenIsWaitedFor)
     soon_done.join();
 }
 
-TEST_F(RunDirTest, WhoMayNotOpenItsLockIsToldByTheKernelWhetherItIsTaken)
+TEST_F(RunDirTest, WhoMayNotOpenItsLockLearnsFromTheDaemonsProcessWhetherItIsTaken)
 {
     if (::geteuid() != 0)
         GTEST_SKIP() << "needs root, to be somebody else";
@@ -124,11 +125,16 @@ TEST_F(RunDirTest, WhoMayNotOpenItsLockIsToldByTheKernelWhetherItIsTaken)
         ::waitpid(child, &status, 0);
         return WEXITSTATUS(status);
     };
-    {
-        const base::Descriptor lock = run.take();
-        EXPECT_EQ(as_somebody_else(), 1);
-    }
-    EXPECT_EQ(as_somebody_else(), 0);
+    const base::Descriptor lock = run.take();
+    EXPECT_EQ(as_somebody_else(), 0) << "nothing tells who has it";
+    char before[16];
+    ASSERT_EQ(::prctl(PR_GET_NAME, before), 0);
+    ASSERT_EQ(::prctl(PR_SET_NAME, "quendreld"), 0);
+    run.write(run.pid(), std::to_string(::getpid()) + "\n");
+    EXPECT_EQ(as_somebody_else(), 1);
+    ASSERT_EQ(::prctl(PR_SET_NAME, "another"), 0);
+    EXPECT_EQ(as_somebody_else(), 0) << "the number went to another program";
+    ::prctl(PR_SET_NAME, before);
 }
 
 TEST_F(RunDirTest, StaleSocketsAndDescriptionAreRemoved)
