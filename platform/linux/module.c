@@ -9,6 +9,7 @@
 #include "quendrel.h"
 
 #include <linux/moduleparam.h>
+#include <linux/ratelimit.h>
 
 static int show_held(char *to, family_param *kp)
 {
@@ -23,6 +24,14 @@ MODULE_PARM_DESC(held, "what the module holds now, by kind");
 
 /* ---- The log ------------------------------------------------------------------------------------------------------- */
 
+/* Of warnings and worse, which a client or a disk that fails can cause by the thousand: so many in so long. */
+static DEFINE_RATELIMIT_STATE(complaints, 5 * HZ, 200);
+
+static bool is_too_much(const char *format)
+{
+	return format[0] == '<' && format[1] <= '4' && !__ratelimit(&complaints);
+}
+
 #ifndef KERN_SOH
 /* The contract's own conventions. */
 int qk_printk(const char *format, ...)
@@ -30,6 +39,8 @@ int qk_printk(const char *format, ...)
 	va_list args;
 	int result;
 
+	if (is_too_much(format))
+		return 0;
 	va_start(args, format);
 	result = vprintk(format, args);
 	va_end(args);
@@ -37,8 +48,8 @@ int qk_printk(const char *format, ...)
 }
 #else
 /*
- * The core's formats begin with "<level>", which kernels of today no longer read, and its %p is plain hexadecimal, which
- * they have under another name.
+ * The core's formats begin with "<level>", which kernels of today no longer read. Its %p is what such a kernel makes of
+ * one, no address.
  */
 int qk_printk(const char *format, ...)
 {
@@ -47,24 +58,14 @@ int qk_printk(const char *format, ...)
 	va_list args;
 	int result;
 
+	if (is_too_much(format))
+		return 0;
 	if (format[0] == '<' && format[1] >= '0' && format[1] <= '7' && format[2] == '>') {
 		copy[n++] = KERN_SOH[0];
 		copy[n++] = format[1];
 		format += 3;
 	}
-	while (*format && n < sizeof(copy) - 3) {
-		copy[n++] = *format;
-		if (format[0] == '%' && format[1] == 'p') {
-			copy[n++] = 'p';
-			copy[n++] = 'x';
-			format++;
-		} else if (format[0] == '%' && format[1] == '%') {
-			copy[n++] = '%';
-			format++;
-		}
-		format++;
-	}
-	copy[n] = '\0';
+	strscpy(copy + n, format, sizeof(copy) - n);
 	va_start(args, format);
 	result = vprintk(copy, args);
 	va_end(args);

@@ -16,7 +16,7 @@ MODULE_PARM_DESC(exclusive, "without effect here");
 static int __init refuse(void)
 {
 	pr_err("%s\n", REASON);
-	return -EOPNOTSUPP;
+	return -ENODEV; /* what loading modules at a start takes for no failure */
 }
 
 module_init(refuse);

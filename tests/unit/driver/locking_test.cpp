@@ -24,11 +24,14 @@ class Locking : public CopyOnWriteTest
     static bool waits(const std::function<void()>& act, const std::function<void()>& release,
                       const std::function<bool()>& meanwhile = [] { return true; })
     {
-        std::atomic<bool> back{false};
+        std::atomic<bool> begun{false}, back{false};
         std::thread thread([&] {
+            begun = true;
             act();
             back = true;
         });
+        while (!begun)
+            std::this_thread::yield();
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         const bool waited = !back && meanwhile();
         release();
