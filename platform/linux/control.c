@@ -194,7 +194,7 @@ static long start_backup(struct file *file, struct qdr_call *call, unsigned long
 	return result;
 }
 
-/* The others' argument is not looked at, or, of the versions, only written to. */
+/* The others' argument is only written to, or not looked at. */
 static bool reads_record(unsigned int cmd)
 {
 	switch (cmd) {
@@ -218,9 +218,11 @@ static long command(struct file *file, unsigned int cmd, unsigned long arg)
 	struct qdr_call call = {.cmd = cmd, .gathers = cmd == QUENDREL_READ_BLOCKS};
 	long result;
 
-	/* The driver's pointers have 32 bits. A record beyond them cannot be read. */
+	/* The driver's pointers have 32 bits. What lies beyond them can be neither read nor written. */
 	if (arg > 0xFFFFFFFFUL && reads_record(cmd))
 		return QUENDREL_COPY_FROM_USER;
+	if (arg > 0xFFFFFFFFUL && (cmd == QUENDREL_GET_VERSION_MAJOR || cmd == QUENDREL_GET_VERSION_MINOR))
+		return QUENDREL_COPY_TO_USER;
 	qdr_call_begin(&call);
 	qdr_translate_record(&call, (qdr_user_addr)arg);
 	if (cmd == QUENDREL_START_BACKUP)
