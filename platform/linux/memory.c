@@ -155,10 +155,13 @@ void qk_vfree(const void *p)
 
 /* ---- Pages --------------------------------------------------------------------------------------------------------- */
 
+/* A page that user space may be shown has nothing in it of whoever had it before. */
 struct page *qk_alloc_page(qdr_gfp_type gfp)
 {
+	gfp_t zeroed = gfp == QDR_GFP_KERNEL ? __GFP_ZERO : 0;
+
 	qdr_may_sleep();
-	return qdr_count(alloc_page(qdr_gfp(gfp)), QDR_HELD_PAGES);
+	return qdr_count(alloc_page(qdr_gfp(gfp) | zeroed), QDR_HELD_PAGES);
 }
 
 /* References are counted, not pages: a page that user space has mapped outlives the driver's interest in it. */

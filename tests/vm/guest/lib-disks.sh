@@ -34,6 +34,7 @@ nvme_disk() {
 region() { echo "$SPARE$1"; }         # the N-th place to restore into
 part() { case $1 in *[0-9]) echo "${1}p$2" ;; *) echo "$1$2" ;; esac; } # DISK N
 sectors() { cat "/sys/class/block/${1##*/}/size"; }
+number() { echo "$((0x$(stat -c %t "$1"))):$((0x$(stat -c %T "$1")))"; } # of a device, MAJOR:MINOR
 start_of() { cat "/sys/class/block/${1##*/}/start" 2>/dev/null || echo 0; }
 
 # Waits for the nodes of a disk's partitions, which an old kernel leaves to a program of its own.
