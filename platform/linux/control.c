@@ -264,6 +264,7 @@ static void mapping_open(struct vm_area_struct *vma)
 static void mapping_close(struct vm_area_struct *vma)
 {
 	ops_of(vma)->close(vma);
+	qdr_free_unmapped();
 }
 
 static vm_fault_t mapping_fault(FAMILY_FAULT_ARGUMENTS)

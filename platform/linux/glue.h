@@ -103,6 +103,14 @@ int qdr_print_held(char *to, size_t bytes);
 bool qdr_holds_anything(void);
 void *qdr_count(void *p, enum qdr_held kind); /* counts `p` unless it is null, and returns it */
 
+/* ---- Pages that user space may map (mapped.c) --------------------------------------------------------------------- */
+
+void qdr_mapped_init(void);
+void qdr_mapped_exit(void);
+struct page *qdr_alloc_mapped_page(gfp_t gfp); /* null: also when there are as many as there may be */
+bool qdr_free_mapped_page(struct page *p);     /* false: it is none of these, and nothing was done */
+void qdr_free_unmapped(void);                  /* those that the driver has freed and nobody maps any more */
+
 /* ---- Slab caches (caches.c) -------------------------------------------------------------------------------------- */
 
 void qdr_caches_exit(void); /* destroys what the core has left */

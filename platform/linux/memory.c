@@ -155,19 +155,19 @@ void qk_vfree(const void *p)
 
 /* ---- Pages --------------------------------------------------------------------------------------------------------- */
 
-/* A page that user space may be shown has nothing in it of whoever had it before. */
 struct page *qk_alloc_page(qdr_gfp_type gfp)
 {
-	gfp_t zeroed = gfp == QDR_GFP_KERNEL ? __GFP_ZERO : 0;
+	bool mapped = gfp == QDR_GFP_KERNEL; /* what the contract has for sharing with user space */
 
 	qdr_may_sleep();
-	return qdr_count(alloc_page(qdr_gfp(gfp) | zeroed), QDR_HELD_PAGES);
+	return qdr_count(mapped ? qdr_alloc_mapped_page(qdr_gfp(gfp)) : alloc_page(qdr_gfp(gfp)), QDR_HELD_PAGES);
 }
 
 /* References are counted, not pages: a page that user space has mapped outlives the driver's interest in it. */
 void qk_free_page_ref(struct page *p)
 {
-	__free_page(p);
+	if (!qdr_free_mapped_page(p))
+		__free_page(p);
 	atomic_dec(&qdr_held[QDR_HELD_PAGES]);
 }
 

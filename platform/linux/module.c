@@ -99,6 +99,7 @@ static int __init quendrel_init(void)
 
 	/* The interception looks disks up from its first moment on. */
 	qdr_devices_init();
+	qdr_mapped_init();
 	result = qdr_bios_init();
 	if (result)
 		return result;
@@ -127,6 +128,7 @@ static void __exit quendrel_exit(void)
 	qdr_devices_exit();
 	qdr_buffers_exit();
 	qdr_bios_exit();
+	qdr_mapped_exit();
 	if (qdr_holds_anything()) {
 		char held[256];
 

@@ -68,6 +68,8 @@ dkms_package_is_sound() {
   local tree=$work/tree source=$work/tree/usr/src/quendrel-$version
   expect "$tree/lib/modprobe.d/quendrel.conf" '^options quendrel exclusive=1$'
   grep -qF 'module_param(exclusive' "$top"/platform/linux/*.c || fail "the module has no parameter exclusive"
+  expect "$tree/lib/modprobe.d/quendrel.conf" 'max_map_bytes='
+  grep -qF 'module_param(max_map_bytes' "$top"/platform/linux/*.c || fail "the module has no parameter max_map_bytes"
   expect "$tree/usr/lib/modules-load.d/quendrel.conf" '^quendrel$'
   expect "$tree/lib/udev/rules.d/60-quendrel.rules" 'KERNEL=="quendrel".*RUN\+="quendrel-node '
   local major

@@ -4,7 +4,13 @@
 //   areas CONTROL MAJOR:MINOR BLOCKS WHAT
 //
 //   zeroed    both areas, of the largest size, hold nothing but zeros
+//   bounded   there is room for one and a half areas of the largest size, and what a child maps still takes its part of
+//   it
 #include "client/control_device.h"
+
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -24,6 +30,44 @@ using quendrel::TransferArea;
     std::exit(1);
 }
 
+// From one process to another: that something has come about.
+class Pipe
+{
+  public:
+    Pipe()
+    {
+        if (::pipe(ends_) != 0)
+            fail("there is no pipe");
+    }
+    ~Pipe()
+    {
+        ::close(ends_[0]);
+        ::close(ends_[1]);
+    }
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+    // For the one who only waits, so that the other's end is noticed.
+    void only_read()
+    {
+        ::close(ends_[1]);
+        ends_[1] = -1;
+    }
+    void write() const
+    {
+        if (::write(ends_[1], "", 1) != 1)
+            fail("the pipe is broken");
+    }
+    bool read() const
+    {
+        struct pollfd end = {.fd = ends_[0], .events = POLLIN, .revents = 0};
+        char byte;
+        return ::poll(&end, 1, 30'000) == 1 && ::read(ends_[0], &byte, 1) == 1;
+    }
+
+  private:
+    int ends_[2];
+};
+
 void zeroed(ControlDevice& control)
 {
     const std::size_t bytes = control.state().mapBytes;
@@ -35,6 +79,56 @@ void zeroed(ControlDevice& control)
             fail("byte " + std::to_string(other - data.begin()) + " of an area is not zero");
     }
     std::printf("%zu bytes of zeros\n", 2 * bytes);
+}
+
+// The result of making an area, given back at once.
+int try_area(ControlDevice& control, std::size_t bytes)
+{
+    try {
+        control.map(bytes);
+        return QUENDREL_OK;
+    } catch (const quendrel::Error& error) {
+        return error.code();
+    }
+}
+
+void demand(int result, int wanted, const std::string& what)
+{
+    if (result != wanted)
+        fail(what + " answered " + std::to_string(result) + ", not " + std::to_string(wanted));
+}
+
+void bounded(ControlDevice& control)
+{
+    const std::size_t most = control.state().mapBytes;
+    {
+        const TransferArea first = control.map(most);
+        demand(try_area(control, most), QUENDREL_NO_MEMORY, "a second area of the largest size");
+        demand(try_area(control, most / 2), QUENDREL_OK, "one of half that size");
+    }
+    TransferArea area = control.map(most);
+    Pipe touched;
+    Pipe done;
+    const pid_t child = ::fork();
+    if (child < 0)
+        fail("there is no child");
+    if (child == 0) {
+        for (std::size_t at = 0; at < most; at += 4096)
+            (void)*static_cast<const volatile std::byte*>(area.data().data() + at);
+        touched.write();
+        done.only_read();
+        done.read();
+        ::_exit(0);
+    }
+    if (!touched.read())
+        fail("the child does not touch the area");
+    area.release();
+    demand(try_area(control, most), QUENDREL_NO_MEMORY, "an area while a child maps the one before");
+    demand(try_area(control, most / 2), QUENDREL_OK, "half an area while a child maps the one before");
+    done.write();
+    ::waitpid(child, nullptr, 0);
+    demand(try_area(control, most), QUENDREL_OK, "an area after the child's end");
+    std::printf("bounded\n");
 }
 
 } // namespace
@@ -51,6 +145,8 @@ try {
     const std::string what = argv[4];
     if (what == "zeroed")
         zeroed(control);
+    else if (what == "bounded")
+        bounded(control);
     else
         fail("there is no " + what);
     return 0;
