@@ -171,7 +171,7 @@ static bool took_nothing(const struct qdr_call *call, long result)
 {
 	/* "Refused" is a number which does not fit the driver's tables, or a size that it does not take. */
 	return result == QUENDREL_COPY_FROM_USER ||
-	       (result == QUENDREL_REFUSED && (call->number[0] > 255 || call->number[1] > 255));
+	       (result == QUENDREL_REFUSED && (call->records[0].words[0] > 255 || call->records[0].words[1] > 255));
 }
 
 /*
@@ -194,37 +194,16 @@ static long start_backup(struct file *file, struct qdr_call *call, unsigned long
 	return result;
 }
 
-/* The others' argument is only written to, or not looked at. */
-static bool reads_record(unsigned int cmd)
-{
-	switch (cmd) {
-	case QUENDREL_GET_BLOCK_SIZE:
-	case QUENDREL_START_BACKUP:
-	case QUENDREL_SNAPSHOT:
-	case QUENDREL_GET_STATE:
-	case QUENDREL_GET_AUTOMAP_STATE:
-	case QUENDREL_LOAD_BLOCK_MAP:
-	case QUENDREL_GET_AUTOMAP:
-	case QUENDREL_GET_DIRTY_BLOCK:
-	case QUENDREL_READ_BLOCKS:
-		return true;
-	default:
-		return false;
-	}
-}
-
 static long command(struct file *file, unsigned int cmd, unsigned long arg)
 {
 	struct qdr_call call = {.cmd = cmd, .gathers = cmd == QUENDREL_READ_BLOCKS};
 	long result;
 
-	/* The driver's pointers have 32 bits. What lies beyond them can be neither read nor written. */
-	if (arg > 0xFFFFFFFFUL && reads_record(cmd))
-		return QUENDREL_COPY_FROM_USER;
-	if (arg > 0xFFFFFFFFUL && (cmd == QUENDREL_GET_VERSION_MAJOR || cmd == QUENDREL_GET_VERSION_MINOR))
-		return QUENDREL_COPY_TO_USER;
+	result = qdr_caller_begin(&call, arg);
+	if (result)
+		goto out;
 	qdr_call_begin(&call);
-	qdr_translate_record(&call, (qdr_user_addr)arg);
+	qdr_translate_record(&call);
 	if (cmd == QUENDREL_START_BACKUP)
 		result = start_backup(file, &call, arg);
 	else
@@ -232,6 +211,8 @@ static long command(struct file *file, unsigned int cmd, unsigned long arg)
 	qdr_may_sleep();
 	qdr_start_reads(NULL);
 	qdr_call_end(&call);
+out:
+	qdr_caller_end(&call);
 	return result;
 }
 

@@ -117,6 +117,13 @@ void qdr_caches_exit(void); /* destroys what the core has left */
 
 /* ---- Calls of the control device under way (control.c) ----------------------------------------------------------- */
 
+/* A part of the caller's memory as it was read. */
+struct qdr_record {
+	qdr_user_addr at;
+	u32 bytes; /* 0: it could not be read */
+	u32 words[14];
+};
+
 /* One a command or release, on the stack of the task that makes it. */
 struct qdr_call {
 	struct list_head list;
@@ -129,9 +136,11 @@ struct qdr_call {
 	bool gathers;
 	struct bio *gathered, *last_gathered;
 	unsigned int gathered_count;
-	/* The device number in the caller's record: where it stands, and what the core is shown instead. */
-	qdr_user_addr number_at; /* 0: nowhere */
-	u32 number[2];           /* major, minor */
+	/* What the command may read, and write to inside a lock, of the caller's memory (caller.c). */
+	bool unreachable; /* the argument lies where the core's pointers do not reach */
+	struct qdr_record records[2]; /* the command's own; the key or the map's record that it points to */
+	struct page **pages;          /* of a map of blocks; null: none */
+	unsigned long pinned, first_pinned; /* how many; the first one's address in pages */
 };
 void qdr_call_begin(struct qdr_call *call);
 void qdr_call_end(struct qdr_call *call);
@@ -139,14 +148,21 @@ struct qdr_call *qdr_current_call(void); /* of this task, or null */
 /* Frees what a release left, once no task can use it any more. */
 void qdr_free_deferred(struct qdr_call *call);
 
+/* ---- The caller's memory (caller.c) ------------------------------------------------------------------------------- */
+
+/* Before the core has a command, with nothing locked: reads and pins what the core will ask for. 0, or the result with
+ * which the command ends here; either way qdr_caller_end comes after it. May sleep. */
+int qdr_caller_begin(struct qdr_call *call, unsigned long arg);
+void qdr_caller_end(struct qdr_call *call);
+
 /* ---- Device numbers (numbers.c) ---------------------------------------------------------------------------------- */
 
 /* Chooses the number that the core sees for a new disk instance, into disk->{major,first_minor,minors}. 0 or -ENOSPC. */
 int qdr_number_disk(struct qdr_gendisk *disk, struct gendisk *kernel_disk);
 /* What the core sees for partition `partno` of the disk (0: the whole disk); 0 when it has no number for it. */
 qdr_kdev_t qdr_kdev_of(struct qdr_gendisk *disk, unsigned int partno);
-/* Translates the number in a command's record before the core reads it, and the one in the answer. */
-void qdr_translate_record(struct qdr_call *call, qdr_user_addr record);
+/* Translates the number in a command's record before the core has it, and the one in the answer. */
+void qdr_translate_record(struct qdr_call *call);
 void qdr_translate_answer(const struct qdr_call *call, void *record, size_t bytes);
 
 /* ---- Disks and devices (devices.c) ------------------------------------------------------------------------------- */

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 /*
- * Memory: allocations, pages, the caller's memory; and the count of all that is held.
+ * Memory: allocations and pages; and the count of all that is held.
  *
  * Each kmalloc has a header in front. A file's release frees records that a task inside a hook may still look at; what
  * the releasing task frees is therefore chained through the headers and freed once those tasks have left.
@@ -8,7 +8,6 @@
 #include "glue.h"
 
 #include <linux/highmem.h>
-#include <linux/uaccess.h>
 
 atomic_t qdr_held[QDR_HELD_KINDS];
 
@@ -191,49 +190,4 @@ void qk_kunmap(struct page *p)
 void *qk_page_address(struct page *p)
 {
 	return page_address(p);
-}
-
-/* ---- The caller's memory ------------------------------------------------------------------------------------------- */
-
-static void __user *user(qdr_user_addr address)
-{
-	return (void __user *)(unsigned long)address;
-}
-
-/* A command's record names a device by its real number; the core is shown the one that it knows. */
-static void show_number(const struct qdr_call *call, void *to, qdr_user_addr from, unsigned long bytes)
-{
-	if (call && call->number_at && from == call->number_at && bytes >= sizeof(call->number))
-		memcpy(to, call->number, sizeof(call->number));
-}
-
-unsigned long qk_copy_from_user(void *to, qdr_user_addr from, unsigned long bytes)
-{
-	unsigned long missing;
-
-	qdr_may_sleep();
-	missing = copy_from_user(to, user(from), bytes);
-	if (!missing)
-		show_number(qdr_current_call(), to, from, bytes);
-	return missing;
-}
-
-unsigned long qk_copy_to_user(qdr_user_addr to, const void *from, unsigned long bytes)
-{
-	const struct qdr_call *call = qdr_current_call();
-	char answer[80];
-
-	qdr_may_sleep();
-	if (call && bytes <= sizeof(answer)) {
-		memcpy(answer, from, bytes);
-		qdr_translate_answer(call, answer, bytes);
-		from = answer;
-	}
-	return copy_to_user(user(to), from, bytes);
-}
-
-int qk_put_user_u32(u32 value, qdr_user_addr to)
-{
-	qdr_may_sleep();
-	return put_user(value, (u32 __user *)user(to)) ? -EFAULT : 0;
 }

@@ -13,8 +13,6 @@
 #include "glue.h"
 #include "quendrel.h"
 
-#include <linux/uaccess.h>
-
 #define ALIAS_MAJOR 0
 #define NUMBERS 256 /* of majors, of minors */
 
@@ -68,25 +66,20 @@ qdr_kdev_t qdr_kdev_of(struct qdr_gendisk *disk, unsigned int partno)
 }
 
 /* StartBackup and GetBlockSize begin with a number. */
-void qdr_translate_record(struct qdr_call *call, qdr_user_addr record)
+void qdr_translate_record(struct qdr_call *call)
 {
+	u32 *number = call->records[0].words;
 	struct qdr_block_device *device;
-	u32 number[2];
 
 	if (call->cmd != QUENDREL_START_BACKUP && call->cmd != QUENDREL_GET_BLOCK_SIZE)
 		return;
-	if (copy_from_user(number, (void __user *)(unsigned long)record, sizeof(number)))
-		return;
-	/* Shown to the core whatever becomes of the caller's memory meanwhile: what is decided here is decided of it. */
-	memcpy(call->number, number, sizeof(number));
-	call->number_at = record;
-	if (number[0] > MAJOR(~0U) || number[1] > MINORMASK)
+	if (!call->records[0].bytes || number[0] > MAJOR(~0U) || number[1] > MINORMASK)
 		return;
 	device = qdr_open_real(MKDEV(number[0], number[1]));
 	if (!device)
 		return;
-	call->number[0] = device->kdev >> 20;
-	call->number[1] = device->kdev & MINORMASK;
+	number[0] = device->kdev >> 20;
+	number[1] = device->kdev & MINORMASK;
 }
 
 /* So do the answers BlockSize, State and AutoMapState. */

@@ -6,6 +6,8 @@
 #include <asm/atomic.h>
 #include <linux/blkdev.h>
 #include <linux/genhd.h>
+#include <linux/highmem.h>
+#include <linux/mm.h>
 #include <linux/module.h>
 #include <linux/moduleparam.h>
 #include <linux/sched.h>
@@ -104,6 +106,34 @@ static inline void family_bio_set_read(struct bio *b)
 {
 	b->bi_rw = READ;
 }
+
+/* ---- The caller's memory ------------------------------------------------------------------------------------------------ */
+
+/* How many of the pages could be had, from the first on; or an error below 0. May sleep. */
+static inline long family_pin(unsigned long address, unsigned long count, bool write, struct page **pages)
+{
+	long pinned;
+
+	down_read(&current->mm->mmap_sem);
+	pinned = get_user_pages(current, current->mm, address, count, write, 0, pages, NULL);
+	up_read(&current->mm->mmap_sem);
+	return pinned;
+}
+
+static inline void family_unpin(struct page **pages, unsigned long count, bool written)
+{
+	unsigned long i;
+
+	for (i = 0; i < count; i++) {
+		if (written)
+			set_page_dirty_lock(pages[i]);
+		put_page(pages[i]);
+	}
+}
+
+/* For a copy that does not sleep. */
+#define family_map_page(page) kmap_atomic(page, KM_USER0)
+#define family_unmap_page(address) kunmap_atomic(address, KM_USER0)
 
 /* ---- The control device ---------------------------------------------------------------------------------------------- */
 

@@ -7,6 +7,8 @@
 #include <linux/blk_types.h>
 #include <linux/blkdev.h>
 #include <linux/delay.h>
+#include <linux/highmem.h>
+#include <linux/mm.h>
 #include <linux/moduleparam.h>
 #include <linux/spinlock.h>
 #include <linux/vmalloc.h>
@@ -92,6 +94,23 @@ static inline void family_bio_set_read(struct bio *b)
 {
 	b->bi_opf = REQ_OP_READ;
 }
+
+/* ---- The caller's memory ------------------------------------------------------------------------------------------------ */
+
+/* How many of the pages could be had, from the first on; or an error below 0. May sleep. */
+static inline long family_pin(unsigned long address, unsigned long count, bool write, struct page **pages)
+{
+	return pin_user_pages_fast(address, count, write ? FOLL_WRITE : 0, pages);
+}
+
+static inline void family_unpin(struct page **pages, unsigned long count, bool written)
+{
+	unpin_user_pages_dirty_lock(pages, count, written);
+}
+
+/* For a copy that does not sleep. */
+#define family_map_page(page) kmap_local_page(page)
+#define family_unmap_page(address) kunmap_local(address)
 
 /* ---- The control device ---------------------------------------------------------------------------------------------- */
 

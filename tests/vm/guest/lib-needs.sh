@@ -39,6 +39,7 @@ need() { # prints what is missing
       ;;
     package) [ -d $KIT/package ] || echo "there is no package for this kernel" ;;
     daemon) [ -x $KIT/daemon/usr/sbin/quendreld ] || echo "the daemon's package was not made" ;;
+    userfaultfd) [ -f /proc/sys/vm/unprivileged_userfaultfd ] || echo "the kernel lets no program bring the pages of another" ;;
     lockdep) [ -f /proc/lockdep_stats ] || echo "the kernel has no lock checker" ;;
     parameter:*) modinfo -F parm $KIT/quendrel.ko 2>/dev/null | grep -q "^${1#*:}:" || echo "the module has no parameter ${1#*:}" ;;
     loose) [ -n "$LOOSE" ] && [ -b "$LOOSE" ] || echo "the disk that can be unplugged is gone" ;;
