@@ -99,6 +99,12 @@ struct qdr_call *qdr_current_call(void)
 
 struct control_file {
 	void *cores; /* what the core keeps for the file */
+	/*
+	 * The transfer areas and their pages. Written by what makes and ends a mapping, read by faults and by commands that
+	 * read blocks into an area: an area and its pages stay while a disk writes to them. Inside the address space's lock and
+	 * outside of all of the core's, so nothing of the caller's memory may be touched inside it.
+	 */
+	struct rw_semaphore areas;
 	atomic_t began; /* StartBackups of this file that the core was given, but for those that ended before they took anything */
 };
 
@@ -117,18 +123,21 @@ static int open_error(int result)
 static int control_open(struct inode *inode, struct file *file)
 {
 	unsigned int files = qdr_files_begin();
+	struct control_file *mine;
 	int result = -EBUSY;
 
 	if (files > 1 && exclusive)
 		goto refused;
 	result = -ENOMEM;
-	file->private_data = kzalloc(sizeof(struct control_file), GFP_KERNEL);
-	if (!file->private_data)
+	mine = kzalloc(sizeof(*mine), GFP_KERNEL);
+	if (!mine)
 		goto refused;
+	init_rwsem(&mine->areas);
+	file->private_data = mine;
 	result = open_error(core_ops->open(inode, file));
 	if (!result)
 		return 0;
-	kfree(file->private_data);
+	kfree(mine);
 refused:
 	qdr_files_end();
 	return result;
@@ -194,6 +203,17 @@ static long start_backup(struct file *file, struct qdr_call *call, unsigned long
 	return result;
 }
 
+static long read_blocks(struct file *file, struct qdr_call *call, unsigned long arg)
+{
+	struct control_file *mine = file->private_data;
+	long result;
+
+	down_read(&mine->areas);
+	result = core_ops->ioctl(family_inode(file), file, call->cmd, arg);
+	up_read(&mine->areas);
+	return result;
+}
+
 static long command(struct file *file, unsigned int cmd, unsigned long arg)
 {
 	struct qdr_call call = {.cmd = cmd, .gathers = cmd == QUENDREL_READ_BLOCKS};
@@ -206,6 +226,8 @@ static long command(struct file *file, unsigned int cmd, unsigned long arg)
 	qdr_translate_record(&call);
 	if (cmd == QUENDREL_START_BACKUP)
 		result = start_backup(file, &call, arg);
+	else if (cmd == QUENDREL_READ_BLOCKS)
+		result = read_blocks(file, &call, arg);
 	else
 		result = core_ops->ioctl(family_inode(file), file, cmd, arg);
 	qdr_may_sleep();
@@ -237,6 +259,13 @@ static const struct qdr_vm_operations *ops_of(struct vm_area_struct *vma)
 	return vma->vm_private_data;
 }
 
+static struct rw_semaphore *areas_of(struct vm_area_struct *vma)
+{
+	struct control_file *mine = vma->vm_file->private_data;
+
+	return &mine->areas;
+}
+
 static void mapping_open(struct vm_area_struct *vma)
 {
 	ops_of(vma)->open(vma);
@@ -244,13 +273,23 @@ static void mapping_open(struct vm_area_struct *vma)
 
 static void mapping_close(struct vm_area_struct *vma)
 {
+	struct rw_semaphore *areas = areas_of(vma);
+
+	down_write(areas);
 	ops_of(vma)->close(vma);
+	up_write(areas);
 	qdr_free_unmapped();
 }
 
 static vm_fault_t mapping_fault(FAMILY_FAULT_ARGUMENTS)
 {
-	return (__force vm_fault_t)ops_of(FAMILY_FAULT_MAPPING)->fault(FAMILY_FAULT_MAPPING, vmf);
+	struct rw_semaphore *areas = areas_of(FAMILY_FAULT_MAPPING);
+	vm_fault_t result;
+
+	down_read(areas);
+	result = (__force vm_fault_t)ops_of(FAMILY_FAULT_MAPPING)->fault(FAMILY_FAULT_MAPPING, vmf);
+	up_read(areas);
+	return result;
 }
 
 static family_vm_operations mapping_ops = {
@@ -261,7 +300,13 @@ static family_vm_operations mapping_ops = {
 
 static int control_mmap(struct file *file, struct vm_area_struct *vma)
 {
-	return core_ops->mmap(file, vma);
+	struct control_file *mine = file->private_data;
+	int result;
+
+	down_write(&mine->areas);
+	result = core_ops->mmap(file, vma);
+	up_write(&mine->areas);
+	return result;
 }
 
 unsigned long qk_vma_start(struct vm_area_struct *vma)
