@@ -107,9 +107,9 @@ void *qdr_count(void *p, enum qdr_held kind); /* counts `p` unless it is null, a
 
 void qdr_mapped_init(void);
 void qdr_mapped_exit(void);
-struct page *qdr_alloc_mapped_page(gfp_t gfp); /* null: also when there are as many as there may be */
-bool qdr_free_mapped_page(struct page *p);     /* false: it is none of these, and nothing was done */
-void qdr_free_unmapped(void);                  /* those that the driver has freed and nobody maps any more */
+struct page *qdr_alloc_counted_page(gfp_t gfp); /* null: also when there are as many as there may be */
+bool qdr_free_counted_page(struct page *p);     /* false: it is none of these, and nothing was done */
+void qdr_free_unmapped(void);                   /* those that the driver has freed and nobody maps any more */
 
 /* ---- Slab caches (caches.c) -------------------------------------------------------------------------------------- */
 

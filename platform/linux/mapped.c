@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0-only
 /*
- * Pages that user space may map: zeroed, and bounded in number over all files.
+ * Pages of which a caller decides how many there are: those of transfer areas, which user space may map and which are
+ * zeroed for that, and those of maps of blocks, by the number of blocks that he names. Bounded in number over all files.
  *
- * A page that the driver has given up may still be mapped, by a child of the process whose area it was. The reference that
+ * An area's page that the driver has given up may still be mapped, by a child of the process whose area it was. The reference that
  * the driver had is then kept here, and the page counted, until nobody else has one. No page gets a new mapping once the
  * driver has given it up, so a count of one is final.
  */
@@ -12,7 +13,7 @@
 
 static unsigned long max_map_bytes;
 module_param(max_map_bytes, ulong, 0644);
-MODULE_PARM_DESC(max_map_bytes, "most memory in transfer areas, of all files together (default: a sixteenth of the memory)");
+MODULE_PARM_DESC(max_map_bytes, "most memory in transfer areas and maps of blocks, of all files together (default: a sixteenth of the memory)");
 
 /* In the private word of a page that is counted; a page comes with 0 there. */
 #define COUNTED 1
@@ -28,9 +29,8 @@ void qdr_mapped_init(void)
 
 	if (max_map_bytes)
 		return;
-	/* The pages have to lie where the kernel reaches them without a mapping of its own. */
 	si_meminfo(&memory);
-	max_map_bytes = (memory.totalram - memory.totalhigh) / 16 << PAGE_SHIFT;
+	max_map_bytes = memory.totalram / 16 << PAGE_SHIFT;
 }
 
 /* No file is open any more, and so nothing is mapped. */
@@ -77,7 +77,7 @@ static bool count_one(void)
 	return fits;
 }
 
-struct page *qdr_alloc_mapped_page(gfp_t gfp)
+struct page *qdr_alloc_counted_page(gfp_t gfp)
 {
 	struct page *p;
 
@@ -86,7 +86,7 @@ struct page *qdr_alloc_mapped_page(gfp_t gfp)
 		if (!count_one())
 			return NULL;
 	}
-	p = alloc_page(gfp | __GFP_ZERO);
+	p = alloc_page(gfp);
 	if (p) {
 		set_page_private(p, COUNTED);
 		return p;
@@ -97,7 +97,7 @@ struct page *qdr_alloc_mapped_page(gfp_t gfp)
 	return NULL;
 }
 
-bool qdr_free_mapped_page(struct page *p)
+bool qdr_free_counted_page(struct page *p)
 {
 	if (page_private(p) != COUNTED)
 		return false;

@@ -156,16 +156,22 @@ void qk_vfree(const void *p)
 
 struct page *qk_alloc_page(qdr_gfp_type gfp)
 {
-	bool mapped = gfp == QDR_GFP_KERNEL; /* what the contract has for sharing with user space */
+	struct page *p;
 
 	qdr_may_sleep();
-	return qdr_count(mapped ? qdr_alloc_mapped_page(qdr_gfp(gfp)) : alloc_page(qdr_gfp(gfp)), QDR_HELD_PAGES);
+	if (gfp == QDR_GFP_KERNEL) /* what the contract has for sharing with user space */
+		p = qdr_alloc_counted_page(qdr_gfp(gfp) | __GFP_ZERO);
+	else if (gfp == QDR_GFP_HIGHUSER) /* for maps of blocks */
+		p = qdr_alloc_counted_page(qdr_gfp(gfp));
+	else
+		p = alloc_page(qdr_gfp(gfp));
+	return qdr_count(p, QDR_HELD_PAGES);
 }
 
 /* References are counted, not pages: a page that user space has mapped outlives the driver's interest in it. */
 void qk_free_page_ref(struct page *p)
 {
-	if (!qdr_free_mapped_page(p))
+	if (!qdr_free_counted_page(p))
 		__free_page(p);
 	atomic_dec(&qdr_held[QDR_HELD_PAGES]);
 }
