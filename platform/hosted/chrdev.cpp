@@ -216,7 +216,11 @@ class ControlFileImpl final : public ControlFile
         if (closed_ || !operations().ioctl)
             return closed_ ? -EBADF : -ENOTTY;
         OnBehalfOf process(file_->memory.get());
-        return operations().ioctl(&file_->handle.node, raw(), command, argument);
+        const int freezes = this_task().freezes;
+        const int result = operations().ioctl(&file_->handle.node, raw(), command, argument);
+        if (this_task().freezes != freezes)
+            die("a command has begun a freeze that it did not end");
+        return result;
     }
     int mmap(const MmapArguments& a, std::unique_ptr<Mapping>& mapping) override
     {

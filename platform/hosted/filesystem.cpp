@@ -122,6 +122,7 @@ super_block* freeze_bdev(block_device* bdev)
     Task& task = this_task();
     may_sleep(task, "freeze_bdev");
     before_waiting(task);
+    ++task.freezes; // on some kernels it holds a lock from here on, and so it has to be ended even where nothing froze
     super_block* sb = take(bdev->dev);
     if (!sb)
         return nullptr;
@@ -137,6 +138,7 @@ super_block* freeze_bdev(block_device* bdev)
 void thaw_bdev(block_device*, super_block* sb)
 {
     may_sleep(this_task(), "thaw_bdev");
+    --this_task().freezes;
     if (!sb)
         return;
     std::shared_ptr<DiskImpl> held;

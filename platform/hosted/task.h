@@ -39,6 +39,7 @@ struct Task {
     Task* next_unused = nullptr;
     int spin_locks = 0;
     int partition_looks = 0; // between bdev_lock_partitions and its end
+    int freezes = 0;         // freeze_bdev, whatever it answered, without its thaw_bdev
     unsigned long interrupts_off = 0; // bookkeeping only
 
     AddressSpace* memory = nullptr; // of the process whose command this thread executes

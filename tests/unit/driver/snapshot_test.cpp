@@ -243,6 +243,7 @@ TEST_F(Snapshot, TwoInARowHandOverTheBlocksWrittenBetweenTheirFreezes)
     EXPECT_EQ(atomic_read(&session()->users), 1);
     EXPECT_EQ(atomic_read(&recordOf(second)->blockMap.users), 1);
     EXPECT_EQ(atomic_read(&recordOf(second)->curAllocPages), 2) << "the cache map's page and the backup map's";
+    EXPECT_EQ(atomic_read(&recordOf(second)->totalAllocPages), 2);
     EXPECT_EQ(sda().writeBlock(1, 13, 1), 0);
     EXPECT_EQ(membersOf(session()->map), Blocks{13});
     ASSERT_EQ(second.close(), 0);
