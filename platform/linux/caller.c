@@ -166,9 +166,9 @@ unsigned long qk_copy_to_user(qdr_user_addr to, const void *from, unsigned long 
 	if (call->cmd == QUENDREL_GET_AUTOMAP)
 		return copy_pinned(call, (char *)from, to, bytes, true);
 	qdr_may_sleep();
-	if (bytes <= sizeof(answer)) {
-		memcpy(answer, from, bytes);
-		qdr_translate_answer(call, answer, bytes);
+	if (qdr_answers_with_number(call) && bytes <= sizeof(answer)) {
+		memcpy(answer, from, max_t(unsigned long, bytes, 2 * sizeof(u32)));
+		qdr_translate_answer(answer);
 		from = answer;
 	}
 	return copy_to_user(user(to), from, bytes);

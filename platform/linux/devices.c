@@ -75,6 +75,41 @@ static struct qdr_block_device *find_device(qdr_kdev_t kdev)
 	return NULL;
 }
 
+/* Whether anybody still needs the numbers of a record: its disk is there, or something of it is hooked or open. */
+static bool needs_numbers(struct qdr_gendisk *known)
+{
+	struct qdr_block_device *device;
+	struct block_device *bdev;
+	bool there;
+
+	if (known->whole->disk != known)
+		return false; /* another disk has them already */
+	if (qdr_is_hooked(known))
+		return true;
+	list_for_each_entry(device, &devices, list)
+		if (device->disk == known && device->bdev)
+			return true;
+	bdev = family_open(known->whole->real);
+	if (!bdev)
+		return false;
+	there = family_is_disk(known, bdev->bd_disk);
+	family_close(bdev);
+	return there;
+}
+
+bool qdr_numbers_needed(u32 major, u32 first, u32 count)
+{
+	struct qdr_gendisk *known;
+	int i;
+
+	for (i = 0; i < ARRAY_SIZE(disks); i++)
+		list_for_each_entry(known, &disks[i], list)
+			if (known->major == major && known->first_minor < first + count &&
+			    first < known->first_minor + known->minors && needs_numbers(known))
+				return true;
+	return false;
+}
+
 /* The record of a number, which from now on belongs to a device of `disk`. */
 static struct qdr_block_device *device_of(struct qdr_gendisk *disk, unsigned int partno, dev_t real)
 {

@@ -163,7 +163,8 @@ int qdr_number_disk(struct qdr_gendisk *disk, struct gendisk *kernel_disk);
 qdr_kdev_t qdr_kdev_of(struct qdr_gendisk *disk, unsigned int partno);
 /* Translates the number in a command's record before the core has it, and the one in the answer. */
 void qdr_translate_record(struct qdr_call *call);
-void qdr_translate_answer(const struct qdr_call *call, void *record, size_t bytes);
+bool qdr_answers_with_number(const struct qdr_call *call);
+void qdr_translate_answer(void *record); /* of such a command; its first two words count */
 
 /* ---- Disks and devices (devices.c) ------------------------------------------------------------------------------- */
 
@@ -198,6 +199,7 @@ struct qdr_gendisk *qdr_find_disk(const struct gendisk *disk);
 struct qdr_block_device *qdr_open_real(dev_t real);
 /* Whether some hooked disk has one of these numbers. The caller is numbers.c, inside qdr_number_disk. */
 bool qdr_numbers_in_use(u32 major, u32 first, u32 count);
+bool qdr_numbers_needed(u32 major, u32 first, u32 count); /* by a disk that is there, or something that is held */
 /* Files of the control device come and go; with the last one every device is closed. The number open now. */
 unsigned int qdr_files_begin(void);
 void qdr_files_end(void);

@@ -7,7 +7,8 @@
  * 0, which no block device has, and so does a disk that comes under the number of one that has gone while it was being
  * tracked: tracking knows nothing of what happened to a disk that was away, and must not be continued on it.
  *
- * The numbers go with the disk instance until unload. User space always names a device by its real number: the numbers
+ * The numbers go with the disk instance for as long as it is there or tracked; after that they are given to others when
+ * there are no new ones. User space always names a device by its real number: the numbers
  * in commands and answers are translated on the way.
  */
 #include "glue.h"
@@ -36,7 +37,7 @@ static bool real_numbers_fit(struct gendisk *disk, u32 minors)
 
 int qdr_number_disk(struct qdr_gendisk *disk, struct gendisk *kernel_disk)
 {
-	u32 minors = max(kernel_disk->minors, 1);
+	u32 minors = max(kernel_disk->minors, 1), first;
 
 	if (real_numbers_fit(kernel_disk, minors) &&
 	    !qdr_numbers_in_use(kernel_disk->major, kernel_disk->first_minor, minors)) {
@@ -46,15 +47,19 @@ int qdr_number_disk(struct qdr_gendisk *disk, struct gendisk *kernel_disk)
 		return 0;
 	}
 	minors = family_takes_partitions(kernel_disk) ? roundup(highest_partition(kernel_disk) + 1, 16) : 1;
-	if (next_alias + minors > NUMBERS) {
+	first = next_alias;
+	if (first + minors > NUMBERS)
+		for (first = 1; first + minors <= NUMBERS && qdr_numbers_needed(ALIAS_MAJOR, first, minors); first++)
+			;
+	if (first + minors > NUMBERS) {
 		pr_warn("quendrel: no device number is left for %s: unload the module and load it again\n",
 			kernel_disk->disk_name);
 		return -ENOSPC;
 	}
 	disk->major = ALIAS_MAJOR;
-	disk->first_minor = next_alias;
+	disk->first_minor = first;
 	disk->minors = minors;
-	next_alias += minors;
+	next_alias = max(next_alias, first + minors);
 	pr_info("quendrel: %s (%u:%u) is major=%u minor=%u in the lines of this log\n", kernel_disk->disk_name,
 		MAJOR(disk_devt(kernel_disk)), MINOR(disk_devt(kernel_disk)), disk->major, disk->first_minor);
 	return 0;
@@ -76,22 +81,27 @@ void qdr_translate_record(struct qdr_call *call)
 	if (!call->records[0].bytes || number[0] > MAJOR(~0U) || number[1] > MINORMASK)
 		return;
 	device = qdr_open_real(MKDEV(number[0], number[1]));
-	if (!device)
-		return;
-	number[0] = device->kdev >> 20;
-	number[1] = device->kdev & MINORMASK;
+	if (device) {
+		number[0] = device->kdev >> 20;
+		number[1] = device->kdev & MINORMASK;
+	} else if (number[0] == ALIAS_MAJOR) {
+		number[1] = 0; /* a number of ours is not a second name for somebody else's device */
+	}
 }
 
-/* So do the answers BlockSize, State and AutoMapState. */
-void qdr_translate_answer(const struct qdr_call *call, void *record, size_t bytes)
+/* So do the answers BlockSize, State and AutoMapState, and the core has them whole, whatever part the caller takes. */
+bool qdr_answers_with_number(const struct qdr_call *call)
+{
+	return call->cmd == QUENDREL_GET_BLOCK_SIZE || call->cmd == QUENDREL_GET_STATE ||
+	       call->cmd == QUENDREL_GET_AUTOMAP_STATE;
+}
+
+void qdr_translate_answer(void *record)
 {
 	u32 *number = record;
 	dev_t real;
 
-	if (call->cmd != QUENDREL_GET_BLOCK_SIZE && call->cmd != QUENDREL_GET_STATE &&
-	    call->cmd != QUENDREL_GET_AUTOMAP_STATE)
-		return;
-	if (bytes < 2 * sizeof(*number) || number[0] != ALIAS_MAJOR || !number[1])
+	if (number[0] != ALIAS_MAJOR || !number[1])
 		return;
 	real = qdr_real_number(number[0] << 20 | number[1]);
 	if (!real)
