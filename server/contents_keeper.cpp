@@ -90,11 +90,13 @@ std::vector<DiskRecord> ContentsKeeper::records() const
     return records;
 }
 
-void ContentsKeeper::described_anew(unsigned disk)
+void ContentsKeeper::described_anew(unsigned disk) { wake(disks_[disk]); }
+
+void ContentsKeeper::wake(Disk& disk)
 {
     {
         const std::lock_guard lock(mutex_);
-        if (std::exchange(disks_[disk].described_anew, true))
+        if (std::exchange(disk.described_anew, true))
             return;
     }
     news_.notify_all();
@@ -125,8 +127,10 @@ void ContentsKeeper::before_open()
 
 void ContentsKeeper::before_geometry(kdev_t device)
 {
-    if (Disk* disk = disk_of(device))
+    if (Disk* disk = disk_of(device)) {
         disk->contents.look();
+        wake(*disk); // to say what the look has found
+    }
 }
 
 void ContentsKeeper::before_command(kdev_t device)
@@ -137,8 +141,10 @@ void ContentsKeeper::before_command(kdev_t device)
 
 void ContentsKeeper::before_backup(kdev_t device)
 {
-    if (Disk* disk = disk_of(device))
+    if (Disk* disk = disk_of(device)) {
         disk->contents.begin_backup();
+        wake(*disk);
+    }
 }
 
 void ContentsKeeper::after_backup(kdev_t device)

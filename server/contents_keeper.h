@@ -70,6 +70,7 @@ class ContentsKeeper final : public DeviceObserver
 
     using Sentences = std::vector<std::string>;
 
+    void wake(Disk& disk);
     void keep(Disk& disk);
     static void look(Disk& disk, bool at_all_events, Sentences& unsaid);
     static void follow(Disk& disk, Sentences& unsaid);

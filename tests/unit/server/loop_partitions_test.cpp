@@ -59,7 +59,8 @@ struct LoopPartitions : testing::Test {
     std::string found() const
     {
         std::string all;
-        for (const auto& device : quendreld::loops_over(disk.file).at(0).devices)
+        const auto loops = quendreld::loops_over(disk.file);
+        for (const auto& device : loops.at(0).devices)
             if (device.partition)
                 all += std::to_string(device.partition) + "@" + std::to_string(device.start) + "+" +
                        std::to_string(device.sectors) + " ";
