@@ -103,10 +103,10 @@ int qdr_print_held(char *to, size_t bytes);
 bool qdr_holds_anything(void);
 void *qdr_count(void *p, enum qdr_held kind); /* counts `p` unless it is null, and returns it */
 
-/* ---- Pages that user space may map (mapped.c) --------------------------------------------------------------------- */
+/* ---- Pages whose number a caller decides (counted_pages.c) ------------------------------------------------------- */
 
-void qdr_mapped_init(void);
-void qdr_mapped_exit(void);
+void qdr_counted_init(void);
+void qdr_counted_exit(void);
 struct page *qdr_alloc_counted_page(gfp_t gfp); /* null: also when there are as many as there may be */
 bool qdr_free_counted_page(struct page *p);     /* false: it is none of these, and nothing was done */
 void qdr_free_unmapped(void);                   /* those that the driver has freed and nobody maps any more */

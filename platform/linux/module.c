@@ -99,7 +99,7 @@ static int __init quendrel_init(void)
 
 	/* The interception looks disks up from its first moment on. */
 	qdr_devices_init();
-	qdr_mapped_init();
+	qdr_counted_init();
 	result = qdr_bios_init();
 	if (result)
 		return result;
@@ -128,7 +128,7 @@ static void __exit quendrel_exit(void)
 	qdr_devices_exit();
 	qdr_buffers_exit();
 	qdr_bios_exit();
-	qdr_mapped_exit();
+	qdr_counted_exit();
 	if (qdr_holds_anything()) {
 		char held[256];
 

@@ -3,9 +3,9 @@
  * Pages of which a caller decides how many there are: those of transfer areas, which user space may map and which are
  * zeroed for that, and those of maps of blocks, by the number of blocks that he names. Bounded in number over all files.
  *
- * An area's page that the driver has given up may still be mapped, by a child of the process whose area it was. The reference that
- * the driver had is then kept here, and the page counted, until nobody else has one. No page gets a new mapping once the
- * driver has given it up, so a count of one is final.
+ * An area's page that the driver has given up may still be mapped, by a child of the process whose area it was. The
+ * reference that the driver had is then kept here, and the page counted, until nobody else has one. No page gets a new
+ * mapping once the driver has given it up, so a count of one is final.
  */
 #include "glue.h"
 
@@ -23,7 +23,7 @@ static DEFINE_SPINLOCK(counted_lock);
 static unsigned long counted;
 static LIST_HEAD(leaving); /* given up by the driver and still mapped; linked by page->lru */
 
-void qdr_mapped_init(void)
+void qdr_counted_init(void)
 {
 	struct sysinfo memory;
 
@@ -34,7 +34,7 @@ void qdr_mapped_init(void)
 }
 
 /* No file is open any more, and so nothing is mapped. */
-void qdr_mapped_exit(void)
+void qdr_counted_exit(void)
 {
 	struct page *p, *next;
 
