@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <map>
 #include <mutex>
+#include <shared_mutex>
 #include <utility>
 
 struct inode {
@@ -80,6 +81,9 @@ class MappingImpl;
 struct OpenFile : std::enable_shared_from_this<OpenFile> {
     file handle;
     std::shared_ptr<AddressSpace> memory;
+    // The driver's areas and their pages: written by what makes and ends one, read by faults and commands, so that an area
+    // stays while a disk writes to its pages. Outside of all of the driver's locks; inside a mapping's own.
+    std::shared_mutex areas;
     std::mutex mutex; // guards mappings
     std::vector<MappingImpl*> mappings;
 };
@@ -153,8 +157,10 @@ class MappingImpl final : public Mapping
                     free_page_ref(std::exchange(p, nullptr));
             }
         }
-        if (area_.operations && area_.operations->close)
+        if (area_.operations && area_.operations->close) {
+            std::unique_lock areas(file_->areas);
             area_.operations->close(&area_);
+        }
         count(Counter::mappings, -1);
     }
 
@@ -169,6 +175,7 @@ class MappingImpl final : public Mapping
         if (!area_.operations || !area_.operations->fault)
             return nullptr;
         OnBehalfOf process(file_->memory.get());
+        std::shared_lock areas(file_->areas);
         vm_fault fault{area_.start + index * PAGE_BYTES};
         // Any other answer would be taken for a page, or for something to try again.
         if (const int answer = area_.operations->fault(&area_, &fault)) {
@@ -216,6 +223,7 @@ class ControlFileImpl final : public ControlFile
         if (closed_ || !operations().ioctl)
             return closed_ ? -EBADF : -ENOTTY;
         OnBehalfOf process(file_->memory.get());
+        std::shared_lock areas(file_->areas);
         const int freezes = this_task().freezes;
         const int result = operations().ioctl(&file_->handle.node, raw(), command, argument);
         if (this_task().freezes != freezes)
@@ -238,6 +246,7 @@ class ControlFileImpl final : public ControlFile
         auto made = std::make_unique<MappingImpl>(file_, area);
         made->make_room();
         OnBehalfOf process(file_->memory.get());
+        std::unique_lock areas(file_->areas);
         int result = operations().mmap(raw(), &made->area());
         if (result != 0)
             return result;

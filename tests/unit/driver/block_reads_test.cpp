@@ -2,8 +2,11 @@
 // Reading blocks: where each block comes from, the read that a write overtakes, and what is refused.
 #include "guest_io.h"
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 
 using namespace rig;
 using hosted::Op;
@@ -685,6 +688,25 @@ TEST_F(BlockReads, AreRefusedAtAnAddressThatIsNoMappingsFirst)
     program.unmap(0);
     EXPECT_EQ(program.command(QUENDREL_READ_BLOCKS, program.put(ReadBlocks{5, 1, start})), 2);
     EXPECT_EQ(takeLog(), (Lines{"<3>ioctlReadBlocks: invalid data pointer\n"}));
+}
+
+TEST_F(BlockReads, KeepTheirAreaUntilTheyAreOver)
+{
+    begin();
+    DiskGate gate([](const hosted::BioView& bio) { return !bio.write; });
+    std::thread reader([&] { EXPECT_EQ(program.readBlocks(5, 3), 0); });
+    gate.waitUntilStopped();
+    std::atomic<bool> unmapped = false;
+    std::thread other([&] {
+        program.unmap(0);
+        unmapped = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(unmapped);
+    gate.open();
+    reader.join();
+    other.join();
+    EXPECT_TRUE(unmapped);
 }
 
 TEST_F(BlockReads, FillAnAreaAndNoMore)
