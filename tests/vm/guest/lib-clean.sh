@@ -10,6 +10,8 @@ processes() {
   fi
 }
 
+mapped_devices() { dmsetup info -c --noheadings -o name 2>/dev/null | grep -v '^No devices'; }
+
 clean_up() {
   echo "7 4 1 7" >/proc/sys/kernel/printk
   touch /run/stop-writers
@@ -34,8 +36,13 @@ clean_up() {
     [ "$left" = 0 ] || echo "the module has $left references left"
     rmmod quendrel || echo "the module cannot be unloaded"
   fi
-  [ ! -x /sbin/dmsetup ] || dmsetup info -c --noheadings -o name 2>/dev/null | grep -v '^No devices' | while read -r line; do
-    dmsetup remove --retry "$line" >/dev/null || echo "$line cannot be removed"
+  # One may stand on others.
+  for try in 1 2 3; do
+    [ ! -x /sbin/dmsetup ] || for line in $(mapped_devices); do dmsetup remove --retry "$line" >/dev/null 2>&1; done
+  done
+  [ ! -x /sbin/dmsetup ] || for line in $(mapped_devices); do echo "$line cannot be removed"; done
+  for line in /sys/block/md*/md/array_state; do
+    [ ! -f "$line" ] || unstack_md "${line%/md/array_state}" || echo "${line%/md/array_state} cannot be stopped"
   done
   losetup -D 2>/dev/null
   [ ! -d /sys/module/brd ] || rmmod brd || echo "brd cannot be unloaded"

@@ -1,18 +1,20 @@
 # SPDX-License-Identifier: GPL-2.0-only
 # What a test may need of the kernel and the machine: `need` prints what is missing.
 
-have_module_file() { grep -qE "^$1\.ko" $KIT/modules/order; }
 load_kernel_module() { # NAME [PARAMETERS]: one of the kernel's own that is not loaded at boot
   [ -d "/sys/module/$1" ] && [ $# = 1 ] && return
-  local file
-  # Its dependencies stand before it.
-  while read -r file; do
-    case $file in "$1".ko*) break ;; esac
-    [ -d "/sys/module/$(sed 's/\.ko.*//; s/-/_/g' <<<"$file")" ] || insmod "$KIT/modules/$file" 2>/dev/null || true
-  done <$KIT/modules/order
-  file=$(grep -E "^$1\.ko" $KIT/modules/order || grep -E "^${1//_/-}\.ko" $KIT/modules/order) || return 1
-  shift
-  insmod "$KIT/modules/$file" "$@"
+  local chain file name
+  chain=$(grep -E "^$1 " $KIT/modules/chains) || return 1
+  # The last one is it; before it stands what it depends on, and what it would like but not every processor has.
+  for file in ${chain#* }; do
+    name=$(sed 's/\.ko.*//; s/-/_/g' <<<"$file")
+    if [ "$name" = "$1" ]; then
+      shift
+      insmod "$KIT/modules/$file" "$@"
+      return
+    fi
+    [ -d "/sys/module/$name" ] || insmod "$KIT/modules/$file" 2>/dev/null || true
+  done
 }
 need() { # prints what is missing
   case $1 in
@@ -28,6 +30,7 @@ need() { # prints what is missing
     loop | fuse | brd | scsi_debug | dm_flakey)
       load_kernel_module "$1" 2>/dev/null || [ -d "/sys/module/$1" ] || echo "the kernel has no $1"
       ;;
+    kernel:*) load_kernel_module "${1#*:}" 2>/dev/null || [ -d "/sys/module/${1#*:}" ] || echo "the kernel has no ${1#*:}" ;;
     nvme) [ -n "$(nvme_disk)" ] || echo "the machine has no NVMe disk" ;;
     trim) [ "$(cat "/sys/block/${DISK##*/}/queue/discard_max_bytes" 2>/dev/null || echo 0)" != 0 ] || echo "the tested disk takes no discards" ;;
     flush) [ -f "/sys/block/${DISK##*/}/queue/write_cache" ] || echo "the kernel's driver of the tested disk sends no flushes" ;;

@@ -24,3 +24,19 @@ prove() {
   host judge "${JUDGED:-tested}" "$TEST-before-$label" "$TEST-after-$label" "$extents" "$(start_of "$place")"
 }
 extent() { echo "$(start_of "$1")+$(sectors "$1")"; }
+# true_backup MODE DEVICE: a file of the file system on DEVICE, which is not mounted, is changed; then a backup is of that
+# mode, and restored it is what the device holds.
+true_backup() {
+  local mode=$1 device=$2 path
+  mkdir -p /mnt/true
+  mount "$device" /mnt/true
+  head -c 100000 /dev/urandom >"/mnt/true/$RANDOM"
+  sync_fs /mnt/true
+  mount -o remount,ro /mnt/true
+  backup "$device"
+  expect_mode "$mode"
+  path=$(report_field path)
+  umount /mnt/true
+  expect 0 qbackup -q restore --from "$path" --to "$(region 1)" --force
+  cmp -n $(($(blockdev --getsz "$device") / 8 * 4096)) "$device" "$(region 1)" || fail "the restored backup is not what $device holds"
+}

@@ -109,7 +109,8 @@ def stripped(program, cache):
 
 
 def initial_file_system(target, *, busybox, modules, more_modules, kit, settings, cache):
-    """Writes the archive: busybox, the modules to load in order, and the kit (a mapping of names to paths)."""
+    """Writes the archive: busybox, the modules to load in order, those to load on demand (a mapping of names to the files
+    to load for each, in order), and the kit (a mapping of names to paths)."""
     archive = Cpio()
     for name in ("proc", "sys", "dev", "newroot", "kit", "modules"):
         archive.directory(name)
@@ -120,9 +121,10 @@ def initial_file_system(target, *, busybox, modules, more_modules, kit, settings
         archive.file(f"modules/{path.name}", path.read_bytes())
         order.append(path.name)
     archive.file("modules/order", ("\n".join(order) + "\n").encode())
-    for path in more_modules:
+    for path in dict.fromkeys(path for chain in more_modules.values() for path in chain if path not in modules):
         archive.file(f"kit/modules/{path.name}", path.read_bytes())
-    archive.file("kit/modules/order", ("".join(p.name + "\n" for p in more_modules)).encode())
+    chains = (" ".join([name, *(p.name for p in chain)]) + "\n" for name, chain in more_modules.items())
+    archive.file("kit/modules/chains", "".join(chains).encode())
     for name, path in kit.items():
         with path.open("rb") as start:
             binary = start.read(4) == b"\x7fELF"

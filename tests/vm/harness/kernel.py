@@ -19,7 +19,11 @@ BOOT_MODULES = [
     "crc32_generic", "libcrc32c", "virtio_balloon", "overlay",
 ]
 # Loaded by tests that need them.
-MORE_MODULES = ["brd", "loop", "dm_flakey", "scsi_debug", "dm_snapshot", "null_blk", "fuse"]
+MORE_MODULES = [
+    "brd", "loop", "dm_flakey", "scsi_debug", "dm_snapshot", "null_blk", "fuse", "dm_thin_pool", "dm_crypt", "xts", "ecb", "aes_generic",
+    "dm_multipath", "dm_round_robin", "md_mod", "raid0", "raid1", "raid10", "zram", "sd_mod", "sr_mod", "sg", "nd_e820", "nd_pmem", "vfat",
+    "nls_cp437", "nls_ascii",
+]
 
 KMOD_PATH = "/usr/sbin:/sbin:/usr/bin:/bin"
 
@@ -116,19 +120,18 @@ def bootable(kernel, cache):
     return target if unpacked else kernel.image
 
 
-def module_files(kernel, names):
-    """The files to load, in order, for the modules of these names; those that the kernel lacks are left out."""
+def module_chain(kernel, name):
+    """The files to load, in order, for the module of this name; none when the kernel lacks it."""
     if kernel.modules is None:
         return []
-    files = []
-    for name in names:
-        shown = subprocess.run(["modprobe", "-d", str(kernel.modules), "-S", kernel.release, "-D", name],
-                               capture_output=True, text=True, env={"PATH": KMOD_PATH})
-        for line in shown.stdout.splitlines():
-            words = line.split()
-            if words[:1] == ["insmod"] and words[1] not in files:
-                files.append(words[1])
-    return [Path(file) for file in files]
+    shown = subprocess.run(["modprobe", "-d", str(kernel.modules), "-S", kernel.release, "-D", name],
+                           capture_output=True, text=True, env={"PATH": KMOD_PATH})
+    return [Path(words[1]) for words in map(str.split, shown.stdout.splitlines()) if words[:1] == ["insmod"]]
+
+
+def module_files(kernel, names):
+    """The same of several modules, each file once."""
+    return list(dict.fromkeys(file for name in names for file in module_chain(kernel, name)))
 
 
 def build_module(kernel, source, build, jobs):
