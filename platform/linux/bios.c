@@ -46,7 +46,7 @@ struct qdr_block_device *qk_bio_bdev(struct bio *b)
 {
 	struct qdr_own_bio *mine = own(b);
 
-	return mine ? mine->bdev : qdr_find_disk(b->bi_bdev->bd_disk)->whole;
+	return mine ? mine->bdev : qdr_disk_of(b->bi_bdev->bd_disk)->whole;
 }
 
 void qk_bio_set_bdev(struct bio *b, struct qdr_block_device *bdev)

@@ -7,10 +7,13 @@
  */
 #include "glue.h"
 
+#include <linux/mempool.h>
+
 enum { LOCKED, REQ, MAPPED, UPTODATE, COMPLETING };
 
 struct qdr_buffer_head {
 	unsigned long state;
+	bool workers; /* of its pool */
 	atomic_t count;
 	struct qdr_block_device *bdev;
 	u64 block;
@@ -21,26 +24,38 @@ struct qdr_buffer_head {
 };
 
 static struct kmem_cache *cache;
+/* For the worker, whom writes wait for: it has one at a time, so there always is one. */
+static mempool_t *worker;
 
 int qdr_buffers_init(void)
 {
 	cache = family_own_cache("quendrel_buffer", sizeof(struct qdr_buffer_head), 0);
-	return cache ? 0 : -ENOMEM;
+	if (!cache)
+		return -ENOMEM;
+	worker = mempool_create_slab_pool(2, cache);
+	if (worker)
+		return 0;
+	kmem_cache_destroy(cache);
+	return -ENOMEM;
 }
 
 void qdr_buffers_exit(void)
 {
+	mempool_destroy(worker);
 	kmem_cache_destroy(cache);
 }
 
+/* The core asks until it gets one. */
 struct qdr_buffer_head *qk_alloc_buffer_head(qdr_gfp_type gfp)
 {
+	bool workers = !qdr_current_call();
 	struct qdr_buffer_head *bh;
 
 	qdr_may_sleep();
-	bh = kmem_cache_zalloc(cache, qdr_gfp(gfp));
-	if (bh)
-		atomic_inc(&qdr_held[QDR_HELD_BUFFERS]);
+	bh = workers ? mempool_alloc(worker, GFP_NOIO | __GFP_NOWARN) : kmem_cache_alloc(cache, qdr_gfp(gfp | QDR_GFP_NOFAIL));
+	memset(bh, 0, sizeof(*bh));
+	bh->workers = workers;
+	atomic_inc(&qdr_held[QDR_HELD_BUFFERS]);
 	return bh;
 }
 
@@ -57,7 +72,10 @@ void qk_free_buffer_head(struct qdr_buffer_head *bh)
 	qdr_may_sleep();
 	wait_until_unlocked(bh);
 	family_wait_on_bit(&bh->state, COMPLETING);
-	kmem_cache_free(cache, bh);
+	if (bh->workers)
+		mempool_free(bh, worker);
+	else
+		kmem_cache_free(cache, bh);
 	atomic_dec(&qdr_held[QDR_HELD_BUFFERS]);
 }
 

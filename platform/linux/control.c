@@ -146,6 +146,7 @@ refused:
 static int control_release(struct inode *inode, struct file *file)
 {
 	struct qdr_call call = {.release = true};
+	unsigned int before = family_noio_begin();
 
 	/* Counted first: from here on another file's backup may be detached. */
 	atomic_inc(&closes);
@@ -155,6 +156,7 @@ static int control_release(struct inode *inode, struct file *file)
 	qdr_call_end(&call);
 	kfree(file->private_data);
 	qdr_files_end();
+	family_noio_end(before);
 	return 0;
 }
 
@@ -172,6 +174,11 @@ static __poll_t control_poll(struct file *file, struct poll_table_struct *table)
 {
 	return (__force __poll_t)core_ops->poll(file, table);
 }
+
+/*
+ * Each call of the core, but for opens, is made so that no allocation in it waits for the writing of anything: a command may
+ * hold what the hook waits for, and what is to be written then waits for the command.
+ */
 
 /* ---- Commands ------------------------------------------------------------------------------------------------------ */
 
@@ -217,6 +224,7 @@ static long read_blocks(struct file *file, struct qdr_call *call, unsigned long 
 static long command(struct file *file, unsigned int cmd, unsigned long arg)
 {
 	struct qdr_call call = {.cmd = cmd, .gathers = cmd == QUENDREL_READ_BLOCKS};
+	unsigned int before = family_noio_begin();
 	long result;
 
 	result = qdr_caller_begin(&call, arg);
@@ -224,6 +232,9 @@ static long command(struct file *file, unsigned int cmd, unsigned long arg)
 		goto out;
 	qdr_call_begin(&call);
 	qdr_translate_record(&call);
+	if (cmd == QUENDREL_SNAPSHOT)
+		family_before_point_in_time();
+	qdr_tell_changes();
 	if (cmd == QUENDREL_START_BACKUP)
 		result = start_backup(file, &call, arg);
 	else if (cmd == QUENDREL_READ_BLOCKS)
@@ -232,9 +243,12 @@ static long command(struct file *file, unsigned int cmd, unsigned long arg)
 		result = core_ops->ioctl(family_inode(file), file, cmd, arg);
 	qdr_may_sleep();
 	qdr_start_reads(NULL);
+	if (cmd == QUENDREL_SNAPSHOT)
+		qdr_tell_changes();
 	qdr_call_end(&call);
 out:
 	qdr_caller_end(&call);
+	family_noio_end(before);
 	return result;
 }
 
@@ -301,11 +315,13 @@ static family_vm_operations mapping_ops = {
 static int control_mmap(struct file *file, struct vm_area_struct *vma)
 {
 	struct control_file *mine = file->private_data;
+	unsigned int before = family_noio_begin();
 	int result;
 
 	down_write(&mine->areas);
 	result = core_ops->mmap(file, vma);
 	up_write(&mine->areas);
+	family_noio_end(before);
 	return result;
 }
 

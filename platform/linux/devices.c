@@ -42,6 +42,19 @@ struct qdr_gendisk *qdr_find_disk(const struct gendisk *disk)
 	return NULL;
 }
 
+/* Records stay until unload, so a disk that was hooked once has one, whatever became of its medium since. */
+struct qdr_gendisk *qdr_disk_of(const struct gendisk *disk)
+{
+	struct qdr_gendisk *known = qdr_find_disk(disk);
+
+	if (known)
+		return known;
+	list_for_each_entry_rcu(known, bucket_of(family_disk_key(disk)), list)
+		if (known->disk == disk)
+			return known;
+	return NULL;
+}
+
 void qdr_for_each_disk(void (*fn)(struct qdr_gendisk *disk))
 {
 	struct qdr_gendisk *disk, *next;
@@ -50,6 +63,32 @@ void qdr_for_each_disk(void (*fn)(struct qdr_gendisk *disk))
 	for (i = 0; i < ARRAY_SIZE(disks); i++)
 		list_for_each_entry_safe(disk, next, &disks[i], list)
 			fn(disk);
+}
+
+void qdr_list_disk(struct qdr_gendisk *disk)
+{
+	mutex_lock(&devices_lock);
+	list_add_rcu(&disk->list, bucket_of(family_disk_key(disk->disk)));
+	mutex_unlock(&devices_lock);
+}
+
+void qdr_unlist_disk(struct qdr_gendisk *disk)
+{
+	mutex_lock(&devices_lock);
+	list_del_rcu(&disk->list);
+	mutex_unlock(&devices_lock);
+	synchronize_rcu();
+}
+
+void qdr_for_each_open_disk(void (*fn)(struct qdr_gendisk *disk))
+{
+	struct qdr_block_device *device;
+
+	mutex_lock(&devices_lock);
+	list_for_each_entry(device, &devices, list)
+		if (device->bdev)
+			fn(device->disk);
+	mutex_unlock(&devices_lock);
 }
 
 bool qdr_numbers_in_use(u32 major, u32 first, u32 count)
@@ -145,6 +184,7 @@ static struct qdr_gendisk *disk_of(struct gendisk *kernel_disk)
 	}
 	disk->disk = kernel_disk;
 	disk->queue.fn = qdr_original;
+	strlcpy(disk->name, kernel_disk->disk_name, sizeof(disk->name));
 	family_adopt(disk);
 	disk->whole = device_of(disk, 0, disk_devt(kernel_disk));
 	list_add_rcu(&disk->list, bucket_of(family_disk_key(kernel_disk)));

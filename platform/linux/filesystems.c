@@ -10,14 +10,11 @@ struct qdr_super_block {
 	struct super_block *frozen;
 };
 
-static struct qdr_super_block *new_super(u32 block_size, struct super_block *frozen)
+static void fill(struct qdr_super_block *sb, u32 block_size, struct super_block *frozen)
 {
-	struct qdr_super_block *sb = qdr_kzalloc_nofail(sizeof(*sb));
-
 	sb->block_size = block_size;
 	sb->frozen = frozen;
 	atomic_inc(&qdr_held[QDR_HELD_SUPERS]);
-	return sb;
 }
 
 void qk_drop_super(struct qdr_super_block *sb)
@@ -29,6 +26,7 @@ void qk_drop_super(struct qdr_super_block *sb)
 struct qdr_super_block *qk_get_super(struct qdr_block_device *bdev)
 {
 	struct block_device *open = qdr_kernel_bdev(bdev);
+	struct qdr_super_block *sb;
 	u32 block_size;
 	char name[BDEVNAME_SIZE];
 
@@ -41,7 +39,9 @@ struct qdr_super_block *qk_get_super(struct qdr_block_device *bdev)
 			family_device_name(open, name), block_size);
 		return NULL;
 	}
-	return new_super(block_size, NULL);
+	sb = qdr_kzalloc_nofail(sizeof(*sb));
+	fill(sb, block_size, NULL);
+	return sb;
 }
 
 u32 qk_super_block_size(struct qdr_super_block *sb)
@@ -49,14 +49,24 @@ u32 qk_super_block_size(struct qdr_super_block *sb)
 	return sb->block_size;
 }
 
+/* The record is made first: memory may be what the frozen file system would write out. */
 struct qdr_super_block *qk_freeze_bdev(struct qdr_block_device *bdev)
 {
 	struct block_device *open = qdr_kernel_bdev(bdev);
-	struct super_block *sb;
+	struct qdr_super_block *sb;
+	struct super_block *frozen;
 
 	qdr_may_sleep();
-	sb = open ? family_freeze(open) : NULL;
-	return sb ? new_super(sb->s_blocksize, sb) : NULL;
+	sb = qk_kmalloc(sizeof(*sb), QDR_GFP_NOIO);
+	if (!sb)
+		return NULL;
+	frozen = open ? family_freeze(open) : NULL;
+	if (!frozen) {
+		qk_kfree(sb);
+		return NULL;
+	}
+	fill(sb, frozen->s_blocksize, frozen);
+	return sb;
 }
 
 /* A freeze that failed has left nothing to undo; somebody else's is not ours to undo. */

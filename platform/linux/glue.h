@@ -177,6 +177,9 @@ struct qdr_gendisk {
 	struct list_head list; /* of its bucket */
 	struct gendisk *disk;  /* valid while one of its devices is open here, or a bio for it is at hand */
 	u64 diskseq;                                /* 6.1 */
+	char name[DISK_NAME_LEN];
+	const char *changed; /* how, if the core is to be told (changes.c) */
+	bool written_past;   /* 6.1: a request that no hook saw may be under way */
 	struct request_queue *q;                    /* 2.6: held until unload */
 	int (*original)(struct request_queue *, struct bio *); /* 2.6: what the queue had */
 	u32 major, first_minor, minors; /* as the core sees them */
@@ -194,6 +197,9 @@ struct qdr_block_device {
 
 /* The instance of a live disk, or null when the core never met it. Any context. */
 struct qdr_gendisk *qdr_find_disk(const struct gendisk *disk);
+/* The same of a disk for which a request is at hand that came to the hook: if its medium has been changed meanwhile, and
+ * it is another instance now, the one that it was. */
+struct qdr_gendisk *qdr_disk_of(const struct gendisk *disk);
 /* Opens the device of real number `real`, makes what the core needs to know of it. Null when there is none that can be
  * used. May sleep. */
 struct qdr_block_device *qdr_open_real(dev_t real);
@@ -206,6 +212,10 @@ void qdr_files_end(void);
 void qdr_devices_init(void);
 void qdr_devices_exit(void);
 void qdr_for_each_disk(void (*fn)(struct qdr_gendisk *disk));
+/* For the self-test, whose disk's record is its own. While it is listed nobody else is there to use it. */
+void qdr_list_disk(struct qdr_gendisk *disk);
+void qdr_unlist_disk(struct qdr_gendisk *disk);
+void qdr_for_each_open_disk(void (*fn)(struct qdr_gendisk *disk)); /* once or more; may sleep */
 struct block_device *qdr_kernel_bdev(struct qdr_block_device *bdev); /* open, or null */
 dev_t qdr_real_number(qdr_kdev_t kdev);                             /* 0 when the core has no such device */
 
@@ -245,6 +255,19 @@ static inline bool qdr_is_hooked(const struct qdr_gendisk *disk)
 {
 	return READ_ONCE(disk->queue.fn) != qdr_original;
 }
+
+/* ---- Changes of disks past the hook (changes.c, FAMILY/changes.c) -------------------------------------------------------- */
+
+/* The disk's contents or their place have changed, or are about to: what was recorded of them counts no more. `how` is
+ * the rest of a sentence that begins with the disk's name, and stays. Any context. */
+void qdr_disk_changed(struct qdr_gendisk *disk, const char *how);
+/* Tells the core of all such changes. May sleep; nothing of the driver is locked. */
+void qdr_tell_changes(void);
+/* And of the family:
+ *   int family_changes_init(void)              0 or a negative error, and the log says why
+ *   void family_changes_exit(void)
+ *   void family_before_point_in_time(void)     waits for what is under way past the hook to disks that are open; may sleep
+ *   int family_self_test(void)                 at load: 0, or a negative error, and the log says what is not seen */
 
 /* ---- The core's own reads (FAMILY/reads.c) -------------------------------------------------------------------------- */
 

@@ -47,25 +47,23 @@ void *qdr_count(void *p, enum qdr_held kind)
 	return p;
 }
 
-/* The driver reports what it could not get; the kernel need not. */
+/*
+ * The driver reports what it could not get; the kernel need not. What may fail does so when nothing can be freed, rather
+ * than to wait for what only the writes that the driver holds would free; then the backup fails, and no write does. What
+ * must not fail is a few hundred small things at most, and may have the last of the memory for the same reason.
+ */
 gfp_t qdr_gfp(qdr_gfp_type gfp)
 {
-	gfp_t result = __GFP_NOWARN;
+	gfp_t result = __GFP_NOWARN | (gfp & QDR_GFP_NOFAIL ? FAMILY_GFP_MUST : FAMILY_GFP_MAY_FAIL);
 
 	switch (gfp & ~QDR_GFP_NOFAIL) {
 	case QDR_GFP_NOIO:
-		result |= GFP_NOIO;
-		break;
+		return result | GFP_NOIO | __GFP_HIGH;
 	case QDR_GFP_HIGHUSER:
-		result |= GFP_HIGHUSER;
-		break;
+		return result | GFP_HIGHUSER;
 	default:
-		result |= GFP_KERNEL;
-		break;
+		return result | GFP_KERNEL;
 	}
-	if (gfp & QDR_GFP_NOFAIL)
-		result |= __GFP_NOFAIL;
-	return result;
 }
 
 /* ---- kmalloc ------------------------------------------------------------------------------------------------------- */
@@ -90,7 +88,7 @@ void *qk_kmalloc(size_t bytes, qdr_gfp_type gfp)
 
 void *qdr_kzalloc_nofail(size_t bytes)
 {
-	return memset(allocate(bytes, GFP_NOIO | __GFP_NOFAIL), 0, bytes);
+	return memset(allocate(bytes, qdr_gfp(QDR_GFP_NOIO | QDR_GFP_NOFAIL)), 0, bytes);
 }
 
 static void free_now(struct header *header)
@@ -140,7 +138,7 @@ void qdr_free_deferred(struct qdr_call *call)
 void *qk_vmalloc(unsigned long bytes)
 {
 	qdr_may_sleep();
-	return qdr_count(family_vmalloc(bytes, GFP_KERNEL | __GFP_NOWARN), QDR_HELD_AREAS);
+	return qdr_count(family_vmalloc(bytes, qdr_gfp(QDR_GFP_KERNEL)), QDR_HELD_AREAS);
 }
 
 void qk_vfree(const void *p)

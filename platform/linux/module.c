@@ -109,10 +109,18 @@ static int __init quendrel_init(void)
 	result = qdr_intercept_init();
 	if (result)
 		goto no_interception;
-	qk_driver_static_init();
-	result = qk_driver_init();
+	result = family_changes_init();
+	if (result)
+		goto no_changes;
+	result = family_self_test();
+	if (!result) {
+		qk_driver_static_init();
+		result = qk_driver_init();
+	}
 	if (!result)
 		return 0;
+	family_changes_exit();
+no_changes:
 	qdr_intercept_exit();
 no_interception:
 	qdr_buffers_exit();
@@ -125,6 +133,7 @@ static void __exit quendrel_exit(void)
 {
 	qk_driver_exit();
 	qdr_intercept_exit();
+	family_changes_exit();
 	qdr_devices_exit();
 	qdr_buffers_exit();
 	qdr_bios_exit();

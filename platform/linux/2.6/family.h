@@ -143,4 +143,31 @@ typedef struct vm_operations_struct family_vm_operations;
 #define FAMILY_FAULT_MAPPING vma
 #define FAMILY_FAULT_ADDRESS(vmf) ((vmf)->virtual_address)
 
+/* ---- Memory: small allocations of this family wait until there is some -------------------------------------------------- */
+
+#define FAMILY_GFP_MAY_FAIL 0
+#define FAMILY_GFP_MUST __GFP_NOFAIL
+#define family_noio_begin() 0
+#define family_noio_end(before) ((void)(before))
+
+/* ---- Changes of disks past the hook: this family has nothing to see them by ------------------------------------------- */
+
+static inline int family_changes_init(void)
+{
+	return 0;
+}
+
+static inline void family_changes_exit(void)
+{
+}
+
+static inline void family_before_point_in_time(void)
+{
+}
+
+static inline int family_self_test(void)
+{
+	return 0;
+}
+
 #endif

@@ -19,15 +19,22 @@ bool family_is_disk(const struct qdr_gendisk *known, const struct gendisk *disk)
 
 bool family_can_be_hooked(struct gendisk *disk)
 {
-	if (!blk_queue_is_zoned(disk->queue))
-		return true;
-	pr_warn("quendrel: %s is a zoned disk: resets of its zones cannot be seen, it is left alone\n", disk->disk_name);
-	return false;
+	if (blk_queue_is_zoned(disk->queue)) {
+		pr_warn("quendrel: %s is a zoned disk: resets of its zones cannot be seen, it is left alone\n", disk->disk_name);
+		return false;
+	}
+	if (blk_queue_dax(disk->queue)) {
+		pr_warn("quendrel: %s is memory that files can be mapped from (DAX): such writes cannot be seen, it is left alone\n",
+			disk->disk_name);
+		return false;
+	}
+	return true;
 }
 
 void family_adopt(struct qdr_gendisk *disk)
 {
 	disk->diskseq = disk->disk->diskseq;
+	disk->written_past = true; /* who knows, before it was met */
 	spin_lock_init(&disk->queue.lock);
 }
 

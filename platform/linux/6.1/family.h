@@ -10,6 +10,7 @@
 #include <linux/highmem.h>
 #include <linux/mm.h>
 #include <linux/moduleparam.h>
+#include <linux/sched/mm.h>
 #include <linux/spinlock.h>
 #include <linux/vmalloc.h>
 #include <linux/wait_bit.h>
@@ -47,6 +48,13 @@ static inline void family_short_sleep(void)
 {
 	usleep_range(20, 60);
 }
+
+#define FAMILY_GFP_MAY_FAIL __GFP_RETRY_MAYFAIL
+#define FAMILY_GFP_MUST (__GFP_NOFAIL | __GFP_MEMALLOC)
+
+/* In between the task's allocations never wait for the writing of anything. */
+#define family_noio_begin() memalloc_noio_save()
+#define family_noio_end(before) memalloc_noio_restore(before)
 
 static inline void *family_vmalloc(unsigned long bytes, gfp_t gfp)
 {
@@ -119,5 +127,12 @@ typedef const struct vm_operations_struct family_vm_operations;
 #define FAMILY_FAULT_ARGUMENTS struct vm_fault *vmf
 #define FAMILY_FAULT_MAPPING vmf->vma
 #define FAMILY_FAULT_ADDRESS(vmf) ((vmf)->address)
+
+/* ---- Changes of disks past the hook (changes.c) ------------------------------------------------------------------------ */
+
+int family_changes_init(void);
+void family_changes_exit(void);
+void family_before_point_in_time(void);
+int family_self_test(void);
 
 #endif

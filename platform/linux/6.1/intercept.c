@@ -8,9 +8,8 @@
  * from load to unload; a disk is hooked or not by what its queue's function is, a plain pointer that can be stored with
  * interrupts off and from inside a hook. For all other disks the callback looks and lets the call go on.
  *
- * The functions are called from tasks that may sleep, with a list of bios to submit later at current->bio_list. A call
- * that comes from this module is let through, since that is a queue's own function, called by the core; so is what the
- * disk cuts off from one of the core's own reads.
+ * The functions are called from tasks that may sleep, with a list of bios to submit later at current->bio_list. The
+ * core's own reads are let through, and so is what the disk cuts off from one.
  *
  * Tasks inside a hook are counted by hooks (SRCU). To leave: unregister, wait for tasks between the redirection and the
  * count, for those counted, and for those between the count and their return.
@@ -18,55 +17,84 @@
 #include "glue.h"
 
 #include <linux/bio.h>
-#include <linux/ftrace.h>
-#include <linux/kprobes.h>
 #include <linux/rcupdate.h>
 #include <linux/srcu.h>
+#include <linux/static_call.h>
 
-#define ENDBR64 0xfa1e0ff3
+#include "tracer.h"
 
 DEFINE_STATIC_SRCU(hooks);
 
-typedef void submit_fn(struct bio *bio);
-
-struct entry {
-	const char *name;
-	bool takes_bios; /* of disks that take bios themselves */
-	submit_fn *original;
-	struct ftrace_ops ops;
-};
-
 static void redirect(unsigned long ip, unsigned long parent, struct ftrace_ops *ops, struct ftrace_regs *fregs);
 
-#define ENTRY_OPS {.func = redirect, .flags = FTRACE_OPS_FL_SAVE_REGS | FTRACE_OPS_FL_IPMODIFY | FTRACE_OPS_FL_PERMANENT}
-static struct entry request_entry = {.name = "blk_mq_submit_bio", .ops = ENTRY_OPS};
-static struct entry bio_entry = {.name = "__submit_bio", .takes_bios = true, .ops = ENTRY_OPS};
+static struct watch requests = {.names = {"blk_mq_submit_bio"}, .ops = WATCH_OPS(redirect, FTRACE_OPS_FL_IPMODIFY)};
+static struct watch bios = {.names = {"__submit_bio"}, .ops = WATCH_OPS(redirect, FTRACE_OPS_FL_IPMODIFY)};
+
+/*
+ * What the two functions do, from behind the tracer's place on, where there is no detour. They are called directly, by
+ * calls that are patched once the places are known: where the processor lets calls by pointer arrive at marked places
+ * only, one into the middle of a function would trap, and so might one to its beginning.
+ */
+static void no_body(struct bio *bio)
+{
+	bio_io_error(bio);
+}
+DEFINE_STATIC_CALL(request_body, no_body);
+DEFINE_STATIC_CALL(bio_body, no_body);
 
 static bool takes_bios(const struct gendisk *disk)
 {
 	return disk->fops->submit_bio;
 }
 
+static bool is_hooked(const struct gendisk *kernel_disk)
+{
+	struct qdr_gendisk *disk = qdr_find_disk(kernel_disk);
+
+	return disk && qdr_is_hooked(disk);
+}
+
+static void intercepted(struct bio *bio);
+
 /* ---- To the disk --------------------------------------------------------------------------------------------------- */
 
-/* Without tail calls: the return address must lie in this module. */
-static noinline __attribute__((optimize("no-optimize-sibling-calls"))) void submit_original(struct bio *bio)
+static void submit_original(struct bio *bio)
 {
 	if (takes_bios(bio->bi_bdev->bd_disk))
-		bio_entry.original(bio);
+		static_call(bio_body)(bio);
 	else
-		request_entry.original(bio);
+		static_call(request_body)(bio);
 }
 
 /*
- * Inside a hook this is what the caller was about to do. In the worker and in commands there is no list for the bios
- * that a disk sends on to others, nor anybody who would try again or poll.
+ * For one bio of the list that the kernel has while it goes down a stack of disks: what was cut off from a bio that
+ * `given` got already is part of that bio; all else meets the hooks that it would have met.
+ */
+static void pass_on(struct bio *bio, const struct gendisk *given)
+{
+	const struct gendisk *kernel_disk = bio->bi_bdev->bd_disk;
+
+	if (kernel_disk == given || qdr_is_own_read(bio))
+		submit_original(bio);
+	else if (is_hooked(kernel_disk) && takes_bios(kernel_disk))
+		intercepted(bio);
+	else
+		static_call(bio_body)(bio); /* comes by the other hook if the disk has requests */
+}
+
+/*
+ * Inside a hook this is what the caller was about to do, and he has a list of what the disk sends on to others or cuts
+ * off and sends again. The worker has none, nor would anybody try again or poll there. What comes back to the same disk
+ * must not meet the hook again: the worker would wait there for a close, which waits for the worker.
+ *
+ * The order is the kernel's own, disks further down first, without which the disks' pools of bios could run dry.
  */
 void qdr_submit(struct bio *bio)
 {
+	const struct gendisk *given = bio->bi_bdev->bd_disk;
 	struct bio_list lists[2];
 
-	if (test_bit(GD_DEAD, &bio->bi_bdev->bd_disk->state)) {
+	if (test_bit(GD_DEAD, &given->state)) {
 		bio_io_error(bio);
 		return;
 	}
@@ -76,12 +104,23 @@ void qdr_submit(struct bio *bio)
 	}
 	bio->bi_opf &= ~(REQ_NOWAIT | REQ_POLLED);
 	bio_list_init(&lists[0]);
-	bio_list_init(&lists[1]);
 	current->bio_list = lists;
-	submit_original(bio);
+	do {
+		const struct request_queue *q = bdev_get_queue(bio->bi_bdev);
+		struct bio_list lower, same;
+
+		lists[1] = lists[0];
+		bio_list_init(&lists[0]);
+		pass_on(bio, given);
+		bio_list_init(&lower);
+		bio_list_init(&same);
+		while ((bio = bio_list_pop(&lists[0])))
+			bio_list_add(q == bdev_get_queue(bio->bi_bdev) ? &same : &lower, bio);
+		bio_list_merge(&lists[0], &lower);
+		bio_list_merge(&lists[0], &same);
+		bio_list_merge(&lists[0], &lists[1]);
+	} while ((bio = bio_list_pop(&lists[0])));
 	current->bio_list = NULL;
-	while ((bio = bio_list_pop(&lists[0])))
-		submit_bio_noacct(bio);
 }
 
 /* ---- The hook ------------------------------------------------------------------------------------------------------ */
@@ -89,7 +128,7 @@ void qdr_submit(struct bio *bio)
 /* In the place of both functions, for a disk that was hooked a moment ago. */
 static void intercepted(struct bio *bio)
 {
-	struct qdr_gendisk *disk = qdr_find_disk(bio->bi_bdev->bd_disk);
+	struct qdr_gendisk *disk = qdr_disk_of(bio->bi_bdev->bd_disk);
 	int inside = srcu_read_lock(&hooks);
 
 	if (!bio_sectors(bio)) {
@@ -106,25 +145,14 @@ static void intercepted(struct bio *bio)
 
 static void notrace redirect(unsigned long ip, unsigned long parent, struct ftrace_ops *ops, struct ftrace_regs *fregs)
 {
-	struct entry *entry = container_of(ops, struct entry, ops);
-	struct pt_regs *regs = ftrace_get_regs(fregs);
-	struct gendisk *kernel_disk;
-	struct qdr_gendisk *disk;
-	struct bio *bio;
+	const struct bio *bio = family_first_argument(fregs);
+	const struct gendisk *kernel_disk;
 
-	if (!regs || within_module(parent, THIS_MODULE))
+	if (!bio)
 		return;
-#ifdef CONFIG_X86_64
-	bio = (struct bio *)regs->di;
-#else
-	bio = (struct bio *)regs->ax;
-#endif
 	kernel_disk = bio->bi_bdev->bd_disk;
-	if (takes_bios(kernel_disk) != entry->takes_bios || qdr_is_own_read(bio))
-		return;
-	disk = qdr_find_disk(kernel_disk);
-	if (disk && qdr_is_hooked(disk))
-		instruction_pointer_set(regs, (unsigned long)intercepted);
+	if (takes_bios(kernel_disk) == (ops == &bios.ops) && !qdr_is_own_read(bio) && is_hooked(kernel_disk))
+		family_run_instead(fregs, intercepted);
 }
 
 void qdr_wait_for_hooks(void)
@@ -135,84 +163,28 @@ void qdr_wait_for_hooks(void)
 
 /* ---- Standing in the way, and leaving ------------------------------------------------------------------------------ */
 
-/* The address of a function that the kernel does not export. */
-static unsigned long find(const char *name)
-{
-	struct kprobe probe = {.symbol_name = name, .flags = KPROBE_FLAG_DISABLED};
-	unsigned long address;
-
-	if (register_kprobe(&probe))
-		return 0;
-	address = (unsigned long)probe.addr;
-	unregister_kprobe(&probe);
-#ifdef CONFIG_X86_KERNEL_IBT
-	/* A probe stands behind the instruction that marks a function as callable. */
-	if (*(u32 *)(address - 4) == ENDBR64)
-		address -= 4;
-#endif
-	return address;
-}
-
-/*
- * Where to call a function so that it does what it always did. Behind the tracer's place, which is its first
- * instruction, there is no detour; but where the processor lets calls arrive at marked places only, the function is
- * called at its mark, and the redirection sees that the call is ours.
- */
-static submit_fn *body_of(unsigned long address)
-{
-#ifdef CONFIG_X86_KERNEL_IBT
-	if (*(u32 *)address == ENDBR64) {
-		if (boot_cpu_has(X86_FEATURE_IBT))
-			return (submit_fn *)address;
-		address += 4;
-	}
-#endif
-	return (submit_fn *)(address + MCOUNT_INSN_SIZE);
-}
-
-static int stand(struct entry *entry)
-{
-	unsigned long address = find(entry->name);
-	int result;
-
-	if (!address) {
-		pr_err("quendrel: this kernel has no %s to stand in front of\n", entry->name);
-		return -ENOENT;
-	}
-	entry->original = body_of(address);
-	result = ftrace_set_filter_ip(&entry->ops, address, 0, 0);
-	if (!result)
-		result = register_ftrace_function(&entry->ops);
-	if (result)
-		pr_err("quendrel: could not stand in front of %s (%d): is it live-patched, or the function tracer off?\n",
-		       entry->name, result);
-	return result;
-}
-
-static void leave(struct entry *entry)
-{
-	unregister_ftrace_function(&entry->ops);
-	ftrace_free_filter(&entry->ops);
-}
-
 int qdr_intercept_init(void)
 {
-	int result = stand(&request_entry);
+	int result = family_stand(&requests);
 
 	if (result)
 		return result;
-	result = stand(&bio_entry);
-	if (result) {
-		leave(&request_entry);
-		synchronize_rcu_tasks();
-	}
+	result = family_stand(&bios);
+	if (result)
+		goto no_bios;
+	static_call_update(request_body, (void (*)(struct bio *))(requests.places[0] + MCOUNT_INSN_SIZE));
+	static_call_update(bio_body, (void (*)(struct bio *))(bios.places[0] + MCOUNT_INSN_SIZE));
+	return 0;
+no_bios:
+	family_leave(&requests);
+	synchronize_rcu_tasks();
 	return result;
 }
 
 void qdr_intercept_exit(void)
 {
-	leave(&request_entry);
-	leave(&bio_entry);
+	family_leave(&requests);
+	family_leave(&bios);
 	synchronize_rcu_tasks();
 	synchronize_srcu(&hooks);
 	synchronize_rcu_tasks();

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0-only
 /*
- * The pool of the core's own reads, and how a run of them is sent.
+ * The pools of the core's own reads, and how a run of them is sent.
+ *
+ * The worker has a pool of its own, because writes wait for its reads: with one of them always to be had they never wait
+ * for memory, nor for the reads of a command.
  *
  * A command that reads a run of blocks sends a bio for each. Those that follow each other on the disk are gathered and
  * sent as one, the carrier, which costs the disk and the block layer a fraction; they are sent when the next one does
@@ -12,7 +15,8 @@
 #include <linux/bio.h>
 #include <linux/workqueue.h>
 
-#define POOL_BIOS 64
+#define COMMANDS_BIOS 64
+#define WORKERS_BIOS 2
 #define POOL_CARRIERS 4
 
 struct carrier {
@@ -21,16 +25,20 @@ struct carrier {
 	struct bio bio;
 };
 
-static struct bio_set pool;
+static struct bio_set commands;
+static struct bio_set worker;
 static struct bio_set carriers;
 static struct workqueue_struct *retries;
 
 int qdr_bios_init(void)
 {
-	int result = bioset_init(&pool, POOL_BIOS, offsetof(struct qdr_own_bio, bio), BIOSET_NEED_BVECS);
+	int result = bioset_init(&commands, COMMANDS_BIOS, offsetof(struct qdr_own_bio, bio), BIOSET_NEED_BVECS);
 
 	if (result)
 		return result;
+	result = bioset_init(&worker, WORKERS_BIOS, offsetof(struct qdr_own_bio, bio), BIOSET_NEED_BVECS);
+	if (result)
+		goto no_worker;
 	result = bioset_init(&carriers, POOL_CARRIERS, offsetof(struct carrier, bio), BIOSET_NEED_BVECS);
 	if (result)
 		goto no_carriers;
@@ -40,7 +48,9 @@ int qdr_bios_init(void)
 	result = -ENOMEM;
 	bioset_exit(&carriers);
 no_carriers:
-	bioset_exit(&pool);
+	bioset_exit(&worker);
+no_worker:
+	bioset_exit(&commands);
 	return result;
 }
 
@@ -48,17 +58,18 @@ void qdr_bios_exit(void)
 {
 	destroy_workqueue(retries);
 	bioset_exit(&carriers);
-	bioset_exit(&pool);
+	bioset_exit(&worker);
+	bioset_exit(&commands);
 }
 
 struct bio *family_own_bio(gfp_t gfp, int vectors)
 {
-	return bio_alloc_bioset(NULL, vectors, REQ_OP_READ, gfp, &pool);
+	return bio_alloc_bioset(NULL, vectors, REQ_OP_READ, gfp, qdr_current_call() ? &commands : &worker);
 }
 
 bool family_is_own_bio(const struct bio *b)
 {
-	return b->bi_pool == &pool;
+	return b->bi_pool == &commands || b->bi_pool == &worker;
 }
 
 void family_own_end_io(struct bio *b)
@@ -68,13 +79,17 @@ void family_own_end_io(struct bio *b)
 
 bool qdr_is_own_read(const struct bio *b)
 {
-	return b->bi_pool == &pool || b->bi_pool == &carriers;
+	return family_is_own_bio(b) || b->bi_pool == &carriers;
 }
 
+/*
+ * By the block layer's front door, past nothing but the hook: it looks whether the disk has these sectors, on which some
+ * disks rely, and makes a caller wait who may read only so much in so long.
+ */
 static void send_alone(struct bio *b)
 {
 	bio_associate_blkg(b);
-	qdr_submit(b);
+	submit_bio_noacct(b);
 }
 
 static void retry(struct work_struct *work)
@@ -126,7 +141,7 @@ static void send_carried(struct qdr_call *call)
 	c->bi_end_io = carrier_end_io;
 	for (b = first; b; b = b->bi_next)
 		__bio_add_page(c, b->bi_io_vec[0].bv_page, b->bi_io_vec[0].bv_len, b->bi_io_vec[0].bv_offset);
-	qdr_submit(c);
+	submit_bio_noacct(c);
 }
 
 static void send_gathered(struct qdr_call *call)
@@ -174,14 +189,19 @@ static bool gather(struct qdr_call *call, struct bio *b)
 	return true;
 }
 
-/* A queue's own function. */
+/*
+ * A queue's own function. A disk whose medium has been changed is not the one that the backup is of: of the new one
+ * nothing is read.
+ */
 int qdr_original(struct qdr_request_queue *q, struct bio *b)
 {
+	struct qdr_gendisk *disk = container_of(q, struct qdr_gendisk, queue);
+
 	qdr_may_sleep();
-	if (!b->bi_bdev)
-		bio_io_error(b);
-	else if (b->bi_pool != &pool)
+	if (!family_is_own_bio(b))
 		qdr_submit(b);
+	else if (!b->bi_bdev || !family_is_disk(disk, b->bi_bdev->bd_disk))
+		bio_io_error(b);
 	else if (!gather(qdr_current_call(), b))
 		send_alone(b);
 	return 0;

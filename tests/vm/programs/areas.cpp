@@ -4,6 +4,7 @@
 //   areas CONTROL MAJOR:MINOR BLOCKS WHAT
 //
 //   zeroed    both areas, of the largest size, hold nothing but zeros
+//   behind    of twice as many blocks as the device has, the last 16 that it has can be read, and no others
 //   bounded   there is room for one and a half areas of the largest size, and what a child maps still takes its part of
 //   it
 #include "client/control_device.h"
@@ -131,6 +132,29 @@ void bounded(ControlDevice& control)
     std::printf("bounded\n");
 }
 
+// What a read of 16 blocks from there answers.
+int try_read(ControlDevice& control, std::uint32_t first, const TransferArea& area)
+{
+    try {
+        control.readBlocks(first, 16, area);
+        return QUENDREL_OK;
+    } catch (const quendrel::Error& error) {
+        return error.code();
+    }
+}
+
+void behind(ControlDevice& control, std::uint32_t blocks)
+{
+    control.noLoadFromAutoMap();
+    control.snapshot({});
+    const TransferArea area = control.map(control.state().mapBytes);
+    demand(try_read(control, blocks / 2 - 16, area), QUENDREL_OK, "a read before the end");
+    for (const std::uint32_t first : {blocks / 2 - 8, blocks / 2, blocks / 2 + 1000, blocks - 16})
+        demand(try_read(control, first, area), QUENDREL_READ_ERROR, "a read from " + std::to_string(first));
+    demand(try_read(control, blocks / 2 - 16, area), QUENDREL_OK, "one more read before the end");
+    std::printf("not behind the end\n");
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -141,12 +165,15 @@ try {
         return 2;
     }
     ControlDevice control{argv[1]};
-    control.start(device, static_cast<std::uint32_t>(std::atoi(argv[3])), 4096);
+    const auto blocks = static_cast<std::uint32_t>(std::atoi(argv[3]));
+    control.start(device, blocks, 4096);
     const std::string what = argv[4];
     if (what == "zeroed")
         zeroed(control);
     else if (what == "bounded")
         bounded(control);
+    else if (what == "behind")
+        behind(control, blocks);
     else
         fail("there is no " + what);
     return 0;
