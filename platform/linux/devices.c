@@ -36,7 +36,7 @@ struct qdr_gendisk *qdr_find_disk(const struct gendisk *disk)
 {
 	struct qdr_gendisk *known;
 
-	list_for_each_entry_rcu(known, bucket_of(family_disk_key(disk)), list)
+	list_for_each_entry_lockless(known, bucket_of(family_disk_key(disk)), list)
 		if (family_is_disk(known, disk))
 			return known;
 	return NULL;
@@ -49,7 +49,7 @@ struct qdr_gendisk *qdr_disk_of(const struct gendisk *disk)
 
 	if (known)
 		return known;
-	list_for_each_entry_rcu(known, bucket_of(family_disk_key(disk)), list)
+	list_for_each_entry_lockless(known, bucket_of(family_disk_key(disk)), list)
 		if (known->disk == disk)
 			return known;
 	return NULL;
@@ -108,7 +108,7 @@ static struct qdr_block_device *find_device(qdr_kdev_t kdev)
 {
 	struct qdr_block_device *device;
 
-	list_for_each_entry_rcu(device, &devices, list)
+	list_for_each_entry_lockless(device, &devices, list)
 		if (device->kdev == kdev)
 			return device;
 	return NULL;

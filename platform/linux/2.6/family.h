@@ -143,6 +143,9 @@ typedef struct vm_operations_struct family_vm_operations;
 #define FAMILY_FAULT_MAPPING vma
 #define FAMILY_FAULT_ADDRESS(vmf) ((vmf)->virtual_address)
 
+/* A list from which nothing is ever removed. */
+#define list_for_each_entry_lockless list_for_each_entry_rcu
+
 /* ---- Memory: small allocations of this family wait until there is some -------------------------------------------------- */
 
 #define FAMILY_GFP_MAY_FAIL 0

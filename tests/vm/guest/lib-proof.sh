@@ -40,3 +40,8 @@ true_backup() {
   expect 0 qbackup -q restore --from "$path" --to "$(region 1)" --force
   cmp -n $(($(blockdev --getsz "$device") / 8 * 4096)) "$device" "$(region 1)" || fail "the restored backup is not what $device holds"
 }
+expect_noted() { # DISK HOW: the driver has seen what changed the disk
+  dmesg | grep -q "quendrel: ${1##*/} $2: its next backup, and that of each of its partitions, reads everything" ||
+    fail "the driver has not seen that ${1##*/} $2"
+  dmesg -C
+}
