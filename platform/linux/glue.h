@@ -169,7 +169,7 @@ void qdr_translate_answer(void *record); /* of such a command; its first two wor
 /* ---- Disks and devices (devices.c) ------------------------------------------------------------------------------- */
 
 struct qdr_request_queue {
-	spinlock_t lock; /* 6.1; older queues have one */
+	spinlock_t lock; /* of the entry point's changes, as the core sees them; inside the core's own, interrupts off */
 	qdr_make_request_fn *fn;
 };
 

@@ -31,6 +31,7 @@ void family_adopt(struct qdr_gendisk *disk)
 	disk->q = disk->disk->queue;
 	kobject_get(&disk->q->kobj);
 	disk->original = disk->q->make_request_fn;
+	spin_lock_init(&disk->queue.lock);
 }
 
 void family_let_go(struct qdr_gendisk *disk)
@@ -110,7 +111,11 @@ bool family_takes_partitions(const struct gendisk *disk)
 	return disk->minors > 1;
 }
 
+/*
+ * Not the kernel's lock of the queue: that one may lie in memory of the disk's driver, which has gone with the disk, and
+ * nobody who reads or sets a queue's function takes it.
+ */
 spinlock_t *qk_queue_lock(struct qdr_request_queue *q)
 {
-	return container_of(q, struct qdr_gendisk, queue)->q->queue_lock;
+	return &q->lock;
 }

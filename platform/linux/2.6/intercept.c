@@ -6,16 +6,18 @@
  * The function is called by the task that submits the request, after the request was remapped from a partition to its
  * disk, and may sleep; requests that it submits are collected at current->bio_tail until it returns.
  *
+ * A queue's own function is whatever it had when it was hooked last: md sets one whenever an array is put together or
+ * stopped, and loop with each file. That takes the hook away, too, and nobody sees what is written then.
+ *
  * To leave: every queue gets its own function back; then wait for tasks that had read the old one and not yet counted
- * themselves, for those counted, and for those on their way out. Where tasks are preempted inside the kernel the first
- * and the last of these cannot be told from others, and are given a moment.
+ * themselves, for those counted, and for those on their way out.
  */
 #include "glue.h"
 
 #include <linux/bio.h>
 #include <linux/delay.h>
-#include <linux/rcupdate.h>
 #include <linux/srcu.h>
+#include <linux/stop_machine.h>
 
 static struct srcu_struct hooks;
 
@@ -66,19 +68,50 @@ int qdr_original(struct qdr_request_queue *queue, struct bio *bio)
 	return result;
 }
 
-/* Under the queue's own lock when it has one, with interrupts off, perhaps from inside the hook. */
+/* What the queue has now is its own; another's store in between is not lost. */
+static void take(struct qdr_gendisk *disk)
+{
+	int (*own)(struct request_queue *, struct bio *);
+
+	do {
+		own = READ_ONCE(disk->q->make_request_fn);
+		if (own == hook)
+			return;
+		WRITE_ONCE(disk->original, own);
+	} while (cmpxchg(&disk->q->make_request_fn, own, hook) != own);
+}
+
+/* A function that the queue was given over the hook stays. */
+static void give_back(struct qdr_gendisk *disk)
+{
+	(void)cmpxchg(&disk->q->make_request_fn, hook, disk->original);
+}
+
+/* With interrupts off, perhaps from inside the hook. */
 void qk_queue_set_make_request_fn(struct qdr_request_queue *queue, qdr_make_request_fn *fn)
 {
 	struct qdr_gendisk *disk = container_of(queue, struct qdr_gendisk, queue);
 
 	WRITE_ONCE(queue->fn, fn);
-	disk->q->make_request_fn = fn == qdr_original ? disk->original : hook;
+	if (fn == qdr_original)
+		give_back(disk);
+	else
+		take(disk);
 }
 
-static void give_back(struct qdr_gendisk *disk)
+static void forget_if_lost(struct qdr_gendisk *disk)
 {
-	if (disk->q->make_request_fn == hook)
-		disk->q->make_request_fn = disk->original;
+	u32 i;
+
+	if (!qdr_is_hooked(disk) || READ_ONCE(disk->q->make_request_fn) == hook)
+		return;
+	for (i = 0; i < disk->minors; i++)
+		qk_driver_device_changed(qdr_kdev_of(disk, i));
+}
+
+void family_forget_lost_disks(void)
+{
+	qdr_for_each_disk(forget_if_lost);
 }
 
 void qdr_wait_for_hooks(void)
@@ -87,12 +120,46 @@ void qdr_wait_for_hooks(void)
 	synchronize_srcu(&hooks);
 }
 
+/*
+ * Whether a task may be inside the hook without being counted: it has yet to count itself, or has done it already.
+ *
+ * There a task never sleeps, so it runs or was preempted, and with the machine stopped it was preempted: it is on a run
+ * queue, and all that its processor's registers held is on its stack. Before its count, that is the hook's address, read
+ * from the queue, or an address inside the hook; after it, an address inside the hook or of where that was called from
+ * here. So a task with no word on its stack that points to the module's code is not there. One that has such a word left
+ * from before is waited for without need, until it sleeps or writes something else there.
+ */
+static bool may_be_at_an_edge(struct task_struct *task)
+{
+	unsigned long *word = (unsigned long *)task->thread.sp;
+	unsigned long *end = task_stack_page(task) + THREAD_SIZE;
+
+	if (!task->se.on_rq)
+		return false;
+	for (; word < end; word++)
+		if (*word - (unsigned long)THIS_MODULE->module_core < THIS_MODULE->core_text_size)
+			return true;
+	return false;
+}
+
+/* While nothing else runs on any processor, so the list of tasks and the run queues stay as they are. */
+static int look_for_tasks_at_the_edges(void *unloader)
+{
+	struct task_struct *group, *task;
+
+	/* The task that unloads and the one that this runs in are inside the module, and not by way of the hook. */
+	do_each_thread(group, task) {
+		if (task != unloader && task != current && may_be_at_an_edge(task))
+			return -EAGAIN;
+	} while_each_thread(group, task);
+	return 0;
+}
+
+/* Also waits when the machine could not be stopped. */
 static void wait_for_tasks_at_the_edges(void)
 {
-	synchronize_sched();
-#ifdef CONFIG_PREEMPT
-	msleep(200);
-#endif
+	while (stop_machine(look_for_tasks_at_the_edges, current, NULL))
+		msleep(10);
 }
 
 int qdr_intercept_init(void)

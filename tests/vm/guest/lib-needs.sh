@@ -27,7 +27,7 @@ need() { # prints what is missing
     fs:ext4) grep -qwF "$(if old_kernel; then echo ext3; else echo ext4; fi)" /proc/filesystems || echo "the kernel has no ext4" ;;
     fs:*) grep -qwF "${1#*:}" /proc/filesystems || echo "the kernel has no ${1#*:}" ;;
     dm) grep -qw device-mapper /proc/misc /proc/devices || echo "the kernel has no device mapper" ;;
-    loop | fuse | brd | scsi_debug | dm_flakey)
+    loop | fuse | brd | scsi_debug | dm_flakey | linear | raid0 | raid1)
       load_kernel_module "$1" 2>/dev/null || [ -d "/sys/module/$1" ] || echo "the kernel has no $1"
       ;;
     kernel:*) load_kernel_module "${1#*:}" 2>/dev/null || [ -d "/sys/module/${1#*:}" ] || echo "the kernel has no ${1#*:}" ;;
@@ -36,6 +36,11 @@ need() { # prints what is missing
     flush) [ -f "/sys/block/${DISK##*/}/queue/write_cache" ] || echo "the kernel's driver of the tested disk sends no flushes" ;;
     unplug) [ -f /sys/bus/pci/rescan ] || echo "the kernel cannot let a disk go while it runs" ;;
     single-freeze) ! old_kernel || echo "this kernel counts freezes: a second one is no error" ;;
+    request-functions) old_kernel || echo "the queues of this kernel have no function to replace" ;;
+    loop-partitions) ! old_kernel || echo "this kernel's loop devices have no partitions" ;;
+    poison)
+      [ "$(cat /sys/kernel/slab/kmalloc-64/poison 2>/dev/null)" = 1 ] || echo "the kernel does not mark memory that is free (slub_debug=FZPU)"
+      ;;
     failslab)
       mountpoint -q /sys/kernel/debug || mount -t debugfs debugfs /sys/kernel/debug 2>/dev/null
       [ -f /sys/kernel/debug/failslab/require-start ] || echo "the kernel cannot let the allocations of one module fail"
