@@ -9,11 +9,16 @@
  * The core may have two caches of one name: two backups of one device, when the first one's file was overtaken and is
  * still open. The kernel's allocators refuse that, not all of them without harm. So only the first is a cache of the
  * kernel's; the objects of the other are allocated one by one.
+ *
+ * The core destroys caches with its locks held, and the kernel takes caches off the files that it shows them in: an old one
+ * under a lock inside which it also writes to the memory of whoever lists such files, and may so wait for an address space
+ * that waits for the core. So a cache goes at the end of the command or release, with nothing locked.
  */
 #include "glue.h"
 
 struct qdr_kmem_cache {
 	struct list_head list;
+	struct qdr_kmem_cache *next; /* destroyed by the same call */
 	struct kmem_cache *kernels; /* null: the name is taken by another cache */
 	size_t bytes;
 	char name[]; /* the kernel keeps a pointer to it */
@@ -87,11 +92,32 @@ static void destroy(struct qdr_kmem_cache *cache)
 
 void qk_kmem_cache_destroy(struct qdr_kmem_cache *cache)
 {
+	struct qdr_call *call = qdr_current_call();
+
 	if (!cache)
 		return;
+	if (call) {
+		cache->next = call->caches;
+		call->caches = cache;
+		return;
+	}
 	qdr_may_sleep();
 	mutex_lock(&caches_lock);
 	destroy(cache);
+	mutex_unlock(&caches_lock);
+}
+
+void qdr_destroy_deferred(struct qdr_call *call)
+{
+	if (!call->caches)
+		return;
+	mutex_lock(&caches_lock);
+	while (call->caches) {
+		struct qdr_kmem_cache *cache = call->caches;
+
+		call->caches = cache->next;
+		destroy(cache);
+	}
 	mutex_unlock(&caches_lock);
 }
 

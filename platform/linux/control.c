@@ -73,6 +73,7 @@ void qdr_call_end(struct qdr_call *call)
 		spin_unlock_irqrestore(&calls_lock, flags);
 	}
 	qdr_free_deferred(call);
+	qdr_destroy_deferred(call);
 }
 
 struct qdr_call *qdr_current_call(void)

@@ -113,6 +113,8 @@ void qdr_free_unmapped(void);                   /* those that the driver has fre
 
 /* ---- Slab caches (caches.c) -------------------------------------------------------------------------------------- */
 
+struct qdr_call;
+void qdr_destroy_deferred(struct qdr_call *call); /* what the core has destroyed in this call, which holds no lock any more */
 void qdr_caches_exit(void); /* destroys what the core has left */
 
 /* ---- Calls of the control device under way (control.c) ----------------------------------------------------------- */
@@ -131,6 +133,7 @@ struct qdr_call {
 	unsigned int cmd;
 	bool release; /* and no command */
 	void *freed; /* what a release freed, linked through the allocations' headers */
+	struct qdr_kmem_cache *caches; /* destroyed by the core */
 	struct rw_semaphore *write_held; /* the last one that a release took for writing and still holds */
 	/* Reads of a run of blocks that are not sent yet (6.1), linked by bi_next. */
 	bool gathers;
