@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Puts an array of the md driver together, or stops it. The array is described nowhere but in the kernel. Its device is
-// the standard input: while that is open the driver keeps what it has of the device, and it stops none that is open twice.
+// the standard input: while that is open the driver keeps what it has of the device, and it stops none that is open
+// twice.
 //
 //   md_array linear|raid0|raid1 DISK... <DEVICE
 //   md_array stop <DEVICE
