@@ -233,7 +233,7 @@ static long command(struct file *file, unsigned int cmd, unsigned long arg)
 		goto out;
 #ifdef FAMILY_LOSES_DISKS
 	if (cmd == QUENDREL_START_BACKUP || cmd == QUENDREL_SNAPSHOT)
-		family_forget_lost_disks();
+		family_note_lost_disks();
 #endif
 	qdr_call_begin(&call);
 	qdr_translate_record(&call);

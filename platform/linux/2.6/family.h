@@ -28,12 +28,11 @@ typedef unsigned int __poll_t;
 #define FAMILY_LOCKED_IOCTL
 
 /*
- * A disk whose driver has taken the hook away may have other contents now, and was written to unseen: what the core
- * recorded of it counts no more. To be called before the core chooses what it has recorded, with nothing locked; the disk
- * of a backup that has started keeps its function.
+ * Notes the disks whose driver has taken the hook away: they may have other contents now, and were written to unseen. To be
+ * called before the core chooses what it has recorded; the disk of a backup that has started keeps its function.
  */
 #define FAMILY_LOSES_DISKS
-void family_forget_lost_disks(void);
+void family_note_lost_disks(void);
 
 /* Parameters of a module that are computed when they are read. */
 #define family_param_get(name, reader) module_param_call(name, NULL, reader, NULL, 0444)

@@ -99,19 +99,15 @@ void qk_queue_set_make_request_fn(struct qdr_request_queue *queue, qdr_make_requ
 		take(disk);
 }
 
-static void forget_if_lost(struct qdr_gendisk *disk)
+static void note_if_lost(struct qdr_gendisk *disk)
 {
-	u32 i;
-
-	if (!qdr_is_hooked(disk) || READ_ONCE(disk->q->make_request_fn) == hook)
-		return;
-	for (i = 0; i < disk->minors; i++)
-		qk_driver_device_changed(qdr_kdev_of(disk, i));
+	if (qdr_is_hooked(disk) && READ_ONCE(disk->q->make_request_fn) != hook)
+		qdr_disk_changed(disk, "was given another request function");
 }
 
-void family_forget_lost_disks(void)
+void family_note_lost_disks(void)
 {
-	qdr_for_each_disk(forget_if_lost);
+	qdr_for_each_disk(note_if_lost);
 }
 
 void qdr_wait_for_hooks(void)
