@@ -231,14 +231,10 @@ static long command(struct file *file, unsigned int cmd, unsigned long arg)
 	result = qdr_caller_begin(&call, arg);
 	if (result)
 		goto out;
-#ifdef FAMILY_LOSES_DISKS
-	if (cmd == QUENDREL_START_BACKUP || cmd == QUENDREL_SNAPSHOT)
-		family_note_lost_disks();
-#endif
 	qdr_call_begin(&call);
 	qdr_translate_record(&call);
-	if (cmd == QUENDREL_SNAPSHOT)
-		family_before_point_in_time();
+	if (cmd == QUENDREL_START_BACKUP || cmd == QUENDREL_SNAPSHOT)
+		family_look_for_changes();
 	qdr_tell_changes();
 	if (cmd == QUENDREL_START_BACKUP)
 		result = start_backup(file, &call, arg);

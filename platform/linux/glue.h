@@ -266,11 +266,14 @@ static inline bool qdr_is_hooked(const struct qdr_gendisk *disk)
 void qdr_disk_changed(struct qdr_gendisk *disk, const char *how);
 /* Tells the core of all such changes. May sleep; nothing of the driver is locked. */
 void qdr_tell_changes(void);
-/* And of the family:
- *   int family_changes_init(void)              0 or a negative error, and the log says why
+/* And of the family, functions of it or of its family.h:
+ *   int family_changes_init(void)       0, or a negative error, and the log says why
  *   void family_changes_exit(void)
- *   void family_before_point_in_time(void)     waits for what is under way past the hook to disks that are open; may sleep
- *   int family_self_test(void)                 at load: 0, or a negative error, and the log says what is not seen */
+ *   void family_look_for_changes(void)  notes what can only be found by looking, and waits for what is under way past the
+ *                                       hook to disks that are open: before the core chooses what it has recorded, and
+ *                                       before a point in time. May sleep; nothing of the driver is locked
+ *   int family_self_test(void)          at load: 0, or a negative error, and the log says what is not seen
+ */
 
 /* ---- The core's own reads (FAMILY/reads.c) -------------------------------------------------------------------------- */
 

@@ -27,13 +27,6 @@ typedef unsigned int __poll_t;
 
 #define FAMILY_LOCKED_IOCTL
 
-/*
- * Notes the disks whose driver has taken the hook away: they may have other contents now, and were written to unseen. To be
- * called before the core chooses what it has recorded; the disk of a backup that has started keeps its function.
- */
-#define FAMILY_LOSES_DISKS
-void family_note_lost_disks(void);
-
 /* Parameters of a module that are computed when they are read. */
 #define family_param_get(name, reader) module_param_call(name, NULL, reader, NULL, 0444)
 typedef struct kernel_param family_param;
@@ -160,7 +153,7 @@ typedef struct vm_operations_struct family_vm_operations;
 #define family_noio_begin() 0
 #define family_noio_end(before) ((void)(before))
 
-/* ---- Changes of disks past the hook: this family has nothing to see them by ------------------------------------------- */
+/* ---- Changes of disks past the hook ------------------------------------------------------------------------------------ */
 
 static inline int family_changes_init(void)
 {
@@ -171,9 +164,7 @@ static inline void family_changes_exit(void)
 {
 }
 
-static inline void family_before_point_in_time(void)
-{
-}
+void family_look_for_changes(void); /* intercept.c */
 
 static inline int family_self_test(void)
 {

@@ -99,13 +99,15 @@ void qk_queue_set_make_request_fn(struct qdr_request_queue *queue, qdr_make_requ
 		take(disk);
 }
 
+/* Its driver has taken the hook away, so it may have other contents now, and was written to unseen. */
 static void note_if_lost(struct qdr_gendisk *disk)
 {
 	if (qdr_is_hooked(disk) && READ_ONCE(disk->q->make_request_fn) != hook)
 		qdr_disk_changed(disk, "was given another request function");
 }
 
-void family_note_lost_disks(void)
+/* The disk of a backup that has started keeps its function. */
+void family_look_for_changes(void)
 {
 	qdr_for_each_disk(note_if_lost);
 }

@@ -153,7 +153,7 @@ static void wait_for_commands(struct qdr_gendisk *disk)
 	blk_mq_unfreeze_queue(q);
 }
 
-void family_before_point_in_time(void)
+void family_look_for_changes(void)
 {
 	qdr_for_each_open_disk(wait_for_commands);
 }

@@ -132,7 +132,7 @@ typedef const struct vm_operations_struct family_vm_operations;
 
 int family_changes_init(void);
 void family_changes_exit(void);
-void family_before_point_in_time(void);
+void family_look_for_changes(void);
 int family_self_test(void);
 
 #endif
