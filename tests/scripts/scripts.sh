@@ -108,7 +108,7 @@ echo "100% tests passed, 0 tests failed out of 10"'
   printf "%-32s it does\n" boots control-fuzz control hundred-cycles
   exit
 fi
-echo "vm $2 $4 $8" >>"$calls"
+echo "vm $2 $4 $8${9:+ $9}" >>"$calls"
 echo "   ready to boot after 0 s"
 echo "PASS boots (1.0 s)"
 echo "1 passed, 0 failed, 0 skipped"'
@@ -154,8 +154,9 @@ check_without_arguments_runs_release_alone() {
 
 check_all_runs_every_variant() {
   tree
-  expect_check "$(run_check all)" "39 passed, 0 failed, 4 skipped" "build release" "ctest release" "build asan" "ctest asan" \
-    "build tsan" "ctest tsan" "build m32" "ctest m32" "build fuzz fuzzers" "fuzzer -max_total_time=60" "vm amd64 * 3" "vm i386 * 3"
+  expect_check "$(run_check all)" "40 passed, 0 failed, 4 skipped" "build release" "ctest release" "build asan" "ctest asan" \
+    "build tsan" "ctest tsan" "build m32" "ctest m32" "build fuzz fuzzers" "fuzzer -max_total_time=60" "vm amd64 * 3" "vm i386 * 3" \
+    "vm amd64 * 3 --debug-kernel"
 }
 
 check_ci_leaves_out_the_longest() {

@@ -45,6 +45,10 @@ need() { # prints what is missing
       mountpoint -q /sys/kernel/debug || mount -t debugfs debugfs /sys/kernel/debug 2>/dev/null
       [ -f /sys/kernel/debug/failslab/require-start ] || echo "the kernel cannot let the allocations of one module fail"
       ;;
+    fail_make_request)
+      mountpoint -q /sys/kernel/debug || mount -t debugfs debugfs /sys/kernel/debug 2>/dev/null
+      [ -f /sys/kernel/debug/fail_make_request/probability ] || echo "the kernel cannot let requests to a disk fail"
+      ;;
     package) [ -d $KIT/package ] || echo "there is no package for this kernel" ;;
     daemon) [ -x $KIT/daemon/usr/sbin/quendreld ] || echo "the daemon's package was not made" ;;
     userfaultfd) [ -f /proc/sys/vm/unprivileged_userfaultfd ] || echo "the kernel lets no program bring the pages of another" ;;

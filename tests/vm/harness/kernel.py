@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: GPL-2.0-only
 """The kernel under test: its image in a form that QEMU starts quickly, its modules, its build tree."""
 import bz2
+import dataclasses
 import hashlib
 import lzma
 import re
@@ -35,6 +36,7 @@ class Kernel:
     image: Path             # bzImage or vmlinux
     kdir: Path              # build tree
     modules: Path | None    # directory that holds lib/modules/RELEASE; None: all that is needed is built in
+    of_distribution: bool = False   # or built from its sources: what its packages are for
 
     @property
     def make_arch(self):
@@ -46,6 +48,16 @@ class Kernel:
         return tuple(int(n or 0) for n in match.groups()) if match else (0, 0, 0)
 
     @property
+    def checks_memory(self):
+        """Whether it notices each wrong access to memory: then it takes more of that, and more time."""
+        config = self.kdir / ".config"
+        return config.exists() and "\nCONFIG_KASAN=y\n" in config.read_text()
+
+    @property
+    def slowness(self):
+        return 5 if self.checks_memory else 1
+
+    @property
     def old(self):
         """Whether Debian 12's programs must be adapted to it."""
         return self.version < (2, 6, 39)
@@ -55,7 +67,13 @@ def from_cache(cache, arch):
     """The kernel that `fetch` has put into its cache."""
     release = (cache / arch / "release").read_text().strip()
     base = cache / arch / "kernel"
-    return Kernel(arch, release, base / "boot" / f"vmlinuz-{release}", Path((cache / arch / "kdir").read_text().strip()), base)
+    return Kernel(arch, release, base / "boot" / f"vmlinuz-{release}", Path((cache / arch / "kdir").read_text().strip()), base, True)
+
+
+def with_checkers(cache):
+    """The one that `debug-kernel` has built into its cache."""
+    place = cache / "debug-kernel"
+    return dataclasses.replace(from_build(place / "tree/vmlinux", place / "tree", "amd64", place / "modules"), of_distribution=True)
 
 
 def from_build(image, kdir, arch, modules):

@@ -4,8 +4,8 @@ import re
 
 TROUBLE = re.compile(
     r"\bBUG[: ]|WARNING:|\bOops\b|general protection|kernel panic|Call Trace|hung task|blocked for more than|soft lockup|"
-    r"rcu.*detected stall|possible (circular|recursive)|inconsistent lock|lock held when returning|held lock freed|"
-    r"suspicious RCU|INFO: trying to register|DEBUG_LOCKS_WARN|Slab corruption|Poison overwritten|Redzone|Objects remaining|"
+    r"rcu.*detected stall|possible (circular|recursive|irq)|inconsistent lock|lock held when returning|held lock freed|"
+    r"suspicious RCU|KASAN|UBSAN|pagealloc:|still has objects|INFO: trying to register|DEBUG_LOCKS_WARN|Slab corruption|Poison overwritten|Redzone|Objects remaining|"
     r"left behind|unable to handle|scheduling while atomic|sleeping function called|segfault|Out of memory|oom-kill|"
     r"refcount_t|list_(add|del) corruption|EXT4-fs (error|warning)|XFS .*(Corruption|error|Metadata)|I/O error|Buffer I/O",
     re.IGNORECASE)
@@ -49,6 +49,13 @@ def end_of_report(block):
         elif number > last + 6:
             break
     return last + 1
+
+
+def expected_report(text, allowed=()):
+    """Whether a kernel log has one of the expected reports, or a line that would be trouble and is allowed."""
+    lines = text.splitlines()
+    return without_expected_reports(lines) != lines or any(
+        TROUBLE.search(line) and any(re.search(p, line) for p in allowed) for line in lines)
 
 
 def trouble(text, allowed=()):

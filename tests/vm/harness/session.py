@@ -31,7 +31,7 @@ class Session:
         self.boot_image, self.root, self.initial = boot_image, root, initial
         self.host_programs = host_programs
         self.served = None
-        self.time_factor, self.tell, self.verbose, self.keep = time_factor, tell, verbose, keep
+        self.time_factor, self.tell, self.verbose, self.keep = time_factor * kernel.slowness, tell, verbose, keep
         self.arguments = arguments
         self.machine = None
         self.judges = {}
@@ -60,7 +60,7 @@ class Session:
         ]
         began = time.monotonic()
         try:
-            self.machine = Machine(here, kernel=self.boot_image, initial=self.initial, memory=MACHINES[kind].memory, processors=2,
+            self.machine = Machine(here, kernel=self.boot_image, initial=self.initial, memory=MACHINES[kind].memory_for(self.kernel), processors=2,
                                    disks=disks, arguments=f"{MACHINES[kind].kernel_arguments(self.kernel)} {self.arguments}",
                                    boot_limit=BOOT_LIMIT * self.time_factor)
         except MachineDied:
@@ -141,6 +141,7 @@ class Session:
         deadline = began + limit + GRACE * self.time_factor
         self.console_seen = machine.console_bytes()
         printed = []
+        unwatched = False
         machine.say(f"run {test.name} {limit}")
         while True:
             line = machine.line(deadline)
@@ -156,6 +157,8 @@ class Session:
             elif line.startswith("host "):
                 ok, text = self._host(line.split()[1:])
                 machine.say(f"{'ok' if ok else 'no'} {text}")
+            elif line == "unwatched":
+                unwatched = True
             elif line.startswith("end "):
                 break
         (self.here / f"{test.name}.log").write_text("\n".join(printed) + "\n")
@@ -167,9 +170,13 @@ class Session:
         if trouble:
             verdict.verdict = "FAIL"
             verdict.reason = "; ".join(filter(None, [verdict.reason, f"the kernel's log: {trouble[0]}"]))
+        if unwatched and not trouble and not kernel_log.expected_report(console, test.allows):
+            verdict.verdict = "FAIL"
+            verdict.reason = "; ".join(filter(None, [verdict.reason, "the kernel's lock checker is off, and its log does not say why"]))
         if verdict.verdict == "FAIL":
             verdict.log = "\n".join(printed[-30:]) + "\n---- kernel\n" + tail(console, 120 if trouble else 20)
-            # What it left behind must not fail the next one.
+        if verdict.verdict == "FAIL" or unwatched:
+            # What it left behind must not fail the next one, and a checker that is off for good would see none of that.
             self.discard()
         return verdict
 

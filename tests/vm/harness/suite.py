@@ -37,7 +37,14 @@ class MachineKind:
         if kernel.old:
             # When a busy host lets it wait, such a kernel would make all its timers slow for good.
             words.append("highres=off")
+        if kernel.checks_memory:
+            # Every report and not only the first; pages that are free have a pattern in them.
+            words.append("kasan_multi_shot page_poison=1")
         return " ".join(words)
+
+    def memory_for(self, kernel):
+        """MiB; a kernel that checks memory keeps an eighth of it for that, and holds back what was freed."""
+        return self.memory * 3 // 2 + 64 if kernel.checks_memory else self.memory
 
     @property
     def daemon(self):
