@@ -38,8 +38,9 @@ class MachineKind:
             # When a busy host lets it wait, such a kernel would make all its timers slow for good.
             words.append("highres=off")
         if kernel.checks_memory:
-            # Every report and not only the first; pages that are free have a pattern in them.
-            words.append("kasan_multi_shot page_poison=1")
+            # Every report and not only the first; free pages have a pattern in them; where an object comes from the same
+            # checker remembers, so slabs need not.
+            words.append("kasan_multi_shot page_poison=1 slub_debug=FZP")
         return " ".join(words)
 
     def memory_for(self, kernel):
