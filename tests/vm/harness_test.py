@@ -49,7 +49,7 @@ class KernelLog(unittest.TestCase):
     def test_what_a_kernel_says_in_use_is_no_trouble(self):
         self.assertEqual(trouble("[ 1.0] Linux version 6.1 (BUGs)\n[ 2.0] EXT4-fs (vdb1): mounted filesystem\n"
                                  "[ 3.0] Command line: oops=panic\n[ 4.0] vm-test: begin WARNING: no\n"
-                                 "[ 5.0] quendrel: loading out-of-tree module taints kernel.\n"), [])
+                                 "[ 5.0] kasan: KernelAddressSanitizer initialized.\n"), [])
 
     def test_what_a_test_allows_is_no_trouble_and_the_rest_is(self):
         log = "FAULT_INJECTION: forcing a failure.\nCall Trace:\nBUG: KASAN: wild-memory-access in x\n"

@@ -5,7 +5,7 @@ import re
 TROUBLE = re.compile(
     r"\bBUG[: ]|WARNING:|\bOops\b|general protection|kernel panic|Call Trace|hung task|blocked for more than|soft lockup|"
     r"rcu.*detected stall|possible (circular|recursive|irq)|inconsistent lock|lock held when returning|held lock freed|"
-    r"suspicious RCU|KASAN|UBSAN|pagealloc:|still has objects|INFO: trying to register|DEBUG_LOCKS_WARN|Slab corruption|Poison overwritten|Redzone|Objects remaining|"
+    r"suspicious RCU|UBSAN|pagealloc:|still has objects|INFO: trying to register|DEBUG_LOCKS_WARN|Slab corruption|Poison overwritten|Redzone|Objects remaining|"
     r"left behind|unable to handle|scheduling while atomic|sleeping function called|segfault|Out of memory|oom-kill|"
     r"refcount_t|list_(add|del) corruption|EXT4-fs (error|warning)|XFS .*(Corruption|error|Metadata)|I/O error|Buffer I/O",
     re.IGNORECASE)
