@@ -37,9 +37,19 @@ static int hook(struct request_queue *q, struct bio *bio)
 	return result;
 }
 
+/* Some disks rely on nobody's reading behind their end. */
+static bool can_be_sent(const struct qdr_gendisk *disk, const struct bio *bio)
+{
+	if (!bio->bi_bdev || test_bit(QUEUE_FLAG_DEAD, &disk->q->queue_flags))
+		return false;
+	return !family_is_own_bio(bio) || bio->bi_sector + bio_sectors(bio) <= get_capacity(bio->bi_bdev->bd_disk);
+}
+
 /*
  * The queue's own function. Inside the hook, that is what the caller was about to do. In the worker and in commands there
- * is no list for the requests that a disk sends on to others, which may then go deep.
+ * is no list for the requests that a disk sends on to others, which may then go deep. What an array cuts a request into it
+ * sends to itself, and that must not meet the hook again: the worker would wait there for a close, which waits for the
+ * worker. An array cuts in two and no further.
  */
 int qdr_original(struct qdr_request_queue *queue, struct bio *bio)
 {
@@ -47,7 +57,7 @@ int qdr_original(struct qdr_request_queue *queue, struct bio *bio)
 	int result;
 
 	qdr_may_sleep();
-	if (!bio->bi_bdev || test_bit(QUEUE_FLAG_DEAD, &disk->q->queue_flags)) {
+	if (!can_be_sent(disk, bio)) {
 		bio_endio(bio, -EIO);
 		return 0;
 	}
@@ -62,7 +72,8 @@ int qdr_original(struct qdr_request_queue *queue, struct bio *bio)
 		struct bio *next = bio->bi_next;
 
 		bio->bi_next = NULL;
-		generic_make_request(bio);
+		if (bdev_get_queue(bio->bi_bdev) != disk->q || qdr_original(queue, bio))
+			generic_make_request(bio);
 		bio = next;
 	}
 	return result;

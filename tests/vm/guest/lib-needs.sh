@@ -36,6 +36,11 @@ need() { # prints what is missing
     flush) [ -f "/sys/block/${DISK##*/}/queue/write_cache" ] || echo "the kernel's driver of the tested disk sends no flushes" ;;
     unplug) [ -f /sys/bus/pci/rescan ] || echo "the kernel cannot let a disk go while it runs" ;;
     single-freeze) ! old_kernel || echo "this kernel counts freezes: a second one is no error" ;;
+    noted-changes) ! old_kernel || echo "on this kernel the driver cannot see such changes" ;;
+    md)
+      load_kernel_module md_mod 2>/dev/null
+      [ -f /sys/module/md_mod/parameters/new_array ] || echo "the kernel makes no md arrays by name"
+      ;;
     request-functions) old_kernel || echo "the queues of this kernel have no function to replace" ;;
     loop-partitions) ! old_kernel || echo "this kernel's loop devices have no partitions" ;;
     poison)
