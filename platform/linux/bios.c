@@ -4,7 +4,7 @@
  *
  * A request of others has been remapped to its whole disk when the core sees it: its sector is absolute, and so the
  * device that it names for the core is the whole disk's. The core's own reads carry absolute sectors as well; they are
- * given to the whole disk and go past the remapping. They come from a pool of their own, because the path that needs
+ * addressed to the whole disk, so that nothing is remapped. They come from a pool of their own, because the path that needs
  * them is the one that memory is written out through.
  */
 #include "glue.h"

@@ -3,15 +3,18 @@
  * What changes a disk past the hook. Tracking must not go on as if nothing had happened: the next backup reads everything.
  *
  * Such a change is noted where it happens, in any context, and told to the core before the next command, so that no
- * command gives an answer that the change has made wrong. The command that takes a point in time is also followed by
- * that, because it makes tracking good again: what was noted while it ran may have come before the point or after it.
+ * command gives an answer that the change has made wrong. The command that takes a point in time makes tracking good
+ * again, and a change that was noted while it ran may have come before the point or after it, whoever told it: so after
+ * such a command all those are told once more.
  */
 #include "glue.h"
 
 #include <linux/mutex.h>
 
 static atomic_t noted = ATOMIC_INIT(0), told = ATOMIC_INIT(0);
-static DEFINE_MUTEX(telling); /* all of the noted ones are told when `told` says so */
+static DEFINE_MUTEX(telling); /* all of the noted ones are told when `told` says so; what follows */
+static u32 tells;             /* how often a disk's changes were told */
+static u32 since;             /* of tell_again */
 
 void qdr_disk_changed(struct qdr_gendisk *disk, const char *how)
 {
@@ -19,28 +22,53 @@ void qdr_disk_changed(struct qdr_gendisk *disk, const char *how)
 	atomic_inc_return(&noted);
 }
 
-static void tell(struct qdr_gendisk *disk)
+static void forget(struct qdr_gendisk *disk)
 {
-	const char *how = xchg(&disk->changed, NULL);
 	u32 partno;
 
-	if (!how)
-		return;
-	if (qdr_is_hooked(disk))
-		pr_notice("quendrel: %s %s: its next backup, and that of each of its partitions, reads everything\n", disk->name, how);
 	for (partno = 0; partno < disk->minors; partno++)
 		qk_driver_device_changed(qdr_kdev_of(disk, partno));
 }
 
-void qdr_tell_changes(void)
+static void tell(struct qdr_gendisk *disk)
 {
+	const char *how = xchg(&disk->changed, NULL);
+
+	if (!how)
+		return;
+	if (qdr_is_hooked(disk) && printk_ratelimit())
+		pr_notice("quendrel: %s %s: its next backup, and that of each of its partitions, reads everything\n", disk->name, how);
+	disk->told = ++tells;
+	forget(disk);
+}
+
+static void tell_again(struct qdr_gendisk *disk)
+{
+	if ((s32)(disk->told - since) > 0)
+		forget(disk);
+}
+
+u32 qdr_tell_changes(void)
+{
+	u32 result;
 	int now;
 
-	if (atomic_read(&told) == atomic_read(&noted))
-		return;
 	mutex_lock(&telling);
 	now = atomic_read(&noted);
-	qdr_for_each_disk(tell);
-	atomic_set(&told, now);
+	if (now != atomic_read(&told)) {
+		qdr_for_each_disk(tell);
+		atomic_set(&told, now);
+	}
+	result = tells;
+	mutex_unlock(&telling);
+	return result;
+}
+
+void qdr_tell_changes_again(u32 from)
+{
+	qdr_tell_changes();
+	mutex_lock(&telling);
+	since = from;
+	qdr_for_each_disk(tell_again);
 	mutex_unlock(&telling);
 }

@@ -72,8 +72,8 @@ void qdr_call_end(struct qdr_call *call)
 		list_del(&call->list);
 		spin_unlock_irqrestore(&calls_lock, flags);
 	}
+	qdr_destroy_deferred(call); /* first, for the sake of the next backup, which asks for the same names */
 	qdr_free_deferred(call);
-	qdr_destroy_deferred(call);
 }
 
 struct qdr_call *qdr_current_call(void)
@@ -106,6 +106,7 @@ struct control_file {
 	 * outside of all of the core's, so nothing of the caller's memory may be touched inside it.
 	 */
 	struct rw_semaphore areas;
+	struct qdr_block_device *device; /* of its backup, or null */
 	atomic_t began; /* StartBackups of this file that the core was given, but for those that ended before they took anything */
 };
 
@@ -176,11 +177,6 @@ static __poll_t control_poll(struct file *file, struct poll_table_struct *table)
 	return (__force __poll_t)core_ops->poll(file, table);
 }
 
-/*
- * Each call of the core, but for opens, is made so that no allocation in it waits for the writing of anything: a command may
- * hold what the hook waits for, and what is to be written then waits for the command.
- */
-
 /* ---- Commands ------------------------------------------------------------------------------------------------------ */
 
 /* Of a StartBackup: whether it ended before it took the driver's one backup, so that the file may try another one. */
@@ -208,6 +204,8 @@ static long start_backup(struct file *file, struct qdr_call *call, unsigned long
 		atomic_dec(&mine->began);
 	if (took_nothing(call, result))
 		atomic_dec(&mine->began);
+	if (!result)
+		WRITE_ONCE(mine->device, qdr_find_device(call->records[0].words[0] << 20 | call->records[0].words[1]));
 	return result;
 }
 
@@ -222,9 +220,29 @@ static long read_blocks(struct file *file, struct qdr_call *call, unsigned long 
 	return result;
 }
 
+/* What is still under way to the disk may come behind the point in time, and no map would have it. */
+static long snapshot(struct file *file, struct qdr_call *call, unsigned long arg)
+{
+	struct control_file *mine = file->private_data;
+	struct qdr_block_device *device = READ_ONCE(mine->device);
+	bool quiet = !device || !device->disk || family_wait_for_changes(device->disk, device->real);
+	u32 told = qdr_tell_changes();
+	long result = core_ops->ioctl(family_inode(file), file, call->cmd, arg);
+
+	qdr_may_sleep();
+	if (!quiet)
+		qdr_disk_changed(device->disk, "is still busy with a command");
+	qdr_tell_changes_again(told);
+	return result;
+}
+
 static long command(struct file *file, unsigned int cmd, unsigned long arg)
 {
 	struct qdr_call call = {.cmd = cmd, .gathers = cmd == QUENDREL_READ_BLOCKS};
+	/*
+	 * No allocation in a command, a close or a mapping waits for the writing of anything: they may hold what the hook waits
+	 * for, and what is to be written then waits for them.
+	 */
 	unsigned int before = family_noio_begin();
 	long result;
 
@@ -240,12 +258,12 @@ static long command(struct file *file, unsigned int cmd, unsigned long arg)
 		result = start_backup(file, &call, arg);
 	else if (cmd == QUENDREL_READ_BLOCKS)
 		result = read_blocks(file, &call, arg);
+	else if (cmd == QUENDREL_SNAPSHOT)
+		result = snapshot(file, &call, arg);
 	else
 		result = core_ops->ioctl(family_inode(file), file, cmd, arg);
 	qdr_may_sleep();
 	qdr_start_reads(NULL);
-	if (cmd == QUENDREL_SNAPSHOT)
-		qdr_tell_changes();
 	qdr_call_end(&call);
 out:
 	qdr_caller_end(&call);

@@ -6,7 +6,7 @@
  * go away under a backup, nor its driver; between backups none is open, and tracking needs none: a request finds its
  * disk's record by what tells one instance of a disk from every other (disks.c of the family).
  *
- * Records are only ever added, so looking one up takes no lock.
+ * Records are only ever added, so looking one up takes no lock. (The self-test takes its own off again, and they stay.)
  */
 #include "glue.h"
 
@@ -77,18 +77,6 @@ void qdr_unlist_disk(struct qdr_gendisk *disk)
 	mutex_lock(&devices_lock);
 	list_del_rcu(&disk->list);
 	mutex_unlock(&devices_lock);
-	synchronize_rcu();
-}
-
-void qdr_for_each_open_disk(void (*fn)(struct qdr_gendisk *disk))
-{
-	struct qdr_block_device *device;
-
-	mutex_lock(&devices_lock);
-	list_for_each_entry(device, &devices, list)
-		if (device->bdev)
-			fn(device->disk);
-	mutex_unlock(&devices_lock);
 }
 
 bool qdr_numbers_in_use(u32 major, u32 first, u32 count)
@@ -104,7 +92,7 @@ bool qdr_numbers_in_use(u32 major, u32 first, u32 count)
 	return false;
 }
 
-static struct qdr_block_device *find_device(qdr_kdev_t kdev)
+struct qdr_block_device *qdr_find_device(qdr_kdev_t kdev)
 {
 	struct qdr_block_device *device;
 
@@ -153,7 +141,7 @@ bool qdr_numbers_needed(u32 major, u32 first, u32 count)
 static struct qdr_block_device *device_of(struct qdr_gendisk *disk, unsigned int partno, dev_t real)
 {
 	qdr_kdev_t kdev = qdr_kdev_of(disk, partno);
-	struct qdr_block_device *device = find_device(kdev);
+	struct qdr_block_device *device = qdr_find_device(kdev);
 
 	if (!device) {
 		device = kzalloc(sizeof(*device), GFP_KERNEL | __GFP_NOFAIL);
@@ -250,7 +238,7 @@ struct qdr_block_device *qk_bdget(qdr_kdev_t kdev)
 
 	qdr_may_sleep();
 	mutex_lock(&devices_lock);
-	device = find_device(kdev);
+	device = qdr_find_device(kdev);
 	if (device && device->bdev && family_is_live(device->bdev->bd_disk))
 		goto out;
 	/* The device of a backup that has lost its disk stays what it was. */
@@ -319,7 +307,7 @@ struct block_device *qdr_kernel_bdev(struct qdr_block_device *bdev)
 
 dev_t qdr_real_number(qdr_kdev_t kdev)
 {
-	struct qdr_block_device *device = find_device(kdev);
+	struct qdr_block_device *device = qdr_find_device(kdev);
 
 	return device ? device->real : 0;
 }

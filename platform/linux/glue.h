@@ -182,7 +182,9 @@ struct qdr_gendisk {
 	u64 diskseq;                                /* 6.1 */
 	char name[DISK_NAME_LEN];
 	const char *changed; /* how, if the core is to be told (changes.c) */
+	u32 told;            /* when it was told last, by the count of changes.c */
 	bool written_past;   /* 6.1: a request that no hook saw may be under way */
+	bool takes_bios;     /* 6.1: by itself, it has no requests */
 	struct request_queue *q;                    /* 2.6: held until unload */
 	int (*original)(struct request_queue *, struct bio *); /* 2.6: what the queue had */
 	u32 major, first_minor, minors; /* as the core sees them */
@@ -215,10 +217,11 @@ void qdr_files_end(void);
 void qdr_devices_init(void);
 void qdr_devices_exit(void);
 void qdr_for_each_disk(void (*fn)(struct qdr_gendisk *disk));
-/* For the self-test, whose disk's record is its own. While it is listed nobody else is there to use it. */
+/* For the self-test. Whoever goes through the disks may be at the record even when it is off the list: it must stay, and never
+ * be listed again. */
 void qdr_list_disk(struct qdr_gendisk *disk);
 void qdr_unlist_disk(struct qdr_gendisk *disk);
-void qdr_for_each_open_disk(void (*fn)(struct qdr_gendisk *disk)); /* once or more; may sleep */
+struct qdr_block_device *qdr_find_device(qdr_kdev_t kdev); /* as the core sees it, or null. Any context */
 struct block_device *qdr_kernel_bdev(struct qdr_block_device *bdev); /* open, or null */
 dev_t qdr_real_number(qdr_kdev_t kdev);                             /* 0 when the core has no such device */
 
@@ -264,14 +267,18 @@ static inline bool qdr_is_hooked(const struct qdr_gendisk *disk)
 /* The disk's contents or their place have changed, or are about to: what was recorded of them counts no more. `how` is
  * the rest of a sentence that begins with the disk's name, and stays. Any context. */
 void qdr_disk_changed(struct qdr_gendisk *disk, const char *how);
-/* Tells the core of all such changes. May sleep; nothing of the driver is locked. */
-void qdr_tell_changes(void);
+/* Tells the core of all such changes. What has been told so far, for the second: that tells all that were told since then
+ * once more. May sleep; nothing of the driver is locked. */
+u32 qdr_tell_changes(void);
+void qdr_tell_changes_again(u32 since);
 /* And of the family, functions of it or of its family.h:
  *   int family_changes_init(void)       0, or a negative error, and the log says why
  *   void family_changes_exit(void)
- *   void family_look_for_changes(void)  notes what can only be found by looking, and waits for what is under way past the
- *                                       hook to disks that are open: before the core chooses what it has recorded, and
- *                                       before a point in time. May sleep; nothing of the driver is locked
+ *   void family_look_for_changes(void)  notes what can only be found by looking: before the core chooses what it has
+ *                                       recorded. May sleep; nothing of the driver is locked
+ *   bool family_wait_for_changes(struct qdr_gendisk *, dev_t)
+ *                                       before a point in time is taken of that device of the disk: waits for what is
+ *                                       under way to it past the hook. False: it is still under way. May sleep, as above
  *   int family_self_test(void)          at load: 0, or a negative error, and the log says what is not seen
  */
 

@@ -103,11 +103,11 @@ void qk_queue_set_make_request_fn(struct qdr_request_queue *queue, qdr_make_requ
 {
 	struct qdr_gendisk *disk = container_of(queue, struct qdr_gendisk, queue);
 
+	if (fn != qdr_original)
+		take(disk);
 	WRITE_ONCE(queue->fn, fn);
 	if (fn == qdr_original)
 		give_back(disk);
-	else
-		take(disk);
 }
 
 /* Its driver has taken the hook away, so it may have other contents now, and was written to unseen. */

@@ -34,6 +34,7 @@ bool family_can_be_hooked(struct gendisk *disk)
 void family_adopt(struct qdr_gendisk *disk)
 {
 	disk->diskseq = disk->disk->diskseq;
+	disk->takes_bios = disk->disk->fops->submit_bio;
 	disk->written_past = true; /* who knows, before it was met */
 	spin_lock_init(&disk->queue.lock);
 }

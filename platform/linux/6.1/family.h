@@ -128,11 +128,17 @@ typedef const struct vm_operations_struct family_vm_operations;
 #define FAMILY_FAULT_MAPPING vmf->vma
 #define FAMILY_FAULT_ADDRESS(vmf) ((vmf)->address)
 
+struct qdr_gendisk;
+
 /* ---- Changes of disks past the hook (changes.c) ------------------------------------------------------------------------ */
 
 int family_changes_init(void);
 void family_changes_exit(void);
-void family_look_for_changes(void);
+static inline void family_look_for_changes(void)
+{
+}
+
+bool family_wait_for_changes(struct qdr_gendisk *disk, dev_t real);
 int family_self_test(void);
 
 #endif

@@ -146,11 +146,8 @@ static void intercepted(struct bio *bio)
 static void notrace redirect(unsigned long ip, unsigned long parent, struct ftrace_ops *ops, struct ftrace_regs *fregs)
 {
 	const struct bio *bio = family_first_argument(fregs);
-	const struct gendisk *kernel_disk;
+	const struct gendisk *kernel_disk = bio->bi_bdev->bd_disk;
 
-	if (!bio)
-		return;
-	kernel_disk = bio->bi_bdev->bd_disk;
 	if (takes_bios(kernel_disk) == (ops == &bios.ops) && !qdr_is_own_read(bio) && is_hooked(kernel_disk))
 		family_run_instead(fregs, intercepted);
 }

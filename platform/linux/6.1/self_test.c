@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 /*
- * Whether the module sees what it has to see on this very kernel: asked at load, of two small disks of its own, one with
+ * Whether the module sees bios, commands and changes of size on this very kernel: asked at load, of two small disks of its own, one with
  * requests and one that takes bios, which nobody else ever sees.
  *
  * The functions that the module stands in front of are no promise of the kernel's. One that is called no more, or was
@@ -16,7 +16,8 @@
 #define SECTORS 8
 
 static struct gendisk *kernel_disk; /* under test */
-static struct qdr_gendisk record;
+static struct qdr_gendisk records[2];
+static struct qdr_gendisk *record; /* of the disk under test; each is listed once */
 static unsigned int seen, arrived; /* bios or requests: by the hook, by the disk */
 static struct bio *held;
 
@@ -80,10 +81,10 @@ static const char *test_write(struct page *page)
 
 	seen = arrived = 0;
 	held = NULL;
-	record.queue.fn = qdr_original;
+	record->queue.fn = qdr_original;
 	if (submit(page) || arrived != 1)
 		return "a write to a disk that is not hooked did not arrive";
-	record.queue.fn = hold;
+	record->queue.fn = hold;
 	bio = bio_alloc(kernel_disk->part0, 1, REQ_OP_WRITE | REQ_SYNC, GFP_KERNEL);
 	__bio_add_page(bio, page, 512, 0);
 	bio->bi_private = &done;
@@ -106,7 +107,7 @@ static const char *test_write(struct page *page)
 
 static bool noted(void)
 {
-	return xchg(&record.changed, NULL);
+	return xchg(&record->changed, NULL);
 }
 
 static const char *test_changes(void)
@@ -135,41 +136,42 @@ static const char *test_command(void)
 
 	if (IS_ERR(rq))
 		return "there was no memory";
-	record.written_past = false;
+	record->written_past = false;
 	blk_execute_rq(rq, false);
 	blk_mq_free_request(rq);
-	return record.written_past && noted() ? NULL : "a command was not noted";
+	return record->written_past && noted() ? NULL : "a command was not noted";
 }
 
 /* ---- At load ------------------------------------------------------------------------------------------------------- */
 
+/* The disk is put. */
 static const char *test_disk(struct gendisk *disk, const struct block_device_operations *ops)
 {
 	struct page *page = alloc_page(GFP_KERNEL | __GFP_ZERO);
-	const char *wrong;
+	const char *wrong = "there was no memory";
 
 	if (!page)
-		return "there was no memory";
+		goto out;
 	kernel_disk = disk;
 	disk->fops = ops;
 	strscpy(disk->disk_name, "quendrel", sizeof(disk->disk_name));
 	set_capacity(disk, SECTORS);
-	memset(&record, 0, sizeof(record));
-	record.disk = disk;
-	record.diskseq = disk->diskseq;
-	spin_lock_init(&record.queue.lock);
-	record.queue.fn = qdr_original;
-	qdr_list_disk(&record);
+	record = &records[ops == &request_disk];
+	record->disk = disk;
+	record->queue.fn = qdr_original;
+	family_adopt(record);
+	qdr_list_disk(record);
 	wrong = test_write(page);
 	if (!wrong)
 		wrong = test_changes();
 	if (!wrong && ops == &request_disk)
 		wrong = test_command();
-	qdr_unlist_disk(&record);
+	qdr_unlist_disk(record);
 	/* Its requests' timer; the kernel does this only for disks that others could see. */
 	blk_sync_queue(disk->queue);
-	put_disk(disk);
 	__free_page(page);
+out:
+	put_disk(disk);
 	return wrong;
 }
 

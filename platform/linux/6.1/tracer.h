@@ -26,15 +26,15 @@ int family_stand(struct watch *watch);
 /* Leaves. Tasks may be on their way through the callback until synchronize_rcu_tasks() returns. */
 void family_leave(struct watch *watch);
 
-/* The function's first argument, or null where there is none to be had. */
+/* The function's first argument. A watch always has the registers. */
 static inline void *family_first_argument(struct ftrace_regs *fregs)
 {
 	struct pt_regs *regs = ftrace_get_regs(fregs);
 
 #ifdef CONFIG_X86_64
-	return regs ? (void *)regs->di : NULL;
+	return (void *)regs->di;
 #else
-	return regs ? (void *)regs->ax : NULL;
+	return (void *)regs->ax;
 #endif
 }
 

@@ -41,7 +41,7 @@ true_backup() {
   cmp -n $(($(blockdev --getsz "$device") / 8 * 4096)) "$device" "$(region 1)" || fail "the restored backup is not what $device holds"
 }
 expect_noted() { # DISK HOW: the driver has seen what changed the disk
-  dmesg | grep -q "quendrel: ${1##*/} $2: its next backup, and that of each of its partitions, reads everything" ||
+  dmesg | grep "quendrel: ${1##*/} $2: its next backup, and that of each of its partitions, reads everything" >/dev/null ||
     fail "the driver has not seen that ${1##*/} $2"
   dmesg -C
 }
