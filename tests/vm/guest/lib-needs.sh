@@ -39,7 +39,7 @@ need() { # prints what is missing
     noted-changes) ! old_kernel || echo "on this kernel the driver cannot see such changes" ;;
     md)
       load_kernel_module md_mod 2>/dev/null
-      [ -f /sys/module/md_mod/parameters/new_array ] || echo "the kernel makes no md arrays by name"
+      ! old_kernel && [ -f /sys/module/md_mod/parameters/new_array ] || echo "the kernel makes no md arrays by name"
       ;;
     request-functions) old_kernel || echo "the queues of this kernel have no function to replace" ;;
     loop-partitions) ! old_kernel || echo "this kernel's loop devices have no partitions" ;;

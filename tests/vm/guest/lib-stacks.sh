@@ -43,8 +43,13 @@ stack() {
     crypt) dmsetup create stack --table "0 $size crypt aes-xts-plain64 $(printf '%064d' 7) 0 $p 0" ;;
     multipath) dmsetup create stack --table "0 $size multipath 2 queue_mode bio 0 1 1 round-robin 0 2 1 $p 1000 $p 1000" ;;
     raid0) stack_md md7 raid0 65536 0 "$p" "$q" && STACK=/dev/md7 ;;
-    raid1) stack_md md7 raid1 0 0 "$p" "$q" && STACK=/dev/md7 ;;
-    raid10) stack_md md7 raid10 65536 258 "$p" "$q" && STACK=/dev/md7 ;;
+    # Mirrors that are said to be the same must be, or what is read depends on which one is asked.
+    raid1 | raid10)
+      dd if=/dev/zero of="$p" bs=1M count=$((size / 2048)) oflag=direct status=none
+      dd if=/dev/zero of="$q" bs=1M count=$((size / 2048)) oflag=direct status=none
+      if [ "$kind" = raid1 ]; then stack_md md7 raid1 0 0 "$p" "$q"; else stack_md md7 raid10 65536 258 "$p" "$q"; fi
+      STACK=/dev/md7
+      ;;
   esac
   [ -b "$STACK" ] || fail "the disk '$kind' could not be made"
 }
