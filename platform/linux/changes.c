@@ -12,7 +12,9 @@
 #include <linux/mutex.h>
 
 static atomic_t noted = ATOMIC_INIT(0), told = ATOMIC_INIT(0);
-static DEFINE_MUTEX(telling); /* all of the noted ones are told when `told` says so; what follows */
+/* That all of the noted ones are told when `told` says so; what follows. Taken with nothing of the driver locked; the core
+ * takes its table's locks inside. */
+static DEFINE_MUTEX(telling);
 static u32 tells;             /* how often a disk's changes were told */
 static u32 since;             /* of tell_again */
 

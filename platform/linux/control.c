@@ -106,7 +106,7 @@ struct control_file {
 	 * outside of all of the core's, so nothing of the caller's memory may be touched inside it.
 	 */
 	struct rw_semaphore areas;
-	struct qdr_block_device *device; /* of its backup, or null */
+	struct qdr_block_device *device; /* of its backup, or null; such records stay until unload */
 	atomic_t began; /* StartBackups of this file that the core was given, but for those that ended before they took anything */
 };
 

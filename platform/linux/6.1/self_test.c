@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0-only
 /*
- * Whether the module sees bios, commands and changes of size on this very kernel: asked at load, of two small disks of its own, one with
- * requests and one that takes bios, which nobody else ever sees.
+ * Whether the module sees bios, commands and changes of size on this very kernel: asked at load, of two small disks of its
+ * own, one with requests and one that takes bios, which nobody else ever sees. What file systems and partitions alone call
+ * is not tried.
  *
  * The functions that the module stands in front of are no promise of the kernel's. One that is called no more, or was
  * made part of its callers, would be there to stand in front of, and every write would go by.

@@ -27,7 +27,7 @@ need() { # prints what is missing
     fs:ext4) grep -qwF "$(if old_kernel; then echo ext3; else echo ext4; fi)" /proc/filesystems || echo "the kernel has no ext4" ;;
     fs:*) grep -qwF "${1#*:}" /proc/filesystems || echo "the kernel has no ${1#*:}" ;;
     dm) grep -qw device-mapper /proc/misc /proc/devices || echo "the kernel has no device mapper" ;;
-    loop | fuse | brd | scsi_debug | dm_flakey | linear | raid0 | raid1)
+    loop | fuse | brd | scsi_debug | dm_flakey)
       load_kernel_module "$1" 2>/dev/null || [ -d "/sys/module/$1" ] || echo "the kernel has no $1"
       ;;
     kernel:*) load_kernel_module "${1#*:}" 2>/dev/null || [ -d "/sys/module/${1#*:}" ] || echo "the kernel has no ${1#*:}" ;;

@@ -32,8 +32,7 @@ stack() {
     linear) printf '0 %d linear %s 0\n%d %d linear %s 0\n' "$size" "$q" "$size" "$size" "$p" | dmsetup create stack ;;
     striped) dmsetup create stack --table "0 $((size * 2)) striped 2 16 $p 0 $q 0" ;;
     thin | thin-snapshot)
-      dmsetup create stack-data --table "0 $((size * 2 - 16384)) linear $p 0" 2>/dev/null ||
-        printf '0 %d linear %s 0\n%d %d linear %s 16384\n' "$size" "$p" "$size" $((size - 16384)) "$q" | dmsetup create stack-data
+      printf '0 %d linear %s 0\n%d %d linear %s 16384\n' "$size" "$p" "$size" $((size - 16384)) "$q" | dmsetup create stack-data
       dmsetup create stack-meta --table "0 16384 linear $q 0"
       dd if=/dev/zero of=/dev/mapper/stack-meta bs=4096 count=1 status=none conv=fsync
       dmsetup create stack-pool --table "0 $(($(blockdev --getsz /dev/mapper/stack-data))) thin-pool /dev/mapper/stack-meta /dev/mapper/stack-data 128 0"
