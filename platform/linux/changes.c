@@ -38,8 +38,8 @@ static void tell(struct qdr_gendisk *disk)
 
 	if (!how)
 		return;
-	if (qdr_is_hooked(disk) && printk_ratelimit())
-		pr_notice("quendrel: %s %s: its next backup, and that of each of its partitions, reads everything\n", disk->name, how);
+	if (qdr_is_hooked(disk))
+		qk_printk("<4>quendrel: %s %s: its next backup, and that of each of its partitions, reads everything\n", disk->name, how);
 	disk->told = ++tells;
 	forget(disk);
 }

@@ -3,24 +3,25 @@
 # For the scripts here that download: an apt with a state of its own below $cache, so that the machine's package lists, and
 # what it has installed, do not matter and do not change. Who sources it has $cache, and `fail`, which ends it.
 
-mirror() {
-  if [ -n "${VM_MIRROR:-}" ]; then
-    echo "$VM_MIRROR"
-    return
-  fi
+mirror() { # RELEASE: where the machine's own apt has it from; nothing when it has not
   apt-get indextargets --format '$(REPO_URI) $(RELEASE) $(COMPONENT) $(CREATED_BY)' 2>/dev/null |
-    awk '$2 == "bookworm" && $3 == "main" && $4 == "Packages" { print $1; exit }'
+    awk -v release="$1" '$2 == release && $3 == "main" && $4 == "Packages" { print $1; exit }'
 }
 
 # An apt whose own architecture is ARCH, with nothing installed.
 prepare_apt() { # ARCH
-  local state=$cache/apt-$1 uri
-  uri=$(mirror)
+  local state=$cache/apt-$1 uri security
+  uri=${VM_MIRROR:-$(mirror bookworm)}
+  security=${VM_SECURITY_MIRROR:-$(mirror bookworm-security)}
   [ -n "$uri" ] || fail "this machine's apt names no mirror of Debian bookworm main; set VM_MIRROR to the URL of one"
   [ -r /usr/share/keyrings/debian-archive-keyring.gpg ] || fail "the package debian-archive-keyring is missing; install it"
   mkdir -p "$state/lists/partial" "$cache/debs/partial" "$state/cache" "$state/parts"
   : >"$state/status"
-  printf 'deb [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] %s bookworm main\n' "$uri" >"$state/sources.list"
+  {
+    local by=[signed-by=/usr/share/keyrings/debian-archive-keyring.gpg]
+    echo "deb $by $uri bookworm main"
+    [ -z "$security" ] || echo "deb $by $security bookworm-security main"
+  } >"$state/sources.list"
   cat >"$state/apt.conf" <<C
 Dir::State "$state";
 Dir::State::lists "$state/lists";
@@ -87,7 +88,7 @@ get_packages() {
     spec=$name:$of
     [ "$of" != all ] || spec=$name
     version=$(candidate "$arch" "$spec")
-    [ -n "$version" ] || fail "the mirror's list has no $spec; try --update"
+    [ -n "$version" ] || fail "the mirrors' lists have no $spec; try --update"
     deb=$(package_file "$name" "$of" "$version")
     debs+=("$deb")
     [ -f "$deb" ] || names+=("$spec")

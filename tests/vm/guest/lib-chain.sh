@@ -29,3 +29,21 @@ chain() {
     check_fs "$type" "$(region $((number + 1)))"
   done
 }
+
+# each_file_system: the same, with one incremental backup, on ext4, ext4 without a journal, and xfs, each made anew.
+each_file_system() {
+  local kind own=$TEST p
+  partition "$DISK" 150
+  p=$(part "$DISK" 1)
+  load
+  for kind in ext4 ext4-without-journal xfs; do
+    wipefs -qa "$p"
+    make_fs "${kind%%-*}" "$p"
+    [ $kind != ext4-without-journal ] || tune2fs -O ^has_journal "$p"
+    # The marks of each are its own.
+    TEST=$own-$kind
+    LAST=1 chain $kind "$p" "$(extent "$p")"
+  done
+  TEST=$own
+  unload
+}

@@ -24,6 +24,7 @@ need() { # prints what is missing
       [ -x $KIT/qbackup32 ] || echo "there is no 32-bit qbackup beside the kernel's own"
       ;;
     program:*) [ -x "$KIT/${1#*:}" ] || echo "there is no program ${1#*:}" ;;
+    installed:*) [ -x "${1#*:}" ] || echo "the root file system has no ${1#*:}" ;;
     fs:ext4) grep -qwF "$(if old_kernel; then echo ext3; else echo ext4; fi)" /proc/filesystems || echo "the kernel has no ext4" ;;
     fs:*) grep -qwF "${1#*:}" /proc/filesystems || echo "the kernel has no ${1#*:}" ;;
     dm) grep -qw device-mapper /proc/misc /proc/devices || echo "the kernel has no device mapper" ;;
@@ -57,6 +58,7 @@ need() { # prints what is missing
     package) [ -d $KIT/package ] || echo "there is no package for this kernel" ;;
     daemon) [ -x $KIT/daemon/usr/sbin/quendreld ] || echo "the daemon's package was not made" ;;
     userfaultfd) [ -f /proc/sys/vm/unprivileged_userfaultfd ] || echo "the kernel lets no program bring the pages of another" ;;
+    swap) [ -f /proc/swaps ] || echo "the kernel does not swap" ;;
     lockdep) [ -f /proc/lockdep_stats ] || echo "the kernel has no lock checker" ;;
     parameter:*) modinfo -F parm $KIT/quendrel.ko 2>/dev/null | grep -q "^${1#*:}:" || echo "the module has no parameter ${1#*:}" ;;
     loose) [ -n "$LOOSE" ] && [ -b "$LOOSE" ] || echo "the disk that can be unplugged is gone" ;;

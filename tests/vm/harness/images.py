@@ -13,7 +13,10 @@ from .old_libc import adapt
 
 # Not needed by any test; leaves the image at a third of its size.
 LEFT_OUT = ["usr/share/doc", "usr/share/man", "usr/share/locale", "usr/share/info", "usr/share/perl", "usr/lib/x86_64-linux-gnu/perl",
-            "usr/lib/i386-linux-gnu/perl", "usr/share/zoneinfo", "usr/lib/x86_64-linux-gnu/gconv", "usr/lib/i386-linux-gnu/gconv"]
+            "usr/lib/i386-linux-gnu/perl", "usr/share/zoneinfo", "usr/lib/x86_64-linux-gnu/gconv", "usr/lib/i386-linux-gnu/gconv",
+            # A compiler that PostgreSQL can make use of.
+            "usr/lib/llvm-14", "usr/lib/x86_64-linux-gnu/libLLVM-14.so.1", "usr/lib/i386-linux-gnu/libLLVM-14.so.1",
+            "usr/lib/x86_64-linux-gnu/libz3.so.4", "usr/lib/i386-linux-gnu/libz3.so.4", "usr/lib/postgresql/15/lib/bitcode"]
 TOOLS_PATH = os.environ.get("PATH", "") + ":/usr/sbin:/sbin"
 
 
@@ -22,6 +25,13 @@ def tool(arguments, what, **more):
     if run.returncode != 0:
         raise HarnessError(f"{what} failed: {(run.stderr or run.stdout).strip()[-600:]}")
     return run.stdout
+
+
+def remove(path):
+    if path.is_dir() and not path.is_symlink():
+        shutil.rmtree(path)
+    else:
+        path.unlink(missing_ok=True)
 
 
 def root_image(packages, cache, old_kernel=False):
@@ -43,15 +53,15 @@ def root_image(packages, cache, old_kernel=False):
         for package in packages:
             tool(["dpkg-deb", "-x", package, tree], f"unpacking {package.name}")
         for name in LEFT_OUT:
-            shutil.rmtree(tree / name, ignore_errors=True)
+            remove(tree / name)
         # No package's installation script runs here: what they would have linked is linked by hand.
         for directory in ("proc", "sys", "dev", "run", "tmp", "mnt", "root", "etc"):
             (tree / directory).mkdir(exist_ok=True)
         for link, target in (("bin/sh", "dash"), ("usr/bin/awk", "mawk"), ("etc/mtab", "/proc/self/mounts")):
             if not os.path.lexists(tree / link):
                 (tree / link).symlink_to(target)
-        (tree / "etc/passwd").write_text("root:x:0:0:root:/root:/bin/bash\n")
-        (tree / "etc/group").write_text("root:x:0:\ndisk:x:6:\n")
+        (tree / "etc/passwd").write_text("root:x:0:0:root:/root:/bin/bash\npostgres:x:70:70::/run:/bin/sh\n")
+        (tree / "etc/group").write_text("root:x:0:\ndisk:x:6:\npostgres:x:70:\n")
         (tree / "etc/ld.so.conf").write_text("include /etc/ld.so.conf.d/*.conf\n")
         tool(["ldconfig", "-r", tree], "making the library cache")
         if old_kernel:

@@ -70,6 +70,12 @@ def from_cache(cache, arch):
     return Kernel(arch, release, base / "boot" / f"vmlinuz-{release}", Path((cache / arch / "kdir").read_text().strip()), base, True)
 
 
+def other_from_cache(cache, arch, release):
+    """Another one that `fetch` has put there."""
+    base = cache / arch / "others" / release
+    return Kernel(arch, release, base / "boot" / f"vmlinuz-{release}", base / "usr/src" / f"linux-headers-{release}", base)
+
+
 def with_checkers(cache):
     """The one that `debug-kernel` has built into its cache."""
     place = cache / "debug-kernel"

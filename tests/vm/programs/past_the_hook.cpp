@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Sends a disk what no file system sends, by its own commands.
 //
-//   past_the_hook scsi-write DISK SECTOR    writes 512 bytes of 0xA5 there
-//   past_the_hook scsi-ask DISK             commands that change nothing: whether it is ready, what it is, flush, read
-//   past_the_hook nvme-write DISK SECTOR    as scsi-write
+//   past_the_hook scsi-write DISK SECTOR [TIMEOUT]  writes 512 bytes of 0xA5 there; milliseconds (10000)
+//   past_the_hook scsi-ask DISK                     commands that change nothing: whether it is ready, what it is, flush, read
+//   past_the_hook nvme-write DISK SECTOR            as scsi-write
 #include <array>
 #include <cerrno>
 #include <cstdint>
@@ -24,7 +24,7 @@ namespace
 
 alignas(4096) std::array<unsigned char, 512> data;
 
-bool send_scsi(int disk, std::vector<unsigned char> command, int direction)
+bool send_scsi(int disk, std::vector<unsigned char> command, int direction, unsigned timeout = 10000)
 {
     std::array<unsigned char, 32> sense{};
     sg_io_hdr_t io{};
@@ -36,13 +36,13 @@ bool send_scsi(int disk, std::vector<unsigned char> command, int direction)
     io.dxfer_len = direction == SG_DXFER_NONE ? 0 : static_cast<unsigned>(data.size());
     io.sbp = sense.data();
     io.mx_sb_len = sense.size();
-    io.timeout = 10000;
+    io.timeout = timeout;
     if (ioctl(disk, SG_IO, &io) != 0) {
         std::perror("SG_IO");
         return false;
     }
     if ((io.info & SG_INFO_OK_MASK) != SG_INFO_OK) {
-        std::fprintf(stderr, "command %02x: status %02x, sense %02x\n", command[0], io.status, sense[2]);
+        std::fprintf(stderr, "command %02x: status %02x, sense %02x, host %02x\n", command[0], io.status, sense[2], io.host_status);
         return false;
     }
     return true;
@@ -78,8 +78,8 @@ bool write_nvme(int disk, std::uint64_t sector)
 int main(int argc, char** argv)
 {
     const std::string_view what = argc > 1 ? argv[1] : "";
-    if (argc != (what == "scsi-ask" ? 3 : 4)) {
-        std::fprintf(stderr, "usage: past_the_hook scsi-write|scsi-ask|nvme-write DISK [SECTOR]\n");
+    if (argc != (what == "scsi-ask" ? 3 : 4) && !(what == "scsi-write" && argc == 5)) {
+        std::fprintf(stderr, "usage: past_the_hook scsi-write|scsi-ask|nvme-write DISK [SECTOR [TIMEOUT]]\n");
         return 2;
     }
     const int disk = open(argv[2], O_RDWR | O_CLOEXEC);
@@ -88,10 +88,11 @@ int main(int argc, char** argv)
         return 1;
     }
     const std::uint32_t sector = argc > 3 ? static_cast<std::uint32_t>(std::strtoul(argv[3], nullptr, 10)) : 0;
+    const unsigned timeout = argc > 4 ? static_cast<unsigned>(std::strtoul(argv[4], nullptr, 10)) : 10000;
     data.fill(0xA5);
     bool done = false;
     if (what == "scsi-write")
-        done = send_scsi(disk, with_sector(0x2a, sector), SG_DXFER_TO_DEV);
+        done = send_scsi(disk, with_sector(0x2a, sector), SG_DXFER_TO_DEV, timeout);
     else if (what == "scsi-ask")
         done = ask_scsi(disk);
     else if (what == "nvme-write")
