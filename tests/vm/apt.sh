@@ -52,6 +52,18 @@ Debug::NoLocking "true";
 C
 }
 
+# Makes the apt of ARCH ready, with the mirrors' newest lists.
+read_lists() { # ARCH
+  prepare_apt "$1"
+  if grep -q bookworm-security "$cache/apt-$1/sources.list" && ! private "$1" apt-get update -q >"$cache/log" 2>&1; then
+    # A mirror of its own, which is halfway through an update of itself for longer than one can wait.
+    tail -3 "$cache/log" >&2
+    echo "${0##*/}: $1: the lists of security updates cannot be read; going on without them" >&2
+    sed -i /bookworm-security/d "$cache/apt-$1/sources.list"
+  fi
+  quietly "reading the mirrors' lists" private "$1" apt-get update -q
+}
+
 private() { # ARCH PROGRAM ARGUMENT...
   local arch=$1 program=$2
   shift 2

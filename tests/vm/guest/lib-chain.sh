@@ -38,6 +38,7 @@ each_file_system() {
   load
   for kind in ext4 ext4-without-journal xfs; do
     wipefs -qa "$p"
+    rm -rf "${STORE:?}"/*
     make_fs "${kind%%-*}" "$p"
     [ $kind != ext4-without-journal ] || tune2fs -O ^has_journal "$p"
     # The marks of each are its own.
