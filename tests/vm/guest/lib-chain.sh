@@ -25,7 +25,11 @@ chain() {
     [ "${copied[number]}" -lt "${copied[0]}" ] || fail "an incremental backup has copied ${copied[number]} blocks, the full one ${copied[0]}"
   done
   for number in $(seq 0 "${LAST:-3}"); do
-    prove "$number" "${paths[number]}" "$(region $((number + 1)))" "$extents"
+    case $type in
+      # It changes its metadata while they are being written, so QEMU's log may have others than the disk.
+      ext4-without-journal) expect 0 qbackup -q restore --from "${paths[number]}" --to "$(region $((number + 1)))" --force ;;
+      *) prove "$number" "${paths[number]}" "$(region $((number + 1)))" "$extents" ;;
+    esac
     check_fs "$type" "$(region $((number + 1)))"
   done
 }
@@ -33,6 +37,8 @@ chain() {
 # each_file_system: the same, with one incremental backup, on ext4, ext4 without a journal, and xfs, each made anew.
 each_file_system() {
   local kind own=$TEST p
+  # No page is changed while it is being written, for the same reason. An old kernel has them so.
+  old_kernel || echo 1 >"/sys/block/${DISK##*/}/queue/stable_writes"
   partition "$DISK" 150
   p=$(part "$DISK" 1)
   load
