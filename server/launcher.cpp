@@ -2,10 +2,11 @@
 #include "launcher.h"
 
 #include "attach.h"
-#include "image_lock.h"
 #include "listener.h"
 #include "run_dir.h"
 #include "service.h"
+
+#include "base/image_lock.h"
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -137,7 +138,7 @@ std::string check_image(const std::string& path, bool read_only, bool raw, std::
     const bool block = S_ISBLK(status.st_mode);
     if (!seen.insert({block ? status.st_rdev : status.st_dev, block ? 0 : status.st_ino}).second)
         throw std::runtime_error(path + ": named twice");
-    if (const std::string held = hosted::lock_image(fd.get(), read_only); !held.empty())
+    if (const std::string held = base::lock_image(fd.get(), read_only); !held.empty())
         throw std::runtime_error(path + ": " + held);
     if (!block)
         check_loops(status, path, read_only);

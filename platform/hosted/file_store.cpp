@@ -11,8 +11,8 @@
 // flushes have a description of their own, from which no durable write takes an error away, go one at a time, and the
 // first error is kept: every later flush is answered with it.
 #include "base/descriptor.h"
+#include "base/image_lock.h"
 #include "hosted.h"
-#include "image_lock.h"
 #include "ring.h"
 #include "worker_pool.h"
 
@@ -138,7 +138,7 @@ FileStore::FileStore(const std::string& path, const FileStoreOptions& options)
         fail(errno, path,
              read_only_ ? "cannot be read: check its permissions"
                         : "cannot be opened for writing: check its permissions, or open it read-only");
-    if (const std::string held = lock_image(cached_.get(), read_only_); !held.empty())
+    if (const std::string held = base::lock_image(cached_.get(), read_only_); !held.empty())
         fail(EBUSY, path, held);
     if (options.direct) {
         direct_.reset(open(path.c_str(), flags | O_DIRECT));

@@ -6,6 +6,7 @@
 
 #include <signal.h>
 
+#include <algorithm>
 #include <filesystem>
 
 namespace
@@ -32,10 +33,10 @@ TEST_F(KilledClient, LeavesTheDaemonAndTheWriterUnharmedAndTheNextBackupSaysWhyI
     EXPECT_TRUE(writer.goes_on(50)) << "the writer came to grief: " << writer.program().err();
     const Outcome list = run_qbackup({"--json", "list", "--from", target});
     EXPECT_EQ(list.status, 0) << "half a backup is taken for one: " << list.out;
-    EXPECT_EQ(nlohmann::json::parse(list.out)["backups"].size(), 1u);
+    EXPECT_EQ(std::count(list.out.begin(), list.out.end(), '\n'), 1);
 
     const Backup next = backup("inc");
-    ASSERT_EQ(next.status, 0) << next.err;
+    ASSERT_EQ(next.status, 6) << next.err;
     EXPECT_EQ(next.text("mode"), "full");
     const std::string reason = "changes were not tracked from backup " + first.text("id") +
                                " on (another backup was started since, or one failed)";
@@ -61,7 +62,7 @@ TEST_F(KilledClient, AlsoBeforeTheFirstBackupWasCompleteLeavesNothingThatLooksLi
         program->wait();
     }
     const Outcome restored = run_qbackup({"restore", "--from", target + "/sda1", "--to", scratch / "out.img"});
-    EXPECT_EQ(restored.status, 3);
+    EXPECT_EQ(restored.status, 7);
     EXPECT_EQ(restored.err, "qbackup: there is no backup in " + target + "/sda1\n");
     EXPECT_FALSE(std::filesystem::exists(scratch / "out.img"));
     const Backup next = backup("auto");
@@ -175,7 +176,7 @@ TEST_F(KilledDaemonInABackup, TheImageHoldsEveryFlushedWriteAndTheBackupFailsCle
     NbdWriters again(serving->nbd(), region, 8192, 4);
     EXPECT_TRUE(again.goes_on());
     const Backup next = backup("inc");
-    ASSERT_EQ(next.status, 0) << next.err;
+    ASSERT_EQ(next.status, 6) << next.err;
     EXPECT_EQ(next.text("mode"), "full");
     EXPECT_NE(next.text("fullReason"), "");
     again.stop();

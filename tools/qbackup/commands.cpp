@@ -23,7 +23,11 @@ namespace
 
 using nlohmann::json;
 
-void print(const json& document) { std::printf("%s\n", document.dump(2).c_str()); }
+// A name need not be text in any encoding.
+void print(const json& document)
+{
+    std::printf("%s\n", document.dump(-1, ' ', false, json::error_handler_t::replace).c_str());
+}
 
 // The lock keeps other qbackups out. A daemon may still be closing the file of one that was killed a moment ago.
 quendrel::ControlDevice openControl(const fs::path& control)
@@ -78,15 +82,22 @@ void printLine(const StoredBackup& backup)
                 m.time.c_str(), m.copiedBlocks, formatBytes(m.dataBytes).c_str());
 }
 
-} // namespace
+std::vector<fs::path> repositoriesIfAny(const fs::path& target)
+try {
+    return findRepositories(target);
+} catch (const Failure& failure) {
+    if (failure.exitCode() != static_cast<int>(Exit::nothing))
+        throw;
+    return {};
+}
 
-int commandBackup(const CommonOptions& common, const BackupOptions& options, const StopSignal& stop)
+// Backs up one device and tells of it.
+Exit backUp(const CommonOptions& common, const BackupOptions& options, const std::string& name, Progress& progress,
+            const StopSignal& stop)
 {
-    Progress progress{Progress::styleFor(common.quiet)};
-    requireControl(common.control);
     const HostBlocks host;
     const DeviceCatalog catalog{common.control, host};
-    BackupJob job{catalog.find(options.device), options.wanted, options.cacheBlocks};
+    BackupJob job{catalog.find(name), options.wanted, options.cacheBlocks};
     refuseUnfitDevice(job.device);
     if (catalog.runDirectory().empty()) {
         refuseUnfitFileSystem(job.device);
@@ -104,18 +115,22 @@ int commandBackup(const CommonOptions& common, const BackupOptions& options, con
     refuseOnDevice(job.device, host, catalog.runDirectory(), "the daemon's run directory");
     refuseOutputOnDevice(job.device, host);
 
+    const Patience patience{std::chrono::seconds{options.wait}, &stop};
     const RunLock lock{RunLock::placeFor(common.control),
-                       "backup of " + job.device.name + " to " + fs::absolute(options.target).string(), common.control};
-    const Repository repository = Repository::openForBackup(options.target, job.device.name);
+                       "backup of " + job.device.name + " to " + fs::absolute(options.target).string(), common.control,
+                       patience};
+    const Repository repository = Repository::openForBackup(options.target, job.device.name, patience);
     if (options.wanted == Wanted::full || repository.backups().empty())
         if (const auto warning = checkSpace(job.device, host, options.target))
             progress.warn(*warning);
 
     const BackupReport report = runBackup(openControl(common.control), repository, job, progress, stop);
     const Manifest& m = report.backup.manifest;
+    const Exit exit = options.wanted == Wanted::incremental && report.fellBack ? Exit::warned : Exit::ok;
     if (common.json) {
         json document = describe(report.backup);
         document["ok"] = true;
+        document["exit"] = static_cast<int>(exit);
         document["fellBack"] = report.fellBack;
         document["seconds"] = report.seconds;
         print(document);
@@ -123,7 +138,46 @@ int commandBackup(const CommonOptions& common, const BackupOptions& options, con
         std::printf("%s backup %s: %u of %u blocks, %s, %.1f s\n", toString(m.mode), report.backup.directory.c_str(),
                     m.copiedBlocks, m.blocks, formatBytes(m.dataBytes).c_str(), report.seconds);
     }
-    return static_cast<int>(Exit::ok);
+    return exit;
+}
+
+} // namespace
+
+int reportFailure(bool as_json, int code, const std::string& text)
+{
+    if (as_json)
+        print({{"ok", false}, {"exit", code}, {"error", text}});
+    std::fprintf(stderr, "qbackup: %s\n", text.c_str());
+    return code;
+}
+
+void finishOutput()
+{
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+        throw Failure{Exit::failed, "what was to be told on standard output could not be written there: " + errnoText(errno)};
+}
+
+int commandBackup(const CommonOptions& common, const BackupOptions& options, const StopSignal& stop)
+{
+    Progress progress{Progress::styleFor(common.quiet)};
+    requireControl(common.control);
+    if (options.devices.size() == 1)
+        return static_cast<int>(backUp(common, options, options.devices[0], progress, stop));
+    // One that fails keeps no other from being backed up; of the exit codes a failure's goes before a warning's.
+    int exit = 0;
+    for (const std::string& name : options.devices) {
+        int code = 0;
+        try {
+            code = static_cast<int>(backUp(common, options, name, progress, stop));
+        } catch (const Interrupted&) {
+            throw;
+        } catch (const Failure& failure) {
+            code = reportFailure(common.json, failure.exitCode(), failure.what());
+        }
+        if (code != 0 && (exit == 0 || exit == static_cast<int>(Exit::warned)))
+            exit = code;
+    }
+    return exit;
 }
 
 int commandRestore(const CommonOptions& common, const RestoreOptions& options, const StopSignal& stop)
@@ -202,7 +256,7 @@ int commandStatus(const CommonOptions& common, const StatusOptions& options)
     }
     if (!options.target.empty()) {
         document["lastBackups"] = json::array();
-        for (const fs::path& directory : findRepositories(options.target)) {
+        for (const fs::path& directory : repositoriesIfAny(options.target)) {
             const auto backups = Repository{directory}.backups();
             if (backups.empty())
                 continue;
@@ -223,43 +277,41 @@ int commandVerify(const CommonOptions& common, const fs::path& from, const StopS
     Progress progress{Progress::styleFor(common.quiet)};
     const auto results = verifyBackups(from, progress, stop);
     bool good = true;
-    json list = json::array();
     for (const VerifyResult& result : results) {
         good = good && result.problem.empty();
-        list.push_back({{"path", result.directory.string()}, {"ok", result.problem.empty()}});
+        json document{{"path", result.directory.string()}, {"ok", result.problem.empty()}};
         if (!result.id.empty())
-            list.back()["id"] = result.id;
+            document["id"] = result.id;
         if (!result.problem.empty())
-            list.back()["problem"] = result.problem;
-        if (!common.json)
+            document["problem"] = result.problem;
+        if (common.json)
+            print(document);
+        else
             std::printf("%-7s %s%s%s\n", result.problem.empty() ? "ok" : "DAMAGED", result.directory.c_str(),
                         result.problem.empty() ? "" : ": ", result.problem.c_str());
     }
-    if (common.json)
-        print({{"ok", good}, {"backups", list}});
     return static_cast<int>(good ? Exit::ok : Exit::damaged);
 }
 
 int commandList(const CommonOptions& common, const fs::path& from)
 {
-    json list = json::array();
     bool good = true;
     for (const fs::path& directory : findRepositories(from)) {
         std::vector<DamagedBackup> damaged;
         for (const StoredBackup& backup : Repository{directory}.backups(&damaged)) {
-            list.push_back(describe(backup));
-            if (!common.json)
+            if (common.json)
+                print(describe(backup));
+            else
                 printLine(backup);
         }
         for (const DamagedBackup& backup : damaged) {
             good = false;
-            list.push_back({{"path", backup.directory.string()}, {"problem", backup.problem}});
-            if (!common.json)
+            if (common.json)
+                print({{"path", backup.directory.string()}, {"problem", backup.problem}});
+            else
                 std::printf("DAMAGED  %s: %s\n", backup.directory.c_str(), backup.problem.c_str());
         }
     }
-    if (common.json)
-        print({{"ok", good}, {"backups", list}});
     return static_cast<int>(good ? Exit::ok : Exit::damaged);
 }
 

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
-// The subcommands of qbackup. Each prints its result to standard output, as text or as one JSON object, and gives the
-// exit code; failures are thrown.
+// The subcommands of qbackup. Each prints its results to standard output, as text or as JSON objects, one a line, and
+// gives the exit code; failures are thrown, and for standard output they are reported by reportFailure().
 #pragma once
 
 #include "engine.h"
@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace qbackup
 {
@@ -21,10 +22,11 @@ struct CommonOptions {
 };
 
 struct BackupOptions {
-    std::string device;
+    std::vector<std::string> devices;
     fs::path target;
     Wanted wanted = Wanted::automatic;
     std::uint32_t cacheBlocks = 0;
+    std::uint64_t wait = 0; // seconds, for another run to end
 };
 
 struct RestoreOptions {
@@ -37,6 +39,11 @@ struct StatusOptions {
     std::string device; // empty: all that the daemon serves
     fs::path target;    // empty: stored backups are not shown
 };
+
+// Tells of a failure on standard error, and with --json on standard output too. Its exit code.
+int reportFailure(bool json, int code, const std::string& text);
+// What was printed has arrived; Failure when it has not.
+void finishOutput();
 
 int commandBackup(const CommonOptions& common, const BackupOptions& options, const StopSignal& stop);
 int commandRestore(const CommonOptions& common, const RestoreOptions& options, const StopSignal& stop);

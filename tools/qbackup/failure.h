@@ -17,6 +17,9 @@ enum class Exit {
     refused = 3, // refused before anything was started
     busy = 4,    // another backup runs
     damaged = 5, // a stored backup is damaged or its chain is incomplete
+    warned = 6,  // done, but otherwise than asked for
+    nothing = 7, // there is no backup where one was looked for
+    denied = 8,  // no permission
 };
 
 // Says what happened, to what, and what to do next.

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 
@@ -22,7 +23,7 @@ namespace
     std::string text = std::string{"cannot "} + what + " " + path.string() + ": " + errnoText(number);
     if (number == ENOSPC || number == EDQUOT)
         text += ". Free some space there, or choose another target, and run the command again";
-    throw Failure{Exit::failed, text};
+    throw Failure{number == EACCES || number == EPERM ? Exit::denied : Exit::failed, text};
 }
 
 } // namespace
@@ -89,6 +90,18 @@ void File::close()
 {
     if (fd_ && ::close(fd_.release()) != 0)
         fail(path_, "close", errno);
+}
+
+std::vector<fs::path> entriesOf(const fs::path& directory)
+{
+    std::error_code error;
+    std::vector<fs::path> entries;
+    for (fs::directory_iterator entry{directory, error}, end; !error && entry != end; entry.increment(error))
+        entries.push_back(entry->path());
+    if (error)
+        fail(directory, "read the directory", error.value());
+    std::sort(entries.begin(), entries.end());
+    return entries;
 }
 
 void syncDirectory(const fs::path& directory) { File{directory, O_RDONLY | O_DIRECTORY}.sync(); }

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <span>
 #include <string>
+#include <vector>
 
 namespace qbackup
 {
@@ -37,6 +38,8 @@ class File
     fs::path path_;
 };
 
+// What is in a directory, by name. Throws Failure.
+std::vector<fs::path> entriesOf(const fs::path& directory);
 // Makes the names in a directory durable.
 void syncDirectory(const fs::path& directory);
 std::string readText(const fs::path& path);

@@ -2,15 +2,13 @@
 // qbackup: full and incremental backups of devices that are in use.
 #include "commands.h"
 
-#include "client/error.h"
-
 #include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <string_view>
 
 namespace
 {
@@ -39,16 +37,6 @@ fs::path defaultControl()
     return named != nullptr && *named != '\0' ? named : "/dev/quendrel";
 }
 
-int report(const CommonOptions& common, int code, const std::string& text)
-{
-    if (common.json) {
-        const nlohmann::json document{{"ok", false}, {"exit", code}, {"error", text}};
-        std::printf("%s\n", document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
-    }
-    std::fprintf(stderr, "qbackup: %s\n", text.c_str());
-    return code;
-}
-
 // What is wrong with the command line. A word that is not known goes before one that is missing: it is often the missing
 // one, misspelt.
 std::string complaint(const CLI::App* app, const CLI::Error& error)
@@ -60,16 +48,26 @@ std::string complaint(const CLI::App* app, const CLI::Error& error)
         if (word == "--")
             continue;
         const std::string name = word.substr(0, word.find('='));
-        return "qbackup: " + name + (name.starts_with('-') ? ": unknown option" : ": not expected here") + "; see " +
-               program + " --help\n";
+        return name + (name.starts_with('-') ? ": unknown option" : ": not expected here") + "; see " + program +
+               " --help";
     }
-    return "qbackup: " + std::string(error.what()) + "; see " + program + " --help\n";
+    return std::string(error.what()) + "; see " + program + " --help";
 }
 
 constexpr const char* footer =
     "Exit codes: 0 done; 1 failed, nothing half-done is left; 2 bad arguments; 3 refused before\n"
     "anything was started; 4 another backup is running; 5 a stored backup is damaged or its chain\n"
-    "incomplete; 128 + n ended by signal n.";
+    "incomplete; 6 done, but a full backup where an incremental one was asked for; 7 there is no\n"
+    "backup where one was looked for; 8 no permission; 128 + n ended by signal n.";
+
+// The command line is what cannot be parsed.
+bool wantsJson(int argc, char** argv)
+{
+    for (int i = 1; i < argc && std::string_view{argv[i]} != "--"; ++i)
+        if (std::string_view{argv[i]} == "--json")
+            return true;
+    return false;
+}
 
 } // namespace
 
@@ -84,7 +82,6 @@ int main(int argc, char** argv)
 
     CLI::App app{"Full and incremental backups of block devices that are in use", "qbackup"};
     app.footer(footer);
-    app.failure_message(complaint);
     app.require_subcommand(1);
     app.fallthrough();
     app.set_version_flag("--version", "qbackup 3.1.0");
@@ -92,13 +89,14 @@ int main(int argc, char** argv)
                    "Control device: device node, or socket of the daemon (default: $QUENDREL_CONTROL, else "
                    "/dev/quendrel)")
         ->take_last();
-    app.add_flag("--json", common.json, "Print the result as one JSON object");
+    app.add_flag("--json", common.json, "Print each result as a JSON object on a line of its own");
     app.add_flag("-q,--quiet", common.quiet, "No progress on standard error");
 
     const std::map<std::string, Wanted> modes{
         {"auto", Wanted::automatic}, {"full", Wanted::full}, {"inc", Wanted::incremental}};
     CLI::App* run = app.add_subcommand("backup", "Back up a device");
-    run->add_option("--device", backup.device, "Device: sda1, 8:1 or /dev/sda1")->required();
+    run->add_option("DEVICE,--device", backup.devices, "Device: sda1, 8:1 or /dev/sda1; several one after the other")
+        ->required();
     run->add_option("--to", backup.target, "Target directory; the backup goes to TARGET/DEVICE/ID")->required();
     run->add_option("--mode", backup.wanted, "auto, full or inc; inc and auto take a full backup when they must")
         ->transform(CLI::Transformer{modes})
@@ -107,11 +105,15 @@ int main(int argc, char** argv)
     run->add_option("--cache-blocks", backup.cacheBlocks,
                     "Most overwritten blocks kept in memory during the backup (default: 256 MiB's worth)")
         ->check(CLI::Range(1u, 0xffffffffu));
+    run->add_option("--wait", backup.wait, "Seconds to wait for another run to end (without a number: a day)")
+        ->expected(0, 1)
+        ->default_str("86400")
+        ->check(CLI::Range(0u, 1000000000u));
 
     CLI::App* put_back = app.add_subcommand("restore", "Put a backup back");
     put_back->add_option("--from", restore.from, "Backup (TARGET/DEVICE/ID), or TARGET/DEVICE[/latest]")->required();
     put_back->add_option("--to", restore.to, "Image file to write, or block device to overwrite")->required();
-    put_back->add_flag("--force", restore.force, "Replace an image file that is not empty");
+    put_back->add_flag("--force", restore.force, "Replace an image file that is not empty, overwrite a device that holds data");
 
     CLI::App* show = app.add_subcommand("status", "Show whether a backup runs, and what can be backed up");
     show->add_option("--device", status.device, "Only this device");
@@ -125,23 +127,23 @@ int main(int argc, char** argv)
 
     try {
         app.parse(argc, argv);
+    } catch (const CLI::Success& done) {
+        return app.exit(done); // --help, --version
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : static_cast<int>(Exit::usage);
+        return reportFailure(wantsJson(argc, argv), static_cast<int>(Exit::usage), complaint(&app, error));
     }
     catchSignals();
     try {
-        if (run->parsed())
-            return commandBackup(common, backup, stop_signal);
-        if (put_back->parsed())
-            return commandRestore(common, restore, stop_signal);
-        if (show->parsed())
-            return commandStatus(common, status);
-        if (check->parsed())
-            return commandVerify(common, verify_from, stop_signal);
-        return commandList(common, list_from);
+        const int exit = run->parsed()        ? commandBackup(common, backup, stop_signal)
+                         : put_back->parsed() ? commandRestore(common, restore, stop_signal)
+                         : show->parsed()     ? commandStatus(common, status)
+                         : check->parsed()    ? commandVerify(common, verify_from, stop_signal)
+                                              : commandList(common, list_from);
+        finishOutput();
+        return exit;
     } catch (const Failure& failure) {
-        return report(common, failure.exitCode(), failure.what());
+        return reportFailure(common.json, failure.exitCode(), failure.what());
     } catch (const std::exception& error) {
-        return report(common, static_cast<int>(Exit::failed), error.what());
+        return reportFailure(common.json, static_cast<int>(Exit::failed), error.what());
     }
 }

@@ -75,7 +75,9 @@ void Progress::show(Clock::time_point now)
     const double part = total_ == 0 ? 1.0 : static_cast<double>(done_) / static_cast<double>(total_);
     const std::chrono::duration<double> seconds = now - started_;
     const double left = part > 0 ? seconds.count() * (1 - part) / part : 0;
-    const std::string counts = formatBytes(done_) + " of " + formatBytes(total_);
+    const double rate = seconds.count() > 0 ? static_cast<double>(done_) / seconds.count() : 0;
+    const std::string counts = formatBytes(done_) + " of " + formatBytes(total_) + ", " +
+                               formatBytes(static_cast<std::uint64_t>(rate)) + "/s";
     if (style_ == Style::lines) {
         std::fprintf(stderr, "%s: %s (%.0f%%), about %.0f s left\n", what_.c_str(), counts.c_str(), part * 100, left);
         return;

@@ -5,7 +5,7 @@
 #include "utc.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -29,10 +29,46 @@ void writeDurably(const fs::path& path, std::span<const std::byte> bytes)
     file.close();
 }
 
+// Also one that has lost its manifest.
 bool looksLikeBackup(const fs::path& path)
 {
+    const std::string name = path.filename();
     std::error_code error;
-    return fs::exists(path / "manifest.json", error);
+    return fs::exists(path / "manifest.json", error) ||
+           (name.size() > 7 && name.find_first_not_of("0123456789") == 6 && name[6] == '-' &&
+            (name.ends_with("-full") || name.ends_with("-inc")) && fs::is_directory(path, error));
+}
+
+// Not what this program keeps beside its backups, nor what file systems put into their topmost directory.
+bool mayHoldBackups(const fs::path& path)
+{
+    const std::string name = path.filename();
+    std::error_code error;
+    return !name.starts_with(".") && name != "lost+found" && fs::is_directory(path, error);
+}
+
+bool holdsBackups(const fs::path& directory)
+{
+    const auto entries = entriesOf(directory);
+    return std::any_of(entries.begin(), entries.end(),
+                       [](const fs::path& entry) { return mayHoldBackups(entry) && looksLikeBackup(entry); });
+}
+
+// Takes the lock of a directory that the holder before may just have removed.
+File lockDirectory(const fs::path& directory, const Patience& patience)
+{
+    for (;;) {
+        File lock{directory / lock_name, O_RDWR | O_CREAT | O_NOFOLLOW};
+        if (!takeLock(lock, patience))
+            throw Failure{Exit::busy, "another qbackup is writing to " + directory.string() +
+                                          ". Wait for it to end, or give --wait"};
+        struct stat st {
+        };
+        if (::fstat(lock.fd(), &st) == 0 && st.st_nlink != 0)
+            return lock;
+        std::error_code error;
+        fs::create_directory(directory, error);
+    }
 }
 
 std::vector<std::byte> readChecked(const fs::path& path, const std::string& hash)
@@ -114,38 +150,57 @@ StoredBackup PendingBackup::commit(Manifest manifest, const quendrel::Bitmap& ma
 
 Repository::Repository(fs::path directory) : directory_{std::move(directory)} {}
 
-Repository::Repository(fs::path directory, File lock) : directory_{std::move(directory)}, lock_{std::move(lock)} {}
+Repository::Repository(fs::path directory, File lock, Made made)
+    : directory_{std::move(directory)}, lock_{std::move(lock)}, made_{std::move(made)}
+{
+}
 
-Repository Repository::openForBackup(const fs::path& target, const std::string& device)
+Repository::Made::~Made()
+{
+    if (directory_.empty())
+        return;
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator{directory_, error})
+        if (entry.path().filename() != lock_name)
+            return;
+    fs::remove(directory_ / lock_name, error);
+    fs::remove(directory_, error);
+}
+
+Repository Repository::openForBackup(const fs::path& target, const std::string& device, const Patience& patience)
 {
     const fs::path directory = target / device;
     std::error_code error;
     if (!fs::is_directory(target, error))
         throw Failure{Exit::refused, "the target " + target.string() + " is not a directory; create it first"};
-    fs::create_directory(directory, error);
+    if (holdsBackups(target))
+        throw Failure{Exit::refused, target.string() + " holds the backups of one device; name the directory above it, " +
+                                         fs::weakly_canonical(target / "..").string()};
+    const bool made = fs::create_directory(directory, error);
     if (error)
-        throw Failure{Exit::refused, "cannot create " + directory.string() + ": " + error.message()};
-    File lock{directory / lock_name, O_RDWR | O_CREAT | O_NOFOLLOW};
-    if (::flock(lock.fd(), LOCK_EX | LOCK_NB) != 0)
-        throw Failure{Exit::busy, "another qbackup is writing to " + directory.string() + ". Wait for it to end"};
-    for (const auto& entry : fs::directory_iterator{directory})
-        if (entry.path().filename().string().starts_with(partial_prefix))
-            fs::remove_all(entry.path());
+        throw Failure{error == std::errc::permission_denied ? Exit::denied : Exit::refused,
+                      "cannot create " + directory.string() + ": " + error.message()};
+    Repository repository{directory, lockDirectory(directory, patience), made ? Made{directory} : Made{}};
+    for (const fs::path& entry : entriesOf(directory))
+        if (entry.filename().string().starts_with(partial_prefix))
+            fs::remove_all(entry);
     syncDirectory(target);
-    return Repository{directory, std::move(lock)};
+    return repository;
 }
 
 std::vector<StoredBackup> Repository::backups(std::vector<DamagedBackup>* damaged) const
 {
     std::vector<StoredBackup> result;
-    for (const auto& entry : fs::directory_iterator{directory_}) {
-        if (!entry.is_directory() || entry.path().filename().string().starts_with("."))
+    for (const fs::path& entry : entriesOf(directory_)) {
+        if (!mayHoldBackups(entry))
             continue;
         try {
-            result.push_back(readBackup(entry.path()));
+            result.push_back(readBackup(entry));
         } catch (const Failure& failure) {
+            if (failure.exitCode() == static_cast<int>(Exit::denied))
+                throw;
             if (damaged != nullptr)
-                damaged->push_back({entry.path(), failure.what()});
+                damaged->push_back({entry, failure.what()});
         }
     }
     std::sort(result.begin(), result.end(), [](const StoredBackup& a, const StoredBackup& b) {
@@ -157,21 +212,26 @@ std::vector<StoredBackup> Repository::backups(std::vector<DamagedBackup>* damage
 std::vector<StoredBackup> Repository::chain(const StoredBackup& last) const
 {
     std::vector<StoredBackup> links{last};
-    while (links.back().manifest.mode == Mode::incremental) {
-        const Manifest& child = links.back().manifest;
-        const std::string needed = links.back().directory.string() + " builds on backup " + child.parent;
-        if (!looksLikeBackup(directory_ / child.parent))
-            throw Failure{Exit::damaged, needed + ", which is missing in " + directory_.string()};
-        StoredBackup parent = readBackup(directory_ / child.parent);
-        if (parent.manifestHash != child.parentHash)
-            throw Failure{Exit::damaged, needed + ", but another backup stands there under that name"};
-        if (parent.manifest.blockSize != child.blockSize || parent.manifest.blocks != child.blocks ||
-            parent.manifest.deviceBytes != child.deviceBytes || parent.manifest.sequence >= child.sequence)
-            throw Failure{Exit::damaged, needed + ", which is not of the same size"};
-        links.push_back(std::move(parent));
-    }
+    while (links.back().manifest.mode == Mode::incremental)
+        links.push_back(parentOf(links.back()));
     std::reverse(links.begin(), links.end());
     return links;
+}
+
+StoredBackup Repository::parentOf(const StoredBackup& backup) const
+{
+    const Manifest& child = backup.manifest;
+    const std::string needed = backup.directory.string() + " builds on backup " + child.parent;
+    std::error_code error;
+    if (!fs::exists(directory_ / child.parent / "manifest.json", error))
+        throw Failure{Exit::damaged, needed + ", which is missing in " + directory_.string()};
+    StoredBackup parent = readBackup(directory_ / child.parent);
+    if (parent.manifestHash != child.parentHash)
+        throw Failure{Exit::damaged, needed + ", but another backup stands there under that name"};
+    if (parent.manifest.blockSize != child.blockSize || parent.manifest.blocks != child.blocks ||
+        parent.manifest.deviceBytes != child.deviceBytes || parent.manifest.sequence >= child.sequence)
+        throw Failure{Exit::damaged, needed + ", which is not of the same size"};
+    return parent;
 }
 
 PendingBackup Repository::begin() const
@@ -219,23 +279,20 @@ DataReader openData(const StoredBackup& backup)
 
 std::vector<fs::path> findRepositories(const fs::path& target)
 {
-    const auto holdsBackups = [](const fs::path& directory) {
-        std::error_code error;
-        for (fs::directory_iterator entry{directory, error}, end; !error && entry != end; entry.increment(error))
-            if (!entry->path().filename().string().starts_with(".") && looksLikeBackup(entry->path()))
-                return true;
-        return fs::exists(directory / lock_name, error);
-    };
     std::error_code error;
-    if (!fs::is_directory(target, error))
-        throw Failure{Exit::refused, target.string() + " is not a directory"};
+    const fs::file_status status = fs::status(target, error);
+    if (status.type() == fs::file_type::not_found)
+        throw Failure{Exit::nothing, "there is no " + target.string()};
+    if (fs::exists(status) && !fs::is_directory(status))
+        throw Failure{Exit::nothing, target.string() + " is not a directory with backups"};
     if (holdsBackups(target))
         return {target};
     std::vector<fs::path> result;
-    for (const auto& entry : fs::directory_iterator{target})
-        if (entry.is_directory() && holdsBackups(entry.path()))
-            result.push_back(entry.path());
-    std::sort(result.begin(), result.end());
+    for (const fs::path& entry : entriesOf(target))
+        if (mayHoldBackups(entry) && holdsBackups(entry))
+            result.push_back(entry);
+    if (result.empty())
+        throw Failure{Exit::nothing, "there is no backup in " + target.string()};
     return result;
 }
 
@@ -252,12 +309,10 @@ StoredBackup findBackup(const fs::path& from)
         throw Failure{Exit::refused, place.string() + " has backups of several devices; name one of " + names};
     }
     std::vector<DamagedBackup> damaged;
-    const auto backups =
-        repositories.empty() ? std::vector<StoredBackup>{} : Repository{repositories[0]}.backups(&damaged);
+    const auto backups = Repository{repositories[0]}.backups(&damaged);
     if (backups.empty())
-        throw Failure{damaged.empty() ? Exit::refused : Exit::damaged,
-                      "there is no " + std::string{damaged.empty() ? "" : "readable "} + "backup in " + place.string() +
-                          (damaged.empty() ? "" : ": " + damaged[0].problem)};
+        throw Failure{Exit::damaged, "there is no readable backup in " + place.string() +
+                                         (damaged.empty() ? "" : ": " + damaged[0].problem)};
     // Taking the newest readable one for the newest would restore an older state without a word.
     for (const DamagedBackup& other : damaged)
         if (other.directory.filename() > backups.back().directory.filename())

@@ -7,12 +7,13 @@
 
 #include "client/bitmap.h"
 #include "data_file.h"
-#include "files.h"
+#include "file_lock.h"
 #include "manifest.h"
 
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace qbackup
@@ -60,8 +61,8 @@ class Repository
 {
   public:
     // Creates TARGET/DEVICE if it is not there, takes its lock (Failure busy when another run has it) and removes what
-    // dead runs left.
-    static Repository openForBackup(const fs::path& target, const std::string& device);
+    // dead runs left. A directory that was created and got no backup goes with the object.
+    static Repository openForBackup(const fs::path& target, const std::string& device, const Patience& patience = {});
     // For reading; no lock, nothing is created.
     explicit Repository(fs::path directory);
 
@@ -71,13 +72,30 @@ class Repository
     // The backup and all that it builds on, from the full one up to it. Throws Failure (damaged) when one is missing,
     // is not the one that was built on, or is of another geometry. Does not read data.
     std::vector<StoredBackup> chain(const StoredBackup& last) const;
+    // What an incremental backup builds on; the same Failure.
+    StoredBackup parentOf(const StoredBackup& backup) const;
     PendingBackup begin() const;
 
   private:
-    Repository(fs::path directory, File lock);
+    // A directory that was made for a backup. It goes again if it has got none.
+    class Made
+    {
+      public:
+        Made() noexcept = default;
+        explicit Made(fs::path directory) : directory_{std::move(directory)} {}
+        Made(Made&& other) noexcept : directory_{std::exchange(other.directory_, {})} {}
+        Made& operator=(Made&&) = delete;
+        ~Made();
+
+      private:
+        fs::path directory_; // empty: none
+    };
+
+    Repository(fs::path directory, File lock, Made made);
 
     fs::path directory_;
     File lock_;
+    Made made_; // behind the lock: it goes while that is held
 };
 
 // Reads DIRECTORY/manifest.json. Throws Failure.
@@ -90,7 +108,8 @@ DataReader openData(const StoredBackup& backup);
 // What the user named as a backup: a backup's directory, a repository or REPOSITORY/latest, or a target directory
 // with one repository in it. Throws Failure that lists what there is.
 StoredBackup findBackup(const fs::path& from);
-// The repositories in a target directory, or the directory itself when it is one.
+// The repositories in a target directory, or the directory itself when it is one. Throws Failure: `nothing` when there are
+// none, `denied` when one of them cannot be looked into.
 std::vector<fs::path> findRepositories(const fs::path& target);
 
 } // namespace qbackup

@@ -9,9 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <thread>
 
 namespace qbackup
 {
@@ -53,7 +52,8 @@ bool isOwner(const File& file)
 
 } // namespace
 
-RunLock::RunLock(const fs::path& lock_file, const std::string& purpose, const fs::path& control)
+RunLock::RunLock(const fs::path& lock_file, const std::string& purpose, const fs::path& control,
+                 const Patience& patience)
     : file_{openOrCreate(lock_file)}
 {
     if (struct stat st{}; !control.empty() && ::stat(control.c_str(), &st) == 0 && isOwner(file_)) {
@@ -61,17 +61,9 @@ RunLock::RunLock(const fs::path& lock_file, const std::string& purpose, const fs
         if (::fchown(file_.fd(), static_cast<uid_t>(-1), st.st_gid) == 0)
             ::fchmod(file_.fd(), 0660);
     }
-    int locked = ::flock(file_.fd(), LOCK_EX | LOCK_NB);
-    // `status` holds the lock for a moment to see whether it is free; that must not stop a backup.
-    for (int again = 0; locked != 0 && again < 10; ++again) {
-        std::this_thread::sleep_for(std::chrono::milliseconds{20});
-        locked = ::flock(file_.fd(), LOCK_EX | LOCK_NB);
-    }
-    if (locked != 0 && errno == EWOULDBLOCK)
+    if (!takeLock(file_, patience))
         throw Failure{Exit::busy, "another qbackup is running: " + describe(file_) + " (lock " + lock_file.string() +
-                                      "). Wait for it to end"};
-    if (locked != 0)
-        throw Failure{Exit::failed, "cannot lock " + lock_file.string() + ": " + errnoText(errno)};
+                                      "). Wait for it to end, or give --wait"};
     file_.truncate(0);
     file_.writeAt(0, asBytes("process " + std::to_string(::getpid()) + ", " + purpose + ", since " +
                              utcNow("%Y-%m-%dT%H:%M:%SZ") + "\n"));

@@ -6,7 +6,7 @@
 // process, however that ends.
 #pragma once
 
-#include "files.h"
+#include "file_lock.h"
 
 #include <optional>
 #include <string>
@@ -19,7 +19,8 @@ class RunLock
   public:
     // Throws Failure (busy) that says who holds it. `purpose` is what others are told, as in "backup of sda1".
     // Whoever may use the control device by its group, when one is given, may use the lock too.
-    RunLock(const fs::path& lock_file, const std::string& purpose, const fs::path& control = {});
+    RunLock(const fs::path& lock_file, const std::string& purpose, const fs::path& control = {},
+            const Patience& patience = {});
 
     // What the present holder says of itself; nothing when nobody holds the lock.
     static std::optional<std::string> holder(const fs::path& lock_file);

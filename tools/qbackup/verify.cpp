@@ -2,6 +2,7 @@
 #include "verify.h"
 
 #include <map>
+#include <string>
 
 namespace qbackup
 {
@@ -23,16 +24,20 @@ try {
     return failure.what();
 }
 
-std::string checkChain(const Repository& repository, const StoredBackup& backup,
-                       const std::map<fs::path, std::string>& problems)
+// What is wrong with what the backup builds on; `problems` has those of the backups before it, by name.
+std::string checkParent(const Repository& repository, const StoredBackup& backup,
+                        const std::map<std::string, std::string>& problems)
 try {
-    for (const StoredBackup& link : repository.chain(backup))
-        if (const auto found = problems.find(link.directory.filename());
-            found != problems.end() && !found->second.empty())
-            return link.manifest.id == backup.manifest.id
-                       ? found->second
-                       : "builds on backup " + link.manifest.id + ", which is damaged: " + found->second;
-    return {};
+    if (backup.manifest.mode == Mode::full)
+        return {};
+    const StoredBackup parent = repository.parentOf(backup);
+    const auto found = problems.find(parent.manifest.id);
+    if (found == problems.end() || found->second.empty())
+        return {};
+    // One that says itself what is damaged below it need not be named.
+    return found->second.starts_with("builds on ")
+               ? found->second
+               : "builds on backup " + parent.manifest.id + ", which is damaged: " + found->second;
 } catch (const Failure& failure) {
     return failure.what();
 }
@@ -44,12 +49,15 @@ void verifyIn(const Repository& repository, const std::vector<StoredBackup>& bac
     for (const StoredBackup& backup : backups)
         bytes += backup.manifest.dataBytes;
     progress.begin("verifying " + repository.directory().string(), bytes);
-    std::map<fs::path, std::string> problems; // by name of the backup
-    for (const StoredBackup& backup : backups)
-        problems[backup.directory.filename()] = checkFiles(backup, progress, stop);
+    std::map<std::string, std::string> problems; // by name of the backup; what it builds on stands before it
+    for (const StoredBackup& backup : backups) {
+        std::string& problem = problems[backup.manifest.id];
+        problem = checkFiles(backup, progress, stop);
+        if (problem.empty())
+            problem = checkParent(repository, backup, problems);
+        results.push_back({backup.directory, backup.manifest.id, problem});
+    }
     progress.end();
-    for (const StoredBackup& backup : backups)
-        results.push_back({backup.directory, backup.manifest.id, checkChain(repository, backup, problems)});
 }
 
 } // namespace
@@ -72,8 +80,6 @@ std::vector<VerifyResult> verifyBackups(const fs::path& from, Progress& progress
         for (const DamagedBackup& backup : damaged)
             results.push_back({backup.directory, "", backup.problem});
     }
-    if (results.empty())
-        throw Failure{Exit::refused, "there is no backup in " + place.string()};
     return results;
 }
 

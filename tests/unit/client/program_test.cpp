@@ -34,6 +34,14 @@ class Program : public testing::Test
         std::string out;
         std::string err;
         json document() const { return json::parse(out); }
+        std::vector<json> lines() const // one object a line
+        {
+            std::vector<json> all;
+            std::istringstream in{out};
+            for (std::string line; std::getline(in, line);)
+                all.push_back(json::parse(line));
+            return all;
+        }
     };
 
     pid_t spawn(std::vector<std::string> arguments)
@@ -111,11 +119,12 @@ TEST_F(Program, FullThenIncrementalThenRestoreThenVerify)
     EXPECT_EQ(readAll(image), machine.driver.contents());
     EXPECT_EQ(call({"verify", "--from", machine.directory.path()}).code, 0);
     const Result list = call({"list", "--from", machine.directory.path(), "--json"});
-    EXPECT_EQ(list.document()["backups"].size(), 2u);
+    ASSERT_EQ(list.lines().size(), 2u);
+    EXPECT_EQ(list.lines()[1]["id"], inc.document()["id"]);
     damage(fs::path{full.document()["path"]} / "data", 100);
     const Result damaged = call({"verify", "--from", machine.directory.path(), "--json"});
     EXPECT_EQ(damaged.code, 5);
-    EXPECT_EQ(damaged.document()["ok"], false);
+    EXPECT_EQ(damaged.lines().at(0)["ok"], false);
 }
 
 TEST_F(Program, HelpAndVersionEndWell)
@@ -142,6 +151,58 @@ TEST_F(Program, AnUnknownArgumentIsNamedEvenWhenOthersAreMissing)
     EXPECT_EQ(call({"backup"}).err, "qbackup: --device is required; see qbackup backup --help\n");
 }
 
+TEST_F(Program, BadArgumentsAreToldAsJsonToo)
+{
+    const Result result = call({"backup", "--json", "--mode", "sometimes", "--device", "sda1", "--to", "/tmp"});
+    EXPECT_EQ(result.code, 2);
+    EXPECT_EQ(result.document()["exit"], 2);
+    EXPECT_EQ("qbackup: " + result.document()["error"].get<std::string>() + "\n", result.err);
+}
+
+TEST_F(Program, AResultThatCannotBePrintedIsAFailure)
+{
+    ASSERT_EQ(backup().code, 0);
+    const std::string command = std::string{QBACKUP_PROGRAM} + " list --json --from " + machine.directory.path().string() + " >/dev/full 2>" + (run / "err").string();
+    const int status = std::system(command.c_str());
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+    EXPECT_EQ(readText(run / "err"), "qbackup: what was to be told on standard output could not be written there: "
+                                     "No space left on device\n");
+}
+
+TEST_F(Program, SeveralDevicesAreBackedUpOneAfterTheOtherAndAFailureKeepsNoneFromIt)
+{
+    const Result result = call({"backup", "sdz1", "sda1", "sda", "--to", machine.directory.path(), "--json"});
+    EXPECT_EQ(result.code, 3);
+    ASSERT_EQ(result.lines().size(), 3u);
+    EXPECT_EQ(result.lines()[0]["exit"], 3);
+    EXPECT_EQ(result.lines()[1]["device"], "sda1");
+    EXPECT_EQ(result.lines()[2]["exit"], 3);
+}
+
+TEST_F(Program, ARunThatWaitsBeginsWhenTheOneBeforeItHasEnded)
+{
+    holdAtRead(2);
+    const pid_t first = spawn({"backup", "--device", "sda1", "--to", machine.directory.path()});
+    waitHeld();
+    EXPECT_EQ(backup({"--wait=1"}).code, 4);
+    std::thread later{[this] {
+        std::this_thread::sleep_for(std::chrono::milliseconds{500});
+        release();
+    }};
+    const Result second = backup({"--wait"});
+    later.join();
+    EXPECT_EQ(second.code, 0) << second.err;
+    EXPECT_EQ(wait(first).code, 0);
+    EXPECT_EQ(namesIn(machine.repository()).size(), 2u);
+}
+
+TEST_F(Program, AFailedFirstBackupLeavesNoFolder)
+{
+    machine.driver.mounted = false;
+    EXPECT_EQ(backup().code, 3);
+    EXPECT_FALSE(fs::exists(machine.repository()));
+}
+
 TEST_F(Program, RefusalsGive3WithAReason)
 {
     Result result = call({"backup", "--device", "sda", "--to", machine.directory.path(), "--json"});
@@ -160,7 +221,9 @@ TEST_F(Program, RefusalsGive3WithAReason)
 TEST_F(Program, FallbackIsSaidOnStandardError)
 {
     const Result result = backup({"--mode", "inc", "--quiet"});
-    EXPECT_EQ(result.code, 0);
+    EXPECT_EQ(result.code, 6);
+    EXPECT_EQ(result.document()["exit"], 6);
+    EXPECT_EQ(result.document()["ok"], true);
     EXPECT_NE(result.err.find("full backup instead of an incremental"), std::string::npos) << result.err;
     EXPECT_NE(result.err.find("no earlier backup"), std::string::npos) << result.err;
     EXPECT_EQ(result.document()["fellBack"], true);

@@ -119,6 +119,31 @@ TEST(Repository, TargetThatIsNotThereIsRefused)
     EXPECT_FALSE(fs::exists(directory / "missing"));
 }
 
+TEST(Repository, AFolderWithBackupsOfADeviceIsNoTarget)
+{
+    Machine machine;
+    machine.backup();
+    try {
+        Repository::openForBackup(machine.repository(), "sda1");
+        FAIL() << "it was taken for a target";
+    } catch (const Failure& failure) {
+        EXPECT_EQ(failure.exitCode(), 3);
+        EXPECT_EQ(std::string{failure.what()}, machine.repository().string() + " holds the backups of one device; name the directory above it, " +
+                                                   fs::canonical(machine.directory.path()).string());
+    }
+    EXPECT_EQ(namesIn(machine.repository()).size(), 1u);
+}
+
+TEST(Repository, AFolderThatGotNoBackupGoesAndOneThatHasSomeStays)
+{
+    Machine machine;
+    Repository::openForBackup(machine.directory.path(), "sda1");
+    EXPECT_FALSE(fs::exists(machine.repository()));
+    machine.backup();
+    Repository::openForBackup(machine.directory.path(), "sda1");
+    EXPECT_EQ(namesIn(machine.repository()).size(), 1u);
+}
+
 TEST(Repository, SequenceGoesOnAfterADamagedBackup)
 {
     Machine machine;
@@ -147,6 +172,20 @@ TEST(FindBackup, TakesABackupARepositoryLatestAndATarget)
     for (const fs::path& from : {machine.repository(), machine.repository() / "latest", machine.directory.path(),
                                  machine.directory / "latest"})
         EXPECT_EQ(findBackup(from).manifest.id, second.backup.manifest.id) << from;
+}
+
+TEST(FindBackup, WhatElseLiesInATargetHidesNoBackups)
+{
+    Machine machine;
+    const auto made = machine.backup();
+    std::ofstream{machine.directory / ".lock"}.flush();
+    fs::create_directory(machine.directory / "lost+found");
+    EXPECT_EQ(findRepositories(machine.directory.path()), std::vector<fs::path>{machine.repository()});
+    EXPECT_EQ(findBackup(machine.directory.path()).manifest.id, made.backup.manifest.id);
+    fs::create_directory(machine.repository() / "lost+found");
+    std::vector<DamagedBackup> damaged;
+    EXPECT_EQ(Repository{machine.repository()}.backups(&damaged).size(), 1u);
+    EXPECT_TRUE(damaged.empty());
 }
 
 TEST(FindBackup, SeveralDevicesHaveToBeNamed)

@@ -50,19 +50,19 @@ class LoopDevice
 class RestoreToDevice : public testing::Test
 {
   protected:
-    // A loop device of `bytes`, full of something else.
-    void make(std::uint64_t bytes)
+    // A loop device of `bytes`, full of something else or of nothing.
+    void make(std::uint64_t bytes, std::byte content = std::byte{0xee})
     {
         const File image{directory / "image", O_RDWR | O_CREAT};
-        image.writeAt(0, std::vector<std::byte>(bytes, std::byte{0xee}));
+        image.writeAt(0, std::vector<std::byte>(bytes, content));
         loop.emplace(directory / "image");
         if (!loop->path())
             GTEST_SKIP() << "no loop device to be had";
     }
-    int restore()
+    int restore(bool force = true)
     try {
         Progress progress{Progress::Style::none};
-        restoreBackup(machine.directory.path(), *loop->path(), false, progress, machine.stop);
+        restoreBackup(machine.directory.path(), *loop->path(), force, progress, machine.stop);
         return 0;
     } catch (const Failure& failure) {
         return failure.exitCode();
@@ -73,14 +73,54 @@ class RestoreToDevice : public testing::Test
     std::optional<LoopDevice> loop;
 };
 
-TEST_F(RestoreToDevice, WritesZeroBlocksToo)
+TEST_F(RestoreToDevice, WhatIsZeroInTheBackupIsZeroThere)
+{
+    ASSERT_NO_FATAL_FAILURE(make(machine.driver.bytes()));
+    if (IsSkipped())
+        return;
+    for (std::uint32_t block = 100; block < 900; ++block)
+        machine.driver.writeZeros(block);
+    machine.backup();
+    ASSERT_EQ(restore(), 0);
+    EXPECT_EQ(readAll(directory / "image"), machine.driver.contents());
+}
+
+TEST_F(RestoreToDevice, OneThatHoldsDataIsOverwrittenOnlyWhenForced)
 {
     ASSERT_NO_FATAL_FAILURE(make(machine.driver.bytes()));
     if (IsSkipped())
         return;
     machine.backup();
-    ASSERT_EQ(restore(), 0);
+    const auto before = readAll(directory / "image");
+    EXPECT_EQ(restore(false), 3);
+    EXPECT_EQ(readAll(directory / "image"), before);
+}
+
+TEST_F(RestoreToDevice, OneThatHoldsNothingIsTakenUnforced)
+{
+    ASSERT_NO_FATAL_FAILURE(make(machine.driver.bytes(), std::byte{0}));
+    if (IsSkipped())
+        return;
+    machine.backup();
+    EXPECT_EQ(restore(false), 0);
     EXPECT_EQ(readAll(directory / "image"), machine.driver.contents());
+}
+
+TEST_F(RestoreToDevice, TheFileBehindALoopDeviceIsRefusedWhateverIsForced)
+{
+    ASSERT_NO_FATAL_FAILURE(make(machine.driver.bytes()));
+    if (IsSkipped())
+        return;
+    machine.backup();
+    Progress progress{Progress::Style::none};
+    try {
+        restoreBackup(machine.directory.path(), directory / "image", true, progress, machine.stop);
+        FAIL() << "it was replaced";
+    } catch (const Failure& failure) {
+        EXPECT_EQ(failure.exitCode(), 3);
+        EXPECT_EQ(std::string{failure.what()}, "a loop device stands over " + (directory / "image").string() +
+                                                   "; take it away first (losetup -d)");
+    }
 }
 
 TEST_F(RestoreToDevice, DeviceInUseIsRefusedAndUntouched)

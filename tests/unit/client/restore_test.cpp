@@ -2,6 +2,11 @@
 #include "support.h"
 #include "verify.h"
 
+#include "base/image_lock.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
 namespace
 {
 
@@ -162,10 +167,123 @@ TEST(Verify, OneBackupIsCheckedWithWhatItBuildsOn)
     EXPECT_EQ(results[1].id, second.backup.manifest.id);
 }
 
-TEST(Verify, NothingToVerifyIsRefused)
+TEST(Verify, NothingToVerifyIsAnExitCodeOfItsOwn)
 {
     const Directory empty;
-    EXPECT_EQ(exitOf([&] { verify(empty.path()); }), 3);
+    EXPECT_EQ(exitOf([&] { verify(empty.path()); }), 7);
+    EXPECT_EQ(exitOf([&] { verify(empty / "missing"); }), 7);
+}
+
+TEST(Verify, ADirectoryThatMayNotBeReadIsNoPermissionAndNoDamage)
+{
+    Machine machine;
+    machine.backup();
+    fs::permissions(machine.directory.path(), fs::perms{0755});
+    fs::permissions(machine.repository(), fs::perms::none);
+    // Root may read everything.
+    const uid_t me = ::geteuid();
+    ASSERT_EQ(me == 0 ? ::seteuid(65534) : 0, 0);
+    std::string text;
+    const int exit = exitOf([&] { verify(machine.directory.path()); }, &text);
+    ASSERT_EQ(::seteuid(me), 0);
+    fs::permissions(machine.repository(), fs::perms::owner_all);
+    EXPECT_EQ(exit, 8);
+    EXPECT_EQ(text, "cannot read the directory " + machine.repository().string() + ": Permission denied");
+}
+
+TEST(Verify, DamageIsNamedInEachBackupThatBuildsOnIt)
+{
+    Machine machine;
+    const auto full = machine.backup();
+    for (std::uint32_t round = 0; round < 3; ++round) {
+        machine.driver.write(round, 7);
+        machine.backup();
+    }
+    damage(full.backup.directory / "data", 0);
+    const auto results = verify(machine.directory.path());
+    ASSERT_EQ(results.size(), 4u);
+    for (std::size_t i = 1; i < results.size(); ++i)
+        EXPECT_EQ(results[i].problem, "builds on backup " + full.backup.manifest.id + ", which is damaged: " + results[0].problem);
+}
+
+TEST(Restore, AFileGetsTheModeThatTheUmaskLeaves)
+{
+    Machine machine;
+    machine.backup();
+    const mode_t before = ::umask(027);
+    restore(machine.directory.path(), machine.directory / "image");
+    ::umask(before);
+    EXPECT_EQ(fs::status(machine.directory / "image").permissions(), fs::perms{0640});
+    ::umask(0);
+    restore(machine.directory.path(), machine.directory / "open");
+    ::umask(before);
+    EXPECT_EQ(fs::status(machine.directory / "open").permissions(), fs::perms{0666});
+}
+
+TEST(Restore, AReplacedFileKeepsItsMode)
+{
+    Machine machine;
+    machine.backup();
+    const fs::path image = machine.directory / "image";
+    std::ofstream{image} << "precious";
+    fs::permissions(image, fs::perms{0604});
+    restore(machine.directory.path(), image, true);
+    EXPECT_EQ(fs::status(image).permissions(), fs::perms{0604});
+}
+
+TEST(Restore, AFileThatIsOneHoleIsReplacedUnforced)
+{
+    Machine machine;
+    machine.backup();
+    const fs::path image = machine.directory / "image";
+    std::ofstream{image}.flush();
+    fs::resize_file(image, 1 << 20);
+    restore(machine.directory.path(), image);
+    EXPECT_EQ(readAll(image), machine.driver.contents());
+}
+
+TEST(Restore, WhatALinkPointsToIsReplacedAndNotTheLink)
+{
+    Machine machine;
+    machine.backup();
+    const fs::path image = machine.directory / "image";
+    std::ofstream{image} << "precious";
+    fs::create_symlink("image", machine.directory / "link");
+    restore(machine.directory.path(), machine.directory / "link", true);
+    EXPECT_TRUE(fs::is_symlink(machine.directory / "link"));
+    EXPECT_EQ(readAll(image), machine.driver.contents());
+}
+
+TEST(Restore, AnImageThatIsServedIsRefusedWhateverIsForced)
+{
+    Machine machine;
+    machine.backup();
+    const fs::path image = machine.directory / "image";
+    std::ofstream{image} << "served";
+    const File served{image, O_RDWR};
+    ASSERT_EQ(base::lock_image(served.fd(), false), "");
+    std::string text;
+    EXPECT_EQ(exitOf([&] { restore(machine.directory.path(), image, true); }, &text), 3);
+    EXPECT_EQ(text, image.string() + " is in use: another program (a second daemon?) serves it already; stop that one first");
+    EXPECT_EQ(fs::file_size(image), 6u);
+    EXPECT_EQ(namesIn(machine.directory.path()), (std::vector<std::string>{"image", "sda1"}));
+}
+
+// An increment's zeros over a full's data.
+TEST(Restore, ZerosOverDataTakeNoSpaceInTheImage)
+{
+    Machine machine;
+    machine.backup();
+    for (std::uint32_t block = 512; block < 2560; ++block)
+        machine.driver.writeZeros(block);
+    const auto inc = machine.backup();
+    const fs::path image = machine.directory / "image";
+    restore(inc.backup.directory, image);
+    EXPECT_EQ(readAll(image), machine.driver.contents());
+    struct stat st {
+    };
+    ASSERT_EQ(::stat(image.c_str(), &st), 0);
+    EXPECT_LT(st.st_blocks * 512, 1500 * 1024);
 }
 
 } // namespace

@@ -3,7 +3,7 @@
 #include "launcher.h"
 
 #include "base/descriptor.h"
-#include "image_lock.h"
+#include "base/image_lock.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -119,7 +119,7 @@ TEST_F(CheckImages, AnImageThatIsServedForReadingCanBeServedSoTwiceButNotForWrit
 {
     const std::string path = image("disk", 1 << 20);
     const base::Descriptor reader(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    ASSERT_EQ(hosted::lock_image(reader.get(), true), "");
+    ASSERT_EQ(base::lock_image(reader.get(), true), "");
     EXPECT_EQ(refusal({path}, true), "accepted");
     EXPECT_EQ(refusal({path}), path + ": another program (a second daemon?) serves it already; stop that one first");
 }

@@ -22,7 +22,7 @@ backup() {
   shift
   expect 0 qbackup -q --json backup --device "$device" --to $STORE "$@"
 }
-report_field() { sed -nE "s/^ *\"$1\": *\"?([^\",]*)\"?,?\$/\1/p" <<<"$OUTPUT" | head -1; }
+report_field() { sed -nE "s/.*\"$1\":\"([^\"]*)\".*/\1/p; t; s/.*\"$1\":([^,}]*)[,}].*/\1/p" <<<"$OUTPUT" | head -1; }
 expect_mode() { # full or incremental, of the last backup
   local mode
   mode=$(report_field mode)

@@ -10,11 +10,11 @@
 
 #include <string>
 
-namespace hosted
+namespace base
 {
 
 // Takes both for as long as the descriptor (open for reading) is open. Empty, or what stands in the way, as a sentence
 // without the path. A file system that knows no such locks stands in nobody's way.
 std::string lock_image(int fd, bool read_only);
 
-} // namespace hosted
+} // namespace base

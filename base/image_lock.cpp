@@ -9,7 +9,7 @@
 #include <sys/stat.h>
 #include <thread>
 
-namespace hosted
+namespace base
 {
 
 namespace
@@ -75,4 +75,4 @@ std::string lock_image(int fd, bool read_only)
     return {};
 }
 
-} // namespace hosted
+} // namespace base
