@@ -111,6 +111,40 @@ TEST_F(Locking, AMapIsLoadedWithTheRecordHeld)
     EXPECT_TRUE(waitsFor(&b->bSem, [&] { EXPECT_EQ(program.loadMap(Bits(100, true)), 0); }));
 }
 
+TEST_F(Locking, ABackupIsStartedWithTheRecordHeld)
+{
+    ASSERT_EQ(program.open(), 0);
+    EXPECT_TRUE(waitsFor(&recordOf(program)->bSem,
+                         [&] { EXPECT_EQ(program.start(sda().device(1), sda().blocks(1), 100), 0); }));
+}
+
+TEST_F(Locking, TheTrackingStateIsAskedForWithTheRecordHeld)
+{
+    Backup* b = started();
+    EXPECT_TRUE(waitsFor(&b->bSem, [&] { program.autoMapState(); }));
+}
+
+TEST_F(Locking, TheChangedBlocksAreHandedOverWithTheRecordHeld)
+{
+    trackDevice(sda(), 1);
+    Backup* b = started();
+    ASSERT_EQ(program.snapshot(keyOf(sessionOf(sda().device(1)))), 0);
+    Bits changed(sda().blocks(1));
+    EXPECT_TRUE(waitsFor(&b->bSem, [&] { EXPECT_EQ(program.autoMap(changed), 0); }));
+}
+
+TEST_F(Locking, TheOptionNotToStartTrackingIsSetWithTheRecordHeld)
+{
+    Backup* b = started();
+    EXPECT_TRUE(waitsFor(&b->bSem, [&] { EXPECT_EQ(program.noStartAutoMap(), 0); }));
+}
+
+TEST_F(Locking, TheOptionNotToLoadTrackingIsSetWithTheRecordHeld)
+{
+    Backup* b = started();
+    EXPECT_TRUE(waitsFor(&b->bSem, [&] { EXPECT_EQ(program.noLoadFromAutoMap(), 0); }));
+}
+
 TEST_F(Locking, ASnapshotIsTakenWithTheRecordHeld)
 {
     Backup* b = started();
@@ -138,6 +172,26 @@ TEST_F(Locking, ACloseWaitsForTheRequestsThatAreBeingDecided)
     down_read(&b->writers);
     EXPECT_TRUE(waits([&] { EXPECT_EQ(program.close(), 0); }, [=] { up_read(&b->writers); },
                       [=] { return load_acquire(&b->state) == QUENDREL_STATE_STARTED; }));
+}
+
+// ---- The one backup's slot
+
+TEST_F(Locking, TheSlotIsTakenWithItsLockHeld)
+{
+    ASSERT_EQ(program.open(), 0);
+    unsigned long flags;
+    spin_lock_irqsave(&busyLock, &flags);
+    EXPECT_TRUE(waits([&] { EXPECT_EQ(program.start(sda().device(1), sda().blocks(1), 100), 0); },
+                      [&] { spin_unlock_irqrestore(&busyLock, flags); }, [] { return atomic_read(&busy) == 0; }));
+}
+
+TEST_F(Locking, TheSlotIsGivenBackWithItsLockHeld)
+{
+    started();
+    unsigned long flags;
+    spin_lock_irqsave(&busyLock, &flags);
+    EXPECT_TRUE(waits([&] { EXPECT_EQ(program.close(), 0); }, [&] { spin_unlock_irqrestore(&busyLock, flags); },
+                      [] { return atomic_read(&busy) == 1; }));
 }
 
 // ---- The hook
@@ -207,6 +261,15 @@ TEST_F(Locking, ANewSessionIsPutInWithNoReaderInTheTable)
     LooseBackup b(sda(), 1);
     AutoMapSession* ams = nullptr;
     EXPECT_TRUE(waitsForUser(&amListUsers, [&] { EXPECT_EQ(newAMS(b.get(), &ams), 0); }));
+}
+
+// Until then the queues stay hooked, and writes are recorded for sessions that can still be looked up.
+TEST_F(Locking, AnUnloadEndsTheSessionsBeforeItGivesTheQueuesBack)
+{
+    trackDevice(sda(), 1);
+    atomic_inc(&amListUsers);
+    EXPECT_TRUE(waits([] { EXPECT_EQ(hosted::unload_driver(), 0); }, [] { atomic_dec(&amListUsers); },
+                      [&] { return hookOf(sda()) == qdrAMRF; }));
 }
 
 // ---- The cache
@@ -286,6 +349,62 @@ TEST_F(Locking, TheWorkerTakesNothingBeforeTheSnapshot)
     EXPECT_EQ(bio.ends(), 0);
     closeMR(getTopMR(b));
     atomic_dec(&b->mrInQueue);
+}
+
+// ---- Failures: whoever finds that tracking has ended finds the backup's state and the reason in the log
+
+class LockingOnFailure : public Locking
+{
+  protected:
+    void TearDown() override
+    {
+        hosted::faults::clear();
+        Locking::TearDown();
+    }
+    // Whether `act` comes to put tracking out of sync, which needs the table of sessions, with the state set and this
+    // logged.
+    static bool endsTrackingAfter(Backup* b, u32 state, const Lines& logged, const std::function<void()>& act)
+    {
+        hosted::log_clear();
+        unsigned long flags;
+        spin_lock_irqsave(&amListUsersLock, &flags);
+        return waits(act, [&] { spin_unlock_irqrestore(&amListUsersLock, flags); }, [&] {
+            return load_acquire(&b->state) == state && linesOf(hosted::log_lines(), "cacheBlock") == logged;
+        });
+    }
+};
+
+TEST_F(LockingOnFailure, ABlockThatCannotBeReadEndsTrackingLast)
+{
+    Backup* b = begin();
+    hosted::faults::fail_read(1);
+    EXPECT_TRUE(endsTrackingAfter(b, QUENDREL_STATE_READ_FAILED,
+                                  {"<3>cacheBlock: Block read error blockNum=7 MAJOR=8 MINOR=1\n"},
+                                  [&] { cacheBlock(b, nullptr, 7); }));
+}
+
+TEST_F(LockingOnFailure, ABlockThatCannotBeKeptEndsTrackingLast)
+{
+    Backup* b = begin();
+    b->maxCacheBlocks = 0;
+    EXPECT_TRUE(endsTrackingAfter(b, QUENDREL_STATE_CACHE_EXHAUSTED,
+                                  {"<3>cacheBlock: Error caching blockNum=7 MAJOR=8 MINOR=1\n"},
+                                  [&] { cacheBlock(b, nullptr, 7); }));
+}
+
+TEST_F(LockingOnFailure, ABlockWithoutAPageToReadItIntoEndsTrackingLast)
+{
+    Backup* b = begin();
+    hosted::faults::fail_allocation(1, unsigned(hosted::faults::Kind::page));
+    EXPECT_TRUE(endsTrackingAfter(b, QUENDREL_STATE_CACHE_EXHAUSTED, {}, [&] { cacheBlock(b, nullptr, 7); }));
+}
+
+TEST_F(LockingOnFailure, AWriteThatCannotBeHeldEndsTrackingLast)
+{
+    Backup* b = begin();
+    hosted::faults::fail_allocation(1, unsigned(hosted::faults::Kind::kmalloc));
+    EXPECT_TRUE(endsTrackingAfter(b, QUENDREL_STATE_QUEUE_FAILED, {},
+                                  [&] { EXPECT_EQ(sda().writeBlock(1, 7, 0x77), 0); }));
 }
 
 } // namespace

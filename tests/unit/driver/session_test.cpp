@@ -158,6 +158,15 @@ TEST_F(Session, NamesUseTwoDigitsEach)
     EXPECT_NE(caches.find("slab cache qdrDCfef0 with 0 object(s) of 4096 bytes"), std::string::npos) << caches;
 }
 
+TEST_F(Session, NamesOfSmallNumbersUseTwoDigitsEach)
+{
+    ASSERT_EQ(program.open(), 0);
+    ASSERT_EQ(start(), 0);
+    EXPECT_STREQ(record()->htCacheName, "qdrHT0801");
+    EXPECT_STREQ(record()->cpCacheName, "qdrCP0801");
+    EXPECT_STREQ(record()->dataCacheName, "qdrDC0801");
+}
+
 TEST_F(Session, TransferAreaHoldsAtMost256Blocks)
 {
     struct Case {

@@ -1,0 +1,125 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// What the driver has done already, and what not yet, at the moment of a call of the platform: the linker puts this
+// file's functions in front of the platform's.
+#include "core_view.h"
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+using namespace rig;
+
+namespace
+{
+
+using Watcher = std::function<void()>;
+Watcher atRegistration, atUnregistration, atRandomByte;
+
+void look(const Watcher& watcher)
+{
+    if (watcher)
+        watcher();
+}
+
+class Order : public DriverTest
+{
+  protected:
+    void TearDown() override
+    {
+        atRegistration = atUnregistration = atRandomByte = nullptr;
+        DriverTest::TearDown();
+    }
+};
+
+} // namespace
+
+extern "C" {
+int __real_register_chrdev(unsigned major, const char* name, const file_operations* fops);
+int __wrap_register_chrdev(unsigned major, const char* name, const file_operations* fops)
+{
+    look(atRegistration);
+    return __real_register_chrdev(major, name, fops);
+}
+void __real_unregister_chrdev(unsigned major, const char* name);
+void __wrap_unregister_chrdev(unsigned major, const char* name)
+{
+    look(atUnregistration);
+    __real_unregister_chrdev(major, name);
+}
+void __real_get_random_bytes(void* to, int bytes);
+void __wrap_get_random_bytes(void* to, int bytes)
+{
+    __real_get_random_bytes(to, bytes);
+    look(atRandomByte);
+}
+}
+
+TEST_F(Order, ALoadLetsNobodyInBeforeTheDeviceIsRegistered)
+{
+    ASSERT_EQ(hosted::unload_driver(), 0);
+    int done = -1;
+    atRegistration = [&] { done = atomic_read(&initDone); };
+    ASSERT_EQ(hosted::load_driver(), 0);
+    EXPECT_EQ(done, 0);
+}
+
+// A file may be opened and a backup started as soon as the device is there.
+TEST_F(Order, ALoadHasTheWorkersCountReadyBeforeTheDeviceIsRegistered)
+{
+    ASSERT_EQ(hosted::unload_driver(), 0);
+    ASSERT_EQ(down_trylock(&signalThread), 0) << "the count of the load before";
+    bool ready = false;
+    atRegistration = [&] {
+        ready = down_trylock(&signalThread) == 0;
+        if (ready)
+            up(&signalThread);
+    };
+    ASSERT_EQ(hosted::load_driver(), 0);
+    EXPECT_TRUE(ready);
+}
+
+TEST_F(Order, AnUnloadTakesTheDeviceAwayWhenNoSessionAndNoHookIsLeft)
+{
+    ASSERT_NO_FATAL_FAILURE(trackDevice(sda(), 1));
+    ASSERT_EQ(hookOf(sda()), qdrAMRF);
+    bool asked = false, tracked = true, registered = true, hooked = true;
+    atUnregistration = [&] {
+        asked = true;
+        tracked = sessionOf(sda().device(1)) != nullptr;
+        registered = !registryIsEmpty();
+        hooked = hookOf(sda()) == qdrAMRF;
+    };
+    ASSERT_EQ(hosted::unload_driver(), 0);
+    EXPECT_TRUE(asked);
+    EXPECT_FALSE(tracked);
+    EXPECT_FALSE(registered);
+    EXPECT_FALSE(hooked);
+}
+
+TEST_F(Order, ASnapshotPutsTheNewKeyInWithTheSessionHeld)
+{
+    ASSERT_NO_FATAL_FAILURE(trackDevice(sda(), 1));
+    AutoMapSession* ams = sessionOf(sda().device(1));
+    const Key old = keyOf(ams);
+    Program program;
+    ASSERT_EQ(program.open(), 0);
+    ASSERT_EQ(program.start(sda().device(1), sda().blocks(1), 100), 0);
+    std::atomic<unsigned> bytes{0};
+    std::atomic<bool> held{false};
+    atRandomByte = [&] {
+        if (++bytes == QUENDREL_KEY_BYTES)
+            while (!held)
+                std::this_thread::yield();
+    };
+    std::thread snapshot([&] { EXPECT_EQ(program.snapshot(old), 0); });
+    EXPECT_TRUE(eventually([&] { return bytes == QUENDREL_KEY_BYTES; }));
+    unsigned long flags;
+    spin_lock_irqsave(&ams->usersLock, &flags);
+    held = true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(keyOf(ams), old);
+    spin_unlock_irqrestore(&ams->usersLock, flags);
+    snapshot.join();
+    EXPECT_NE(keyOf(ams), old);
+    EXPECT_EQ(program.close(), 0);
+}
