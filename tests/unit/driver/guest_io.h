@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <regex>
 #include <thread>
 
@@ -159,6 +160,99 @@ class CopyOnWriteTest : public DriverTest
     }
 
     Program program;
+};
+
+constexpr u32 SLOW_DISK_BLOCK = 4096;
+
+// A disk in memory that keeps the reads of a range back until it is told to serve them.
+class SlowStore final : public hosted::Store
+{
+  public:
+    SlowStore(u64 bytes, u64 from, u64 to) : memory_(hosted::make_memory_store(bytes)), from_(from), to_(to)
+    {
+        auto all = hosted::memory_store_bytes(*memory_);
+        for (std::size_t i = 0; i < all.size(); i++)
+            all[i] = std::byte(i / SLOW_DISK_BLOCK % 251 + 1);
+    }
+    std::uint64_t size() const override { return memory_->size(); }
+    void submit(hosted::StoreRequest* r) override
+    {
+        {
+            std::lock_guard lock(mutex_);
+            if (keeping_ && r->op == hosted::Op::read && r->offset >= from_ && r->offset < to_) {
+                kept_.push_back(r);
+                keptBytes_ += r->bytes;
+                return;
+            }
+        }
+        memory_->submit(r);
+    }
+    u64 keptBytes()
+    {
+        std::lock_guard lock(mutex_);
+        return keptBytes_;
+    }
+    // With an error other than 0 the reads fail instead.
+    void serve(int error = 0)
+    {
+        std::vector<hosted::StoreRequest*> kept;
+        {
+            std::lock_guard lock(mutex_);
+            keeping_ = false;
+            kept.swap(kept_);
+        }
+        for (hosted::StoreRequest* r : kept) {
+            if (error)
+                r->done(r, error);
+            else
+                memory_->submit(r);
+        }
+    }
+
+  private:
+    std::unique_ptr<hosted::Store> memory_;
+    const u64 from_, to_;
+    std::mutex mutex_; // guards the rest
+    bool keeping_ = true;
+    u64 keptBytes_ = 0;
+    std::vector<hosted::StoreRequest*> kept_;
+};
+
+// With such a disk, if the test asks for it.
+class SlowDiskTest : public CopyOnWriteTest
+{
+  protected:
+    // A whole disk sdb over a SlowStore that keeps the reads of blocks [from, to) back, and a backup of it with area 0
+    // mapped, after the snapshot.
+    SlowStore& beginOnSlowDisk(u32 from, u32 to, u32 maxCacheBlocks)
+    {
+        auto store = std::make_unique<SlowStore>(4096 * SLOW_DISK_BLOCK, u64(from) * SLOW_DISK_BLOCK, u64(to) * SLOW_DISK_BLOCK);
+        SlowStore& slow = *store;
+        hosted::DiskConfig config;
+        config.name = "sdb";
+        config.first_minor = 16;
+        config.store = std::move(store);
+        slowDisk_ = hosted::add_disk(std::move(config));
+        hosted::mount_file_system(slowDisk_->device(0), SLOW_DISK_BLOCK);
+        EXPECT_EQ(program.open(), 0);
+        EXPECT_EQ(program.start(slowDisk_->device(0), 4096, maxCacheBlocks), 0);
+        EXPECT_EQ(program.snapshot(), 0);
+        EXPECT_EQ(program.map(0, 8), 0);
+        takeLog();
+        return slow;
+    }
+    void TearDown() override
+    {
+        if (slowDisk_) {
+            EXPECT_EQ(program.close(), 0);
+            EXPECT_EQ(hosted::unload_driver(), 0);
+            hosted::unmount_file_system(slowDisk_->device(0));
+            hosted::remove_disk(slowDisk_);
+            slowDisk_.reset();
+        }
+        CopyOnWriteTest::TearDown();
+    }
+    std::shared_ptr<hosted::Disk> slowDisk_;
 };
 
 } // namespace rig

@@ -44,6 +44,21 @@ class Locking : public CopyOnWriteTest
         down(sem);
         return waits(act, [=] { up(sem); });
     }
+    // Of one that needs a spin lock.
+    static bool waitsForLock(spinlock* lock, const std::function<void()>& act,
+                             const std::function<bool()>& meanwhile = [] { return true; })
+    {
+        unsigned long flags;
+        spin_lock_irqsave(lock, &flags);
+        return waits(act, [&] { spin_unlock_irqrestore(lock, flags); }, meanwhile);
+    }
+    static bool isHeld(semaphore* sem)
+    {
+        const bool held = down_trylock(sem) != 0;
+        if (!held)
+            up(sem);
+        return held;
+    }
     // Of one that needs to read, or to write, what others write or read.
     static bool waitsForWriter(rw_semaphore* sem, const std::function<void()>& act)
     {
@@ -85,6 +100,21 @@ class Locking : public CopyOnWriteTest
         ~ReadHold() { up_read(&b->cacheUsers); }
         Backup* b;
     };
+    static void enterAlone(rw_semaphore* sem)
+    {
+        down_write(sem);
+        up_write(sem);
+    }
+    // Whether `act`, stopped at the bucket of block 7, lets nobody have the cache alone.
+    static bool keepsOthersOut(Backup* b, const std::function<void()>& act)
+    {
+        down(bucketOf(b, 7));
+        std::thread thread(act);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        const bool kept = waits([=] { enterAlone(&b->cacheUsers); }, [=] { up(bucketOf(b, 7)); });
+        thread.join();
+        return kept;
+    }
     static semaphore* bucketOf(Backup* b, u32 block) { return &b->blockTable[block & CACHE_BUCKET_MASK]->sem; }
 };
 
@@ -145,6 +175,15 @@ TEST_F(Locking, TheOptionNotToLoadTrackingIsSetWithTheRecordHeld)
     EXPECT_TRUE(waitsFor(&b->bSem, [&] { EXPECT_EQ(program.noLoadFromAutoMap(), 0); }));
 }
 
+TEST_F(Locking, AMapIsLoadedByOneWhoKeepsTheRecord)
+{
+    program.beginSnapshot(sda(), 1);
+    Backup* b = recordOf(program);
+    down_read(&b->writers);
+    EXPECT_TRUE(waits([&] { EXPECT_EQ(program.loadMap(Bits(100, true)), 0); }, [=] { up_read(&b->writers); },
+                      [=] { return isHeld(&b->bSem); }));
+}
+
 TEST_F(Locking, ASnapshotIsTakenWithTheRecordHeld)
 {
     Backup* b = started();
@@ -179,19 +218,23 @@ TEST_F(Locking, ACloseWaitsForTheRequestsThatAreBeingDecided)
 TEST_F(Locking, TheSlotIsTakenWithItsLockHeld)
 {
     ASSERT_EQ(program.open(), 0);
-    unsigned long flags;
-    spin_lock_irqsave(&busyLock, &flags);
-    EXPECT_TRUE(waits([&] { EXPECT_EQ(program.start(sda().device(1), sda().blocks(1), 100), 0); },
-                      [&] { spin_unlock_irqrestore(&busyLock, flags); }, [] { return atomic_read(&busy) == 0; }));
+    EXPECT_TRUE(waitsForLock(&busyLock,
+                             [&] { EXPECT_EQ(program.start(sda().device(1), sda().blocks(1), 100), 0); },
+                             [] { return atomic_read(&busy) == 0; }));
 }
 
 TEST_F(Locking, TheSlotIsGivenBackWithItsLockHeld)
 {
     started();
-    unsigned long flags;
-    spin_lock_irqsave(&busyLock, &flags);
-    EXPECT_TRUE(waits([&] { EXPECT_EQ(program.close(), 0); }, [&] { spin_unlock_irqrestore(&busyLock, flags); },
-                      [] { return atomic_read(&busy) == 1; }));
+    EXPECT_TRUE(waitsForLock(&busyLock, [&] { EXPECT_EQ(program.close(), 0); }, [] { return atomic_read(&busy) == 1; }));
+}
+
+TEST_F(Locking, ACloseKeepsTheRecordWhileItWaits)
+{
+    Backup* b = started();
+    down_read(&b->writers);
+    EXPECT_TRUE(waits([&] { EXPECT_EQ(program.close(), 0); }, [=] { up_read(&b->writers); },
+                      [=] { return isHeld(&b->bSem); }));
 }
 
 // ---- The hook
@@ -212,10 +255,9 @@ TEST_F(Locking, TheHookLooksForTheRunningBackupAsOneOfItsUsers)
 TEST_F(Locking, AHeldWriteIsRecordedBeforeItIsQueued)
 {
     Backup* b = begin();
-    unsigned long flags;
-    spin_lock_irqsave(&amListUsersLock, &flags); // recording needs it
-    EXPECT_TRUE(waits([&] { EXPECT_EQ(sda().writeBlock(1, 4, 0x44), 0); },
-                      [&] { spin_unlock_irqrestore(&amListUsersLock, flags); }, [=] { return held(b) == 0; }));
+    // Recording needs this lock.
+    EXPECT_TRUE(waitsForLock(&amListUsersLock, [&] { EXPECT_EQ(sda().writeBlock(1, 4, 0x44), 0); },
+                             [=] { return held(b) == 0; }));
     EXPECT_EQ(membersOf(sessionOf(sda().device(1))->map), std::vector<u32>{4});
 }
 
@@ -241,7 +283,61 @@ TEST_F(Locking, ASnapshotWaitsForTheUsersOfItsSession)
     EXPECT_EQ(load_acquire(&b->state), QUENDREL_STATE_SNAPSHOT);
 }
 
+TEST_F(Locking, ASnapshotKeepsOtherRequestsOutUntilItIsTaken)
+{
+    trackDevice(sda(), 1);
+    AutoMapSession* ams = sessionOf(sda().device(1));
+    const Key key = keyOf(ams);
+    Backup* b = started();
+    ASSERT_EQ(getAMS(sda().device(1)), ams); // the snapshot waits for this user
+    RawBio request(sda().device(0), Op::read, sectorOf(sda(), 1, 6), kBlock);
+    std::atomic<int> decided{-1};
+    std::thread snapshot([&] { EXPECT_EQ(program.snapshot(key), 0); });
+    EXPECT_TRUE(eventually([&] { return keyOf(ams) != key && hookOf(sda()) == qdrMRF; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_TRUE(waits([&] { decided = cacheMRFBlock(sda().disk().queue(), request.get(), 1); }, [=] { putAMS(ams); }));
+    snapshot.join();
+    EXPECT_EQ(decided, 1) << "it is the snapshot's";
+    EXPECT_TRUE(eventually([&] { return request.ends() == 1; }));
+    settle(b);
+}
+
 // ---- The table of sessions
+
+TEST_F(Locking, ASessionIsLookedForAsAReaderOfTheTable)
+{
+    EXPECT_TRUE(waitsForLock(&amListUsersLock, [&] { EXPECT_EQ(getAMS(sda().device(1)), nullptr); }));
+}
+
+TEST_F(Locking, ADeviceThatChangedLosesItsSessionAsAReaderOfTheTable)
+{
+    trackDevice(sda(), 1);
+    const AutoMapSession* ams = sessionOf(sda().device(1));
+    EXPECT_TRUE(waitsForLock(&amListUsersLock, [&] { forgetAM(sda().device(1)); },
+                             [=] { return load_acquire(&ams->state) == 1; }));
+}
+
+TEST_F(Locking, TheSessionsOfAQueueLoseSyncAsAReaderOfTheTable)
+{
+    trackDevice(sda(), 1);
+    const AutoMapSession* ams = sessionOf(sda().device(1));
+    EXPECT_TRUE(waitsForLock(&amListUsersLock, [&] { errorAMSDEV(sda().device(1)); },
+                             [=] { return load_acquire(&ams->state) == 1; }));
+}
+
+TEST_F(Locking, TheSessionsOfAQueueAreCountedAsAReaderOfTheTable)
+{
+    trackDevice(sda(), 1);
+    EXPECT_TRUE(waitsForLock(&amListUsersLock, [&] { EXPECT_EQ(countQueueAMS(sda().disk().queue()), 1); }));
+}
+
+TEST_F(Locking, AQueueIsGivenBackAsAReaderOfTheTable)
+{
+    trackDevice(sda(), 1);
+    const AutoMapSession* ams = sessionOf(sda().device(1));
+    EXPECT_TRUE(waitsForLock(&amListUsersLock, [&] { unsetQueueMRFAMS(sda().disk().queue()); },
+                             [=] { return load_acquire(&ams->state) == 1; }));
+}
 
 TEST_F(Locking, ASessionIsTakenOutWithNoReaderInTheTable)
 {
@@ -270,6 +366,30 @@ TEST_F(Locking, AnUnloadEndsTheSessionsBeforeItGivesTheQueuesBack)
     atomic_inc(&amListUsers);
     EXPECT_TRUE(waits([] { EXPECT_EQ(hosted::unload_driver(), 0); }, [] { atomic_dec(&amListUsers); },
                       [&] { return hookOf(sda()) == qdrAMRF; }));
+}
+
+// ---- The registry
+
+TEST_F(Locking, ADeviceIsLookedForAsAReaderOfTheRegistry)
+{
+    EXPECT_TRUE(waitsForLock(&queueListUsersLock,
+                             [&] { EXPECT_EQ(isInQueueList(sda().disk().queue(), sda().device(1)), 0); }));
+}
+
+TEST_F(Locking, AQueuesOwnFunctionIsLookedForAsAReaderOfTheRegistry)
+{
+    EXPECT_TRUE(waitsForLock(&queueListUsersLock, [&] { EXPECT_NE(getRealMRF(sda().disk().queue()), nullptr); }));
+}
+
+TEST_F(Locking, TheSessionsOfAQueueLoseSyncAsAReaderOfTheRegistry)
+{
+    trackDevice(sda(), 1);
+    EXPECT_TRUE(waitsForLock(&queueListUsersLock, [&] { errorAMSDEV(sda().device(1)); }));
+}
+
+TEST_F(Locking, TheSessionsOfAQueueAreCountedAsAReaderOfTheRegistry)
+{
+    EXPECT_TRUE(waitsForLock(&queueListUsersLock, [&] { EXPECT_EQ(countQueueAMS(sda().disk().queue()), 0); }));
 }
 
 // ---- The cache
@@ -326,6 +446,54 @@ TEST_F(Locking, TheCacheIsCleanedWithEachBucketHeld)
     EXPECT_TRUE(waitsFor(bucketOf(b, 7), [&] { EXPECT_EQ(cleanUpCache(b), 0); }));
 }
 
+TEST_F(Locking, TheWorkerStaysAUserOfTheCacheWhileItReadsABlock)
+{
+    Backup* b = begin();
+    DiskGate gate(firstRead(sda(), 1, 7));
+    std::thread worker([=] { cacheBlock(b, nullptr, 7); });
+    gate.waitUntilStopped();
+    EXPECT_TRUE(waits([=] { enterAlone(&b->cacheUsers); }, [&] { gate.open(); }));
+    worker.join();
+}
+
+TEST_F(Locking, ABlockIsTakenOutByOneWhoStaysAUserOfTheCache)
+{
+    Backup* b = begin();
+    Bytes data(kBlock);
+    EXPECT_TRUE(keepsOthersOut(b, [&] { EXPECT_EQ(cacheRead(b, data.data(), 7), 0); }));
+}
+
+TEST_F(Locking, ADirtyBlockIsLookedForByOneWhoStaysAUserOfTheCache)
+{
+    Backup* b = begin();
+    ASSERT_EQ(save(b, 7), 0);
+    EXPECT_TRUE(keepsOthersOut(b, [&] { EXPECT_EQ(anyDirtyBlock(b), 7u); }));
+}
+
+TEST_F(Locking, TheCacheIsCleanedByOneWhoStaysAUserOfIt)
+{
+    Backup* b = begin();
+    EXPECT_TRUE(keepsOthersOut(b, [&] { EXPECT_EQ(cleanUpCache(b), 0); }));
+}
+
+// ---- The queue of held requests
+
+TEST_F(Locking, ARequestIsQueuedWithTheQueueHeld)
+{
+    Backup* b = started();
+    RawBio bio(sda().device(0), Op::write, sectorOf(sda(), 1, 6), kBlock);
+    EXPECT_TRUE(waitsForLock(&b->mrLock, [&] { EXPECT_EQ(newMR(b, sda().disk().queue(), bio.get(), 6, 6), 0); },
+                             [=] { return b->mrHead == nullptr; }));
+    closeMR(getTopMR(b));
+    atomic_dec(&b->mrInQueue);
+}
+
+TEST_F(Locking, ARequestIsTakenOffTheQueueWithItHeld)
+{
+    Backup* b = started();
+    EXPECT_TRUE(waitsForLock(&b->mrLock, [&] { EXPECT_EQ(getTopMR(b), nullptr); }));
+}
+
 // ---- The worker
 
 TEST_F(Locking, TheWorkerThatFindsNoRunningBackupGoesOnWaiting)
@@ -366,10 +534,9 @@ class LockingOnFailure : public Locking
     static bool endsTrackingAfter(Backup* b, u32 state, const Lines& logged, const std::function<void()>& act)
     {
         hosted::log_clear();
-        unsigned long flags;
-        spin_lock_irqsave(&amListUsersLock, &flags);
-        return waits(act, [&] { spin_unlock_irqrestore(&amListUsersLock, flags); }, [&] {
-            return load_acquire(&b->state) == state && linesOf(hosted::log_lines(), "cacheBlock") == logged;
+        return waitsForLock(&amListUsersLock, act, [&] {
+            return load_acquire(&b->state) == state && linesOf(hosted::log_lines(), "cacheBlock") == logged &&
+                   load_acquire(&sessionOf(b->diskInfo.kdev)->state) == 1;
         });
     }
 };

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <thread>
 
 using rig::Program;
@@ -100,6 +101,52 @@ TEST_F(Module, GlobalsStartIdle)
     EXPECT_EQ(down_trylock(&signalThread), 0);
     EXPECT_EQ(down_trylock(&signalThread), 1);
     up(&signalThread);
+}
+
+// Bytes and all: nothing of a load before may show through.
+template <typename Object> void scribble(Object& object) { std::memset(static_cast<void*>(&object), 0xA5, sizeof object); }
+template <typename Object, typename Init> bool isAsMadeBy(const Object& object, Init init)
+{
+    Object fresh;
+    scribble(fresh);
+    init(&fresh);
+    return std::memcmp(static_cast<const void*>(&object), static_cast<const void*>(&fresh), sizeof fresh) == 0;
+}
+
+TEST_F(Module, GlobalsStartIdleWhateverTheyWere)
+{
+    ASSERT_EQ(hosted::unload_driver(), 0);
+    for (atomic_int* word : {&initDone, &curAllocAMPages, &amListUsers, &queueListUsers, &busy,
+                             &backup_cacheThreadContinue, &shutting_down, &shutdown_ready})
+        atomic_set(word, 77);
+    for (spinlock* lock : {&amListUsersLock, &queueListUsersLock, &busyLock})
+        scribble(*lock);
+    for (completion* c : {&backup_cacheThreadStartCompleted, &backup_cacheThreadExited})
+        scribble(*c);
+    scribble(amList);
+    scribble(queueListHead);
+    scribble(activeSession);
+    scribble(activeSessionUsers);
+    scribble(backup_cachePID);
+    qdrFileOps.owner = this_module();
+
+    driver_static_init();
+    for (const atomic_int* word : {&initDone, &curAllocAMPages, &busy, &shutting_down, &shutdown_ready})
+        EXPECT_EQ(atomic_read(word), 0);
+    for (const atomic_int* word : {&amListUsers, &queueListUsers, &backup_cacheThreadContinue})
+        EXPECT_EQ(atomic_read(word), 1);
+    for (const spinlock* lock : {&amListUsersLock, &queueListUsersLock, &busyLock})
+        EXPECT_TRUE(isAsMadeBy(*lock, [](spinlock* l) { spin_lock_init(l); }));
+    for (const completion* c : {&backup_cacheThreadStartCompleted, &backup_cacheThreadExited})
+        EXPECT_TRUE(isAsMadeBy(*c, [](completion* fresh) { init_completion(fresh); }));
+    for (auto& row : amList)
+        for (AutoMapSession* session : row)
+            EXPECT_EQ(session, nullptr);
+    EXPECT_TRUE(listEmpty(&queueListHead));
+    EXPECT_EQ(load_acquire(&activeSession), nullptr);
+    EXPECT_TRUE(isAsMadeBy(activeSessionUsers, [](rw_semaphore* sem) { init_rwsem(sem); }));
+    EXPECT_EQ(load_acquire(&backup_cachePID), 0);
+    EXPECT_EQ(qdrFileOps.owner, nullptr);
 }
 
 TEST_F(Module, TheShutdownFlagsStayUntouchedByALifeOfTheDriver)

@@ -13,7 +13,7 @@ namespace
 {
 
 using Watcher = std::function<void()>;
-Watcher atRegistration, atUnregistration, atRandomByte;
+Watcher atRegistration, atUnregistration, atRandomByte, atSlabAllocation, atSlabFree, atSlabEnd;
 
 void look(const Watcher& watcher)
 {
@@ -26,10 +26,29 @@ class Order : public DriverTest
   protected:
     void TearDown() override
     {
-        atRegistration = atUnregistration = atRandomByte = nullptr;
+        atRegistration = atUnregistration = atRandomByte = atSlabAllocation = atSlabFree = atSlabEnd = nullptr;
         DriverTest::TearDown();
     }
+    // A look at whether a semaphore is held.
+    static Watcher isHeld(semaphore* sem, std::vector<bool>& answers)
+    {
+        return [=, &answers] {
+            answers.push_back(down_trylock(sem) != 0);
+            if (!answers.back())
+                up(sem);
+        };
+    }
 };
+
+const Bytes old(4096, std::byte(0x11)); // a block's old contents
+
+int save(Backup* b, u32 block)
+{
+    down_read(&b->cacheUsers);
+    const int result = saveBlock(b, old.data(), block);
+    up_read(&b->cacheUsers);
+    return result;
+}
 
 } // namespace
 
@@ -51,6 +70,24 @@ void __wrap_get_random_bytes(void* to, int bytes)
 {
     __real_get_random_bytes(to, bytes);
     look(atRandomByte);
+}
+void* __real_kmem_cache_alloc(kmem_cache* cache, gfp_type gfp);
+void* __wrap_kmem_cache_alloc(kmem_cache* cache, gfp_type gfp)
+{
+    look(atSlabAllocation);
+    return __real_kmem_cache_alloc(cache, gfp);
+}
+void __real_kmem_cache_free(kmem_cache* cache, void* object);
+void __wrap_kmem_cache_free(kmem_cache* cache, void* object)
+{
+    look(atSlabFree);
+    __real_kmem_cache_free(cache, object);
+}
+void __real_kmem_cache_destroy(kmem_cache* cache);
+void __wrap_kmem_cache_destroy(kmem_cache* cache)
+{
+    look(atSlabEnd);
+    __real_kmem_cache_destroy(cache);
 }
 }
 
@@ -122,4 +159,80 @@ TEST_F(Order, ASnapshotPutsTheNewKeyInWithTheSessionHeld)
     snapshot.join();
     EXPECT_NE(keyOf(ams), old);
     EXPECT_EQ(program.close(), 0);
+}
+
+TEST_F(Order, ABlockIsSavedWhileItsBucketIsHeld)
+{
+    Program program;
+    program.beginFullBackup(sda(), 1);
+    Backup* b = recordOf(program);
+    std::vector<bool> held;
+    atSlabAllocation = isHeld(&b->blockTable[7]->sem, held);
+    EXPECT_EQ(save(b, 7), 0);
+    atSlabAllocation = nullptr;
+    EXPECT_EQ(held, (std::vector<bool>{true, true})) << "at the entry's allocation and at its buffer's";
+    EXPECT_EQ(program.close(), 0);
+}
+
+TEST_F(Order, ABlockIsTakenOutWhileItsBucketIsHeld)
+{
+    Program program;
+    program.beginFullBackup(sda(), 1);
+    Backup* b = recordOf(program);
+    ASSERT_EQ(save(b, 7), 0);
+    std::vector<bool> held;
+    atSlabFree = isHeld(&b->blockTable[7]->sem, held);
+    Bytes data(4096);
+    EXPECT_EQ(cacheRead(b, data.data(), 7), 4096);
+    atSlabFree = nullptr;
+    EXPECT_EQ(held, (std::vector<bool>{true, true})) << "at the free of the buffer and of the entry";
+    EXPECT_EQ(program.close(), 0);
+}
+
+TEST_F(Order, TheCacheIsCleanedWhileTheBucketIsHeld)
+{
+    Program program;
+    program.beginFullBackup(sda(), 1);
+    Backup* b = recordOf(program);
+    ASSERT_EQ(save(b, 7), 0);
+    ASSERT_EQ(unSetBlock(&b->blockMap, 7), 0);
+    std::vector<bool> held;
+    atSlabFree = isHeld(&b->blockTable[7]->sem, held);
+    EXPECT_EQ(cleanUpCache(b), 0);
+    atSlabFree = nullptr;
+    EXPECT_EQ(held, (std::vector<bool>{true, true})) << "at the free of the buffer and of the entry";
+    EXPECT_EQ(program.close(), 0);
+}
+
+TEST_F(Order, TheCacheIsFreedWhileEachBucketIsHeld)
+{
+    Program program;
+    program.beginFullBackup(sda(), 1);
+    Backup* b = recordOf(program);
+    ASSERT_EQ(save(b, 7), 0);
+    std::vector<bool> held;
+    semaphore* sem = &b->blockTable[7]->sem;
+    atSlabFree = [&, look = isHeld(sem, held)] {
+        if (held.size() < 2) // later ones free the buckets
+            look();
+    };
+    EXPECT_EQ(program.close(), 0);
+    atSlabFree = nullptr;
+    EXPECT_EQ(held, (std::vector<bool>{true, true})) << "at the free of the buffer and of the entry";
+}
+
+TEST_F(Order, TheCacheIsGoneWhenItsBucketsAreFreeAgain)
+{
+    Program program;
+    program.beginFullBackup(sda(), 1);
+    Backup* b = recordOf(program);
+    std::vector<bool> held;
+    atSlabEnd = [&] {
+        if (!held.empty())
+            return;
+        for (u32 i = 0; i < CACHE_BUCKETS; i++)
+            isHeld(&b->blockTable[i]->sem, held)();
+    };
+    EXPECT_EQ(program.close(), 0);
+    EXPECT_EQ(held, std::vector<bool>(CACHE_BUCKETS, false));
 }

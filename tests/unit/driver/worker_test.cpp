@@ -131,6 +131,27 @@ TEST_F(Worker, QueueTakesRequestsAgainAfterItRanEmpty)
 
 // ---- Processing
 
+class WorkerOnASlowDisk : public SlowDiskTest
+{
+};
+
+TEST_F(WorkerOnASlowDisk, SavesABlockWhenItsReadHasEnded)
+{
+    SlowStore& slow = beginOnSlowDisk(7, 8, 100);
+    Backup* b = recordOf(program);
+    const Bytes fresh = filled(kBlock, 0xAA);
+    std::thread writer([&] { EXPECT_EQ(slowDisk_->write(7 * kBlock, fresh, 0), 0); });
+    EXPECT_TRUE(eventually([&] { return slow.keptBytes() == kBlock; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(held(b), 1);
+    EXPECT_EQ(entryOf(b, 7), nullptr);
+    slow.serve();
+    writer.join();
+    settle(b);
+    ASSERT_NE(entryOf(b, 7), nullptr);
+    EXPECT_EQ(std::memcmp(entryOf(b, 7)->data, filled(kBlock, 8).data(), kBlock), 0);
+}
+
 TEST_F(Worker, SavesTheContentsFromBeforeTheFirstOfTwoHeldWrites)
 {
     Backup* b = begin();
