@@ -524,6 +524,17 @@ TEST_F(Locking, TheWorkerTakesNothingBeforeTheSnapshot)
 class LockingOnFailure : public Locking
 {
   protected:
+    // Runs `act`, which finds the queue of sda1 and then comes to the registry; before it gets in, the disk vanishes, and
+    // the platform does not tell of it.
+    void whileTheDiskVanishes(const std::function<void()>& act)
+    {
+        EXPECT_TRUE(waitsForLock(&queueListUsersLock, act, [&] {
+            std::thread([&] { sda().disk().unplug(); }).join();
+            for (u32 partition : {1, 2})
+                set_mb(&sessionOf(sda().device(partition))->state, 1);
+            return true;
+        }));
+    }
     void TearDown() override
     {
         hosted::faults::clear();
@@ -572,6 +583,27 @@ TEST_F(LockingOnFailure, AWriteThatCannotBeHeldEndsTrackingLast)
     hosted::faults::fail_allocation(1, unsigned(hosted::faults::Kind::kmalloc));
     EXPECT_TRUE(endsTrackingAfter(b, QUENDREL_STATE_QUEUE_FAILED, {},
                                   [&] { EXPECT_EQ(sda().writeBlock(1, 7, 0x77), 0); }));
+}
+
+TEST_F(LockingOnFailure, AnEndOnADiskThatVanishesMeanwhilePutsItsQueueOutOfSync)
+{
+    trackDevice(sda(), 1);
+    trackDevice(sda(), 2);
+    started();
+    set_mb(&sessionOf(sda().device(1))->state, 0);
+    whileTheDiskVanishes([&] { EXPECT_EQ(program.close(), 0); });
+    EXPECT_EQ(sessionOf(sda().device(1))->state, 0u);
+    EXPECT_EQ(sessionOf(sda().device(2))->state, 0u);
+}
+
+TEST_F(LockingOnFailure, AFailureOnADiskThatVanishesMeanwhilePutsItsQueueOutOfSync)
+{
+    trackDevice(sda(), 1);
+    trackDevice(sda(), 2);
+    Backup* b = started();
+    whileTheDiskVanishes([=] { errorAMS(b); });
+    EXPECT_EQ(sessionOf(sda().device(1))->state, 0u);
+    EXPECT_EQ(sessionOf(sda().device(2))->state, 0u);
 }
 
 } // namespace

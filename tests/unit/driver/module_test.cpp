@@ -58,6 +58,7 @@ TEST_F(Module, AFailedLoadFreesTheBusyLockAndClearsTheTrackingTable)
     driver_static_init();
     AutoMapSession stale{};
     amList[3][4] = &stale;
+    atomic_set(&initDone, 1);
     memset(&busyLock, 0x5A, sizeof busyLock);
     hosted::faults::fail_register(-EIO);
     EXPECT_EQ(qdrInit(), -EIO);

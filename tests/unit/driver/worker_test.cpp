@@ -2,6 +2,9 @@
 // kbackupd: the order in which held requests are saved, passed on and marked, and what it does when saving fails.
 #include "guest_io.h"
 
+#include <filesystem>
+#include <fstream>
+
 using namespace rig;
 using hosted::Op;
 using hosted::faults::Kind;
@@ -54,6 +57,19 @@ TEST_F(Worker, SaysWhenItStartsAndWhenItExits)
     EXPECT_EQ(linesOf(takeLog(), "backup_cache"), (Lines{"<6>backup_cache: backupd thread exiting\n"}));
     EXPECT_EQ(load_acquire(&backup_cachePID), 0);
     EXPECT_EQ(hosted::live().threads, 0);
+}
+
+TEST_F(Worker, IsCalledKbackupd)
+{
+    ASSERT_EQ(program.open(), 0);
+    ASSERT_EQ(program.start(sda().device(1), sda().blocks(1), 10), 0);
+    int found = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::getline(std::ifstream(task.path() / "comm"), name);
+        found += name == "kbackupd";
+    }
+    EXPECT_EQ(found, 1);
 }
 
 TEST_F(Worker, GivesBackTheCountThatItsStartTook)

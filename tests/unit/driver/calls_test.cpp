@@ -1,0 +1,247 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Calls of the platform whose effect is not to be seen on the hosted kernel, and answers and memory that it never gives:
+// the linker puts this file's functions in front of the platform's.
+#include "guest_io.h"
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+using namespace rig;
+using hosted::Op;
+
+namespace
+{
+
+constexpr u32 kBlock = 4096; // of sda1
+
+std::atomic<int> awake, killable, associations, reads, upToDate, unsupported, mapped, unmapped;
+std::atomic<bool> freedInUse, noDevices, dirtyMemory;
+std::function<void(const void* from)> atCopyOut;
+
+} // namespace
+
+extern "C" {
+#define COUNTED(name, parameters, arguments, counter)                                                                  \
+    void __real_##name parameters;                                                                                     \
+    void __wrap_##name parameters                                                                                      \
+    {                                                                                                                  \
+        counter++;                                                                                                     \
+        __real_##name arguments;                                                                                       \
+    }
+COUNTED(set_current_running, (), (), awake)
+COUNTED(allow_signal_kill, (), (), killable)
+COUNTED(bh_init_assoc, (buffer_head * bh), (bh), associations)
+COUNTED(bio_set_read, (bio * b), (b), reads)
+COUNTED(set_buffer_uptodate, (buffer_head * bh), (bh), upToDate)
+COUNTED(set_buffer_eopnotsupp, (buffer_head * bh), (bh), unsupported)
+COUNTED(kunmap, (page * p), (p), unmapped)
+#undef COUNTED
+
+void* __real_kmap(page* p);
+void* __wrap_kmap(page* p)
+{
+    mapped++;
+    return __real_kmap(p);
+}
+void __real_free_buffer_head(buffer_head* bh);
+void __wrap_free_buffer_head(buffer_head* bh)
+{
+    // The end of its read may be about to give up its own count.
+    for (int i = 0; i < 1000 && bh_count(bh) > 0; i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (bh_count(bh) > 0)
+        freedInUse = true;
+    __real_free_buffer_head(bh);
+}
+block_device* __real_bdget(kdev_t dev);
+block_device* __wrap_bdget(kdev_t dev) { return noDevices ? nullptr : __real_bdget(dev); }
+unsigned long __real_copy_to_user(user_addr to, const void* from, unsigned long bytes);
+unsigned long __wrap_copy_to_user(user_addr to, const void* from, unsigned long bytes)
+{
+    if (atCopyOut)
+        atCopyOut(from);
+    return __real_copy_to_user(to, from, bytes);
+}
+void* __real_kmalloc(kernel_size_t bytes, gfp_type gfp);
+void* __wrap_kmalloc(kernel_size_t bytes, gfp_type gfp)
+{
+    void* p = __real_kmalloc(bytes, gfp);
+    return p && dirtyMemory ? std::memset(p, 0xA5, bytes) : p;
+}
+void* __real_vmalloc(unsigned long bytes);
+void* __wrap_vmalloc(unsigned long bytes)
+{
+    void* p = __real_vmalloc(bytes);
+    return p && dirtyMemory ? std::memset(p, 0xA5, bytes) : p;
+}
+}
+
+namespace
+{
+
+class Calls : public CopyOnWriteTest
+{
+  protected:
+    void TearDown() override
+    {
+        noDevices = dirtyMemory = false;
+        atCopyOut = nullptr;
+        CopyOnWriteTest::TearDown();
+    }
+    Backup* begin()
+    {
+        program.beginFullBackup(sda(), 1);
+        return recordOf(program);
+    }
+};
+
+} // namespace
+
+// ---- What the hosted kernel does not show
+
+// A kernel's task may have been about to sleep.
+TEST_F(Calls, ARequestIsInterceptedInATaskThatIsAwake)
+{
+    begin();
+    awake = 0;
+    ASSERT_EQ(sda().writeBlock(1, 7, 0x77), 0);
+    EXPECT_EQ(awake, 1);
+}
+
+TEST_F(Calls, TheWorkerCanBeKilledBeforeTheStartEnds)
+{
+    killable = 0;
+    ASSERT_EQ(program.open(), 0);
+    ASSERT_EQ(program.start(sda().device(1), sda().blocks(1), 100), 0);
+    EXPECT_EQ(killable, 1);
+}
+
+TEST_F(Calls, TheWorkersRequestIsARead)
+{
+    Backup* b = begin();
+    reads = associations = 0;
+    write(b, 1, 7, 0x77);
+    EXPECT_EQ(reads, 1);
+    EXPECT_EQ(associations, 1);
+}
+
+TEST_F(Calls, TheRequestsOfAReadAreReads)
+{
+    begin();
+    reads = associations = 0;
+    EXPECT_EQ(program.readBlocks(5, 3), 0);
+    EXPECT_EQ(reads, 3);
+    EXPECT_EQ(associations, 3);
+}
+
+TEST_F(Calls, AReadThatEndsWellMarksItsBufferSo)
+{
+    Backup* b = begin();
+    upToDate = 0;
+    cacheBlock(b, nullptr, 7);
+    EXPECT_EQ(upToDate, 1);
+}
+
+TEST_F(Calls, AReadThatFailsDoesNotMarkItsBufferGood)
+{
+    Backup* b = begin();
+    upToDate = 0;
+    hosted::faults::fail_read(1);
+    cacheBlock(b, nullptr, 7);
+    hosted::faults::clear();
+    EXPECT_EQ(upToDate, 0);
+}
+
+TEST_F(Calls, AReadThatTheDeviceDoesNotKnowMarksItsBufferSo)
+{
+    Backup* b = begin();
+    page* p = alloc_page(GFP_NOIO);
+    buffer_head* bh = newBufferHead();
+    bio* bio = newReadBIO();
+    initBH(b, bh, p, 0, 7);
+    initBIO(b, bio, bh);
+    unsupported = 0;
+    qdrBIOEndIO(bio, -KERNEL_EOPNOTSUPP);
+    EXPECT_EQ(unsupported, 1);
+    free_buffer_head(bh);
+    bio_put(bio);
+    free_page_ref(p);
+}
+
+TEST_F(Calls, EveryPageOfAMapThatIsMappedIsUnmapped)
+{
+    mapped = unmapped = 0;
+    ASSERT_NO_FATAL_FAILURE(trackDevice(sda(), 1));
+    ASSERT_EQ(sda().writeBlock(1, 3, 0x33), 0);
+    program.open();
+    ASSERT_EQ(program.start(sda().device(1), sda().blocks(1), 100), 0);
+    ASSERT_EQ(program.snapshot(keyOf(sessionOf(sda().device(1)))), 0);
+    Bits changed(sda().blocks(1));
+    ASSERT_EQ(program.autoMap(changed), 0);
+    ASSERT_EQ(program.loadMap(changed), 0);
+    write(recordOf(program), 1, 3, 0x44);
+    EXPECT_GT(mapped, 0);
+    EXPECT_EQ(mapped, unmapped);
+}
+
+TEST_F(Calls, NoBufferHeadIsFreedWhileSomebodyUsesIt)
+{
+    Backup* b = begin();
+    freedInUse = false;
+    write(b, 1, 7, 0x77);
+    EXPECT_EQ(program.readBlocks(4, 3), 0);
+    EXPECT_FALSE(freedInUse);
+}
+
+TEST_F(Calls, TheChangedBlocksAreCopiedOutByAUserOfTheirMap)
+{
+    ASSERT_NO_FATAL_FAILURE(trackDevice(sda(), 1));
+    ASSERT_EQ(program.open(), 0);
+    ASSERT_EQ(program.start(sda().device(1), sda().blocks(1), 100), 0);
+    ASSERT_EQ(program.snapshot(keyOf(sessionOf(sda().device(1)))), 0);
+    Backup* b = recordOf(program);
+    int users = 0;
+    atCopyOut = [&](const void*) { users = atomic_read(&b->blockMap.users); };
+    Bits changed(sda().blocks(1));
+    ASSERT_EQ(program.autoMap(changed), 0);
+    EXPECT_EQ(users, 2) << "one more than the idle count";
+}
+
+// ---- What it never answers
+
+TEST_F(Calls, TheDiskOfADeviceThatCannotBeHadIsMinusOne)
+{
+    noDevices = true;
+    EXPECT_EQ(getDiskMinor(kdev_make(8, 17)), -1);
+    EXPECT_EQ(takeLog(), (Lines{"<3>getDiskMinor: Could not get block device for MAJOR=17, MINOR=0\n"}));
+}
+
+// ---- Memory that is not clean
+
+TEST_F(Calls, AMapThatGotOnlySomeOfItsPagesFreesThose)
+{
+    dirtyMemory = true;
+    const hosted::Live before = hosted::live();
+    hosted::faults::fail_allocation(3, unsigned(hosted::faults::Kind::page));
+    BlockMap map;
+    u32 pages;
+    EXPECT_EQ(newBlockMap(&map, 5 * BLOCKS_PER_MAP_PAGE, user_addr(0), 1, &pages), 5);
+    hosted::faults::clear();
+    EXPECT_EQ(hosted::live(), before);
+}
+
+TEST_F(Calls, TheCountersShowUserSpaceNothingOfTheMemoryTheyAreIn)
+{
+    ASSERT_EQ(program.open(), 0);
+    ASSERT_EQ(program.start(sda().device(1), sda().blocks(1), 100), 0);
+    Stats shown;
+    std::memset(&shown, 0xFF, sizeof shown);
+    atCopyOut = [&](const void* from) { std::memcpy(&shown, from, sizeof shown); };
+    dirtyMemory = true;
+    ioctlGetStats(recordOf(program), user_addr(0), sizeof shown);
+    EXPECT_EQ(shown.driverVerMajor, 0u);
+    EXPECT_EQ(shown.driverVerMinor, 0u);
+    EXPECT_EQ(shown.driverVerMinor2, 0u);
+    EXPECT_EQ(shown.minor, 1u);
+}
