@@ -18,6 +18,8 @@ constexpr u32 kBlock = 4096; // of sda1
 std::atomic<int> awake, killable, associations, reads, upToDate, unsupported, mapped, unmapped;
 std::atomic<bool> freedInUse, noDevices, dirtyMemory;
 std::function<void(const void* from)> atCopyOut;
+std::atomic<u32> slots;         // that each disk says it has; 0: as it is
+std::atomic<u32> lastPartition; // that a disk was asked for
 
 } // namespace
 
@@ -56,6 +58,14 @@ void __wrap_free_buffer_head(buffer_head* bh)
 }
 block_device* __real_bdget(kdev_t dev);
 block_device* __wrap_bdget(kdev_t dev) { return noDevices ? nullptr : __real_bdget(dev); }
+u32 __real_disk_partition_slots(gendisk* disk);
+u32 __wrap_disk_partition_slots(gendisk* disk) { return slots ? slots.load() : __real_disk_partition_slots(disk); }
+int __real_disk_partition(gendisk* disk, u32 index, sector_type* start, sector_type* sectors);
+int __wrap_disk_partition(gendisk* disk, u32 index, sector_type* start, sector_type* sectors)
+{
+    lastPartition = index;
+    return __real_disk_partition(disk, index, start, sectors);
+}
 unsigned long __real_copy_to_user(user_addr to, const void* from, unsigned long bytes);
 unsigned long __wrap_copy_to_user(user_addr to, const void* from, unsigned long bytes)
 {
@@ -86,6 +96,7 @@ class Calls : public CopyOnWriteTest
     void TearDown() override
     {
         noDevices = dirtyMemory = false;
+        slots = 0;
         atCopyOut = nullptr;
         CopyOnWriteTest::TearDown();
     }
@@ -215,6 +226,24 @@ TEST_F(Calls, TheDiskOfADeviceThatCannotBeHadIsMinusOne)
     noDevices = true;
     EXPECT_EQ(getDiskMinor(kdev_make(8, 17)), -1);
     EXPECT_EQ(takeLog(), (Lines{"<3>getDiskMinor: Could not get block device for MAJOR=17, MINOR=0\n"}));
+}
+
+TEST_F(Calls, ADiskIsAskedForThePartitionsThatItHasRoomFor)
+{
+    TestDisk& sdb = addDisk("sdb", 16, 400, {{1, 100, 100, 0}, {3, 200, 100, 0}});
+    RawBio bio(sdb.device(0), Op::read, 399, 512);
+    EXPECT_EQ(BIOToMinor(bio.get()), 16);
+    EXPECT_EQ(lastPartition, 3u);
+}
+
+// The numbers behind them are another disk's.
+TEST_F(Calls, ADiskIsAskedForThePartitionsThatHaveAMinorOfItsOwn)
+{
+    TestDisk& sdb = addDisk("sdb", 16, 400, {{1, 100, 100, 0}});
+    RawBio bio(sdb.device(0), Op::read, 399, 512);
+    slots = 64;
+    EXPECT_EQ(BIOToMinor(bio.get()), 16);
+    EXPECT_EQ(lastPartition, 15u);
 }
 
 // ---- Memory that is not clean

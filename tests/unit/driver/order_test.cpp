@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <map>
 #include <thread>
 
 using namespace rig;
@@ -14,6 +15,15 @@ namespace
 
 using Watcher = std::function<void()>;
 Watcher atRegistration, atUnregistration, atRandomByte, atSlabAllocation, atSlabFree, atSlabEnd;
+
+// Of each object that a close gives back, what it is.
+std::map<const void*, std::string> awaited;
+std::vector<std::string> givenBack;
+void note(const void* object)
+{
+    if (const auto at = awaited.find(object); at != awaited.end())
+        givenBack.push_back(at->second + (load_acquire(&backup_cachePID) ? ", the worker being there" : ""));
+}
 
 void look(const Watcher& watcher)
 {
@@ -27,6 +37,8 @@ class Order : public DriverTest
     void TearDown() override
     {
         atRegistration = atUnregistration = atRandomByte = atSlabAllocation = atSlabFree = atSlabEnd = nullptr;
+        awaited.clear();
+        givenBack.clear();
         DriverTest::TearDown();
     }
     // A look at whether a semaphore is held.
@@ -87,7 +99,26 @@ void __real_kmem_cache_destroy(kmem_cache* cache);
 void __wrap_kmem_cache_destroy(kmem_cache* cache)
 {
     look(atSlabEnd);
+    note(cache);
     __real_kmem_cache_destroy(cache);
+}
+void __real_vfree(const void* p);
+void __wrap_vfree(const void* p)
+{
+    note(p);
+    __real_vfree(p);
+}
+void __real_free_page_ref(page* p);
+void __wrap_free_page_ref(page* p)
+{
+    note(p);
+    __real_free_page_ref(p);
+}
+void __real_drop_super(super_block* sb);
+void __wrap_drop_super(super_block* sb)
+{
+    note(sb);
+    __real_drop_super(sb);
 }
 }
 
@@ -158,6 +189,7 @@ TEST_F(Order, ASnapshotPutsTheNewKeyInWithTheSessionHeld)
     spin_unlock_irqrestore(&ams->usersLock, flags);
     snapshot.join();
     EXPECT_NE(keyOf(ams), old);
+    EXPECT_EQ(bytes, unsigned(QUENDREL_KEY_BYTES));
     EXPECT_EQ(program.close(), 0);
 }
 
@@ -235,4 +267,28 @@ TEST_F(Order, TheCacheIsGoneWhenItsBucketsAreFreeAgain)
     };
     EXPECT_EQ(program.close(), 0);
     EXPECT_EQ(held, std::vector<bool>(CACHE_BUCKETS, false));
+}
+
+TEST_F(Order, ACloseStopsTheWorkerAndThenGivesBackWhatTheBackupHadOneAfterTheOther)
+{
+    Program program;
+    program.beginFullBackup(sda(), 1);
+    Backup* b = recordOf(program);
+    b->diskInfo.superBlock = get_super(b->diskInfo.bdev);
+    b->vmAreas[1].mmPages[0] = alloc_page(GFP_KERNEL); // of an area without a mapping, which would be gone by then
+    b->vmAreas[1].vmPages = 1;
+    atomic_inc(&b->curAllocPages);
+    awaited = {{b->vmAreas[1].mmPages[0], "transfer pages"},
+               {b->mmBIORequests, "slots"},
+               {b->cpCache, "cache entries"},
+               {b->dataCache, "cache contents"},
+               {b->diskInfo.superBlock, "super block"},
+               {b->blockMap.map, "backup's map"},
+               {b->cacheMap.map, "cache map"},
+               {b->blockTable, "buckets' table"},
+               {b->htCache, "buckets"}};
+    EXPECT_EQ(program.close(), 0);
+    EXPECT_EQ(givenBack, (std::vector<std::string>{"transfer pages", "slots", "cache entries", "cache contents",
+                                                   "super block", "backup's map", "cache map", "buckets' table",
+                                                   "buckets"}));
 }
