@@ -382,6 +382,15 @@ TEST_F(Interception, PassesAWriteUnprotectedWhenThereIsNoMemoryToHoldIt)
     EXPECT_EQ(takeLog(), Lines{});
 }
 
+TEST_F(Interception, HoldingARequestSaysThatThereIsNoMemory)
+{
+    program.beginFullBackup(sda(), 1);
+    RawBio bio(whole(), Op::write, kStart, kBlock);
+    hosted::faults::fail_allocation(1, unsigned(hosted::faults::Kind::kmalloc));
+    EXPECT_EQ(newMR(recordOf(program), queue(), bio.get(), 0, 0), 5);
+    EXPECT_EQ(held(recordOf(program)), 0);
+}
+
 TEST_F(Interception, AnswersMinusOneWhenThereIsNoMemoryToHoldARequest)
 {
     program.beginFullBackup(sda(), 1);

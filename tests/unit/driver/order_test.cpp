@@ -16,6 +16,8 @@ namespace
 using Watcher = std::function<void()>;
 Watcher atRegistration, atUnregistration, atRandomByte, atSlabAllocation, atSlabFree, atSlabEnd;
 
+std::function<void(const page*)> atMapping;
+
 // Of each object that a close gives back, what it is.
 std::map<const void*, std::string> awaited;
 std::vector<std::string> givenBack;
@@ -37,6 +39,7 @@ class Order : public DriverTest
     void TearDown() override
     {
         atRegistration = atUnregistration = atRandomByte = atSlabAllocation = atSlabFree = atSlabEnd = nullptr;
+        atMapping = nullptr;
         awaited.clear();
         givenBack.clear();
         DriverTest::TearDown();
@@ -101,6 +104,13 @@ void __wrap_kmem_cache_destroy(kmem_cache* cache)
     look(atSlabEnd);
     note(cache);
     __real_kmem_cache_destroy(cache);
+}
+void* __real_kmap(page* p);
+void* __wrap_kmap(page* p)
+{
+    if (atMapping)
+        atMapping(p);
+    return __real_kmap(p);
 }
 void __real_vfree(const void* p);
 void __wrap_vfree(const void* p)
@@ -233,6 +243,57 @@ TEST_F(Order, TheCacheIsCleanedWhileTheBucketIsHeld)
     EXPECT_EQ(cleanUpCache(b), 0);
     atSlabFree = nullptr;
     EXPECT_EQ(held, (std::vector<bool>{true, true})) << "at the free of the buffer and of the entry";
+    EXPECT_EQ(program.close(), 0);
+}
+
+TEST_F(Order, ACleanedBlockIsOffItsListBeforeItIsFreed)
+{
+    Program program;
+    program.beginFullBackup(sda(), 1);
+    Backup* b = recordOf(program);
+    ASSERT_EQ(save(b, 7), 0);
+    ASSERT_EQ(unSetBlock(&b->blockMap, 7), 0);
+    const CachePage* listed = b->blockTable[7]->busy;
+    ASSERT_NE(listed, nullptr);
+    atSlabFree = [&] { listed = b->blockTable[7]->busy; };
+    EXPECT_EQ(cleanUpCache(b), 0);
+    atSlabFree = nullptr;
+    EXPECT_EQ(listed, nullptr);
+    EXPECT_EQ(program.close(), 0);
+}
+
+TEST_F(Order, ABlockThatIsTakenOutIsOffItsListBeforeItIsFreed)
+{
+    Program program;
+    program.beginFullBackup(sda(), 1);
+    Backup* b = recordOf(program);
+    ASSERT_EQ(save(b, 7), 0);
+    const CachePage* listed = b->blockTable[7]->busy;
+    ASSERT_NE(listed, nullptr);
+    atSlabFree = [&] { listed = b->blockTable[7]->busy; };
+    Bytes data(4096);
+    EXPECT_EQ(cacheRead(b, data.data(), 7), 4096);
+    atSlabFree = nullptr;
+    EXPECT_EQ(listed, nullptr);
+    EXPECT_EQ(program.close(), 0);
+}
+
+// Unmarked while the backup still wanted it, it would be saved anew by a write, with contents after the snapshot.
+TEST_F(Order, ABlockThatIsTakenOutLeavesTheBackupsMapBeforeItIsUnmarked)
+{
+    Program program;
+    program.beginFullBackup(sda(), 1);
+    Backup* b = recordOf(program);
+    ASSERT_EQ(save(b, 7), 0);
+    ASSERT_EQ(setBlock(&b->cacheMap, 7), 0u);
+    const auto* wanted = static_cast<const unsigned char*>(page_address(b->blockMap.map[0]));
+    bool unmarkedFirst = false;
+    atMapping = [&](const page* p) { unmarkedFirst |= p == b->cacheMap.map[0] && (*wanted & 1 << 7); };
+    Bytes data(4096);
+    EXPECT_EQ(cacheRead(b, data.data(), 7), 4096);
+    atMapping = nullptr;
+    EXPECT_FALSE(*wanted & 1 << 7);
+    EXPECT_FALSE(unmarkedFirst);
     EXPECT_EQ(program.close(), 0);
 }
 

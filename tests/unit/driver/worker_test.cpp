@@ -130,6 +130,21 @@ TEST_F(Worker, QueueIsFirstInFirstOut)
     EXPECT_EQ(atomic_read(&b->mrInQueue), 3); // only processing takes a request off the count
 }
 
+TEST_F(Worker, QueueTakesARequestBehindOneThatIsLeft)
+{
+    QueueRecord b;
+    MakeRequest first{}, second{}, third{};
+    addMRToQueue(b.get(), &first);
+    addMRToQueue(b.get(), &second);
+    EXPECT_EQ(getTopMR(b.get()), &first);
+    addMRToQueue(b.get(), &third);
+    EXPECT_EQ(getTopMR(b.get()), &second);
+    EXPECT_EQ(getTopMR(b.get()), &third);
+    EXPECT_EQ(getTopMR(b.get()), nullptr);
+    for (int i = 0; i < 3; i++)
+        EXPECT_EQ(down_trylock(&signalThread), 0);
+}
+
 TEST_F(Worker, QueueTakesRequestsAgainAfterItRanEmpty)
 {
     QueueRecord b;
