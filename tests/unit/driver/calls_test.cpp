@@ -16,7 +16,8 @@ namespace
 constexpr u32 kBlock = 4096; // of sda1
 
 std::atomic<int> awake, killable, associations, reads, upToDate, unsupported, mapped, unmapped;
-std::atomic<bool> freedInUse, noDevices, dirtyMemory;
+std::atomic<int> waitedFor;
+std::atomic<bool> putWithBuffer, freedInUse, noDevices, dirtyMemory;
 std::function<void(const void* from)> atCopyOut;
 std::atomic<u32> slots;         // that each disk says it has; 0: as it is
 std::atomic<u32> lastPartition; // that a disk was asked for
@@ -37,6 +38,7 @@ COUNTED(bh_init_assoc, (buffer_head * bh), (bh), associations)
 COUNTED(bio_set_read, (bio * b), (b), reads)
 COUNTED(set_buffer_uptodate, (buffer_head * bh), (bh), upToDate)
 COUNTED(set_buffer_eopnotsupp, (buffer_head * bh), (bh), unsupported)
+COUNTED(wait_on_buffer_locked, (buffer_head * bh), (bh), waitedFor)
 COUNTED(kunmap, (page * p), (p), unmapped)
 #undef COUNTED
 
@@ -55,6 +57,13 @@ void __wrap_free_buffer_head(buffer_head* bh)
     if (bh_count(bh) > 0)
         freedInUse = true;
     __real_free_buffer_head(bh);
+}
+void __real_bio_put(bio* b);
+void __wrap_bio_put(bio* b)
+{
+    if (b->references == 1 && bio_private(b))
+        putWithBuffer = true;
+    __real_bio_put(b);
 }
 block_device* __real_bdget(kdev_t dev);
 block_device* __wrap_bdget(kdev_t dev) { return noDevices ? nullptr : __real_bdget(dev); }
@@ -203,6 +212,38 @@ TEST_F(Calls, NoBufferHeadIsFreedWhileSomebodyUsesIt)
     write(b, 1, 7, 0x77);
     EXPECT_EQ(program.readBlocks(4, 3), 0);
     EXPECT_FALSE(freedInUse);
+}
+
+TEST_F(Calls, ARequestOfAReadEndsWithoutItsBuffer)
+{
+    begin();
+    putWithBuffer = false;
+    EXPECT_EQ(program.readBlocks(4, 3), 0);
+    EXPECT_FALSE(putWithBuffer);
+}
+
+TEST_F(Calls, ABufferIsWaitedForIfItIsLockedOrNobodyUsesIt)
+{
+    begin();
+    buffer_head* bh = newBufferHead();
+    waitedFor = 0;
+    wait_on_buffer(bh);
+    EXPECT_EQ(waitedFor, 1) << "unlocked and unused";
+    get_bh(bh);
+    wait_on_buffer(bh);
+    EXPECT_EQ(waitedFor, 1) << "unlocked and used";
+    put_bh(bh);
+    free_buffer_head(bh);
+}
+
+TEST_F(Calls, AReadUsesTheSlotsOfItsRunAndNoMore)
+{
+    Backup* b = begin();
+    BIORequest* const stranger = reinterpret_cast<BIORequest*>(0x10);
+    b->mmBIORequests[3] = stranger;
+    EXPECT_EQ(program.readBlocks(5, 3), 0);
+    EXPECT_EQ(b->mmBIORequests[3], stranger);
+    b->mmBIORequests[3] = nullptr;
 }
 
 TEST_F(Calls, TheChangedBlocksAreCopiedOutByAUserOfTheirMap)

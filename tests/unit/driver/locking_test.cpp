@@ -229,6 +229,14 @@ TEST_F(Locking, TheSlotIsGivenBackWithItsLockHeld)
     EXPECT_TRUE(waitsForLock(&busyLock, [&] { EXPECT_EQ(program.close(), 0); }, [] { return atomic_read(&busy) == 1; }));
 }
 
+TEST_F(Locking, ACloseLeavesTheHookUntilNoRequestIsBeingDecided)
+{
+    Backup* b = begin();
+    down_read(&b->writers);
+    EXPECT_TRUE(waits([&] { EXPECT_EQ(program.close(), 0); }, [=] { up_read(&b->writers); },
+                      [&] { return hookOf(sda()) == qdrMRF; }));
+}
+
 TEST_F(Locking, ACloseKeepsTheRecordWhileItWaits)
 {
     Backup* b = started();
@@ -335,8 +343,9 @@ TEST_F(Locking, AQueueIsGivenBackAsAReaderOfTheTable)
 {
     trackDevice(sda(), 1);
     const AutoMapSession* ams = sessionOf(sda().device(1));
-    EXPECT_TRUE(waitsForLock(&amListUsersLock, [&] { unsetQueueMRFAMS(sda().disk().queue()); },
-                             [=] { return load_acquire(&ams->state) == 1; }));
+    EXPECT_TRUE(waitsForLock(&amListUsersLock, [&] { unsetQueueMRFAMS(sda().disk().queue()); }, [=] {
+        return load_acquire(&ams->state) == 1 && atomic_read(&amListUsers) == 1;
+    }));
 }
 
 TEST_F(Locking, ASessionIsTakenOutWithNoReaderInTheTable)

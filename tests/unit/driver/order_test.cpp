@@ -17,6 +17,9 @@ using Watcher = std::function<void()>;
 Watcher atRegistration, atUnregistration, atRandomByte, atSlabAllocation, atSlabFree, atSlabEnd;
 
 std::function<void(const page*)> atMapping;
+std::function<void(const void*)> atFree; // of a record
+std::function<void(request_queue*)> atHook;
+Watcher atPageFree, atMappingsOperations;
 
 // Of each object that a close gives back, what it is.
 std::map<const void*, std::string> awaited;
@@ -40,6 +43,9 @@ class Order : public DriverTest
     {
         atRegistration = atUnregistration = atRandomByte = atSlabAllocation = atSlabFree = atSlabEnd = nullptr;
         atMapping = nullptr;
+        atFree = nullptr;
+        atHook = nullptr;
+        atPageFree = atMappingsOperations = nullptr;
         awaited.clear();
         givenBack.clear();
         DriverTest::TearDown();
@@ -121,8 +127,29 @@ void __wrap_vfree(const void* p)
 void __real_free_page_ref(page* p);
 void __wrap_free_page_ref(page* p)
 {
+    look(atPageFree);
     note(p);
     __real_free_page_ref(p);
+}
+void __real_kfree(const void* p);
+void __wrap_kfree(const void* p)
+{
+    if (atFree)
+        atFree(p);
+    __real_kfree(p);
+}
+void __real_queue_set_make_request_fn(request_queue* q, make_request_fn* fn);
+void __wrap_queue_set_make_request_fn(request_queue* q, make_request_fn* fn)
+{
+    if (atHook)
+        atHook(q);
+    __real_queue_set_make_request_fn(q, fn);
+}
+void __real_vma_set_ops(vm_area_struct* vma, const vm_operations* ops);
+void __wrap_vma_set_ops(vm_area_struct* vma, const vm_operations* ops)
+{
+    look(atMappingsOperations);
+    __real_vma_set_ops(vma, ops);
 }
 void __real_drop_super(super_block* sb);
 void __wrap_drop_super(super_block* sb)
@@ -160,18 +187,24 @@ TEST_F(Order, AnUnloadTakesTheDeviceAwayWhenNoSessionAndNoHookIsLeft)
 {
     ASSERT_NO_FATAL_FAILURE(trackDevice(sda(), 1));
     ASSERT_EQ(hookOf(sda()), qdrAMRF);
+    // A device without a session, which the end of the sessions leaves registered.
+    addQueueToList(sda().disk().queue(), sda().device(2));
+    takeLog();
     bool asked = false, tracked = true, registered = true, hooked = true;
+    Lines said;
     atUnregistration = [&] {
         asked = true;
         tracked = sessionOf(sda().device(1)) != nullptr;
         registered = !registryIsEmpty();
         hooked = hookOf(sda()) == qdrAMRF;
+        said = hosted::log_lines();
     };
     ASSERT_EQ(hosted::unload_driver(), 0);
     EXPECT_TRUE(asked);
     EXPECT_FALSE(tracked);
     EXPECT_FALSE(registered);
     EXPECT_FALSE(hooked);
+    EXPECT_EQ(said, Lines{}) << "that it is ready is said when it is";
 }
 
 TEST_F(Order, ASnapshotPutsTheNewKeyInWithTheSessionHeld)
@@ -352,4 +385,129 @@ TEST_F(Order, ACloseStopsTheWorkerAndThenGivesBackWhatTheBackupHadOneAfterTheOth
     EXPECT_EQ(givenBack, (std::vector<std::string>{"transfer pages", "slots", "cache entries", "cache contents",
                                                    "super block", "backup's map", "cache map", "buckets' table",
                                                    "buckets"}));
+}
+
+TEST_F(Order, ACloseTakesTheRecordOffTheFileFirstAndLetsGoOfTheModuleLast)
+{
+    Program program;
+    program.beginFullBackup(sda(), 1);
+    Backup* b = recordOf(program);
+    bool asked = false, onTheFile = true;
+    int references = 0;
+    atFree = [&](const void* p) {
+        if (p != b)
+            return;
+        asked = true;
+        onTheFile = recordOf(program) != nullptr;
+        references = hosted::driver_references();
+    };
+    EXPECT_EQ(program.close(), 0);
+    EXPECT_TRUE(asked);
+    EXPECT_FALSE(onTheFile);
+    EXPECT_EQ(references, 1);
+}
+
+// ---- Transfer areas
+
+TEST_F(Order, AMappingIsPublishedWhenItIsComplete)
+{
+    Program program;
+    program.beginSnapshot(sda(), 1);
+    Backup* b = recordOf(program);
+    bool asked = false, published = true;
+    atMappingsOperations = [&] {
+        asked = true;
+        published = load_acquire(&b->vmAreas[1].vma) != nullptr;
+    };
+    ASSERT_EQ(program.map(1, 1), 0);
+    EXPECT_TRUE(asked);
+    EXPECT_FALSE(published);
+    EXPECT_EQ(program.close(), 0);
+}
+
+TEST_F(Order, AMappingIsWithdrawnBeforeItsPagesAreFreed)
+{
+    Program program;
+    program.beginSnapshot(sda(), 1);
+    Backup* b = recordOf(program);
+    ASSERT_EQ(program.map(1, 1), 0);
+    bool asked = false, published = true;
+    atPageFree = [&] {
+        asked = true;
+        published = load_acquire(&b->vmAreas[1].vma) != nullptr;
+    };
+    program.unmap(1);
+    atPageFree = nullptr;
+    EXPECT_TRUE(asked);
+    EXPECT_FALSE(published);
+    EXPECT_EQ(program.close(), 0);
+}
+
+// ---- The registry
+
+class RegistryOrder : public Order
+{
+  protected:
+    // Registers both devices of sda, runs `act`, and expects that it freed them and none of the records still listed.
+    void expectUnlinkedBeforeFreed(const std::function<void()>& act)
+    {
+        for (u32 partition : {1, 2})
+            addQueueToList(sda().disk().queue(), sda().device(partition));
+        unsigned freed = 0, listed = 0;
+        atFree = [&](const void* p) {
+            freed++;
+            for (QueueList* ql = nullptr; (ql = nextQueueList(ql));) {
+                listed += ql == p;
+                for (DevList* dev = nullptr; (dev = nextDevList(ql, dev));)
+                    listed += dev == p;
+            }
+        };
+        act();
+        atFree = nullptr;
+        EXPECT_EQ(freed, 3u) << "two devices and their queue";
+        EXPECT_EQ(listed, 0u);
+        EXPECT_TRUE(registryIsEmpty());
+    }
+};
+
+TEST_F(RegistryOrder, ADeviceGivenBackIsOffItsListBeforeItIsFreed)
+{
+    LooseBackup one(sda(), 1), two(sda(), 2);
+    expectUnlinkedBeforeFreed([&] {
+        unSetMRFDEV(&one->diskInfo);
+        unSetMRFDEV(&two->diskInfo);
+    });
+}
+
+TEST_F(RegistryOrder, AQueueGivenBackIsOffItsListBeforeItIsFreed)
+{
+    expectUnlinkedBeforeFreed([&] { unsetQueueMRFAMS(sda().disk().queue()); });
+}
+
+TEST_F(RegistryOrder, QueuesGivenBackAtTheUnloadAreOffTheirListBeforeTheyAreFreed)
+{
+    expectUnlinkedBeforeFreed([] { closeQueueList(); });
+}
+
+TEST_F(RegistryOrder, AQueuesFunctionIsChangedWhileTheQueueIsLocked)
+{
+    std::vector<std::thread> others;
+    std::atomic<int> entered{0};
+    std::vector<int> enteredBefore;
+    atHook = [&](request_queue* q) {
+        others.emplace_back([&entered, lock = queue_lock(q)] {
+            unsigned long flags;
+            spin_lock_irqsave(lock, &flags);
+            entered++;
+            spin_unlock_irqrestore(lock, flags);
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        enteredBefore.push_back(entered);
+    };
+    LooseBackup b(sda(), 1);
+    EXPECT_EQ(setMRF(b.get(), qdrMRF), 0);
+    others.back().join();
+    unSetMRFDEV(&b->diskInfo);
+    others.back().join();
+    EXPECT_EQ(enteredBefore, (std::vector<int>{0, 1})) << "nobody but the one of the change before";
 }
