@@ -19,6 +19,7 @@ std::atomic<int> awake, killable, associations, reads, upToDate, unsupported, ma
 std::atomic<int> waitedFor;
 std::atomic<bool> putWithBuffer, freedInUse, noDevices, dirtyMemory;
 std::function<void(const void* from)> atCopyOut;
+std::atomic<u32> blockSize;     // of each file system; 0: as it is
 std::atomic<u32> slots;         // that each disk says it has; 0: as it is
 std::atomic<u32> lastPartition; // that a disk was asked for
 
@@ -67,6 +68,8 @@ void __wrap_bio_put(bio* b)
 }
 block_device* __real_bdget(kdev_t dev);
 block_device* __wrap_bdget(kdev_t dev) { return noDevices ? nullptr : __real_bdget(dev); }
+u32 __real_super_block_size(super_block* sb);
+u32 __wrap_super_block_size(super_block* sb) { return blockSize ? blockSize.load() : __real_super_block_size(sb); }
 u32 __real_disk_partition_slots(gendisk* disk);
 u32 __wrap_disk_partition_slots(gendisk* disk) { return slots ? slots.load() : __real_disk_partition_slots(disk); }
 int __real_disk_partition(gendisk* disk, u32 index, sector_type* start, sector_type* sectors);
@@ -105,7 +108,7 @@ class Calls : public CopyOnWriteTest
     void TearDown() override
     {
         noDevices = dirtyMemory = false;
-        slots = 0;
+        blockSize = slots = 0;
         atCopyOut = nullptr;
         CopyOnWriteTest::TearDown();
     }
@@ -267,6 +270,22 @@ TEST_F(Calls, TheDiskOfADeviceThatCannotBeHadIsMinusOne)
     noDevices = true;
     EXPECT_EQ(getDiskMinor(kdev_make(8, 17)), -1);
     EXPECT_EQ(takeLog(), (Lines{"<3>getDiskMinor: Could not get block device for MAJOR=17, MINOR=0\n"}));
+}
+
+// The platforms mount none: a page would not hold what the worker reads.
+TEST_F(Calls, BlocksLargerThanAPageMakeNoLargerTransferAreasAndCannotBeRead)
+{
+    blockSize = 8192;
+    ASSERT_EQ(program.open(), 0);
+    ASSERT_EQ(program.start(sda().device(1), 100, 100), 0);
+    Backup* b = recordOf(program);
+    EXPECT_EQ(b->diskInfo.blocksPerPage, 0u);
+    EXPECT_EQ(b->diskInfo.sectorsPerBlock, 16);
+    EXPECT_EQ(b->diskInfo.sectorsPerBlockShift, 4);
+    EXPECT_EQ(b->maxVMPages, 256);
+    ASSERT_EQ(program.snapshot(), 0);
+    ASSERT_EQ(program.map(0, 2), 0);
+    EXPECT_EQ(program.readBlocks(5, 1), 2);
 }
 
 TEST_F(Calls, ADiskIsAskedForThePartitionsThatItHasRoomFor)
