@@ -19,6 +19,7 @@ Watcher atRegistration, atUnregistration, atRandomByte, atSlabAllocation, atSlab
 std::function<void(const page*)> atMapping;
 std::function<void(const void*)> atFree; // of a record
 std::function<void(request_queue*)> atHook;
+std::function<void(completion*)> atWait;
 Watcher atPageFree, atMappingsOperations;
 
 // Of each object that a close gives back, what it is.
@@ -45,6 +46,7 @@ class Order : public DriverTest
         atMapping = nullptr;
         atFree = nullptr;
         atHook = nullptr;
+        atWait = nullptr;
         atPageFree = atMappingsOperations = nullptr;
         awaited.clear();
         givenBack.clear();
@@ -137,6 +139,13 @@ void __wrap_kfree(const void* p)
     if (atFree)
         atFree(p);
     __real_kfree(p);
+}
+void __real_wait_for_completion(completion* c);
+void __wrap_wait_for_completion(completion* c)
+{
+    if (atWait)
+        atWait(c);
+    __real_wait_for_completion(c);
 }
 void __real_queue_set_make_request_fn(request_queue* q, make_request_fn* fn);
 void __wrap_queue_set_make_request_fn(request_queue* q, make_request_fn* fn)
@@ -405,6 +414,33 @@ TEST_F(Order, ACloseTakesTheRecordOffTheFileFirstAndLetsGoOfTheModuleLast)
     EXPECT_TRUE(asked);
     EXPECT_FALSE(onTheFile);
     EXPECT_EQ(references, 1);
+}
+
+TEST_F(Order, TheWorkersNumberIsForgottenWhenItHasGone)
+{
+    Program program;
+    program.beginSnapshot(sda(), 1);
+    bool asked = false, known = false;
+    atWait = [&](completion* c) {
+        asked |= c == &backup_cacheThreadExited;
+        known = load_acquire(&backup_cachePID) > 0;
+    };
+    EXPECT_EQ(program.close(), 0);
+    EXPECT_TRUE(asked);
+    EXPECT_TRUE(known);
+}
+
+TEST_F(Order, TheCountersAreLoggedBeforeTheirRecordIsFreed)
+{
+    Program program;
+    program.beginSnapshot(sda(), 1);
+    takeLog();
+    std::vector<bool> logged;
+    atFree = [&](const void*) { logged.push_back(!linesOf(hosted::log_lines(), "printStats").empty()); };
+    EXPECT_EQ(program.close(), 0);
+    atFree = nullptr;
+    ASSERT_GE(logged.size(), 2u);
+    EXPECT_TRUE(logged[logged.size() - 2]) << "the one before the backup's own record";
 }
 
 // ---- Transfer areas
