@@ -16,7 +16,7 @@ namespace
 constexpr u32 kBlock = 4096; // of sda1
 
 std::atomic<int> awake, killable, associations, reads, upToDate, unsupported, mapped, unmapped;
-std::atomic<int> waitedFor;
+std::atomic<int> waitedFor, usersAtUnlock, scheduled;
 std::atomic<bool> putWithBuffer, watchBuffers, freedInUse, noDevices, dirtyMemory;
 std::function<void(const void* from)> atCopyOut;
 std::atomic<u32> blockSize;     // of each file system; 0: as it is
@@ -40,6 +40,7 @@ COUNTED(bio_set_read, (bio * b), (b), reads)
 COUNTED(set_buffer_uptodate, (buffer_head * bh), (bh), upToDate)
 COUNTED(set_buffer_eopnotsupp, (buffer_head * bh), (bh), unsupported)
 COUNTED(wait_on_buffer_locked, (buffer_head * bh), (bh), waitedFor)
+COUNTED(schedule, (), (), scheduled)
 COUNTED(kunmap, (page * p), (p), unmapped)
 #undef COUNTED
 
@@ -58,6 +59,12 @@ void __wrap_free_buffer_head(buffer_head* bh)
     if (watchBuffers && bh_count(bh) >= 0)
         freedInUse = true;
     __real_free_buffer_head(bh);
+}
+void __real_unlock_buffer(buffer_head* bh);
+void __wrap_unlock_buffer(buffer_head* bh)
+{
+    usersAtUnlock = bh_count(bh);
+    __real_unlock_buffer(bh);
 }
 void __real_bio_put(bio* b);
 void __wrap_bio_put(bio* b)
@@ -208,6 +215,28 @@ TEST_F(Calls, EveryPageOfAMapThatIsMappedIsUnmapped)
     EXPECT_EQ(mapped, unmapped);
 }
 
+TEST_F(Calls, TheCountersAreReadByTheOneWhoHoldsTheRecord)
+{
+    Backup* b = begin();
+    Stats shown{};
+    atCopyOut = [&](const void* from) { std::memcpy(&shown, from, sizeof shown); };
+    down(&b->bSem);
+    std::thread asker([&] { ioctlGetStats(b, user_addr(0), sizeof shown); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    b->maxCacheBlocks = 4242;
+    up(&b->bSem);
+    asker.join();
+    EXPECT_EQ(shown.maxCacheBlocks, 4242u);
+}
+
+TEST_F(Calls, ABufferIsUnlockedBeforeTheEndOfItsReadDropsIt)
+{
+    Backup* b = begin();
+    usersAtUnlock = 0;
+    cacheBlock(b, nullptr, 7);
+    EXPECT_EQ(usersAtUnlock, 1);
+}
+
 // One count was taken, and both drop one: the platform takes no count below zero for an error.
 TEST_F(Calls, ABufferHeadIsFreedWhenTheEndOfItsReadAndWhoWaitedHaveDroppedIt)
 {
@@ -263,6 +292,111 @@ TEST_F(Calls, TheChangedBlocksAreCopiedOutByAUserOfTheirMap)
     Bits changed(sda().blocks(1));
     ASSERT_EQ(program.autoMap(changed), 0);
     EXPECT_EQ(users, 2) << "one more than the idle count";
+}
+
+// ---- Whoever waits in a loop gives up the processor
+
+class CallsInLoops : public Calls
+{
+  protected:
+    // Runs `act`, which waits until `release`, and releases it when it has given up the processor.
+    static void expectGivesUpTheProcessor(const std::function<void()>& act, const std::function<void()>& release)
+    {
+        scheduled = 0;
+        std::thread thread(act);
+        EXPECT_TRUE(eventually([] { return scheduled > 0; }));
+        release();
+        thread.join();
+    }
+    // Runs `act`, the first allocation of which fails.
+    static void expectTriesAgainLater(hosted::faults::Kind kind, const std::function<void()>& act)
+    {
+        scheduled = 0;
+        hosted::faults::fail_allocation(1, unsigned(kind));
+        act();
+        hosted::faults::clear();
+        EXPECT_EQ(scheduled, 1);
+    }
+};
+
+TEST_F(CallsInLoops, ForTheUsersOfAGateToLeave)
+{
+    atomic_inc(&amListUsers);
+    expectGivesUpTheProcessor([] { closeAllAMS(); }, [] { atomic_dec(&amListUsers); });
+}
+
+TEST_F(CallsInLoops, ForTheUsersOfASnapshotsSessionToLeave)
+{
+    ASSERT_NO_FATAL_FAILURE(trackDevice(sda(), 1));
+    AutoMapSession* ams = getAMS(sda().device(1));
+    const Key key = keyOf(ams);
+    ASSERT_EQ(program.open(), 0);
+    ASSERT_EQ(program.start(sda().device(1), sda().blocks(1), 100), 0);
+    expectGivesUpTheProcessor([&] { EXPECT_EQ(program.snapshot(key), 0); }, [=] { putAMS(ams); });
+}
+
+// That is with the requests of the backup held: the snapshot is their dividing line.
+TEST_F(CallsInLoops, ForTheUsersOfItsSessionAndKeepsRequestsOutMeanwhile)
+{
+    ASSERT_NO_FATAL_FAILURE(trackDevice(sda(), 1));
+    AutoMapSession* ams = getAMS(sda().device(1));
+    const Key key = keyOf(ams);
+    ASSERT_EQ(program.open(), 0);
+    ASSERT_EQ(program.start(sda().device(1), sda().blocks(1), 100), 0);
+    RawBio request(sda().device(0), Op::read, sectorOf(sda(), 1, 6), kBlock);
+    std::atomic<int> decided{-1};
+    std::thread other;
+    expectGivesUpTheProcessor([&] { EXPECT_EQ(program.snapshot(key), 0); },
+                              [&] {
+                                  other = std::thread([&] {
+                                      decided = cacheMRFBlock(sda().disk().queue(), request.get(), 1);
+                                  });
+                                  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                                  EXPECT_EQ(decided, -1);
+                                  putAMS(ams);
+                              });
+    other.join();
+    EXPECT_EQ(decided, 1) << "it is held for the snapshot";
+    EXPECT_TRUE(eventually([&] { return request.ends() == 1; }));
+    settle(recordOf(program));
+}
+
+TEST_F(CallsInLoops, ForTheHeldRequestsToEndAndSaysWhenTheWorkerHasGone)
+{
+    auto b = std::make_unique<Backup>();
+    spin_lock_init(&b->mrLock);
+    atomic_set(&b->mrInQueue, 1);
+    store_release(&backup_cachePID, 1234);
+    expectGivesUpTheProcessor(
+        [&] {
+            unsigned long flags;
+            waitForMRs(b.get(), &flags);
+        },
+        [&] {
+            EXPECT_EQ(takeLog(), Lines{});
+            store_release(&backup_cachePID, 0);
+        });
+    EXPECT_EQ(takeLog(), (Lines{"<3>waitForMRs: backup_cache thread died during waitForMRs\n"}));
+}
+
+TEST_F(CallsInLoops, ForABufferHead)
+{
+    buffer_head* bh = nullptr;
+    expectTriesAgainLater(hosted::faults::Kind::buffer_head, [&] { bh = newBufferHead(); });
+    free_buffer_head(bh);
+}
+
+TEST_F(CallsInLoops, ForABio)
+{
+    bio* b = nullptr;
+    expectTriesAgainLater(hosted::faults::Kind::bio, [&] { b = newReadBIO(); });
+    bio_put(b);
+}
+
+TEST_F(CallsInLoops, ForARecordOfTheRegistry)
+{
+    expectTriesAgainLater(hosted::faults::Kind::kmalloc,
+                          [&] { addQueueToList(sda().disk().queue(), sda().device(1)); });
 }
 
 // ---- What it never answers

@@ -20,6 +20,8 @@ std::function<void(const page*)> atMapping;
 std::function<void(const void*)> atFree; // of a record
 std::function<void(request_queue*)> atHook;
 std::function<void(completion*)> atWait;
+std::function<void(semaphore*)> atDown;
+Watcher onceAQueueIsFound;
 Watcher atPageFree, atMappingsOperations;
 
 // Of each object that a close gives back, what it is.
@@ -47,6 +49,8 @@ class Order : public DriverTest
         atFree = nullptr;
         atHook = nullptr;
         atWait = nullptr;
+        atDown = nullptr;
+        onceAQueueIsFound = nullptr;
         atPageFree = atMappingsOperations = nullptr;
         awaited.clear();
         givenBack.clear();
@@ -146,6 +150,20 @@ void __wrap_wait_for_completion(completion* c)
     if (atWait)
         atWait(c);
     __real_wait_for_completion(c);
+}
+void __real_down(semaphore* sem);
+void __wrap_down(semaphore* sem)
+{
+    if (atDown)
+        atDown(sem);
+    __real_down(sem);
+}
+request_queue* __real_disk_queue(gendisk* disk);
+request_queue* __wrap_disk_queue(gendisk* disk)
+{
+    request_queue* q = __real_disk_queue(disk);
+    look(std::exchange(onceAQueueIsFound, nullptr));
+    return q;
 }
 void __real_queue_set_make_request_fn(request_queue* q, make_request_fn* fn);
 void __wrap_queue_set_make_request_fn(request_queue* q, make_request_fn* fn)
@@ -337,6 +355,71 @@ TEST_F(Order, ABlockThatIsTakenOutLeavesTheBackupsMapBeforeItIsUnmarked)
     EXPECT_FALSE(*wanted & 1 << 7);
     EXPECT_FALSE(unmarkedFirst);
     EXPECT_EQ(program.close(), 0);
+}
+
+class CacheOrder : public Order
+{
+  protected:
+    // With block 7 in the cache, runs `act`, which comes to its bucket. Whether somebody else who wants the cache alone is
+    // kept out then.
+    static bool keepsOthersOut(Backup* b, const std::function<void()>& act)
+    {
+        std::thread other;
+        std::atomic<bool> entered{false};
+        bool kept = false;
+        atDown = [&](semaphore* sem) {
+            if (sem != &b->blockTable[7]->sem || other.joinable())
+                return;
+            other = std::thread([&] {
+                down_write(&b->cacheUsers);
+                entered = true;
+                up_write(&b->cacheUsers);
+            });
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            kept = !entered;
+        };
+        EXPECT_EQ(save(b, 7), 0);
+        EXPECT_TRUE(kept) << "when it was saved";
+        if (other.joinable())
+            other.join();
+        other = std::thread();
+        kept = entered = false;
+        act();
+        atDown = nullptr;
+        if (other.joinable())
+            other.join();
+        return kept;
+    }
+    Backup* begin()
+    {
+        program.beginFullBackup(sda(), 1);
+        return recordOf(program);
+    }
+    void TearDown() override
+    {
+        EXPECT_EQ(program.close(), 0);
+        Order::TearDown();
+    }
+    Program program;
+};
+
+TEST_F(CacheOrder, ABlockIsTakenOutByOneWhoStaysAUserOfTheCache)
+{
+    Backup* b = begin();
+    Bytes data(4096);
+    EXPECT_TRUE(keepsOthersOut(b, [&] { EXPECT_EQ(cacheRead(b, data.data(), 7), 4096); }));
+}
+
+TEST_F(CacheOrder, ADirtyBlockIsLookedForByOneWhoStaysAUserOfTheCache)
+{
+    Backup* b = begin();
+    EXPECT_TRUE(keepsOthersOut(b, [&] { EXPECT_EQ(anyDirtyBlock(b), 7u); }));
+}
+
+TEST_F(CacheOrder, TheCacheIsCleanedByOneWhoStaysAUserOfIt)
+{
+    Backup* b = begin();
+    EXPECT_TRUE(keepsOthersOut(b, [&] { EXPECT_EQ(cleanUpCache(b), 0); }));
 }
 
 TEST_F(Order, TheCacheIsFreedWhileEachBucketIsHeld)
@@ -546,4 +629,50 @@ TEST_F(RegistryOrder, AQueuesFunctionIsChangedWhileTheQueueIsLocked)
     unSetMRFDEV(&b->diskInfo);
     others.back().join();
     EXPECT_EQ(enteredBefore, (std::vector<int>{0, 1})) << "nobody but the one of the change before";
+}
+
+// ---- A disk that vanishes between two looks at its queue, which the platform does not tell of
+
+class VanishingDisk : public Order
+{
+  protected:
+    void SetUp() override
+    {
+        Order::SetUp();
+        trackDevice(sda(), 1);
+        trackDevice(sda(), 2);
+        EXPECT_EQ(program.open(), 0);
+        EXPECT_EQ(program.start(sda().device(1), sda().blocks(1), 100), 0);
+    }
+    void vanishOnceTheQueueIsFound()
+    {
+        onceAQueueIsFound = [&] {
+            sda().disk().unplug();
+            for (u32 partition : {1, 2})
+                set_mb(&sessionOf(sda().device(partition))->state, 1);
+        };
+    }
+    void expectOutOfSync()
+    {
+        EXPECT_FALSE(onceAQueueIsFound) << "no queue was looked for";
+        EXPECT_EQ(sessionOf(sda().device(1))->state, 0u);
+        EXPECT_EQ(sessionOf(sda().device(2))->state, 0u);
+    }
+    Program program;
+};
+
+TEST_F(VanishingDisk, AtTheEndOfABackupPutsItsSessionsOutOfSync)
+{
+    set_mb(&sessionOf(sda().device(1))->state, 0);
+    vanishOnceTheQueueIsFound();
+    EXPECT_EQ(program.close(), 0);
+    expectOutOfSync();
+}
+
+TEST_F(VanishingDisk, AtAFailurePutsItsSessionsOutOfSync)
+{
+    vanishOnceTheQueueIsFound();
+    errorAMS(recordOf(program));
+    expectOutOfSync();
+    EXPECT_EQ(program.close(), 0);
 }

@@ -453,25 +453,6 @@ TEST_F(Worker, DoesNothingForABlockOnceTheBackupHasFailed)
 
 // ---- Waiting for the queue to drain
 
-TEST_F(Worker, WaitEndsWithAMessageWhenTheThreadIsGone)
-{
-    QueueRecord b;
-    atomic_set(&b->mrInQueue, 1);
-    store_release(&backup_cachePID, 1234);
-    std::atomic<bool> over{false};
-    std::thread waiter([&] {
-        unsigned long flags;
-        waitForMRs(b.get(), &flags);
-        over = true;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_FALSE(over);
-    EXPECT_EQ(takeLog(), Lines{});
-    store_release(&backup_cachePID, 0);
-    waiter.join();
-    EXPECT_EQ(takeLog(), (Lines{"<3>waitForMRs: backup_cache thread died during waitForMRs\n"}));
-}
-
 TEST_F(Worker, WaitEndsWithoutAMessageWhenTheQueueIsEmptyOrThereIsNoThread)
 {
     QueueRecord b;
