@@ -40,7 +40,7 @@ quendrel::ControlDevice openControl(const fs::path& control)
         } catch (const quendrel::Error& error) {
             const bool busy = error.code() == QUENDREL_BUSY || error.code() == -EBUSY;
             if (!busy || std::chrono::steady_clock::now() >= give_up)
-                throw Failure{busy ? Exit::busy : Exit::refused, error.what()};
+                throw Failure{busy ? Exit::busy : exitOf(-error.code(), Exit::refused), error.what()};
         }
         std::this_thread::sleep_for(std::chrono::milliseconds{100});
     }
@@ -173,6 +173,8 @@ int commandBackup(const CommonOptions& common, const BackupOptions& options, con
             throw;
         } catch (const Failure& failure) {
             code = reportFailure(common.json, failure.exitCode(), failure.what());
+        } catch (const std::exception& error) {
+            code = reportFailure(common.json, static_cast<int>(Exit::failed), error.what());
         }
         if (code != 0 && (exit == 0 || exit == static_cast<int>(Exit::warned)))
             exit = code;

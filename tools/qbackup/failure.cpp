@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "failure.h"
 
+#include <cerrno>
 #include <cstring>
 
 namespace qbackup
@@ -17,6 +18,8 @@ void throwIfStopped(const StopSignal& stop)
     if (const int signal = stop.load(std::memory_order_relaxed); signal != 0)
         throw Interrupted{signal};
 }
+
+Exit exitOf(int number, Exit otherwise) { return number == EACCES || number == EPERM ? Exit::denied : otherwise; }
 
 std::string errnoText(int number) { return std::strerror(number); }
 

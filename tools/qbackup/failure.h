@@ -48,5 +48,7 @@ void throwIfStopped(const StopSignal& stop);
 
 // "No space left on device" and the like, for messages.
 std::string errnoText(int number);
+// The exit code of a run that such an error ends: `denied`, or what is given.
+Exit exitOf(int number, Exit otherwise = Exit::failed);
 
 } // namespace qbackup

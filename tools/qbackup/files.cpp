@@ -23,7 +23,7 @@ namespace
     std::string text = std::string{"cannot "} + what + " " + path.string() + ": " + errnoText(number);
     if (number == ENOSPC || number == EDQUOT)
         text += ". Free some space there, or choose another target, and run the command again";
-    throw Failure{number == EACCES || number == EPERM ? Exit::denied : Exit::failed, text};
+    throw Failure{exitOf(number), text};
 }
 
 } // namespace

@@ -178,8 +178,7 @@ Repository Repository::openForBackup(const fs::path& target, const std::string& 
                                          fs::weakly_canonical(target / "..").string()};
     const bool made = fs::create_directory(directory, error);
     if (error)
-        throw Failure{error == std::errc::permission_denied ? Exit::denied : Exit::refused,
-                      "cannot create " + directory.string() + ": " + error.message()};
+        throw Failure{exitOf(error.value(), Exit::refused), "cannot create " + directory.string() + ": " + error.message()};
     Repository repository{directory, lockDirectory(directory, patience), made ? Made{directory} : Made{}};
     for (const fs::path& entry : entriesOf(directory))
         if (entry.filename().string().starts_with(partial_prefix))

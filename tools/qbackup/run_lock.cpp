@@ -31,9 +31,9 @@ File openOrCreate(const fs::path& path)
 {
     const fs::path directory = path.parent_path();
     if (::mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST)
-        throw Failure{Exit::failed, "cannot make " + directory.string() + " for the lock: " + errnoText(errno) +
-                                        ". Whoever may use the control device only by its group needs the lock to be "
-                                        "there; a run as root makes it"};
+        throw Failure{exitOf(errno), "cannot make " + directory.string() + " for the lock: " + errnoText(errno) +
+                                         ". Whoever may use the control device only by its group needs the lock to be "
+                                         "there; a run as root makes it"};
     struct stat st {
     };
     if (::stat(directory.c_str(), &st) == 0 && (st.st_mode & S_IWOTH) != 0)

@@ -118,6 +118,23 @@ TEST(RunLock, MakesItsDirectoryForItsOwnerAlone)
     EXPECT_EQ(st.st_mode & 0777, 0755u);
 }
 
+TEST(RunLock, WhoMayNotMakeItsDirectoryIsToldSo)
+{
+    const Directory directory;
+    fs::permissions(directory.path(), fs::perms{0555});
+    // Root may write everywhere.
+    const uid_t me = ::geteuid();
+    ASSERT_EQ(me == 0 ? ::seteuid(65534) : 0, 0);
+    int exit = 0;
+    try {
+        const RunLock lock{directory / "new" / "lock", "one"};
+    } catch (const Failure& failure) {
+        exit = failure.exitCode();
+    }
+    ASSERT_EQ(::seteuid(me), 0);
+    EXPECT_EQ(exit, 8);
+}
+
 TEST(RunLock, StandsBesideASocketAndInRunQuendrelForANode)
 {
     const Directory directory;
