@@ -162,6 +162,22 @@ TEST_F(Second, ATargetOnTheFileSystemBeingBackedUpIsRefused)
             "wait for ever while its file system is frozen. Choose a place on another device\n");
 }
 
+TEST_F(Second, ARestoreOverWhatTheDaemonServesIsRefusedWhateverIsForced)
+{
+    serve(64, 4);
+    const Backup made = backup("full");
+    ASSERT_EQ(made.status, 0) << made.err;
+    const Outcome over_image = run_qbackup({"restore", "--force", "--from", target + "/sda1", "--to", image});
+    EXPECT_EQ(over_image.status, 3);
+    EXPECT_EQ(over_image.err, "qbackup: " + image + " is in use: another program (a second daemon?) serves it already; stop "
+                                                    "that one first\n");
+    const std::string disk = run_dir + "/disks/sda";
+    const Outcome over_disk = run_qbackup({"restore", "--force", "--from", target + "/sda1", "--to", disk});
+    EXPECT_EQ(over_disk.status, 3);
+    EXPECT_EQ(over_disk.err, "qbackup: " + disk + " is a disk that quendreld serves; restore to a file or a device, and have "
+                                                  "the daemon serve that\n");
+}
+
 struct FullTarget : BackupRig {
     // A file system of its own for the backups.
     void limit_target(const char* size, unsigned long flags = 0)
