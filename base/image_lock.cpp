@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-only
-#include "image_lock.h"
+#include "base/image_lock.h"
 
 #include <cerrno>
 #include <chrono>
