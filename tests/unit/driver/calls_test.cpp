@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
-// Calls of the platform whose effect is not to be seen on the hosted kernel, and answers and memory that it never gives:
-// the linker puts this file's functions in front of the platform's.
+// Calls of the platform whose effect is not to be seen on the hosted kernel, and answers and memory that it never
+// gives: the linker puts this file's functions in front of the platform's.
 #include "guest_io.h"
 
 #include <atomic>
@@ -348,9 +348,8 @@ TEST_F(CallsInLoops, ForTheUsersOfItsSessionAndKeepsRequestsOutMeanwhile)
     std::thread other;
     expectGivesUpTheProcessor([&] { EXPECT_EQ(program.snapshot(key), 0); },
                               [&] {
-                                  other = std::thread([&] {
-                                      decided = cacheMRFBlock(sda().disk().queue(), request.get(), 1);
-                                  });
+                                  other = std::thread(
+                                      [&] { decided = cacheMRFBlock(sda().disk().queue(), request.get(), 1); });
                                   std::this_thread::sleep_for(std::chrono::milliseconds(50));
                                   EXPECT_EQ(decided, -1);
                                   putAMS(ams);

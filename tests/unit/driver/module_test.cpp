@@ -105,7 +105,10 @@ TEST_F(Module, GlobalsStartIdle)
 }
 
 // Bytes and all: nothing of a load before may show through.
-template <typename Object> void scribble(Object& object) { std::memset(static_cast<void*>(&object), 0xA5, sizeof object); }
+template <typename Object> void scribble(Object& object)
+{
+    std::memset(static_cast<void*>(&object), 0xA5, sizeof object);
+}
 template <typename Object, typename Init> bool isAsMadeBy(const Object& object, Init init)
 {
     Object fresh;

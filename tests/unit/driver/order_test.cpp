@@ -360,8 +360,8 @@ TEST_F(Order, ABlockThatIsTakenOutLeavesTheBackupsMapBeforeItIsUnmarked)
 class CacheOrder : public Order
 {
   protected:
-    // With block 7 in the cache, runs `act`, which comes to its bucket. Whether somebody else who wants the cache alone is
-    // kept out then.
+    // With block 7 in the cache, runs `act`, which comes to its bucket. Whether somebody else who wants the cache alone
+    // is kept out then.
     static bool keepsOthersOut(Backup* b, const std::function<void()>& act)
     {
         std::thread other;
@@ -474,9 +474,9 @@ TEST_F(Order, ACloseStopsTheWorkerAndThenGivesBackWhatTheBackupHadOneAfterTheOth
                {b->blockTable, "buckets' table"},
                {b->htCache, "buckets"}};
     EXPECT_EQ(program.close(), 0);
-    EXPECT_EQ(givenBack, (std::vector<std::string>{"transfer pages", "slots", "cache entries", "cache contents",
-                                                   "super block", "backup's map", "cache map", "buckets' table",
-                                                   "buckets"}));
+    EXPECT_EQ(givenBack,
+              (std::vector<std::string>{"transfer pages", "slots", "cache entries", "cache contents", "super block",
+                                        "backup's map", "cache map", "buckets' table", "buckets"}));
 }
 
 TEST_F(Order, ACloseTakesTheRecordOffTheFileFirstAndLetsGoOfTheModuleLast)
