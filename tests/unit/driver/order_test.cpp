@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <map>
 #include <thread>
 
@@ -14,23 +15,25 @@ namespace
 {
 
 using Watcher = std::function<void()>;
-Watcher atRegistration, atUnregistration, atRandomByte, atSlabAllocation, atSlabFree, atSlabEnd;
 
-std::function<void(const page*)> atMapping;
-std::function<void(const void*)> atFree; // of a record
-std::function<void(request_queue*)> atHook;
-std::function<void(completion*)> atWait;
-std::function<void(semaphore*)> atDown;
-Watcher onceAQueueIsFound;
-Watcher atPageFree, atMappingsOperations;
+// What a test has to see at such calls.
+struct Watchers {
+    Watcher registration, unregistration, randomByte, slabAllocation, slabFree, slabEnd, pageFree, mappingsOperations;
+    Watcher firstQueue; // once
+    std::function<void(const page*)> mapping;
+    std::function<void(const void*)> free; // of a record
+    std::function<void(request_queue*)> hook;
+    std::function<void(completion*)> wait;
+    std::function<void(semaphore*)> down;
+} at;
 
 // Of each object that a close gives back, what it is.
 std::map<const void*, std::string> awaited;
 std::vector<std::string> givenBack;
 void note(const void* object)
 {
-    if (const auto at = awaited.find(object); at != awaited.end())
-        givenBack.push_back(at->second + (load_acquire(&backup_cachePID) ? ", the worker being there" : ""));
+    if (const auto found = awaited.find(object); found != awaited.end())
+        givenBack.push_back(found->second + (load_acquire(&backup_cachePID) ? ", the worker being there" : ""));
 }
 
 void look(const Watcher& watcher)
@@ -44,14 +47,7 @@ class Order : public DriverTest
   protected:
     void TearDown() override
     {
-        atRegistration = atUnregistration = atRandomByte = atSlabAllocation = atSlabFree = atSlabEnd = nullptr;
-        atMapping = nullptr;
-        atFree = nullptr;
-        atHook = nullptr;
-        atWait = nullptr;
-        atDown = nullptr;
-        onceAQueueIsFound = nullptr;
-        atPageFree = atMappingsOperations = nullptr;
+        at = {};
         awaited.clear();
         givenBack.clear();
         DriverTest::TearDown();
@@ -83,45 +79,45 @@ extern "C" {
 int __real_register_chrdev(unsigned major, const char* name, const file_operations* fops);
 int __wrap_register_chrdev(unsigned major, const char* name, const file_operations* fops)
 {
-    look(atRegistration);
+    look(at.registration);
     return __real_register_chrdev(major, name, fops);
 }
 void __real_unregister_chrdev(unsigned major, const char* name);
 void __wrap_unregister_chrdev(unsigned major, const char* name)
 {
-    look(atUnregistration);
+    look(at.unregistration);
     __real_unregister_chrdev(major, name);
 }
 void __real_get_random_bytes(void* to, int bytes);
 void __wrap_get_random_bytes(void* to, int bytes)
 {
     __real_get_random_bytes(to, bytes);
-    look(atRandomByte);
+    look(at.randomByte);
 }
 void* __real_kmem_cache_alloc(kmem_cache* cache, gfp_type gfp);
 void* __wrap_kmem_cache_alloc(kmem_cache* cache, gfp_type gfp)
 {
-    look(atSlabAllocation);
+    look(at.slabAllocation);
     return __real_kmem_cache_alloc(cache, gfp);
 }
 void __real_kmem_cache_free(kmem_cache* cache, void* object);
 void __wrap_kmem_cache_free(kmem_cache* cache, void* object)
 {
-    look(atSlabFree);
+    look(at.slabFree);
     __real_kmem_cache_free(cache, object);
 }
 void __real_kmem_cache_destroy(kmem_cache* cache);
 void __wrap_kmem_cache_destroy(kmem_cache* cache)
 {
-    look(atSlabEnd);
+    look(at.slabEnd);
     note(cache);
     __real_kmem_cache_destroy(cache);
 }
 void* __real_kmap(page* p);
 void* __wrap_kmap(page* p)
 {
-    if (atMapping)
-        atMapping(p);
+    if (at.mapping)
+        at.mapping(p);
     return __real_kmap(p);
 }
 void __real_vfree(const void* p);
@@ -133,49 +129,49 @@ void __wrap_vfree(const void* p)
 void __real_free_page_ref(page* p);
 void __wrap_free_page_ref(page* p)
 {
-    look(atPageFree);
+    look(at.pageFree);
     note(p);
     __real_free_page_ref(p);
 }
 void __real_kfree(const void* p);
 void __wrap_kfree(const void* p)
 {
-    if (atFree)
-        atFree(p);
+    if (at.free)
+        at.free(p);
     __real_kfree(p);
 }
 void __real_wait_for_completion(completion* c);
 void __wrap_wait_for_completion(completion* c)
 {
-    if (atWait)
-        atWait(c);
+    if (at.wait)
+        at.wait(c);
     __real_wait_for_completion(c);
 }
 void __real_down(semaphore* sem);
 void __wrap_down(semaphore* sem)
 {
-    if (atDown)
-        atDown(sem);
+    if (at.down)
+        at.down(sem);
     __real_down(sem);
 }
 request_queue* __real_disk_queue(gendisk* disk);
 request_queue* __wrap_disk_queue(gendisk* disk)
 {
     request_queue* q = __real_disk_queue(disk);
-    look(std::exchange(onceAQueueIsFound, nullptr));
+    look(std::exchange(at.firstQueue, nullptr));
     return q;
 }
 void __real_queue_set_make_request_fn(request_queue* q, make_request_fn* fn);
 void __wrap_queue_set_make_request_fn(request_queue* q, make_request_fn* fn)
 {
-    if (atHook)
-        atHook(q);
+    if (at.hook)
+        at.hook(q);
     __real_queue_set_make_request_fn(q, fn);
 }
 void __real_vma_set_ops(vm_area_struct* vma, const vm_operations* ops);
 void __wrap_vma_set_ops(vm_area_struct* vma, const vm_operations* ops)
 {
-    look(atMappingsOperations);
+    look(at.mappingsOperations);
     __real_vma_set_ops(vma, ops);
 }
 void __real_drop_super(super_block* sb);
@@ -190,7 +186,7 @@ TEST_F(Order, ALoadLetsNobodyInBeforeTheDeviceIsRegistered)
 {
     ASSERT_EQ(hosted::unload_driver(), 0);
     int done = -1;
-    atRegistration = [&] { done = atomic_read(&initDone); };
+    at.registration = [&] { done = atomic_read(&initDone); };
     ASSERT_EQ(hosted::load_driver(), 0);
     EXPECT_EQ(done, 0);
 }
@@ -201,7 +197,7 @@ TEST_F(Order, ALoadHasTheWorkersCountReadyBeforeTheDeviceIsRegistered)
     ASSERT_EQ(hosted::unload_driver(), 0);
     ASSERT_EQ(down_trylock(&signalThread), 0) << "the count of the load before";
     bool ready = false;
-    atRegistration = [&] {
+    at.registration = [&] {
         ready = down_trylock(&signalThread) == 0;
         if (ready)
             up(&signalThread);
@@ -219,7 +215,7 @@ TEST_F(Order, AnUnloadTakesTheDeviceAwayWhenNoSessionAndNoHookIsLeft)
     takeLog();
     bool asked = false, tracked = true, registered = true, hooked = true;
     Lines said;
-    atUnregistration = [&] {
+    at.unregistration = [&] {
         asked = true;
         tracked = sessionOf(sda().device(1)) != nullptr;
         registered = !registryIsEmpty();
@@ -244,7 +240,7 @@ TEST_F(Order, ASnapshotPutsTheNewKeyInWithTheSessionHeld)
     ASSERT_EQ(program.start(sda().device(1), sda().blocks(1), 100), 0);
     std::atomic<unsigned> bytes{0};
     std::atomic<bool> held{false};
-    atRandomByte = [&] {
+    at.randomByte = [&] {
         if (++bytes == QUENDREL_KEY_BYTES)
             while (!held)
                 std::this_thread::yield();
@@ -269,9 +265,9 @@ TEST_F(Order, ABlockIsSavedWhileItsBucketIsHeld)
     program.beginFullBackup(sda(), 1);
     Backup* b = recordOf(program);
     std::vector<bool> held;
-    atSlabAllocation = isHeld(&b->blockTable[7]->sem, held);
+    at.slabAllocation = isHeld(&b->blockTable[7]->sem, held);
     EXPECT_EQ(save(b, 7), 0);
-    atSlabAllocation = nullptr;
+    at.slabAllocation = nullptr;
     EXPECT_EQ(held, (std::vector<bool>{true, true})) << "at the entry's allocation and at its buffer's";
     EXPECT_EQ(program.close(), 0);
 }
@@ -283,10 +279,10 @@ TEST_F(Order, ABlockIsTakenOutWhileItsBucketIsHeld)
     Backup* b = recordOf(program);
     ASSERT_EQ(save(b, 7), 0);
     std::vector<bool> held;
-    atSlabFree = isHeld(&b->blockTable[7]->sem, held);
+    at.slabFree = isHeld(&b->blockTable[7]->sem, held);
     Bytes data(4096);
     EXPECT_EQ(cacheRead(b, data.data(), 7), 4096);
-    atSlabFree = nullptr;
+    at.slabFree = nullptr;
     EXPECT_EQ(held, (std::vector<bool>{true, true})) << "at the free of the buffer and of the entry";
     EXPECT_EQ(program.close(), 0);
 }
@@ -299,9 +295,9 @@ TEST_F(Order, TheCacheIsCleanedWhileTheBucketIsHeld)
     ASSERT_EQ(save(b, 7), 0);
     ASSERT_EQ(unSetBlock(&b->blockMap, 7), 0);
     std::vector<bool> held;
-    atSlabFree = isHeld(&b->blockTable[7]->sem, held);
+    at.slabFree = isHeld(&b->blockTable[7]->sem, held);
     EXPECT_EQ(cleanUpCache(b), 0);
-    atSlabFree = nullptr;
+    at.slabFree = nullptr;
     EXPECT_EQ(held, (std::vector<bool>{true, true})) << "at the free of the buffer and of the entry";
     EXPECT_EQ(program.close(), 0);
 }
@@ -315,9 +311,9 @@ TEST_F(Order, ACleanedBlockIsOffItsListBeforeItIsFreed)
     ASSERT_EQ(unSetBlock(&b->blockMap, 7), 0);
     const CachePage* listed = b->blockTable[7]->busy;
     ASSERT_NE(listed, nullptr);
-    atSlabFree = [&] { listed = b->blockTable[7]->busy; };
+    at.slabFree = [&] { listed = b->blockTable[7]->busy; };
     EXPECT_EQ(cleanUpCache(b), 0);
-    atSlabFree = nullptr;
+    at.slabFree = nullptr;
     EXPECT_EQ(listed, nullptr);
     EXPECT_EQ(program.close(), 0);
 }
@@ -330,10 +326,10 @@ TEST_F(Order, ABlockThatIsTakenOutIsOffItsListBeforeItIsFreed)
     ASSERT_EQ(save(b, 7), 0);
     const CachePage* listed = b->blockTable[7]->busy;
     ASSERT_NE(listed, nullptr);
-    atSlabFree = [&] { listed = b->blockTable[7]->busy; };
+    at.slabFree = [&] { listed = b->blockTable[7]->busy; };
     Bytes data(4096);
     EXPECT_EQ(cacheRead(b, data.data(), 7), 4096);
-    atSlabFree = nullptr;
+    at.slabFree = nullptr;
     EXPECT_EQ(listed, nullptr);
     EXPECT_EQ(program.close(), 0);
 }
@@ -348,10 +344,10 @@ TEST_F(Order, ABlockThatIsTakenOutLeavesTheBackupsMapBeforeItIsUnmarked)
     ASSERT_EQ(setBlock(&b->cacheMap, 7), 0u);
     const auto* wanted = static_cast<const unsigned char*>(page_address(b->blockMap.map[0]));
     bool unmarkedFirst = false;
-    atMapping = [&](const page* p) { unmarkedFirst |= p == b->cacheMap.map[0] && (*wanted & 1 << 7); };
+    at.mapping = [&](const page* p) { unmarkedFirst |= p == b->cacheMap.map[0] && (*wanted & 1 << 7); };
     Bytes data(4096);
     EXPECT_EQ(cacheRead(b, data.data(), 7), 4096);
-    atMapping = nullptr;
+    at.mapping = nullptr;
     EXPECT_FALSE(*wanted & 1 << 7);
     EXPECT_FALSE(unmarkedFirst);
     EXPECT_EQ(program.close(), 0);
@@ -367,7 +363,7 @@ class CacheOrder : public Order
         std::thread other;
         std::atomic<bool> entered{false};
         bool kept = false;
-        atDown = [&](semaphore* sem) {
+        at.down = [&](semaphore* sem) {
             if (sem != &b->blockTable[7]->sem || other.joinable())
                 return;
             other = std::thread([&] {
@@ -385,7 +381,7 @@ class CacheOrder : public Order
         other = std::thread();
         kept = entered = false;
         act();
-        atDown = nullptr;
+        at.down = nullptr;
         if (other.joinable())
             other.join();
         return kept;
@@ -430,12 +426,12 @@ TEST_F(Order, TheCacheIsFreedWhileEachBucketIsHeld)
     ASSERT_EQ(save(b, 7), 0);
     std::vector<bool> held;
     semaphore* sem = &b->blockTable[7]->sem;
-    atSlabFree = [&, look = isHeld(sem, held)] {
+    at.slabFree = [&, look = isHeld(sem, held)] {
         if (held.size() < 2) // later ones free the buckets
             look();
     };
     EXPECT_EQ(program.close(), 0);
-    atSlabFree = nullptr;
+    at.slabFree = nullptr;
     EXPECT_EQ(held, (std::vector<bool>{true, true})) << "at the free of the buffer and of the entry";
 }
 
@@ -445,7 +441,7 @@ TEST_F(Order, TheCacheIsGoneWhenItsBucketsAreFreeAgain)
     program.beginFullBackup(sda(), 1);
     Backup* b = recordOf(program);
     std::vector<bool> held;
-    atSlabEnd = [&] {
+    at.slabEnd = [&] {
         if (!held.empty())
             return;
         for (u32 i = 0; i < CACHE_BUCKETS; i++)
@@ -486,7 +482,7 @@ TEST_F(Order, ACloseTakesTheRecordOffTheFileFirstAndLetsGoOfTheModuleLast)
     Backup* b = recordOf(program);
     bool asked = false, onTheFile = true;
     int references = 0;
-    atFree = [&](const void* p) {
+    at.free = [&](const void* p) {
         if (p != b)
             return;
         asked = true;
@@ -504,7 +500,7 @@ TEST_F(Order, TheWorkersNumberIsForgottenWhenItHasGone)
     Program program;
     program.beginSnapshot(sda(), 1);
     bool asked = false, known = false;
-    atWait = [&](completion* c) {
+    at.wait = [&](completion* c) {
         asked |= c == &backup_cacheThreadExited;
         known = load_acquire(&backup_cachePID) > 0;
     };
@@ -519,9 +515,9 @@ TEST_F(Order, TheCountersAreLoggedBeforeTheirRecordIsFreed)
     program.beginSnapshot(sda(), 1);
     takeLog();
     std::vector<bool> logged;
-    atFree = [&](const void*) { logged.push_back(!linesOf(hosted::log_lines(), "printStats").empty()); };
+    at.free = [&](const void*) { logged.push_back(!linesOf(hosted::log_lines(), "printStats").empty()); };
     EXPECT_EQ(program.close(), 0);
-    atFree = nullptr;
+    at.free = nullptr;
     ASSERT_GE(logged.size(), 2u);
     EXPECT_TRUE(logged[logged.size() - 2]) << "the one before the backup's own record";
 }
@@ -534,7 +530,7 @@ TEST_F(Order, AMappingIsPublishedWhenItIsComplete)
     program.beginSnapshot(sda(), 1);
     Backup* b = recordOf(program);
     bool asked = false, published = true;
-    atMappingsOperations = [&] {
+    at.mappingsOperations = [&] {
         asked = true;
         published = load_acquire(&b->vmAreas[1].vma) != nullptr;
     };
@@ -551,12 +547,12 @@ TEST_F(Order, AMappingIsWithdrawnBeforeItsPagesAreFreed)
     Backup* b = recordOf(program);
     ASSERT_EQ(program.map(1, 1), 0);
     bool asked = false, published = true;
-    atPageFree = [&] {
+    at.pageFree = [&] {
         asked = true;
         published = load_acquire(&b->vmAreas[1].vma) != nullptr;
     };
     program.unmap(1);
-    atPageFree = nullptr;
+    at.pageFree = nullptr;
     EXPECT_TRUE(asked);
     EXPECT_FALSE(published);
     EXPECT_EQ(program.close(), 0);
@@ -573,7 +569,7 @@ class RegistryOrder : public Order
         for (u32 partition : {1, 2})
             addQueueToList(sda().disk().queue(), sda().device(partition));
         unsigned freed = 0, listed = 0;
-        atFree = [&](const void* p) {
+        at.free = [&](const void* p) {
             freed++;
             for (QueueList* ql = nullptr; (ql = nextQueueList(ql));) {
                 listed += ql == p;
@@ -582,7 +578,7 @@ class RegistryOrder : public Order
             }
         };
         act();
-        atFree = nullptr;
+        at.free = nullptr;
         EXPECT_EQ(freed, 3u) << "two devices and their queue";
         EXPECT_EQ(listed, 0u);
         EXPECT_TRUE(registryIsEmpty());
@@ -613,7 +609,7 @@ TEST_F(RegistryOrder, AQueuesFunctionIsChangedWhileTheQueueIsLocked)
     std::vector<std::thread> others;
     std::atomic<int> entered{0};
     std::vector<int> enteredBefore;
-    atHook = [&](request_queue* q) {
+    at.hook = [&](request_queue* q) {
         others.emplace_back([&entered, lock = queue_lock(q)] {
             unsigned long flags;
             spin_lock_irqsave(lock, &flags);
@@ -646,7 +642,7 @@ class VanishingDisk : public Order
     }
     void vanishOnceTheQueueIsFound()
     {
-        onceAQueueIsFound = [&] {
+        at.firstQueue = [&] {
             sda().disk().unplug();
             for (u32 partition : {1, 2})
                 set_mb(&sessionOf(sda().device(partition))->state, 1);
@@ -654,7 +650,7 @@ class VanishingDisk : public Order
     }
     void expectOutOfSync()
     {
-        EXPECT_FALSE(onceAQueueIsFound) << "no queue was looked for";
+        EXPECT_FALSE(at.firstQueue) << "no queue was looked for";
         EXPECT_EQ(sessionOf(sda().device(1))->state, 0u);
         EXPECT_EQ(sessionOf(sda().device(2))->state, 0u);
     }
