@@ -405,7 +405,7 @@ struct Crowd : BackupRig {
                         prove_all(made, device);
                     ++taken;
                 }
-                // A backup of one client makes the next one of another client a full one.
+                // The third leaves the disk to the others for a while.
                 for (unsigned i = 0; number == 2 && i < 50 && !over; ++i)
                     std::this_thread::sleep_for(100ms);
             }

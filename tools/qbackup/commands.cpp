@@ -119,6 +119,7 @@ Exit backUp(const CommonOptions& common, const BackupOptions& options, const std
     const RunLock lock{RunLock::placeFor(common.control),
                        "backup of " + job.device.name + " to " + fs::absolute(options.target).string(), common.control,
                        patience};
+    job.ledger = RunLock::placeFor(common.control).parent_path() / "ledger" / toString(job.device.number);
     const Repository repository = Repository::openForBackup(options.target, job.device.name, patience);
     if (options.wanted == Wanted::full || repository.backups().empty())
         if (const auto warning = checkSpace(job.device, host, options.target))

@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "engine.h"
 
+#include "ledger.h"
 #include "preflight.h"
 #include "transfer.h"
 #include "utc.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <limits>
 #include <optional>
+#include <vector>
 
 namespace qbackup
 {
@@ -18,6 +21,7 @@ namespace
 using quendrel::Bitmap;
 using quendrel::ControlDevice;
 using quendrel::Error;
+using quendrel::SessionKey;
 
 class Session
 {
@@ -33,6 +37,8 @@ class Session
     {
         measure();
         choosePrevious();
+        if (!job_.ledger.empty())
+            ledger_.emplace(job_.ledger, manifest_.instance, manifest_.blockSize, manifest_.blocks);
         PendingBackup pending = repository_.begin();
         start();
         Bitmap map = takeSnapshot();
@@ -49,10 +55,11 @@ class Session
     bool fellBack() const noexcept { return fell_back_; }
 
   private:
-    [[noreturn]] void lost(const std::string& what)
+    [[noreturn]] void lost(const std::string& what, bool still_tracked = false)
     {
-        throw Failure{Exit::failed, "the backup of " + job_.device.name + " failed: " + what +
-                                        ". Nothing was kept; the next backup will be a full one"};
+        const bool known = still_tracked && in_ledger_;
+        throw Failure{Exit::failed, "the backup of " + job_.device.name + " failed: " + what + ". Nothing was kept" +
+                                        (known ? "" : "; the next backup will be a full one")};
     }
 
     // Block size and number of blocks of the device, and what the manifest says of it.
@@ -149,29 +156,29 @@ class Session
     // Takes the snapshot and gives the blocks to copy.
     Bitmap takeSnapshot()
     {
-        if (!previous_)
-            device_->noLoadFromAutoMap();
-        snapshot(previous_ ? previous_->manifest.key : quendrel::SessionKey{});
-        if (previous_ && device_->state().state == QUENDREL_STATE_STARTED) {
+        std::optional<Bitmap> tracked; // since the snapshot whose key matched
+        const auto matched = snapshotSince(knownKeys());
+        if (!matched) {
             // A key that does not match is no error to the driver: only the state says that no snapshot was taken.
-            giveUpIncremental("changes were not tracked from backup " + previous_->manifest.id +
-                              " on (another backup was started since, or one failed)");
             device_->noLoadFromAutoMap();
             snapshot({});
         }
         expectState(QUENDREL_STATE_SNAPSHOT, "after the snapshot");
         manifest_.time = utcNow("%Y-%m-%dT%H:%M:%SZ");
-        std::optional<Bitmap> changed;
-        if (previous_) {
+        if (matched) {
             // Fetched before any map is loaded: loading one over it would leave the driver's pages behind.
-            changed = device_->autoMap(manifest_.blocks);
-            if (!changed)
-                giveUpIncremental("changes since backup " + previous_->manifest.id +
-                                  " are not known: the driver was loaded anew or its tracking fell out of sync");
-            else if (changed->count() == 0)
-                distrustEmptyMap(changed);
+            tracked = device_->autoMap(manifest_.blocks);
+            // Tracking that falls out of sync between the driver's look at the key and the freeze hands out an empty map,
+            // and nothing tells it from a device that nobody wrote to. Freezing a file system that is mounted for writing
+            // changes a block, so a really empty map is rare, and copying an idle device in full is cheaper than losing a
+            // change.
+            empty_map_ = tracked && tracked->count() == 0;
+            if (empty_map_)
+                tracked.reset();
         }
         rememberKey();
+        remember(matched, tracked);
+        std::optional<Bitmap> changed = changedSincePrevious(matched, std::move(tracked));
         manifest_.mode = changed ? Mode::incremental : Mode::full;
         if (changed) {
             manifest_.parent = previous_->manifest.id;
@@ -183,17 +190,74 @@ class Session
         return changed ? std::move(*changed) : Bitmap{manifest_.blocks, true};
     }
 
-    // Tracking that falls out of sync between the driver's look at the key and the freeze hands out an empty map, and
-    // nothing tells it from a device that nobody wrote to. Freezing a file system that is mounted for writing changes
-    // a block, so a really empty map is rare, and copying an idle device in full is cheaper than losing a change.
-    void distrustEmptyMap(std::optional<Bitmap>& changed)
+    // Those that may be the tracking session's.
+    std::vector<SessionKey> knownKeys() const
     {
-        giveUpIncremental("tracking names no changed block since backup " + previous_->manifest.id +
-                          ", which cannot be told from tracking that was lost");
-        changed.reset();
+        std::vector<SessionKey> keys;
+        if (ledger_ && ledger_->newest())
+            keys.push_back(*ledger_->newest());
+        if (previous_ && (keys.empty() || keys[0] != previous_->manifest.key))
+            keys.push_back(previous_->manifest.key);
+        return keys;
     }
 
-    void snapshot(const quendrel::SessionKey& key)
+    // Takes a snapshot with the first of the keys that is the tracking session's; that key, or nothing when none is.
+    std::optional<SessionKey> snapshotSince(const std::vector<SessionKey>& keys)
+    {
+        for (const SessionKey& key : keys) {
+            snapshot(key);
+            if (device_->state().state != QUENDREL_STATE_STARTED)
+                return key;
+        }
+        return std::nullopt;
+    }
+
+    // Puts what the snapshot has handed out where the next run finds it, whatever becomes of this one.
+    void remember(const std::optional<SessionKey>& matched, const std::optional<Bitmap>& tracked)
+    {
+        if (!ledger_)
+            return;
+        try {
+            if (!tracked) {
+                ledger_->begin(manifest_.key);
+            } else {
+                if (ledger_->newest() != matched)
+                    ledger_->begin(*matched);
+                ledger_->add(manifest_.key, *tracked);
+            }
+            in_ledger_ = true;
+        } catch (const std::exception& error) {
+            progress_.warn(std::string{error.what()} + ". Should this backup fail, the next one reads everything");
+        }
+    }
+
+    // What an incremental backup has to copy; nothing, and the reason is set, when there can be none.
+    std::optional<Bitmap> changedSincePrevious(const std::optional<SessionKey>& matched, std::optional<Bitmap> tracked)
+    {
+        if (!previous_)
+            return std::nullopt;
+        const Manifest& m = previous_->manifest;
+        if (!matched) {
+            giveUpIncremental("changes were not tracked from backup " + m.id +
+                              " on (another backup was started since, or one failed)");
+        } else if (empty_map_) {
+            giveUpIncremental("tracking names no changed block since backup " + m.id +
+                              ", which cannot be told from tracking that was lost");
+        } else if (!tracked) {
+            giveUpIncremental("changes since backup " + m.id +
+                              " are not known: the driver was loaded anew or its tracking fell out of sync");
+        } else if (*matched == m.key) {
+            return tracked;
+        } else if (auto changed = in_ledger_ ? ledger_->since(m.key) : std::nullopt) {
+            return changed;
+        } else {
+            giveUpIncremental("what changed since backup " + m.id +
+                              " is not known any more: tracking was lost since, or another program took a snapshot");
+        }
+        return std::nullopt;
+    }
+
+    void snapshot(const SessionKey& key)
     {
         throwIfStopped(stop_);
         device_->snapshot(key);
@@ -223,9 +287,12 @@ class Session
         try {
             transfer(*device_, map, manifest_.blockSize, area_bytes_, out, progress_, stop_);
         } catch (const Error& error) {
-            // A read is refused when the backup has failed meanwhile; the state says why.
+            // A read is refused when the backup has failed meanwhile; the state says why, and with it tracking has ended.
             const auto state = error.code() == QUENDREL_REFUSED ? device_->state().state : 0;
-            lost(state > QUENDREL_STATE_CLOSING ? quendrel::stateText(state) : error.what());
+            if (state > QUENDREL_STATE_CLOSING)
+                lost(quendrel::stateText(state));
+            // With a daemon goes its tracking.
+            lost(error.what(), error.code() != -ECONNRESET && error.code() != -EPIPE);
         }
         progress_.end();
     }
@@ -236,7 +303,8 @@ class Session
         expectState(QUENDREL_STATE_MAP_LOADED, "after the last block");
         if (device_->closes() != closes_)
             lost("another program closed the control device meanwhile, which ends the protection of a backup that runs "
-                 "(load the driver with exclusive=1 to keep others out)");
+                 "(load the driver with exclusive=1 to keep others out)",
+                 true);
         const auto tracking = device_->autoMapState();
         // First, as tracking does not outlive it.
         if (identity().instance != manifest_.instance)
@@ -265,6 +333,9 @@ class Session
     bool fell_back_ = false;
     std::size_t area_bytes_ = 0;
     std::optional<std::uint64_t> closes_; // of the control device, at the start
+    std::optional<Ledger> ledger_;
+    bool in_ledger_ = false; // the snapshot is
+    bool empty_map_ = false; // was handed out
 };
 
 } // namespace

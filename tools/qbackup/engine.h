@@ -1,8 +1,10 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
 // One backup, from the start of the driver's session to the stored result.
 //
-// Whatever goes wrong after the snapshot has given the tracking session a new key that no stored backup has, so the
-// next run finds that its key does not match and takes a full backup: a failed run never leaves a gap in a chain.
+// A snapshot gives the tracking session a new key, and hands out what was written since the one before. Both are put into
+// the device's ledger before anything else is done, so that a run that fails, or goes to another target, costs no other
+// backup its increment. What is not in the ledger is not known: then the key that a stored backup has does not match, and
+// a full one is taken. A failed run never leaves a gap in a chain.
 // The key belongs to a device number. Whether the same disk has stood behind it all the time is asked of the host: a disk
 // that was taken away may have been written to elsewhere.
 #pragma once
@@ -34,6 +36,7 @@ struct BackupJob {
     // What the device is known by as long as it is there, asked before the start, with the control device open, and
     // again at the end. Null: what `device` says.
     std::function<Identity()> identity{};
+    fs::path ledger{}; // the device's; empty: none is kept
 };
 
 constexpr std::uint64_t default_cache_bytes = 256ULL << 20;

@@ -16,6 +16,16 @@ using nlohmann::json;
 constexpr int format_version = 1;
 constexpr const char* self_field = "manifestHash";
 
+// The hash that a manifest carries of itself: of its text without that field. Object keys are sorted, so the text is
+// the same whoever writes it.
+std::string selfHash(json document)
+{
+    document.erase(self_field);
+    return hashText(asBytes(document.dump(2)));
+}
+
+} // namespace
+
 std::string toHex(std::span<const std::uint8_t> bytes)
 {
     constexpr char digits[] = "0123456789abcdef";
@@ -34,16 +44,6 @@ void fromHex(const std::string& text, std::span<std::uint8_t> bytes)
     for (std::size_t i = 0; i < bytes.size(); ++i)
         bytes[i] = static_cast<std::uint8_t>(std::stoi(text.substr(i * 2, 2), nullptr, 16));
 }
-
-// The hash that a manifest carries of itself: of its text without that field. Object keys are sorted, so the text is
-// the same whoever writes it.
-std::string selfHash(json document)
-{
-    document.erase(self_field);
-    return hashText(asBytes(document.dump(2)));
-}
-
-} // namespace
 
 const char* toString(Mode mode) { return mode == Mode::full ? "full" : "inc"; }
 

@@ -5,6 +5,7 @@
 #include "client/control_device.h"
 
 #include <cstdint>
+#include <span>
 #include <string>
 
 namespace qbackup
@@ -39,5 +40,9 @@ struct Manifest {
 std::string encode(const Manifest& manifest);
 // Throws Failure (damaged) that names `where` when the text is no manifest or was changed.
 Manifest decode(const std::string& text, const std::string& where);
+
+// Two hexadecimal digits a byte. fromHex() throws std::invalid_argument unless there are exactly that many.
+std::string toHex(std::span<const std::uint8_t> bytes);
+void fromHex(const std::string& text, std::span<std::uint8_t> bytes);
 
 } // namespace qbackup

@@ -94,10 +94,11 @@ class Machine
     BackupReport backup(Wanted wanted = Wanted::automatic, const PendingBackup::Watcher& watcher = {})
     {
         driver.clearEvents();
-        const Repository repository = Repository::openForBackup(directory.path(), "sda1");
+        const Repository repository = Repository::openForBackup(target.empty() ? directory.path() : target, "sda1");
         quendrel::ControlDevice device{fake::connect(driver), "memory"};
         Progress progress{Progress::Style::none};
-        return runBackup(std::move(device), repository, {sda1(), wanted, 0, [this] { return qbackup::Identity{instance, sda1().bytes}; }}, progress, stop, watcher);
+        BackupJob job{sda1(), wanted, 0, [this] { return qbackup::Identity{instance, sda1().bytes}; }, ledger};
+        return runBackup(std::move(device), repository, job, progress, stop, watcher);
     }
 
     Device sda1() const
@@ -123,6 +124,8 @@ class Machine
     fake::Driver driver;
     StopSignal stop{0};
     std::string instance; // of sda1
+    fs::path ledger;      // empty: none is kept
+    fs::path target;      // empty: `directory`
 };
 
 } // namespace test
