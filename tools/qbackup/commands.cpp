@@ -95,6 +95,11 @@ try {
 Exit backUp(const CommonOptions& common, const BackupOptions& options, const std::string& name, Progress& progress,
             const StopSignal& stop)
 {
+    // First: what is found out behind it is not from before a long wait.
+    const Patience patience{std::chrono::seconds{options.wait}, &stop};
+    const RunLock lock{RunLock::placeFor(common.control),
+                       "backup of " + name + " to " + fs::absolute(options.target).string(), common.control,
+                       patience};
     const HostBlocks host;
     const DeviceCatalog catalog{common.control, host};
     BackupJob job{catalog.find(name), options.wanted, options.cacheBlocks};
@@ -115,10 +120,6 @@ Exit backUp(const CommonOptions& common, const BackupOptions& options, const std
     refuseOnDevice(job.device, host, catalog.runDirectory(), "the daemon's run directory");
     refuseOutputOnDevice(job.device, host);
 
-    const Patience patience{std::chrono::seconds{options.wait}, &stop};
-    const RunLock lock{RunLock::placeFor(common.control),
-                       "backup of " + job.device.name + " to " + fs::absolute(options.target).string(), common.control,
-                       patience};
     job.ledger = RunLock::placeFor(common.control).parent_path() / "ledger" / toString(job.device.number);
     const Repository repository = Repository::openForBackup(options.target, job.device.name, patience);
     if (options.wanted == Wanted::full || repository.backups().empty())

@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <vector>
 
 namespace qbackup
@@ -57,7 +58,7 @@ Destination::Destination(const fs::path& to, std::uint64_t bytes, bool force) : 
     if (exists) {
         // What it is a link to is replaced, not the link.
         to_ = fs::canonical(to);
-        refuseUsedImage();
+        holdImage();
     }
     if (exists && st.st_size > 0 && !force && !isHole(to))
         throw Failure{Exit::refused, to.string() + " exists and is not empty; name another file, or give --force to "
@@ -77,7 +78,8 @@ Destination::~Destination()
         fs::remove(temporary_, error);
 }
 
-void Destination::refuseUsedImage() const
+// Refuses an image that is in use, and keeps others from using it.
+void Destination::holdImage()
 {
     const HostBlocks host;
     struct stat st {
@@ -89,11 +91,10 @@ void Destination::refuseUsedImage() const
                                                             "device, and have the daemon serve that"};
     if (!host.loopsOver(fs::absolute(to_), 0).empty())
         throw Failure{Exit::refused, "a loop device stands over " + to_.string() + "; take it away first (losetup -d)"};
-    // A file that may not be opened is replaced by name, if the directory allows.
-    const base::Descriptor file{::open(to_.c_str(), O_RDWR | O_CLOEXEC)};
-    if (!file)
-        return;
-    if (const std::string held = base::lock_image(file.get(), false); !held.empty())
+    replaced_.reset(::open(to_.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!replaced_)
+        throw Failure{exitOf(errno), "cannot open " + to_.string() + ": " + errnoText(errno)};
+    if (const std::string held = base::lock_image(replaced_.get(), false); !held.empty())
         throw Failure{Exit::refused, to_.string() + " is in use: " + held};
 }
 
@@ -111,6 +112,9 @@ void Destination::openImage(std::uint64_t bytes, bool replaced)
 void Destination::openDevice(std::uint64_t bytes, bool force)
 {
     device_ = true;
+    // The kernel does not take such a device for one in use.
+    if (!HostBlocks{}.loopsOver(fs::canonical(to_), 0).empty())
+        throw Failure{Exit::refused, "a loop device stands over " + to_.string() + "; take it away first (losetup -d)"};
     // The kernel refuses an exclusive opening of a device that is mounted or otherwise in use.
     base::Descriptor device{::open(to_.c_str(), O_RDWR | O_EXCL | O_CLOEXEC)};
     if (!device && errno == EBUSY)
@@ -177,7 +181,12 @@ void Destination::finish()
     file_.close();
     if (temporary_.empty())
         return;
-    fs::rename(temporary_, to_);
+    // A file that has appeared meanwhile is nobody's to replace. Some file systems cannot tell.
+    if (replaced_ || (::renameat2(AT_FDCWD, temporary_.c_str(), AT_FDCWD, to_.c_str(), RENAME_NOREPLACE) != 0 &&
+                      (errno == EINVAL || errno == ENOSYS)))
+        fs::rename(temporary_, to_);
+    else if (std::error_code error; fs::exists(temporary_, error))
+        throw Failure{Exit::refused, to_.string() + " has appeared meanwhile; name another file, or give --force to replace it"};
     temporary_.clear();
     syncDirectory(to_.has_parent_path() ? to_.parent_path() : fs::path{"."});
 }

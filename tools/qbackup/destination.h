@@ -36,11 +36,12 @@ class Destination
   private:
     void openImage(std::uint64_t bytes, bool force);
     void openDevice(std::uint64_t bytes, bool force);
-    void refuseUsedImage() const;
+    void holdImage();
     void makeZero(std::uint64_t offset, std::uint64_t bytes);
 
     fs::path to_;
     fs::path temporary_; // of an image in the making
+    base::Descriptor replaced_; // with its locks; none: there was no file of that name
     File file_;
     std::uint64_t zero_from_ = 0; // of an image in the making: what lies behind was never written
     bool device_ = false;

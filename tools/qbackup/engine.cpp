@@ -57,7 +57,7 @@ class Session
   private:
     [[noreturn]] void lost(const std::string& what, bool still_tracked = false)
     {
-        const bool known = still_tracked && in_ledger_;
+        const bool known = still_tracked && linked_;
         throw Failure{Exit::failed, "the backup of " + job_.device.name + " failed: " + what + ". Nothing was kept" +
                                         (known ? "" : "; the next backup will be a full one")};
     }
@@ -177,6 +177,8 @@ class Session
                 tracked.reset();
         }
         rememberKey();
+        // Or the key may be that of a snapshot which the other program took behind ours.
+        expectNoOtherClose();
         remember(matched, tracked);
         std::optional<Bitmap> changed = changedSincePrevious(matched, std::move(tracked));
         manifest_.mode = changed ? Mode::incremental : Mode::full;
@@ -224,8 +226,8 @@ class Session
                 if (ledger_->newest() != matched)
                     ledger_->begin(*matched);
                 ledger_->add(manifest_.key, *tracked);
+                linked_ = true;
             }
-            in_ledger_ = true;
         } catch (const std::exception& error) {
             progress_.warn(std::string{error.what()} + ". Should this backup fail, the next one reads everything");
         }
@@ -248,7 +250,7 @@ class Session
                               " are not known: the driver was loaded anew or its tracking fell out of sync");
         } else if (*matched == m.key) {
             return tracked;
-        } else if (auto changed = in_ledger_ ? ledger_->since(m.key) : std::nullopt) {
+        } else if (auto changed = linked_ ? ledger_->since(m.key) : std::nullopt) {
             return changed;
         } else {
             giveUpIncremental("what changed since backup " + m.id +
@@ -301,10 +303,7 @@ class Session
     void checkStillGood()
     {
         expectState(QUENDREL_STATE_MAP_LOADED, "after the last block");
-        if (device_->closes() != closes_)
-            lost("another program closed the control device meanwhile, which ends the protection of a backup that runs "
-                 "(load the driver with exclusive=1 to keep others out)",
-                 true);
+        expectNoOtherClose();
         const auto tracking = device_->autoMapState();
         // First, as tracking does not outlive it.
         if (identity().instance != manifest_.instance)
@@ -313,6 +312,14 @@ class Session
             lost("the driver's tracking of the device fell out of sync during the backup");
         if (tracking.key != manifest_.key)
             lost("another program took a snapshot of the device during the backup");
+    }
+
+    void expectNoOtherClose()
+    {
+        if (device_->closes() != closes_)
+            lost("another program closed the control device meanwhile, which ends the protection of a backup that runs "
+                 "(load the driver with exclusive=1 to keep others out)",
+                 true);
     }
 
     void expectState(unsigned expected, const char* when)
@@ -334,7 +341,7 @@ class Session
     std::size_t area_bytes_ = 0;
     std::optional<std::uint64_t> closes_; // of the control device, at the start
     std::optional<Ledger> ledger_;
-    bool in_ledger_ = false; // the snapshot is
+    bool linked_ = false;    // what the snapshot has handed out is in the ledger
     bool empty_map_ = false; // was handed out
 };
 

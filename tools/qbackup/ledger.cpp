@@ -11,7 +11,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cstring>
+#include <cerrno>
+#include <new>
 
 namespace qbackup
 {
@@ -37,8 +38,10 @@ void unite(Bitmap& map, const Bitmap& other)
 
 } // namespace
 
-Ledger::Ledger(fs::path directory, std::string identity, std::uint32_t block_size, std::uint32_t blocks)
-    : directory_{std::move(directory)}, identity_{std::move(identity)}, block_size_{block_size}, blocks_{blocks}
+Ledger::Ledger(fs::path directory, std::string identity, std::uint32_t block_size, std::uint32_t blocks,
+               std::uint64_t most_bytes)
+    : directory_{std::move(directory)}, identity_{std::move(identity)}, block_size_{block_size}, blocks_{blocks},
+      most_bytes_{most_bytes}
 {
     load();
 }
@@ -56,13 +59,13 @@ void Ledger::add(const SessionKey& key, const Bitmap& changed)
 {
     links_.push_back(write({newest_.value()}, changed));
     newest_ = key;
-    if (links_.size() > most_links)
+    while (links_.size() > most_links || (links_.size() > 2 && allocated() > most_bytes_))
         uniteOldest();
     save();
 }
 
 std::optional<Bitmap> Ledger::since(const SessionKey& key) const
-{
+try {
     if (newest_ == key)
         return Bitmap{blocks_};
     const auto holds = [&](const Link& link) { return std::find(link.from.begin(), link.from.end(), key) != link.from.end(); };
@@ -77,6 +80,25 @@ std::optional<Bitmap> Ledger::since(const SessionKey& key) const
         unite(all, *map);
     }
     return all;
+} catch (const std::bad_alloc&) {
+    return std::nullopt;
+}
+
+void Ledger::makeDirectory() const
+{
+    // Of its owner alone, whatever the umask says.
+    for (const fs::path& path : {directory_.parent_path(), directory_})
+        if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
+            throw Failure{exitOf(errno), "cannot make " + path.string() + ": " + errnoText(errno)};
+}
+
+std::uint64_t Ledger::allocated() const
+{
+    std::uint64_t sum = 0;
+    for (const Link& link : links_)
+        if (struct stat st{}; ::stat((directory_ / link.map).c_str(), &st) == 0)
+            sum += static_cast<std::uint64_t>(st.st_blocks) * 512;
+    return sum;
 }
 
 void Ledger::uniteOldest()
@@ -113,7 +135,7 @@ try {
 
 Ledger::Link Ledger::write(std::vector<SessionKey> from, const Bitmap& map)
 {
-    fs::create_directories(directory_);
+    makeDirectory();
     Link link{std::move(from), std::to_string(next_map_++) + ".map", hashText(map.bytes())};
     std::error_code error;
     fs::remove(directory_ / link.map, error);
@@ -129,7 +151,7 @@ Ledger::Link Ledger::write(std::vector<SessionKey> from, const Bitmap& map)
 
 void Ledger::save()
 {
-    fs::create_directories(directory_);
+    makeDirectory();
     json links = json::array();
     for (const Link& link : links_) {
         json keys = json::array();

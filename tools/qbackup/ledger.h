@@ -7,7 +7,8 @@
 //
 // Nothing here is believed without the driver: the newest key has to be the driver's, or the ledger is begun anew. It need
 // not outlive the machine's start, or the daemon's, as tracking does not either; so it lies where the run's lock does.
-// One run at a time uses it, by that lock. Old links are united: there are never more than `most_links`.
+// One run at a time uses it, by that lock. Old links are united: there are never more than `most_links`, and of more than
+// two never more than `most_bytes` of memory, as /run is.
 #pragma once
 
 #include "client/bitmap.h"
@@ -30,7 +31,8 @@ class Ledger
 
     // Of the device that is as `identity` says, which has so many blocks of that size: `directory` is for that device
     // alone. What is there of another identity or size, or damaged, is as nothing. Writes nothing.
-    Ledger(fs::path directory, std::string identity, std::uint32_t block_size, std::uint32_t blocks);
+    Ledger(fs::path directory, std::string identity, std::uint32_t block_size, std::uint32_t blocks,
+           std::uint64_t most_bytes = 64 << 20);
 
     // The key of the newest snapshot; nothing when no snapshot is known.
     std::optional<quendrel::SessionKey> newest() const;
@@ -53,11 +55,14 @@ class Ledger
     std::optional<quendrel::Bitmap> read(const Link& link) const;
     Link write(std::vector<quendrel::SessionKey> from, const quendrel::Bitmap& map);
     void uniteOldest();
+    void makeDirectory() const;
+    std::uint64_t allocated() const; // bytes, by all maps
 
     fs::path directory_;
     std::string identity_;
     std::uint32_t block_size_;
     std::uint32_t blocks_;
+    std::uint64_t most_bytes_;
     std::vector<Link> links_; // the oldest first
     std::optional<quendrel::SessionKey> newest_;
     std::uint64_t next_map_ = 1;

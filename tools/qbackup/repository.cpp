@@ -29,16 +29,6 @@ void writeDurably(const fs::path& path, std::span<const std::byte> bytes)
     file.close();
 }
 
-// Also one that has lost its manifest.
-bool looksLikeBackup(const fs::path& path)
-{
-    const std::string name = path.filename();
-    std::error_code error;
-    return fs::exists(path / "manifest.json", error) ||
-           (name.size() > 7 && name.find_first_not_of("0123456789") == 6 && name[6] == '-' &&
-            (name.ends_with("-full") || name.ends_with("-inc")) && fs::is_directory(path, error));
-}
-
 // Not what this program keeps beside its backups, nor what file systems put into their topmost directory.
 bool mayHoldBackups(const fs::path& path)
 {
@@ -54,20 +44,43 @@ bool holdsBackups(const fs::path& directory)
                        [](const fs::path& entry) { return mayHoldBackups(entry) && looksLikeBackup(entry); });
 }
 
-// Takes the lock of a directory that the holder before may just have removed.
-File lockDirectory(const fs::path& directory, const Patience& patience)
+bool isAt(const File& file, const fs::path& path)
 {
+    struct stat own {
+    };
+    struct stat there {
+    };
+    return ::fstat(file.fd(), &own) == 0 && ::stat(path.c_str(), &there) == 0 && own.st_dev == there.st_dev &&
+           own.st_ino == there.st_ino;
+}
+
+struct LockedDirectory {
+    File lock;
+    bool made = false; // for this
+};
+
+// Makes the directory if it is not there, and takes its lock. The holder before may just have removed both.
+LockedDirectory lockDirectory(const fs::path& directory, const Patience& patience)
+{
+    const fs::path path = directory / lock_name;
+    LockedDirectory result;
     for (;;) {
-        File lock{directory / lock_name, O_RDWR | O_CREAT | O_NOFOLLOW};
-        if (!takeLock(lock, patience))
+        std::error_code error;
+        result.made = fs::create_directory(directory, error) || result.made;
+        if (error)
+            throw Failure{exitOf(error.value(), Exit::refused), "cannot create " + directory.string() + ": " + error.message()};
+        try {
+            result.lock = File{path, O_RDWR | O_CREAT | O_NOFOLLOW};
+        } catch (const Failure&) {
+            if (fs::exists(directory, error))
+                throw;
+            continue;
+        }
+        if (!takeLock(result.lock, patience))
             throw Failure{Exit::busy, "another qbackup is writing to " + directory.string() +
                                           ". Wait for it to end, or give --wait"};
-        struct stat st {
-        };
-        if (::fstat(lock.fd(), &st) == 0 && st.st_nlink != 0)
-            return lock;
-        std::error_code error;
-        fs::create_directory(directory, error);
+        if (isAt(result.lock, path))
+            return result;
     }
 }
 
@@ -82,6 +95,15 @@ std::vector<std::byte> readChecked(const fs::path& path, const std::string& hash
 }
 
 } // namespace
+
+bool looksLikeBackup(const fs::path& path)
+{
+    const std::string name = path.filename();
+    std::error_code error;
+    return fs::exists(path / "manifest.json", error) ||
+           (name.size() > 7 && name.find_first_not_of("0123456789") == 6 && name[6] == '-' &&
+            (name.ends_with("-full") || name.ends_with("-inc")) && fs::is_directory(path, error));
+}
 
 PendingBackup::PendingBackup(fs::path repository, std::uint32_t sequence, std::string stamp)
     : repository_{std::move(repository)}, directory_{repository_ /
@@ -160,9 +182,12 @@ Repository::Made::~Made()
     if (directory_.empty())
         return;
     std::error_code error;
-    for (const auto& entry : fs::directory_iterator{directory_, error})
-        if (entry.path().filename() != lock_name)
+    fs::directory_iterator entry{directory_, error};
+    for (; !error && entry != fs::directory_iterator{}; entry.increment(error))
+        if (entry->path().filename() != lock_name)
             return;
+    if (error)
+        return;
     fs::remove(directory_ / lock_name, error);
     fs::remove(directory_, error);
 }
@@ -176,10 +201,8 @@ Repository Repository::openForBackup(const fs::path& target, const std::string& 
     if (holdsBackups(target))
         throw Failure{Exit::refused, target.string() + " holds the backups of one device; name the directory above it, " +
                                          fs::weakly_canonical(target / "..").string()};
-    const bool made = fs::create_directory(directory, error);
-    if (error)
-        throw Failure{exitOf(error.value(), Exit::refused), "cannot create " + directory.string() + ": " + error.message()};
-    Repository repository{directory, lockDirectory(directory, patience), made ? Made{directory} : Made{}};
+    LockedDirectory locked = lockDirectory(directory, patience);
+    Repository repository{directory, std::move(locked.lock), locked.made ? Made{directory} : Made{}};
     for (const fs::path& entry : entriesOf(directory))
         if (entry.filename().string().starts_with(partial_prefix))
             fs::remove_all(entry);
@@ -246,6 +269,8 @@ PendingBackup Repository::begin() const
 StoredBackup readBackup(const fs::path& directory)
 {
     const fs::path path = directory / "manifest.json";
+    if (std::error_code error; fs::status(path, error).type() == fs::file_type::not_found)
+        throw Failure{Exit::damaged, path.string() + " is missing"};
     const std::string text = readText(path);
     StoredBackup backup{directory, decode(text, path.string()), hashText(asBytes(text))};
     if (fs::canonical(directory).filename() != backup.manifest.id)

@@ -98,6 +98,8 @@ class Repository
     Made made_; // behind the lock: it goes while that is held
 };
 
+// Whether a path is that of a backup, be it one that has lost its manifest.
+bool looksLikeBackup(const fs::path& path);
 // Reads DIRECTORY/manifest.json. Throws Failure.
 StoredBackup readBackup(const fs::path& directory);
 // The blocks that the backup contains; checked against the manifest. Throws Failure (damaged).

@@ -65,8 +65,7 @@ void verifyIn(const Repository& repository, const std::vector<StoredBackup>& bac
 std::vector<VerifyResult> verifyBackups(const fs::path& from, Progress& progress, const StopSignal& stop)
 {
     std::vector<VerifyResult> results;
-    std::error_code error;
-    if (fs::exists(from / "manifest.json", error)) {
+    if (looksLikeBackup(from)) {
         const StoredBackup backup = readBackup(fs::canonical(from));
         const Repository repository{backup.directory.parent_path()};
         verifyIn(repository, repository.chain(backup), results, progress, stop);

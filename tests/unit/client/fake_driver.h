@@ -12,6 +12,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -41,7 +42,7 @@ class Driver
 
     // ---- what the tests turn
     int open_result = 0;
-    bool mounted = true;
+    std::atomic<bool> mounted{true};
     std::optional<std::uint64_t> closes; // what it tells of closed files
     Hook<void(std::uint32_t number)> before; // called before each command, without the lock
     std::optional<std::uint32_t> unreadable; // reading this block gives 12

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <csignal>
+#include <utility>
 
 namespace
 {
@@ -111,6 +112,31 @@ TEST_F(Kept, OldSnapshotsAreUnitedAndAskingFromOneOfThemLosesNothing)
     }
     EXPECT_EQ(again.since(key(0))->count(), 100u);
     EXPECT_EQ(again.since(key(99))->count(), 1u);
+}
+
+TEST_F(Kept, MapsTakeNoMoreThanTheyMayHowEverFewTheyAre)
+{
+    Bitmap scattered{blocks};
+    for (std::uint32_t block = 0; block < blocks; block += 8192)
+        scattered.set(block);
+    Ledger ledger{directory / "8:1", "disk 1", 4096, blocks, 100 << 10};
+    ledger.begin(key(0));
+    for (std::uint8_t n = 1; n <= 20; ++n)
+        ledger.add(key(n), scattered);
+    EXPECT_LE(namesIn(directory / "8:1").size(), 8u);
+    EXPECT_GE(namesIn(directory / "8:1").size(), 4u);
+    ASSERT_TRUE(open().since(key(0)));
+    EXPECT_EQ(open().since(key(0))->count(), scattered.count());
+}
+
+TEST_F(Kept, NobodyElseMayLookIn)
+{
+    const mode_t before = ::umask(0);
+    Ledger ledger{directory / "ledger" / "8:1", "disk 1", 4096, blocks};
+    ledger.begin(key(1));
+    ::umask(before);
+    EXPECT_EQ(fs::status(directory / "ledger").permissions(), fs::perms{0700});
+    EXPECT_EQ(fs::status(directory / "ledger" / "8:1").permissions(), fs::perms{0700});
 }
 
 TEST_F(Kept, DamageIsNotKnowing)
@@ -289,6 +315,26 @@ TEST_F(WithLedger, ASnapshotOfAnotherProgramIsNotBelieved)
     machine.backup();
     machine.driver.write(2, 2);
     machine.driver.replaceKey();
+    machine.driver.write(3, 2);
+    expectBackup(Mode::full, Machine::blocks);
+}
+
+// It has come in between the snapshot and the question for the key, and what was written between the two is in no map.
+TEST_F(WithLedger, ASnapshotThatAnotherProgramTookBehindOursIsNotBelieved)
+{
+    machine.driver.closes = 7;
+    machine.backup();
+    machine.driver.write(1, 2);
+    machine.driver.before.set([this, once = true](std::uint32_t command) mutable {
+        if (command != QUENDREL_GET_AUTOMAP || !std::exchange(once, false))
+            return;
+        machine.driver.write(2, 2);
+        machine.driver.replaceKey();
+        machine.driver.closes = 8;
+    });
+    EXPECT_THROW(machine.backup(), Failure);
+    machine.driver.before.set({});
+    machine.driver.closes = 8;
     machine.driver.write(3, 2);
     expectBackup(Mode::full, Machine::blocks);
 }

@@ -106,6 +106,20 @@ TEST_F(RestoreToDevice, OneThatHoldsNothingIsTakenUnforced)
     EXPECT_EQ(readAll(directory / "image"), machine.driver.contents());
 }
 
+TEST_F(RestoreToDevice, OneWithALoopDeviceOverItIsRefusedWhateverIsForced)
+{
+    ASSERT_NO_FATAL_FAILURE(make(machine.driver.bytes()));
+    if (IsSkipped())
+        return;
+    machine.backup();
+    const LoopDevice over{*loop->path()};
+    if (!over.path())
+        GTEST_SKIP() << "no second loop device to be had";
+    const auto before = readAll(directory / "image");
+    EXPECT_EQ(restore(), 3);
+    EXPECT_EQ(readAll(directory / "image"), before);
+}
+
 TEST_F(RestoreToDevice, TheFileBehindALoopDeviceIsRefusedWhateverIsForced)
 {
     ASSERT_NO_FATAL_FAILURE(make(machine.driver.bytes()));

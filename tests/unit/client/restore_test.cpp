@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-only
+#include "destination.h"
 #include "support.h"
 #include "verify.h"
 
@@ -191,6 +192,18 @@ TEST(Verify, ADirectoryThatMayNotBeReadIsNoPermissionAndNoDamage)
     EXPECT_EQ(text, "cannot read the directory " + machine.repository().string() + ": Permission denied");
 }
 
+TEST(Verify, ABackupWithoutItsManifestIsDamaged)
+{
+    Machine machine;
+    const auto made = machine.backup();
+    fs::remove(made.backup.directory / "manifest.json");
+    std::string text;
+    EXPECT_EQ(exitOf([&] { verify(made.backup.directory); }, &text), 5);
+    EXPECT_EQ(text, (made.backup.directory / "manifest.json").string() + " is missing");
+    EXPECT_EQ(verify(machine.directory.path()).at(0).problem, text);
+    EXPECT_EQ(exitOf([&] { restore(made.backup.directory, machine.directory / "image"); }), 5);
+}
+
 TEST(Verify, DamageIsNamedInEachBackupThatBuildsOnIt)
 {
     Machine machine;
@@ -252,6 +265,29 @@ TEST(Restore, WhatALinkPointsToIsReplacedAndNotTheLink)
     restore(machine.directory.path(), machine.directory / "link", true);
     EXPECT_TRUE(fs::is_symlink(machine.directory / "link"));
     EXPECT_EQ(readAll(image), machine.driver.contents());
+}
+
+TEST(Restore, AFileThatAppearsMeanwhileIsNotReplaced)
+{
+    Machine machine;
+    machine.backup();
+    const fs::path image = machine.directory / "image";
+    Destination destination{image, 4096, false};
+    std::ofstream{image} << "precious";
+    EXPECT_EQ(exitOf([&] { destination.finish(); }), 3);
+    EXPECT_EQ(fs::file_size(image), 8u);
+}
+
+TEST(Restore, NobodyCanServeAnImageThatIsBeingReplaced)
+{
+    const Directory directory;
+    const fs::path image = directory / "image";
+    std::ofstream{image} << "old";
+    Destination destination{image, 4096, true};
+    const File served{image, O_RDWR};
+    EXPECT_NE(base::lock_image(served.fd(), false), "");
+    destination.finish();
+    EXPECT_EQ(fs::file_size(image), 4096u);
 }
 
 TEST(Restore, AnImageThatIsServedIsRefusedWhateverIsForced)
