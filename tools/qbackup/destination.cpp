@@ -182,11 +182,16 @@ void Destination::finish()
     if (temporary_.empty())
         return;
     // A file that has appeared meanwhile is nobody's to replace. Some file systems cannot tell.
-    if (replaced_ || (::renameat2(AT_FDCWD, temporary_.c_str(), AT_FDCWD, to_.c_str(), RENAME_NOREPLACE) != 0 &&
-                      (errno == EINVAL || errno == ENOSYS)))
+    if (replaced_) {
         fs::rename(temporary_, to_);
-    else if (std::error_code error; fs::exists(temporary_, error))
-        throw Failure{Exit::refused, to_.string() + " has appeared meanwhile; name another file, or give --force to replace it"};
+    } else if (::renameat2(AT_FDCWD, temporary_.c_str(), AT_FDCWD, to_.c_str(), RENAME_NOREPLACE) != 0) {
+        if (errno == EEXIST)
+            throw Failure{Exit::refused, to_.string() + " has appeared meanwhile; name another file, or restore again with "
+                                                        "--force to replace it"};
+        if (errno != EINVAL && errno != ENOSYS)
+            throw Failure{exitOf(errno), "cannot give " + to_.string() + " its name: " + errnoText(errno)};
+        fs::rename(temporary_, to_);
+    }
     temporary_.clear();
     syncDirectory(to_.has_parent_path() ? to_.parent_path() : fs::path{"."});
 }

@@ -274,7 +274,9 @@ TEST(Restore, AFileThatAppearsMeanwhileIsNotReplaced)
     const fs::path image = machine.directory / "image";
     Destination destination{image, 4096, false};
     std::ofstream{image} << "precious";
-    EXPECT_EQ(exitOf([&] { destination.finish(); }), 3);
+    std::string text;
+    EXPECT_EQ(exitOf([&] { destination.finish(); }, &text), 3);
+    EXPECT_EQ(text, image.string() + " has appeared meanwhile; name another file, or restore again with --force to replace it");
     EXPECT_EQ(fs::file_size(image), 8u);
 }
 
