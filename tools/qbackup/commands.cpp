@@ -59,7 +59,7 @@ json describe(const StoredBackup& backup)
 {
     const Manifest& m = backup.manifest;
     json document{{"id", m.id},
-                  {"path", backup.directory.string()},
+                  {"path", backup.path.string()},
                   {"mode", toString(m.mode)},
                   {"device", m.device},
                   {"number", quendrel::toString(m.number)},
@@ -137,7 +137,7 @@ Exit backUp(const CommonOptions& common, const BackupOptions& options, const std
         document["seconds"] = report.seconds;
         print(document);
     } else {
-        std::printf("%s backup %s: %u of %u blocks, %s, %.1f s\n", toString(m.mode), report.backup.directory.c_str(),
+        std::printf("%s backup %s: %u of %u blocks, %s, %.1f s\n", toString(m.mode), report.backup.path.c_str(),
                     m.copiedBlocks, m.blocks, formatBytes(m.dataBytes).c_str(), report.seconds);
     }
     return exit;
@@ -311,9 +311,9 @@ int commandList(const CommonOptions& common, const fs::path& from)
         for (const DamagedBackup& backup : damaged) {
             good = false;
             if (common.json)
-                print({{"path", backup.directory.string()}, {"problem", backup.problem}});
+                print({{"path", backup.path.string()}, {"problem", backup.problem}});
             else
-                std::printf("DAMAGED  %s: %s\n", backup.directory.c_str(), backup.problem.c_str());
+                std::printf("DAMAGED  %s: %s\n", backup.path.c_str(), backup.problem.c_str());
         }
     }
     return static_cast<int>(good ? Exit::ok : Exit::damaged);

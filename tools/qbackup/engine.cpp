@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -39,17 +40,18 @@ class Session
         choosePrevious();
         if (!job_.ledger.empty())
             ledger_.emplace(job_.ledger, manifest_.instance, manifest_.blockSize, manifest_.blocks);
-        PendingBackup pending = repository_.begin();
+        const std::unique_ptr<PendingBackup> pending = repository_.begin();
         start();
         Bitmap map = takeSnapshot();
+        pending->start(manifest_, previous_);
         throwIfStopped(stop_);
         device_->loadBlockMap(map);
         expectState(QUENDREL_STATE_MAP_LOADED, "after the map was loaded");
-        copy(map, pending.data());
+        copy(map, *pending);
         checkStillGood();
         device_.reset(); // ends the driver's part: from here on writes need no copying
         throwIfStopped(stop_);
-        return pending.commit(manifest_, map, watcher);
+        return pending->commit(manifest_, map, watcher);
     }
 
     bool fellBack() const noexcept { return fell_back_; }
@@ -117,13 +119,7 @@ class Session
             return;
         }
         try {
-            for (const StoredBackup& link : repository_.chain(last)) {
-                std::error_code error;
-                const auto bytes = fs::file_size(link.directory / "data", error);
-                if (error || bytes != link.manifest.dataBytes || !fs::exists(link.directory / "map", error) ||
-                    !fs::exists(link.directory / "sums", error))
-                    throw Failure{Exit::damaged, "the files of backup " + link.manifest.id + " are not complete"};
-            }
+            repository_.expectComplete(last);
         } catch (const Failure& failure) {
             giveUpIncremental(failure.what());
             return;
@@ -283,7 +279,7 @@ class Session
             progress_.say("backing up " + job_.device.name + " in full: " + reason_);
     }
 
-    void copy(const Bitmap& map, DataWriter& out)
+    void copy(const Bitmap& map, BlockSink& out)
     {
         progress_.begin("copying " + job_.device.name, std::uint64_t{map.count()} * manifest_.blockSize);
         try {

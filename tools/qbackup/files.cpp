@@ -106,6 +106,14 @@ std::vector<fs::path> entriesOf(const fs::path& directory)
 
 void syncDirectory(const fs::path& directory) { File{directory, O_RDONLY | O_DIRECTORY}.sync(); }
 
+void writeDurably(const fs::path& path, std::span<const std::byte> bytes)
+{
+    File file{path, O_WRONLY | O_CREAT | O_EXCL};
+    file.writeAt(0, bytes);
+    file.sync();
+    file.close();
+}
+
 std::string readText(const fs::path& path)
 {
     const File file{path, O_RDONLY};

@@ -42,6 +42,8 @@ class File
 std::vector<fs::path> entriesOf(const fs::path& directory);
 // Makes the names in a directory durable.
 void syncDirectory(const fs::path& directory);
+// A new file that is on the disk when this returns; its name is not.
+void writeDurably(const fs::path& path, std::span<const std::byte> bytes);
 std::string readText(const fs::path& path);
 std::span<const std::byte> asBytes(const std::string& text);
 

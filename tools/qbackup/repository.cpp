@@ -2,6 +2,7 @@
 #include "repository.h"
 
 #include "failure.h"
+#include "folder_backup.h"
 #include "utc.h"
 
 #include <fcntl.h>
@@ -18,16 +19,7 @@ namespace qbackup
 namespace
 {
 
-constexpr const char* partial_prefix = ".partial-";
 constexpr const char* lock_name = ".lock";
-
-void writeDurably(const fs::path& path, std::span<const std::byte> bytes)
-{
-    File file{path, O_WRONLY | O_CREAT | O_EXCL};
-    file.writeAt(0, bytes);
-    file.sync();
-    file.close();
-}
 
 // Not what this program keeps beside its backups, nor what file systems put into their topmost directory.
 bool mayHoldBackups(const fs::path& path)
@@ -84,91 +76,20 @@ LockedDirectory lockDirectory(const fs::path& directory, const Patience& patienc
     }
 }
 
-std::vector<std::byte> readChecked(const fs::path& path, const std::string& hash)
-{
-    const File file{path, O_RDONLY};
-    std::vector<std::byte> bytes(file.size());
-    file.readAt(0, bytes);
-    if (hashText(bytes) != hash)
-        throw Failure{Exit::damaged, path.string() + " is damaged: it does not match the hash in the manifest"};
-    return bytes;
-}
-
 } // namespace
 
-bool looksLikeBackup(const fs::path& path)
+std::string numbered(std::uint32_t sequence, const std::string& stamp)
 {
-    const std::string name = path.filename();
-    std::error_code error;
-    return fs::exists(path / "manifest.json", error) ||
-           (name.size() > 7 && name.find_first_not_of("0123456789") == 6 && name[6] == '-' &&
-            (name.ends_with("-full") || name.ends_with("-inc")) && fs::is_directory(path, error));
-}
-
-PendingBackup::PendingBackup(fs::path repository, std::uint32_t sequence, std::string stamp)
-    : repository_{std::move(repository)}, directory_{repository_ /
-                                                     (partial_prefix + stamp + "-" + std::to_string(::getpid()))},
-      sequence_{sequence}, stamp_{std::move(stamp)}
-{
-    fs::create_directory(directory_);
-    try {
-        data_ = std::make_unique<DataWriter>(directory_ / "data");
-    } catch (...) {
-        std::error_code error;
-        fs::remove_all(directory_, error);
-        throw;
-    }
-}
-
-PendingBackup::~PendingBackup()
-{
-    data_.reset();
-    std::error_code error;
-    if (!directory_.empty())
-        fs::remove_all(directory_, error);
-}
-
-StoredBackup PendingBackup::commit(Manifest manifest, const quendrel::Bitmap& map, const Watcher& watcher)
-{
-    const auto step = [&](const char* name) {
-        if (watcher)
-            watcher(name);
-    };
-    const std::uint64_t expected = std::uint64_t{map.count()} * manifest.blockSize;
-    if (data_->bytes() != expected)
-        throw Failure{Exit::failed, "internal error: " + std::to_string(data_->bytes()) +
-                                        " bytes copied, but the map "
-                                        "stands for " +
-                                        std::to_string(expected)};
     char number[16];
-    std::snprintf(number, sizeof number, "%06u", sequence_);
-    manifest.id = std::string{number} + "-" + stamp_ + "-" + toString(manifest.mode);
-    manifest.sequence = sequence_;
-    manifest.copiedBlocks = map.count();
-    manifest.dataBytes = data_->bytes();
-    manifest.segmentBytes = segment_bytes;
-    manifest.mapHash = hashText(map.bytes());
-    step("data");
-    const std::vector<std::byte> sums = data_->finish();
-    manifest.sumsHash = hashText(sums);
-    step("sums");
-    writeDurably(directory_ / "sums", sums);
-    step("map");
-    writeDurably(directory_ / "map", map.bytes());
-    step("manifest");
-    const std::string text = encode(manifest);
-    writeDurably(directory_ / "manifest.json", asBytes(text));
-    step("directory");
-    syncDirectory(directory_);
-    step("rename");
-    const fs::path final_name = repository_ / manifest.id;
-    fs::rename(directory_, final_name);
-    directory_.clear();
-    step("parent");
-    syncDirectory(repository_);
-    step("done");
-    return {final_name, std::move(manifest), hashText(asBytes(text))};
+    std::snprintf(number, sizeof number, "%06u", sequence);
+    return std::string{number} + "-" + stamp;
 }
+
+bool looksLikeBackup(const fs::path& path) { return looksLikeFolderBackup(path); }
+
+StoredBackup readBackup(const fs::path& path) { return readFolderBackup(path); }
+
+std::unique_ptr<LayerReader> openLayer(const StoredBackup& backup) { return openFolderLayer(backup); }
 
 Repository::Repository(fs::path directory) : directory_{std::move(directory)} {}
 
@@ -243,7 +164,7 @@ std::vector<StoredBackup> Repository::chain(const StoredBackup& last) const
 StoredBackup Repository::parentOf(const StoredBackup& backup) const
 {
     const Manifest& child = backup.manifest;
-    const std::string needed = backup.directory.string() + " builds on backup " + child.parent;
+    const std::string needed = backup.path.string() + " builds on backup " + child.parent;
     std::error_code error;
     if (!fs::exists(directory_ / child.parent / "manifest.json", error))
         throw Failure{Exit::damaged, needed + ", which is missing in " + directory_.string()};
@@ -256,49 +177,20 @@ StoredBackup Repository::parentOf(const StoredBackup& backup) const
     return parent;
 }
 
-PendingBackup Repository::begin() const
+void Repository::expectComplete(const StoredBackup& last) const
+{
+    for (const StoredBackup& link : chain(last))
+        expectFolderComplete(link);
+}
+
+std::unique_ptr<PendingBackup> Repository::begin() const
 {
     // A damaged backup keeps its number, which stands at the start of its name.
     std::uint32_t highest = 0;
     for (const auto& entry : fs::directory_iterator{directory_})
         highest =
             std::max(highest, static_cast<std::uint32_t>(std::strtoul(entry.path().filename().c_str(), nullptr, 10)));
-    return PendingBackup{directory_, highest + 1, utcNow("%Y%m%dT%H%M%SZ")};
-}
-
-StoredBackup readBackup(const fs::path& directory)
-{
-    const fs::path path = directory / "manifest.json";
-    if (std::error_code error; fs::status(path, error).type() == fs::file_type::not_found)
-        throw Failure{Exit::damaged, path.string() + " is missing"};
-    const std::string text = readText(path);
-    StoredBackup backup{directory, decode(text, path.string()), hashText(asBytes(text))};
-    if (fs::canonical(directory).filename() != backup.manifest.id)
-        throw Failure{Exit::damaged, directory.string() + " holds backup " + backup.manifest.id +
-                                         "; give the directory that name again"};
-    return backup;
-}
-
-quendrel::Bitmap readMap(const StoredBackup& backup)
-{
-    const fs::path path = backup.directory / "map";
-    const std::vector<std::byte> bytes = readChecked(path, backup.manifest.mapHash);
-    quendrel::Bitmap map{backup.manifest.blocks};
-    if (bytes.size() != map.bytes().size())
-        throw Failure{Exit::damaged, path.string() + " is not the map of " + std::to_string(map.blocks()) + " blocks"};
-    std::memcpy(map.bytes().data(), bytes.data(), bytes.size());
-    if (map.count() != backup.manifest.copiedBlocks)
-        throw Failure{Exit::damaged, path.string() + " does not have as many blocks as the manifest says"};
-    return map;
-}
-
-DataReader openData(const StoredBackup& backup)
-{
-    const Manifest& m = backup.manifest;
-    if (m.dataBytes != std::uint64_t{m.copiedBlocks} * m.blockSize)
-        throw Failure{Exit::damaged, backup.directory.string() + ": the manifest's sizes contradict each other"};
-    return DataReader{backup.directory / "data", readChecked(backup.directory / "sums", m.sumsHash), m.dataBytes,
-                      m.segmentBytes};
+    return std::make_unique<PendingFolder>(directory_, highest + 1, utcNow("%Y%m%dT%H%M%SZ"));
 }
 
 std::vector<fs::path> findRepositories(const fs::path& target)
@@ -339,10 +231,10 @@ StoredBackup findBackup(const fs::path& from)
                                          (damaged.empty() ? "" : ": " + damaged[0].problem)};
     // Taking the newest readable one for the newest would restore an older state without a word.
     for (const DamagedBackup& other : damaged)
-        if (other.directory.filename() > backups.back().directory.filename())
+        if (other.path.filename() > backups.back().path.filename())
             throw Failure{Exit::damaged, "the newest backup in " + place.string() +
                                              " cannot be read: " + other.problem + ". Name an older one, as in " +
-                                             backups.back().directory.string()};
+                                             backups.back().path.string()};
     return backups.back();
 }
 

@@ -5,57 +5,16 @@
 // renamed. A run that died leaves such a directory behind; the next run that holds the repository's lock removes it.
 #pragma once
 
-#include "client/bitmap.h"
-#include "data_file.h"
 #include "file_lock.h"
-#include "manifest.h"
+#include "stored_backup.h"
 
-#include <functional>
-#include <optional>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace qbackup
 {
-
-struct StoredBackup {
-    fs::path directory;
-    Manifest manifest;
-    std::string manifestHash; // of the file
-};
-
-struct DamagedBackup {
-    fs::path directory;
-    std::string problem;
-};
-
-// A backup in the making. Destroyed without commit() it leaves nothing behind.
-class PendingBackup
-{
-  public:
-    // Called between the steps of commit() with the step's name; for tests that end the process there.
-    using Watcher = std::function<void(const char* step)>;
-
-    ~PendingBackup();
-    PendingBackup(PendingBackup&& other) noexcept = default;
-    PendingBackup& operator=(PendingBackup&&) = delete;
-
-    DataWriter& data() noexcept { return *data_; }
-    // Completes the manifest (id and sequence, sizes, hashes) and puts the backup in place. `map` has to hold exactly
-    // the blocks that were appended to data().
-    StoredBackup commit(Manifest manifest, const quendrel::Bitmap& map, const Watcher& watcher = {});
-
-  private:
-    friend class Repository;
-    PendingBackup(fs::path repository, std::uint32_t sequence, std::string stamp);
-
-    fs::path repository_;
-    fs::path directory_; // empty once committed
-    std::uint32_t sequence_;
-    std::string stamp_;
-    std::unique_ptr<DataWriter> data_;
-};
 
 class Repository
 {
@@ -74,7 +33,9 @@ class Repository
     std::vector<StoredBackup> chain(const StoredBackup& last) const;
     // What an incremental backup builds on; the same Failure.
     StoredBackup parentOf(const StoredBackup& backup) const;
-    PendingBackup begin() const;
+    // Throws Failure (damaged) when a file of the backup or of one that it builds on is missing or not of its size.
+    void expectComplete(const StoredBackup& last) const;
+    std::unique_ptr<PendingBackup> begin() const;
 
   private:
     // A directory that was made for a backup. It goes again if it has got none.
@@ -100,12 +61,10 @@ class Repository
 
 // Whether a path is that of a backup, be it one that has lost its manifest.
 bool looksLikeBackup(const fs::path& path);
-// Reads DIRECTORY/manifest.json. Throws Failure.
-StoredBackup readBackup(const fs::path& directory);
-// The blocks that the backup contains; checked against the manifest. Throws Failure (damaged).
-quendrel::Bitmap readMap(const StoredBackup& backup);
-// Its data; the sums are checked against the manifest. Throws Failure (damaged).
-DataReader openData(const StoredBackup& backup);
+// What the manifest at or in `path` tells. Throws Failure.
+StoredBackup readBackup(const fs::path& path);
+// What it holds itself, to be read; its hashes are checked against the manifest. Throws Failure (damaged).
+std::unique_ptr<LayerReader> openLayer(const StoredBackup& backup);
 
 // What the user named as a backup: a backup's directory, a repository or REPOSITORY/latest, or a target directory
 // with one repository in it. Throws Failure that lists what there is.

@@ -11,11 +11,10 @@ namespace
 
 std::string checkFiles(const StoredBackup& backup, Progress& progress, const StopSignal& stop)
 try {
-    readMap(backup);
-    DataReader data = openData(backup);
-    for (auto piece = data.next(); !piece.empty(); piece = data.next()) {
+    const auto layer = openLayer(backup);
+    for (auto piece = layer->next(); piece; piece = layer->next()) {
         throwIfStopped(stop);
-        progress.advance(piece.size());
+        progress.advance(piece->bytes);
     }
     return {};
 } catch (const Interrupted&) {
@@ -55,7 +54,7 @@ void verifyIn(const Repository& repository, const std::vector<StoredBackup>& bac
         problem = checkFiles(backup, progress, stop);
         if (problem.empty())
             problem = checkParent(repository, backup, problems);
-        results.push_back({backup.directory, backup.manifest.id, problem});
+        results.push_back({backup.path, backup.manifest.id, problem});
     }
     progress.end();
 }
@@ -67,7 +66,7 @@ std::vector<VerifyResult> verifyBackups(const fs::path& from, Progress& progress
     std::vector<VerifyResult> results;
     if (looksLikeBackup(from)) {
         const StoredBackup backup = readBackup(fs::canonical(from));
-        const Repository repository{backup.directory.parent_path()};
+        const Repository repository{backup.path.parent_path()};
         verifyIn(repository, repository.chain(backup), results, progress, stop);
         return results;
     }
@@ -77,7 +76,7 @@ std::vector<VerifyResult> verifyBackups(const fs::path& from, Progress& progress
         std::vector<DamagedBackup> damaged;
         verifyIn(repository, repository.backups(&damaged), results, progress, stop);
         for (const DamagedBackup& backup : damaged)
-            results.push_back({backup.directory, "", backup.problem});
+            results.push_back({backup.path, "", backup.problem});
     }
     return results;
 }

@@ -50,7 +50,7 @@ TEST(Engine, FirstBackupIsFullAndSaysWhy)
     EXPECT_TRUE(report.fellBack);
     EXPECT_TRUE(contains(report.backup.manifest.fullReason, "no earlier backup"));
     EXPECT_EQ(report.backup.manifest.copiedBlocks, Machine::blocks);
-    EXPECT_EQ(machine.restored(report.backup.directory), machine.driver.contents());
+    EXPECT_EQ(machine.restored(report.backup.path), machine.driver.contents());
 }
 
 TEST(Engine, SecondBackupHoldsExactlyTheChangedBlocks)
@@ -65,7 +65,7 @@ TEST(Engine, SecondBackupHoldsExactlyTheChangedBlocks)
     EXPECT_EQ(second.backup.manifest.parent, first.backup.manifest.id);
     EXPECT_EQ(second.backup.manifest.copiedBlocks, 5u);
     EXPECT_EQ(machine.driver.reads(), (std::vector<fake::Driver::Read>{{0, 3}, {500, 1}, {2999, 1}}));
-    EXPECT_EQ(machine.restored(second.backup.directory), machine.driver.contents());
+    EXPECT_EQ(machine.restored(second.backup.path), machine.driver.contents());
 }
 
 TEST(Engine, BackupIsThePointInTimeWhateverIsWrittenMeanwhile)
@@ -76,12 +76,12 @@ TEST(Engine, BackupIsThePointInTimeWhateverIsWrittenMeanwhile)
             machine.driver.write(block, 5);
     });
     const auto first = machine.backup();
-    EXPECT_EQ(machine.restored(first.backup.directory), machine.driver.frozen());
+    EXPECT_EQ(machine.restored(first.backup.path), machine.driver.frozen());
     EXPECT_NE(machine.driver.frozen(), machine.driver.contents());
     machine.driver.before.set({});
     const auto second = machine.backup();
     EXPECT_EQ(second.backup.manifest.copiedBlocks, Machine::blocks / 2);
-    EXPECT_EQ(machine.restored(second.backup.directory), machine.driver.contents());
+    EXPECT_EQ(machine.restored(second.backup.path), machine.driver.contents());
 }
 
 TEST(Engine, EveryBlockOfTheMapIsReadOnceInRunsOfAtMost256)
@@ -111,7 +111,7 @@ TEST(Engine, AnEmptyTrackedMapIsNotTrustedAndTheBackupIsFull)
     const auto third = machine.backup();
     EXPECT_EQ(third.backup.manifest.mode, Mode::incremental);
     EXPECT_EQ(third.backup.manifest.copiedBlocks, 1u);
-    EXPECT_EQ(machine.restored(third.backup.directory), machine.driver.contents());
+    EXPECT_EQ(machine.restored(third.backup.path), machine.driver.contents());
 }
 
 TEST(Engine, ModeFullIsFullWithoutTheTrackedMap)
@@ -160,7 +160,7 @@ TEST(Engine, TrackingOutOfSyncGivesAFullBackup)
     const auto second = machine.backup();
     EXPECT_EQ(second.backup.manifest.mode, Mode::full);
     EXPECT_TRUE(second.fellBack);
-    EXPECT_EQ(machine.restored(second.backup.directory), machine.driver.contents());
+    EXPECT_EQ(machine.restored(second.backup.path), machine.driver.contents());
 }
 
 TEST(Engine, DriverLoadedAnewGivesAFullBackup)
@@ -171,7 +171,7 @@ TEST(Engine, DriverLoadedAnewGivesAFullBackup)
     machine.driver.write(11, 4);
     const auto second = machine.backup();
     EXPECT_EQ(second.backup.manifest.mode, Mode::full);
-    EXPECT_EQ(machine.restored(second.backup.directory), machine.driver.contents());
+    EXPECT_EQ(machine.restored(second.backup.path), machine.driver.contents());
 }
 
 TEST(Engine, ChainWithAMissingFileGivesAFullBackup)
@@ -179,7 +179,7 @@ TEST(Engine, ChainWithAMissingFileGivesAFullBackup)
     for (const char* missing : {"data", "map", "sums"}) {
         Machine machine;
         const auto first = machine.backup();
-        fs::remove(first.backup.directory / missing);
+        fs::remove(first.backup.path / missing);
         const auto second = machine.backup();
         EXPECT_EQ(second.backup.manifest.mode, Mode::full) << missing;
         EXPECT_TRUE(contains(second.backup.manifest.fullReason, first.backup.manifest.id));
@@ -191,7 +191,7 @@ TEST(Engine, ChainWithoutItsFullBackupGivesAFullBackup)
     Machine machine;
     const auto first = machine.backup();
     machine.backup();
-    fs::remove_all(first.backup.directory);
+    fs::remove_all(first.backup.path);
     EXPECT_EQ(machine.backup().backup.manifest.mode, Mode::full);
 }
 
@@ -283,7 +283,7 @@ void expectFullNext(Machine& machine)
     machine.driver.write(1234, 99);
     const auto next = machine.backup();
     EXPECT_EQ(next.backup.manifest.mode, Mode::full);
-    EXPECT_EQ(machine.restored(next.backup.directory), machine.driver.contents());
+    EXPECT_EQ(machine.restored(next.backup.path), machine.driver.contents());
 }
 
 TEST(Engine, FullCacheFailsTheBackupAndNamesTheRemedy)

@@ -202,7 +202,7 @@ struct WithLedger : testing::Test {
         const auto report = machine.backup();
         EXPECT_EQ(report.backup.manifest.mode, mode) << report.backup.manifest.fullReason;
         EXPECT_EQ(report.backup.manifest.copiedBlocks, copied);
-        EXPECT_EQ(machine.restored(report.backup.directory), machine.driver.contents());
+        EXPECT_EQ(machine.restored(report.backup.path), machine.driver.contents());
     }
     Machine machine;
 };
@@ -410,7 +410,7 @@ TEST_F(WithLedger, WhateverHappensEachBackupIsTheDisk)
             try {
                 const auto report = one.backup(random() % 5 == 0 ? Wanted::full : Wanted::automatic);
                 one.driver.before.set({});
-                ASSERT_EQ(one.restored(report.backup.directory), one.driver.contents()) << "seed " << seed << " round " << round;
+                ASSERT_EQ(one.restored(report.backup.path), one.driver.contents()) << "seed " << seed << " round " << round;
             } catch (const Failure&) {
                 one.driver.before.set({});
                 ASSERT_TRUE(fails) << "seed " << seed << " round " << round;

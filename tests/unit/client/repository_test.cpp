@@ -61,7 +61,7 @@ TEST_P(KilledAt, BackupIsThereWholeOrNotAtAll)
     // The next run removes what the dead one left, and builds a chain that restores. (The fake driver of this process
     // knows nothing of the child's snapshot.)
     const auto next = machine.backup();
-    EXPECT_EQ(machine.restored(next.backup.directory), machine.driver.frozen());
+    EXPECT_EQ(machine.restored(next.backup.path), machine.driver.frozen());
     for (const std::string& name : namesIn(machine.repository()))
         EXPECT_FALSE(name.starts_with(".")) << name;
     EXPECT_NE(next.backup.manifest.id, first);
@@ -149,7 +149,7 @@ TEST(Repository, SequenceGoesOnAfterADamagedBackup)
     Machine machine;
     machine.backup();
     const auto second = machine.backup();
-    damage(second.backup.directory / "manifest.json", 30);
+    damage(second.backup.path / "manifest.json", 30);
     EXPECT_EQ(machine.backup().backup.manifest.sequence, 3u);
 }
 
@@ -157,7 +157,7 @@ TEST(Repository, BackupUnderAnotherNameIsNotTaken)
 {
     Machine machine;
     const auto first = machine.backup();
-    fs::rename(first.backup.directory, machine.repository() / "000009-other");
+    fs::rename(first.backup.path, machine.repository() / "000009-other");
     std::vector<DamagedBackup> damaged;
     EXPECT_TRUE(Repository{machine.repository()}.backups(&damaged).empty());
     EXPECT_EQ(damaged.size(), 1u);
@@ -168,7 +168,7 @@ TEST(FindBackup, TakesABackupARepositoryLatestAndATarget)
     Machine machine;
     const auto first = machine.backup();
     const auto second = machine.backup();
-    EXPECT_EQ(findBackup(first.backup.directory).manifest.id, first.backup.manifest.id);
+    EXPECT_EQ(findBackup(first.backup.path).manifest.id, first.backup.manifest.id);
     for (const fs::path& from : {machine.repository(), machine.repository() / "latest", machine.directory.path(),
                                  machine.directory / "latest"})
         EXPECT_EQ(findBackup(from).manifest.id, second.backup.manifest.id) << from;
@@ -206,7 +206,7 @@ TEST(FindBackup, LatestIsNotAnOlderOneWhenTheNewestIsDamaged)
     Machine machine;
     const auto first = machine.backup();
     const auto second = machine.backup();
-    damage(second.backup.directory / "manifest.json", 30);
+    damage(second.backup.path / "manifest.json", 30);
     try {
         findBackup(machine.repository());
         FAIL();

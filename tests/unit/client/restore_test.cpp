@@ -48,7 +48,7 @@ TEST(Restore, EveryBackupOfAChainGivesTheDiskAtItsSnapshot)
         std::vector<std::pair<fs::path, std::vector<std::byte>>> expected;
         for (int round = 0; round < 7; ++round) {
             const auto report = machine.backup(random() % 5 == 0 ? Wanted::full : Wanted::automatic);
-            expected.emplace_back(report.backup.directory, machine.driver.contents());
+            expected.emplace_back(report.backup.path, machine.driver.contents());
             for (unsigned i = random() % 200; i > 0; --i) {
                 const std::uint32_t first = random() % Machine::blocks;
                 const std::uint32_t last = std::min<std::uint32_t>(Machine::blocks, first + 1 + random() % 30);
@@ -115,11 +115,11 @@ TEST(Restore, DamageIsFoundAndLeavesNoImage)
             for (std::uint32_t block = 100; block < 400; ++block)
                 machine.driver.write(block, 8);
             const auto inc = machine.backup();
-            const fs::path damaged = (in_full ? full : inc).backup.directory / file;
+            const fs::path damaged = (in_full ? full : inc).backup.path / file;
             damage(damaged, fs::file_size(damaged) / 2);
             const fs::path image = machine.directory / "image";
             std::string text;
-            EXPECT_EQ(exitOf([&] { restore(inc.backup.directory, image); }, &text), 5) << damaged;
+            EXPECT_EQ(exitOf([&] { restore(inc.backup.path, image); }, &text), 5) << damaged;
             EXPECT_NE(text.find(file), std::string::npos) << text;
             EXPECT_EQ(namesIn(machine.directory.path()), std::vector<std::string>{"sda1"});
 
@@ -138,9 +138,9 @@ TEST(Restore, MissingLinkOfTheChainIsNamed)
     machine.backup();
     machine.driver.write(2, 2);
     const auto third = machine.backup();
-    fs::remove_all(first.backup.directory);
+    fs::remove_all(first.backup.path);
     std::string text;
-    EXPECT_EQ(exitOf([&] { restore(third.backup.directory, machine.directory / "image"); }, &text), 5);
+    EXPECT_EQ(exitOf([&] { restore(third.backup.path, machine.directory / "image"); }, &text), 5);
     EXPECT_NE(text.find(first.backup.manifest.id), std::string::npos);
 }
 
@@ -162,7 +162,7 @@ TEST(Verify, OneBackupIsCheckedWithWhatItBuildsOn)
     machine.driver.write(1, 1);
     const auto second = machine.backup();
     machine.backup(Wanted::full);
-    const auto results = verify(second.backup.directory);
+    const auto results = verify(second.backup.path);
     ASSERT_EQ(results.size(), 2u);
     EXPECT_EQ(results[0].id, first.backup.manifest.id);
     EXPECT_EQ(results[1].id, second.backup.manifest.id);
@@ -196,12 +196,12 @@ TEST(Verify, ABackupWithoutItsManifestIsDamaged)
 {
     Machine machine;
     const auto made = machine.backup();
-    fs::remove(made.backup.directory / "manifest.json");
+    fs::remove(made.backup.path / "manifest.json");
     std::string text;
-    EXPECT_EQ(exitOf([&] { verify(made.backup.directory); }, &text), 5);
-    EXPECT_EQ(text, (made.backup.directory / "manifest.json").string() + " is missing");
+    EXPECT_EQ(exitOf([&] { verify(made.backup.path); }, &text), 5);
+    EXPECT_EQ(text, (made.backup.path / "manifest.json").string() + " is missing");
     EXPECT_EQ(verify(machine.directory.path()).at(0).problem, text);
-    EXPECT_EQ(exitOf([&] { restore(made.backup.directory, machine.directory / "image"); }), 5);
+    EXPECT_EQ(exitOf([&] { restore(made.backup.path, machine.directory / "image"); }), 5);
 }
 
 TEST(Verify, DamageIsNamedInEachBackupThatBuildsOnIt)
@@ -212,7 +212,7 @@ TEST(Verify, DamageIsNamedInEachBackupThatBuildsOnIt)
         machine.driver.write(round, 7);
         machine.backup();
     }
-    damage(full.backup.directory / "data", 0);
+    damage(full.backup.path / "data", 0);
     const auto results = verify(machine.directory.path());
     ASSERT_EQ(results.size(), 4u);
     for (std::size_t i = 1; i < results.size(); ++i)
@@ -316,7 +316,7 @@ TEST(Restore, ZerosOverDataTakeNoSpaceInTheImage)
         machine.driver.writeZeros(block);
     const auto inc = machine.backup();
     const fs::path image = machine.directory / "image";
-    restore(inc.backup.directory, image);
+    restore(inc.backup.path, image);
     EXPECT_EQ(readAll(image), machine.driver.contents());
     struct stat st {
     };
