@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "client/bitmap.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 
@@ -27,6 +28,19 @@ Bitmap::Bitmap(std::uint32_t blocks, bool all_set) : memory_{byteCount(blocks)},
     if (all_set) {
         std::memset(memory_.data(), 0xff, byteCount(blocks));
         clearSpareBits();
+    }
+}
+
+void Bitmap::widen(std::uint32_t size) noexcept
+{
+    for (auto block = nextSet(0); block;) {
+        const std::uint64_t begin = *block - *block % size;
+        const auto end = static_cast<std::uint32_t>(std::min<std::uint64_t>(blocks_, begin + size));
+        for (auto other = static_cast<std::uint32_t>(begin); other < end; ++other)
+            set(other);
+        if (end == blocks_)
+            return;
+        block = nextSet(end);
     }
 }
 

@@ -45,6 +45,8 @@ class Bitmap
     std::optional<std::uint32_t> nextSet(std::uint32_t from) const noexcept;
     // The first run of neighbouring blocks of the set at or after `from`, cut to at most `most` (1 or more) blocks.
     std::optional<Run> nextRun(std::uint32_t from, std::uint32_t most) const noexcept;
+    // Sets the other blocks of each group that has one in the set: group g is blocks g * size up to (g + 1) * size.
+    void widen(std::uint32_t size) noexcept;
     // Clears the bits beyond the last block.
     void clearSpareBits() noexcept;
 

@@ -2,7 +2,9 @@
 #include "commands.h"
 
 #include "device_catalog.h"
+#include "image_repository.h"
 #include "preflight.h"
+#include "qemu_image.h"
 #include "restore.h"
 #include "run_lock.h"
 #include "verify.h"
@@ -91,6 +93,23 @@ try {
     return {};
 }
 
+// The device's place in the target, locked.
+Repository openTarget(const BackupOptions& options, const Device& device, const Patience& patience)
+{
+    if (!isImageRepository(options.target)) {
+        // One level too deep it would become a target of another kind.
+        for (const fs::path& above : {options.target / "..", options.target / "../.."})
+            if (isImageRepository(above))
+                throw Failure{Exit::refused, options.target.string() + " lies in the repository " +
+                                                 fs::weakly_canonical(above).string() + "; name that one"};
+        return Repository::openForBackup(options.target, device.name, patience);
+    }
+    Host host = thisHost();
+    if (!options.host.empty())
+        host.name = options.host;
+    return openImagesForBackup(options.target, {host, device.name, identityOf(device), options.fresh}, patience);
+}
+
 // Backs up one device and tells of it.
 Exit backUp(const CommonOptions& common, const BackupOptions& options, const std::string& name, Progress& progress,
             const StopSignal& stop)
@@ -121,7 +140,7 @@ Exit backUp(const CommonOptions& common, const BackupOptions& options, const std
     refuseOutputOnDevice(job.device, host);
 
     job.ledger = RunLock::placeFor(common.control).parent_path() / "ledger" / toString(job.device.number);
-    const Repository repository = Repository::openForBackup(options.target, job.device.name, patience);
+    const Repository repository = openTarget(options, job.device, patience);
     if (options.wanted == Wanted::full || repository.backups().empty())
         if (const auto warning = checkSpace(job.device, host, options.target))
             progress.warn(*warning);
@@ -157,6 +176,17 @@ void finishOutput()
 {
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
         throw Failure{Exit::failed, "what was to be told on standard output could not be written there: " + errnoText(errno)};
+}
+
+int commandInit(const CommonOptions& common, const fs::path& target)
+{
+    requireQemu();
+    const std::string id = makeImageRepository(target);
+    if (common.json)
+        print({{"ok", true}, {"path", target.string()}, {"id", id}});
+    else
+        std::printf("made the repository %s\n", target.c_str());
+    return static_cast<int>(Exit::ok);
 }
 
 int commandBackup(const CommonOptions& common, const BackupOptions& options, const StopSignal& stop)

@@ -27,6 +27,8 @@ struct BackupOptions {
     Wanted wanted = Wanted::automatic;
     std::uint32_t cacheBlocks = 0;
     std::uint64_t wait = 0; // seconds, for another run to end
+    std::string host;       // what this machine is called in a repository of images; empty: its name
+    bool fresh = false;     // a folder of its own for a device that has another's name
 };
 
 struct RestoreOptions {
@@ -45,6 +47,7 @@ int reportFailure(bool json, int code, const std::string& text);
 // What was printed has arrived; Failure when it has not.
 void finishOutput();
 
+int commandInit(const CommonOptions& common, const fs::path& target);
 int commandBackup(const CommonOptions& common, const BackupOptions& options, const StopSignal& stop);
 int commandRestore(const CommonOptions& common, const RestoreOptions& options, const StopSignal& stop);
 int commandStatus(const CommonOptions& common, const StatusOptions& options);

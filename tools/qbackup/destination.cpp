@@ -158,6 +158,12 @@ void Destination::put(std::uint64_t offset, std::span<const std::byte> bytes, st
     zero_from_ = std::max(zero_from_, offset + bytes.size());
 }
 
+void Destination::putZeros(std::uint64_t offset, std::uint64_t bytes)
+{
+    if (temporary_.empty() || offset < zero_from_)
+        makeZero(offset, bytes);
+}
+
 void Destination::makeZero(std::uint64_t offset, std::uint64_t bytes)
 {
     if (can_make_zeros_) {

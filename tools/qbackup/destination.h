@@ -30,6 +30,7 @@ class Destination
     // `bytes` are whole blocks of `block_size`. What lies beyond the last one that was ever put is left as it is: zeros in
     // an image.
     void put(std::uint64_t offset, std::span<const std::byte> bytes, std::uint32_t block_size);
+    void putZeros(std::uint64_t offset, std::uint64_t bytes);
     // Makes all durable, and an image visible.
     void finish();
 

@@ -59,6 +59,7 @@ try {
         const std::string file = has_file ? disk.at("file").get<std::string>() : "";
         Device whole;
         whole.name = disk.at("name");
+        whole.contents.file = file;
         whole.number = {disk.at("major").get<std::uint32_t>(), disk.at("minor").get<std::uint32_t>()};
         whole.bytes = disk.at("bytes");
         whole.instance = disk.value("instance", "");
@@ -77,6 +78,7 @@ try {
             part.holds = entry.value("holds", "");
             part.type = entry.value("type", "");
             part.blockSize = entry.value("blockSize", 0U);
+            part.contents = {file, entry.at("start").get<std::uint64_t>() * 512};
             if (!file.empty())
                 part.hostDevices = host_.loopsOver(file, entry.at("start").get<std::uint64_t>());
             whole.partitions.push_back(part.name);

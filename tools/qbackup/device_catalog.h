@@ -26,6 +26,11 @@ struct Device {
     std::vector<std::string> partitions; // of a whole disk: their names
     std::vector<std::string> holders;    // of a disk or partition: what it is a part of, as a logical volume
     std::string instance;                // behind a daemon: another one than before, another device
+    struct Contents {
+        fs::path file; // on this host; empty: none
+        std::uint64_t start = 0; // bytes into it
+    };
+    Contents contents;                   // behind a daemon: where they can be read while it serves
     std::set<dev_t> hostDevices;         // the device as this host sees it: what is mounted when it is mounted here
 };
 

@@ -120,6 +120,10 @@ class Session
         }
         try {
             repository_.expectComplete(last);
+            if (!repository_.mayGrow(last)) {
+                giveUpIncremental("as many backups build on each other as can");
+                return;
+            }
         } catch (const Failure& failure) {
             giveUpIncremental(failure.what());
             return;
@@ -185,7 +189,11 @@ class Session
             manifest_.fullReason = reason_;
         }
         announce();
-        return changed ? std::move(*changed) : Bitmap{manifest_.blocks, true};
+        if (!changed)
+            return Bitmap{manifest_.blocks, true};
+        if (const std::uint32_t group = repository_.granule() / manifest_.blockSize; group > 1)
+            changed->widen(group);
+        return std::move(*changed);
     }
 
     // Those that may be the tracking session's.

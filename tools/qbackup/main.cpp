@@ -79,6 +79,7 @@ int main(int argc, char** argv)
     StatusOptions status;
     fs::path verify_from;
     fs::path list_from;
+    fs::path init_target;
 
     CLI::App app{"Full and incremental backups of block devices that are in use", "qbackup"};
     app.footer(footer);
@@ -110,6 +111,12 @@ int main(int argc, char** argv)
         ->default_str("86400")
         ->check(CLI::Range(0u, 1000000000u));
 
+    run->add_option("--host", backup.host, "What this machine is called in a repository of images (default: its name)");
+    run->add_flag("--new", backup.fresh, "A folder of its own for a device that has got the name of another one");
+
+    CLI::App* init = app.add_subcommand("init", "Make a repository of images, which QEMU's tools open as they are");
+    init->add_option("TARGET,--to", init_target, "Directory that is not there yet, or is empty")->required();
+
     CLI::App* put_back = app.add_subcommand("restore", "Put a backup back");
     put_back->add_option("--from", restore.from, "Backup (TARGET/DEVICE/ID), or TARGET/DEVICE[/latest]")->required();
     put_back->add_option("--to", restore.to, "Image file to write, or block device to overwrite")->required();
@@ -134,7 +141,8 @@ int main(int argc, char** argv)
     }
     catchSignals();
     try {
-        const int exit = run->parsed()        ? commandBackup(common, backup, stop_signal)
+        const int exit = init->parsed()       ? commandInit(common, init_target)
+                         : run->parsed()      ? commandBackup(common, backup, stop_signal)
                          : put_back->parsed() ? commandRestore(common, restore, stop_signal)
                          : show->parsed()     ? commandStatus(common, status)
                          : check->parsed()    ? commandVerify(common, verify_from, stop_signal)

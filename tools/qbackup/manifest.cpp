@@ -13,7 +13,7 @@ namespace
 
 using nlohmann::json;
 
-constexpr int format_version = 1;
+constexpr int newest_format = 2;
 constexpr const char* self_field = "manifestHash";
 
 // The hash that a manifest carries of itself: of its text without that field. Object keys are sorted, so the text is
@@ -50,7 +50,7 @@ const char* toString(Mode mode) { return mode == Mode::full ? "full" : "inc"; }
 std::string encode(const Manifest& m)
 {
     json document{
-        {"format", format_version},
+        {"format", m.format},
         {"id", m.id},
         {"sequence", m.sequence},
         {"mode", toString(m.mode)},
@@ -62,10 +62,12 @@ std::string encode(const Manifest& m)
         {"time", m.time},
         {"copiedBlocks", m.copiedBlocks},
         {"dataBytes", m.dataBytes},
-        {"segmentBytes", m.segmentBytes},
-        {"mapHash", m.mapHash},
         {"sumsHash", m.sumsHash},
     };
+    if (m.format == 1) {
+        document["segmentBytes"] = m.segmentBytes;
+        document["mapHash"] = m.mapHash;
+    }
     if (m.mode == Mode::incremental)
         document["parent"] = {{"id", m.parent}, {"manifestHash", m.parentHash}};
     else
@@ -79,12 +81,13 @@ std::string encode(const Manifest& m)
 Manifest decode(const std::string& text, const std::string& where)
 try {
     const json document = json::parse(text);
-    if (const int version = document.at("format"); version != format_version)
+    if (const int version = document.at("format"); version < 1 || version > newest_format)
         throw Failure{Exit::damaged, where + " is of format version " + std::to_string(version) +
                                          ", which this program does not know; use a newer qbackup"};
     if (document.at(self_field).get<std::string>() != selfHash(document))
         throw Failure{Exit::damaged, where + " was changed or damaged: it does not match its own hash"};
     Manifest m;
+    m.format = document.at("format");
     m.id = document.at("id");
     m.sequence = document.at("sequence");
     m.mode = document.at("mode") == "full" ? Mode::full : Mode::incremental;
@@ -99,8 +102,10 @@ try {
     m.time = document.at("time");
     m.copiedBlocks = document.at("copiedBlocks");
     m.dataBytes = document.at("dataBytes");
-    m.segmentBytes = document.at("segmentBytes");
-    m.mapHash = document.at("mapHash");
+    if (m.format == 1) {
+        m.segmentBytes = document.at("segmentBytes");
+        m.mapHash = document.at("mapHash");
+    }
     m.sumsHash = document.at("sumsHash");
     if (m.mode == Mode::incremental) {
         m.parent = document.at("parent").at("id");

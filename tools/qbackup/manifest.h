@@ -15,6 +15,7 @@ enum class Mode { full, incremental };
 const char* toString(Mode mode);
 
 struct Manifest {
+    int format = 1; // 1: a folder, 2: an image
     std::string id;
     std::uint32_t sequence = 0;
     std::string parent;     // id; empty for a full backup
@@ -30,8 +31,8 @@ struct Manifest {
     quendrel::SessionKey key{}; // of the tracking session right after the snapshot
     std::string time;           // of the snapshot, UTC, as 2026-11-21T11:16:41Z
     std::uint32_t copiedBlocks = 0;
-    std::uint64_t dataBytes = 0;
-    std::uint32_t segmentBytes = 0;
+    std::uint64_t dataBytes = 0;    // stored; of an image without the blocks of zeros
+    std::uint32_t segmentBytes = 0; // format 1 only, as what follows
     std::string mapHash;
     std::string sumsHash;
 };

@@ -3,6 +3,8 @@
 
 #include "failure.h"
 #include "folder_backup.h"
+#include "image_backup.h"
+#include "qemu_image.h"
 #include "utc.h"
 
 #include <fcntl.h>
@@ -20,6 +22,9 @@ namespace
 {
 
 constexpr const char* lock_name = ".lock";
+// In a chain. Each is opened for reading at once, and QEMU takes more time for each.
+constexpr std::size_t most_images = 100;
+constexpr const char* device_name = "device.json"; // what tells whose images these are
 
 // Not what this program keeps beside its backups, nor what file systems put into their topmost directory.
 bool mayHoldBackups(const fs::path& path)
@@ -32,8 +37,9 @@ bool mayHoldBackups(const fs::path& path)
 bool holdsBackups(const fs::path& directory)
 {
     const auto entries = entriesOf(directory);
-    return std::any_of(entries.begin(), entries.end(),
-                       [](const fs::path& entry) { return mayHoldBackups(entry) && looksLikeBackup(entry); });
+    return std::any_of(entries.begin(), entries.end(), [](const fs::path& entry) {
+        return looksLikeImageBackup(entry) || (mayHoldBackups(entry) && looksLikeFolderBackup(entry));
+    });
 }
 
 bool isAt(const File& file, const fs::path& path)
@@ -85,16 +91,22 @@ std::string numbered(std::uint32_t sequence, const std::string& stamp)
     return std::string{number} + "-" + stamp;
 }
 
-bool looksLikeBackup(const fs::path& path) { return looksLikeFolderBackup(path); }
+bool looksLikeBackup(const fs::path& path) { return looksLikeFolderBackup(path) || looksLikeImageBackup(path); }
 
-StoredBackup readBackup(const fs::path& path) { return readFolderBackup(path); }
+StoredBackup readBackup(const fs::path& path)
+{
+    return looksLikeFolderBackup(path) ? readFolderBackup(path) : readImageBackup(path);
+}
 
-std::unique_ptr<LayerReader> openLayer(const StoredBackup& backup) { return openFolderLayer(backup); }
+std::unique_ptr<LayerReader> openLayer(const StoredBackup& backup)
+{
+    return backup.manifest.format == 1 ? openFolderLayer(backup) : openImageLayer(backup);
+}
 
 Repository::Repository(fs::path directory) : directory_{std::move(directory)} {}
 
-Repository::Repository(fs::path directory, File lock, Made made)
-    : directory_{std::move(directory)}, lock_{std::move(lock)}, made_{std::move(made)}
+Repository::Repository(fs::path directory, bool images, File lock, Made made)
+    : directory_{std::move(directory)}, images_{images}, lock_{std::move(lock)}, made_{std::move(made)}
 {
 }
 
@@ -105,10 +117,11 @@ Repository::Made::~Made()
     std::error_code error;
     fs::directory_iterator entry{directory_, error};
     for (; !error && entry != fs::directory_iterator{}; entry.increment(error))
-        if (entry->path().filename() != lock_name)
+        if (entry->path().filename() != lock_name && entry->path().filename() != device_name)
             return;
     if (error)
         return;
+    fs::remove(directory_ / device_name, error);
     fs::remove(directory_ / lock_name, error);
     fs::remove(directory_, error);
 }
@@ -123,7 +136,7 @@ Repository Repository::openForBackup(const fs::path& target, const std::string& 
         throw Failure{Exit::refused, target.string() + " holds the backups of one device; name the directory above it, " +
                                          fs::weakly_canonical(target / "..").string()};
     LockedDirectory locked = lockDirectory(directory, patience);
-    Repository repository{directory, std::move(locked.lock), locked.made ? Made{directory} : Made{}};
+    Repository repository{directory, false, std::move(locked.lock), locked.made ? Made{directory} : Made{}};
     for (const fs::path& entry : entriesOf(directory))
         if (entry.filename().string().starts_with(partial_prefix))
             fs::remove_all(entry);
@@ -131,21 +144,32 @@ Repository Repository::openForBackup(const fs::path& target, const std::string& 
     return repository;
 }
 
+Repository Repository::openImages(const fs::path& directory, const Patience& patience)
+{
+    LockedDirectory locked = lockDirectory(directory, patience);
+    Repository repository{directory, true, std::move(locked.lock), locked.made ? Made{directory} : Made{}};
+    removeDeadImages(directory);
+    return repository;
+}
+
 std::vector<StoredBackup> Repository::backups(std::vector<DamagedBackup>* damaged) const
 {
     std::vector<StoredBackup> result;
-    for (const fs::path& entry : entriesOf(directory_)) {
-        if (!mayHoldBackups(entry))
-            continue;
+    const auto add = [&](const fs::path& path, const auto& read) {
         try {
-            result.push_back(readBackup(entry));
+            result.push_back(read(path));
         } catch (const Failure& failure) {
             if (failure.exitCode() == static_cast<int>(Exit::denied))
                 throw;
             if (damaged != nullptr)
-                damaged->push_back({entry, failure.what()});
+                damaged->push_back({path, failure.what()});
         }
-    }
+    };
+    for (const fs::path& entry : entriesOf(directory_))
+        if (mayHoldBackups(entry))
+            add(entry, readFolderBackup);
+    for (const std::string& id : imageIds(directory_))
+        add(directory_ / id, readImageBackup);
     std::sort(result.begin(), result.end(), [](const StoredBackup& a, const StoredBackup& b) {
         return std::tie(a.manifest.sequence, a.manifest.id) < std::tie(b.manifest.sequence, b.manifest.id);
     });
@@ -165,8 +189,7 @@ StoredBackup Repository::parentOf(const StoredBackup& backup) const
 {
     const Manifest& child = backup.manifest;
     const std::string needed = backup.path.string() + " builds on backup " + child.parent;
-    std::error_code error;
-    if (!fs::exists(directory_ / child.parent / "manifest.json", error))
+    if (!looksLikeBackup(directory_ / child.parent))
         throw Failure{Exit::damaged, needed + ", which is missing in " + directory_.string()};
     StoredBackup parent = readBackup(directory_ / child.parent);
     if (parent.manifestHash != child.parentHash)
@@ -180,8 +203,12 @@ StoredBackup Repository::parentOf(const StoredBackup& backup) const
 void Repository::expectComplete(const StoredBackup& last) const
 {
     for (const StoredBackup& link : chain(last))
-        expectFolderComplete(link);
+        link.manifest.format == 1 ? expectFolderComplete(link) : expectImageComplete(link);
 }
+
+std::uint32_t Repository::granule() const noexcept { return images_ ? image_granule_bytes : 1; }
+
+bool Repository::mayGrow(const StoredBackup& last) const { return !images_ || chain(last).size() < most_images; }
 
 std::unique_ptr<PendingBackup> Repository::begin() const
 {
@@ -190,7 +217,10 @@ std::unique_ptr<PendingBackup> Repository::begin() const
     for (const auto& entry : fs::directory_iterator{directory_})
         highest =
             std::max(highest, static_cast<std::uint32_t>(std::strtoul(entry.path().filename().c_str(), nullptr, 10)));
-    return std::make_unique<PendingFolder>(directory_, highest + 1, utcNow("%Y%m%dT%H%M%SZ"));
+    const std::string stamp = utcNow("%Y%m%dT%H%M%SZ");
+    if (images_)
+        return beginImage(directory_, highest + 1, stamp);
+    return std::make_unique<PendingFolder>(directory_, highest + 1, stamp);
 }
 
 std::vector<fs::path> findRepositories(const fs::path& target)
@@ -204,9 +234,19 @@ std::vector<fs::path> findRepositories(const fs::path& target)
     if (holdsBackups(target))
         return {target};
     std::vector<fs::path> result;
-    for (const fs::path& entry : entriesOf(target))
-        if (mayHoldBackups(entry) && holdsBackups(entry))
+    for (const fs::path& entry : entriesOf(target)) {
+        if (!mayHoldBackups(entry))
+            continue;
+        if (holdsBackups(entry)) {
             result.push_back(entry);
+            continue;
+        }
+        // One of images has a level more, for the machines.
+        if (fs::exists(entry / "host.json", error))
+            for (const fs::path& device : entriesOf(entry))
+                if (mayHoldBackups(device) && holdsBackups(device))
+                    result.push_back(device);
+    }
     if (result.empty())
         throw Failure{Exit::nothing, "there is no backup in " + target.string()};
     return result;
@@ -214,8 +254,10 @@ std::vector<fs::path> findRepositories(const fs::path& target)
 
 StoredBackup findBackup(const fs::path& from)
 {
-    if (looksLikeBackup(from))
-        return readBackup(fs::canonical(from));
+    if (looksLikeFolderBackup(from))
+        return readFolderBackup(fs::canonical(from));
+    if (looksLikeImageBackup(from))
+        return readImageBackup(fs::canonical(fs::absolute(from).parent_path()) / from.filename());
     const fs::path place = from.filename() == "latest" ? from.parent_path() : from;
     const std::vector<fs::path> repositories = findRepositories(place.empty() ? "." : place);
     if (repositories.size() > 1) {

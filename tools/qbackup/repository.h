@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
-// The backups of one device in a target directory: TARGET/DEVICE/ID/{manifest.json,map,data,sums}.
+// The backups of one device, in a directory of theirs: folders (TARGET/DEVICE/ID/) or images (TARGET/HOST/DEVICE/ID.qcow2).
 //
 // A backup is there whole or not at all: it is made under a name that begins with ".partial-", made durable, and
-// renamed. A run that died leaves such a directory behind; the next run that holds the repository's lock removes it.
+// renamed. A run that died leaves such names behind; the next run that holds the directory's lock removes them.
 #pragma once
 
 #include "file_lock.h"
@@ -22,6 +22,8 @@ class Repository
     // Creates TARGET/DEVICE if it is not there, takes its lock (Failure busy when another run has it) and removes what
     // dead runs left. A directory that was created and got no backup goes with the object.
     static Repository openForBackup(const fs::path& target, const std::string& device, const Patience& patience = {});
+    // The same of a directory of images.
+    static Repository openImages(const fs::path& directory, const Patience& patience = {});
     // For reading; no lock, nothing is created.
     explicit Repository(fs::path directory);
 
@@ -36,6 +38,10 @@ class Repository
     // Throws Failure (damaged) when a file of the backup or of one that it builds on is missing or not of its size.
     void expectComplete(const StoredBackup& last) const;
     std::unique_ptr<PendingBackup> begin() const;
+    // What a backup holds begins and ends at multiples of this many bytes.
+    std::uint32_t granule() const noexcept;
+    // Whether one more backup may build on `last`.
+    bool mayGrow(const StoredBackup& last) const;
 
   private:
     // A directory that was made for a backup. It goes again if it has got none.
@@ -52,14 +58,16 @@ class Repository
         fs::path directory_; // empty: none
     };
 
-    Repository(fs::path directory, File lock, Made made);
+    Repository(fs::path directory, bool images, File lock, Made made);
 
     fs::path directory_;
+    bool images_ = false; // what begin() makes
     File lock_;
     Made made_; // behind the lock: it goes while that is held
 };
 
-// Whether a path is that of a backup, be it one that has lost its manifest.
+// Whether a path is that of a backup, be it one that has lost its manifest. Of an image any of its files, or its id in the
+// folder's place.
 bool looksLikeBackup(const fs::path& path);
 // What the manifest at or in `path` tells. Throws Failure.
 StoredBackup readBackup(const fs::path& path);

@@ -16,8 +16,11 @@ void apply(const StoredBackup& backup, Destination& destination, Progress& progr
     const auto layer = openLayer(backup);
     for (auto piece = layer->next(); piece; piece = layer->next()) {
         throwIfStopped(stop);
-        progress.advance(piece->bytes);
-        destination.put(piece->offset, piece->data, backup.manifest.blockSize);
+        progress.advance(piece->data.size());
+        if (piece->data.empty())
+            destination.putZeros(piece->offset, piece->bytes);
+        else
+            destination.put(piece->offset, piece->data, backup.manifest.blockSize);
     }
 }
 
@@ -28,7 +31,7 @@ RestoreReport restoreBackup(const fs::path& from, const fs::path& to, bool force
 {
     const auto begun = std::chrono::steady_clock::now();
     RestoreReport report{findBackup(from)};
-    const auto chain = Repository{fs::canonical(report.backup.path).parent_path()}.chain(report.backup);
+    const auto chain = Repository{report.backup.path.parent_path()}.chain(report.backup);
     report.chainLength = chain.size();
     for (const StoredBackup& link : chain)
         report.bytesRead += link.manifest.dataBytes;

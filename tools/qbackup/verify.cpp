@@ -14,7 +14,7 @@ try {
     const auto layer = openLayer(backup);
     for (auto piece = layer->next(); piece; piece = layer->next()) {
         throwIfStopped(stop);
-        progress.advance(piece->bytes);
+        progress.advance(piece->data.size());
     }
     return {};
 } catch (const Interrupted&) {
@@ -65,7 +65,7 @@ std::vector<VerifyResult> verifyBackups(const fs::path& from, Progress& progress
 {
     std::vector<VerifyResult> results;
     if (looksLikeBackup(from)) {
-        const StoredBackup backup = readBackup(fs::canonical(from));
+        const StoredBackup backup = findBackup(from);
         const Repository repository{backup.path.parent_path()};
         verifyIn(repository, repository.chain(backup), results, progress, stop);
         return results;

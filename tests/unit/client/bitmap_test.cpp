@@ -91,4 +91,25 @@ TEST(Bitmap, RunsTogetherAreExactlyTheSet)
     }
 }
 
+TEST(Bitmap, WidenedSetsWholeGroupsAndNoOthers)
+{
+    std::mt19937 random{8};
+    for (int round = 0; round < 200; ++round) {
+        const std::uint32_t blocks = 1 + random() % 500;
+        const std::uint32_t size = 1 + random() % 9;
+        Bitmap map{blocks};
+        std::vector<bool> expected(blocks, false);
+        for (std::uint32_t i = 0; i < blocks / 20; ++i) {
+            const std::uint32_t block = random() % blocks;
+            map.set(block);
+            for (std::uint32_t other = block - block % size; other < std::min(blocks, block - block % size + size); ++other)
+                expected[other] = true;
+        }
+        map.widen(size);
+        for (std::uint32_t block = 0; block < blocks; ++block)
+            ASSERT_EQ(map.test(block), expected[block]) << "round " << round << " block " << block;
+        ASSERT_EQ(map.count(), static_cast<std::uint32_t>(std::count(expected.begin(), expected.end(), true)));
+    }
+}
+
 } // namespace

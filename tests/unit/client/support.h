@@ -94,7 +94,8 @@ class Machine
     BackupReport backup(Wanted wanted = Wanted::automatic, const PendingBackup::Watcher& watcher = {})
     {
         driver.clearEvents();
-        const Repository repository = Repository::openForBackup(target.empty() ? directory.path() : target, "sda1");
+        const Repository repository = images ? Repository::openImages(this->repository())
+                                             : Repository::openForBackup(target.empty() ? directory.path() : target, "sda1");
         quendrel::ControlDevice device{fake::connect(driver), "memory"};
         Progress progress{Progress::Style::none};
         BackupJob job{sda1(), wanted, 0, [this] { return qbackup::Identity{instance, sda1().bytes}; }, ledger};
@@ -123,6 +124,7 @@ class Machine
     Directory directory;
     fake::Driver driver;
     StopSignal stop{0};
+    bool images = false;  // the target's format
     std::string instance; // of sda1
     fs::path ledger;      // empty: none is kept
     fs::path target;      // empty: `directory`

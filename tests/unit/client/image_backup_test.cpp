@@ -1,0 +1,240 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "support.h"
+#include "verify.h"
+
+#include <sys/wait.h>
+
+#include <cstdio>
+
+namespace
+{
+
+using namespace test;
+
+class MachineWithImages : public Machine
+{
+  public:
+    MachineWithImages() { images = true; }
+};
+
+std::string problemIn(const fs::path& from)
+{
+    Progress progress{Progress::Style::none};
+    const StopSignal stop{0};
+    std::string all;
+    for (const VerifyResult& result : verifyBackups(from, progress, stop))
+        all += result.problem;
+    return all;
+}
+
+// What QEMU's own program makes of an image and all below it.
+std::vector<std::byte> throughQemu(const fs::path& image, const fs::path& raw)
+{
+    const std::string command = "qemu-img convert -O raw '" + image.string() + "' '" + raw.string() + "'";
+    if (std::system(command.c_str()) != 0)
+        return {};
+    return readAll(raw);
+}
+
+std::string outputOf(const std::string& command)
+{
+    std::string text;
+    std::FILE* pipe = ::popen(command.c_str(), "r");
+    for (int c; pipe != nullptr && (c = std::fgetc(pipe)) != EOF;)
+        text += static_cast<char>(c);
+    return pipe != nullptr && ::pclose(pipe) == 0 ? text : "failed: " + text;
+}
+
+// Random writes, zeroed blocks among them, between the backups of a chain with full ones in it.
+TEST(ImageBackup, EveryOneOfAChainGivesTheDiskAtItsSnapshotHereAndToQemu)
+{
+    for (unsigned seed = 1; seed <= 3; ++seed) {
+        MachineWithImages machine;
+        std::mt19937 random{seed};
+        std::vector<std::pair<fs::path, std::vector<std::byte>>> expected;
+        for (int round = 0; round < 6; ++round) {
+            const auto report = machine.backup(random() % 5 == 0 ? Wanted::full : Wanted::automatic);
+            expected.emplace_back(report.backup.path, machine.driver.contents());
+            for (unsigned i = random() % 100; i > 0; --i) {
+                const std::uint32_t first = random() % Machine::blocks;
+                const std::uint32_t last = std::min<std::uint32_t>(Machine::blocks, first + 1 + random() % 30);
+                for (std::uint32_t block = first; block < last; ++block)
+                    random() % 4 == 0 ? machine.driver.writeZeros(block) : machine.driver.write(block, static_cast<unsigned>(random()));
+            }
+        }
+        for (const auto& [image, contents] : expected) {
+            ASSERT_EQ(machine.restored(image), contents) << "seed " << seed << " " << image;
+            ASSERT_EQ(throughQemu(image, machine.directory / "raw"), contents) << "seed " << seed << " " << image;
+            EXPECT_EQ(outputOf("qemu-img check -q '" + image.string() + "' 2>&1"), "");
+        }
+        EXPECT_EQ(problemIn(machine.repository()), "");
+    }
+}
+
+TEST(ImageBackup, AnIncrementHoldsWhatChangedInUnitsOfFourKiBAndNothingElse)
+{
+    MachineWithImages machine;
+    machine.backup();
+    machine.driver.write(5, 77); // of blocks 4 to 7
+    machine.driver.write(8, 77);
+    const auto report = machine.backup();
+    EXPECT_EQ(report.backup.manifest.mode, Mode::incremental);
+    EXPECT_EQ(report.backup.manifest.copiedBlocks, 8u);
+    EXPECT_EQ(report.backup.manifest.dataBytes, 8192u);
+    EXPECT_EQ(machine.restored(report.backup.path), machine.driver.contents());
+}
+
+TEST(ImageBackup, ZerosOverDataAreZerosAndTakeNoSpace)
+{
+    MachineWithImages machine;
+    for (std::uint32_t block = 0; block < Machine::blocks; ++block)
+        machine.driver.write(block, 3);
+    machine.backup();
+    for (std::uint32_t block = 100; block < 2100; ++block)
+        machine.driver.writeZeros(block);
+    const auto report = machine.backup();
+    EXPECT_EQ(report.backup.manifest.mode, Mode::incremental);
+    EXPECT_EQ(report.backup.manifest.copiedBlocks, 2000u);
+    EXPECT_EQ(report.backup.manifest.dataBytes, 0u);
+    EXPECT_EQ(machine.restored(report.backup.path), machine.driver.contents());
+    EXPECT_EQ(throughQemu(report.backup.path, machine.directory / "raw"), machine.driver.contents());
+    EXPECT_EQ(problemIn(machine.repository()), "");
+}
+
+TEST(ImageBackup, AnImageNamesTheOneBelowItByItsNameAlone)
+{
+    MachineWithImages machine;
+    const auto first = machine.backup();
+    machine.driver.write(5, 77);
+    const auto second = machine.backup();
+    const std::string info = outputOf("qemu-img info '" + second.backup.path.string() + "'");
+    EXPECT_NE(info.find("backing file: " + first.backup.path.filename().string() + " (actual path"), std::string::npos) << info;
+    fs::rename(machine.repository(), machine.directory / "elsewhere");
+    EXPECT_EQ(throughQemu(machine.directory / "elsewhere" / second.backup.path.filename(), machine.directory / "raw"), machine.driver.contents());
+}
+
+TEST(ImageBackup, AFolderHasThreeFilesForEachAndNothingThatWasInTheMaking)
+{
+    MachineWithImages machine;
+    const std::string id = machine.backup().backup.manifest.id;
+    EXPECT_EQ(namesIn(machine.repository()), (std::vector<std::string>{id + ".json", id + ".qcow2", id + ".sums"}));
+}
+
+const std::vector<std::string> commit_steps{"data", "manifest", "image", "sums", "rename", "parent", "done"};
+
+// Ends the process, without any clean-up, before each step of the commit in turn.
+class ImageKilledAt : public testing::TestWithParam<std::string>
+{
+};
+
+TEST_P(ImageKilledAt, BackupIsThereWholeOrNotAtAll)
+{
+    MachineWithImages machine;
+    machine.backup(Wanted::full);
+    machine.driver.write(5, 77);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        machine.backup(Wanted::automatic, [&](const char* step) {
+            if (step == GetParam())
+                ::_exit(42);
+        });
+        ::_exit(1);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ASSERT_EQ(WEXITSTATUS(status), 42);
+
+    std::vector<DamagedBackup> damaged;
+    const auto backups = Repository{machine.repository()}.backups(&damaged);
+    EXPECT_TRUE(damaged.empty());
+    const bool renamed = GetParam() == "parent" || GetParam() == "done";
+    ASSERT_EQ(backups.size(), renamed ? 2u : 1u);
+    EXPECT_EQ(problemIn(machine.repository()), "");
+
+    // The next run removes what the dead one left, and builds a chain that restores. (The fake driver of this process
+    // knows nothing of the child's snapshot.)
+    const auto next = machine.backup();
+    EXPECT_EQ(machine.restored(next.backup.path), machine.driver.frozen());
+    for (const std::string& name : namesIn(machine.repository()))
+        EXPECT_FALSE(name.starts_with(".")) << name;
+    EXPECT_EQ(namesIn(machine.repository()).size(), 3 * (backups.size() + 1));
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryStep, ImageKilledAt, testing::ValuesIn(commit_steps), [](const auto& info) { return info.param; });
+
+TEST(ImageBackup, FailureWhileCommittingLeavesNothing)
+{
+    for (const std::string at : {"data", "manifest", "image", "sums", "rename"}) {
+        MachineWithImages machine;
+        EXPECT_THROW(machine.backup(Wanted::full,
+                                    [&](const char* step) {
+                                        if (step == at)
+                                            throw Failure{Exit::failed, "full"};
+                                    }),
+                     Failure);
+        EXPECT_TRUE(namesIn(machine.repository()).empty()) << at;
+    }
+}
+
+// Bytes of the data, of the tables of the image, of the sums and of the manifest.
+TEST(ImageBackup, DamageIsFoundAndNeverRestored)
+{
+    MachineWithImages machine;
+    const auto first = machine.backup();
+    for (std::uint32_t block = 1000; block < 1400; ++block)
+        machine.driver.write(block, 77);
+    const auto second = machine.backup();
+    std::mt19937 random{5};
+    unsigned found = 0;
+    for (const auto& backup : {first.backup, second.backup}) {
+        for (const char* end : {".qcow2", ".sums", ".json"}) {
+            const fs::path file = backup.path.parent_path() / (backup.manifest.id + end);
+            const fs::path kept = machine.directory / "kept";
+            for (int round = 0; round < 8; ++round) {
+                fs::copy_file(file, kept, fs::copy_options::overwrite_existing);
+                damage(file, random() % fs::file_size(file));
+                const std::string problem = problemIn(machine.repository());
+                if (problem.empty()) {
+                    // A byte that nothing is read from: what is restored is right all the same.
+                    EXPECT_STREQ(end, ".qcow2");
+                    EXPECT_EQ(machine.restored(second.backup.path), machine.driver.contents()) << file;
+                } else {
+                    ++found;
+                    EXPECT_NE(problem.find(backup.manifest.id), std::string::npos) << problem;
+                    EXPECT_THROW(machine.restored(second.backup.path), Failure) << problem;
+                }
+                fs::rename(kept, file);
+            }
+        }
+    }
+    EXPECT_GE(found, 32u) << "all in sums and manifests";
+    EXPECT_EQ(problemIn(machine.repository()), "");
+}
+
+TEST(ImageBackup, DataThatWasNeverStoredIsDamage)
+{
+    MachineWithImages machine;
+    machine.backup();
+    machine.driver.write(5, 77);
+    const auto second = machine.backup();
+    ASSERT_EQ(outputOf("qemu-io -c 'write -P 7 1M 4k' '" + second.backup.path.string() + "' >/dev/null 2>&1 && echo done"), "done\n");
+    EXPECT_NE(problemIn(machine.repository()).find("it has data at byte 1048576 of the disk, where nothing was stored"), std::string::npos)
+        << problemIn(machine.repository());
+}
+
+TEST(ImageBackup, AMissingFileIsNamedAndAFullIsTaken)
+{
+    for (const char* end : {".qcow2", ".sums", ".json"}) {
+        MachineWithImages machine;
+        const auto first = machine.backup();
+        const fs::path file = machine.repository() / (first.backup.manifest.id + end);
+        fs::remove(file);
+        EXPECT_EQ(problemIn(machine.repository()), file.string() + " is missing");
+        const auto second = machine.backup();
+        EXPECT_EQ(second.backup.manifest.mode, Mode::full) << end;
+        EXPECT_EQ(second.backup.manifest.sequence, 2u) << end;
+        EXPECT_EQ(machine.restored(second.backup.path), machine.driver.contents());
+    }
+}
+
+} // namespace

@@ -1,0 +1,123 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "child_process.h"
+
+#include "failure.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <sstream>
+
+extern char** environ;
+
+namespace qbackup
+{
+namespace
+{
+
+struct SpawnSettings {
+    SpawnSettings()
+    {
+        ::posix_spawn_file_actions_init(&actions);
+        ::posix_spawnattr_init(&attributes);
+    }
+    ~SpawnSettings()
+    {
+        ::posix_spawn_file_actions_destroy(&actions);
+        ::posix_spawnattr_destroy(&attributes);
+    }
+    SpawnSettings(const SpawnSettings&) = delete;
+    SpawnSettings& operator=(const SpawnSettings&) = delete;
+
+    posix_spawn_file_actions_t actions;
+    posix_spawnattr_t attributes;
+};
+
+} // namespace
+
+ChildProcess::ChildProcess(const std::vector<std::string>& words, const std::string& package, int inherited)
+    : errors_{::memfd_create("stderr", MFD_CLOEXEC)}
+{
+    if (!errors_)
+        throw Failure{Exit::failed, "cannot start " + words[0] + ": " + errnoText(errno)};
+    SpawnSettings settings;
+    ::posix_spawn_file_actions_addopen(&settings.actions, 0, "/dev/null", O_RDONLY, 0);
+    ::posix_spawn_file_actions_adddup2(&settings.actions, errors_.get(), 2);
+    ::posix_spawn_file_actions_adddup2(&settings.actions, 2, 1);
+    if (inherited >= 0)
+        ::posix_spawn_file_actions_adddup2(&settings.actions, inherited, 3);
+    // A group of its own: what ends this program from a terminal is for this program to pass on. Signals as they are at the
+    // start of any program.
+    ::posix_spawnattr_setflags(&settings.attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::posix_spawnattr_setsigmask(&settings.attributes, &none);
+    sigset_t defaults;
+    ::sigemptyset(&defaults);
+    ::sigaddset(&defaults, SIGPIPE);
+    ::posix_spawnattr_setsigdefault(&settings.attributes, &defaults);
+    std::vector<char*> arguments;
+    for (const std::string& word : words)
+        arguments.push_back(const_cast<char*>(word.c_str()));
+    arguments.push_back(nullptr);
+    const int error =
+        ::posix_spawnp(&pid_, arguments[0], &settings.actions, &settings.attributes, arguments.data(), environ);
+    if (error == 0)
+        return;
+    pid_ = -1;
+    if (error == ENOENT)
+        throw Failure{Exit::refused, words[0] + " is not installed; install the package " + package};
+    throw Failure{Exit::failed, "cannot start " + words[0] + ": " + errnoText(error)};
+}
+
+ChildProcess::~ChildProcess()
+{
+    if (pid_ < 0)
+        return;
+    ::kill(pid_, SIGKILL);
+    wait();
+}
+
+bool ChildProcess::wait()
+{
+    int status = 0;
+    while (pid_ >= 0) {
+        const pid_t got = ::waitpid(pid_, &status, 0);
+        if (got < 0 && errno == EINTR)
+            continue;
+        ended_well_ = got == pid_ && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+        pid_ = -1;
+    }
+    return ended_well_;
+}
+
+std::string ChildProcess::said() const
+{
+    std::string text(16384, '\0');
+    const ssize_t got = ::pread(errors_.get(), text.data(), text.size(), 0);
+    text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+    std::istringstream lines{text};
+    std::string last;
+    for (std::string line; std::getline(lines, line);)
+        if (!line.empty())
+            last = line;
+    return last.empty() ? "it said nothing" : last;
+}
+
+bool isInstalled(const std::string& program)
+{
+    const char* path = std::getenv("PATH");
+    std::istringstream places{path != nullptr ? path : "/usr/local/bin:/usr/bin:/bin"};
+    for (std::string place; std::getline(places, place, ':');)
+        if (::access((place + "/" + program).c_str(), X_OK) == 0)
+            return true;
+    return false;
+}
+
+} // namespace qbackup

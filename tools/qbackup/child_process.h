@@ -1,0 +1,40 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
+// Another program, run as a child; what it says on standard error is kept for messages.
+#pragma once
+
+#include "base/descriptor.h"
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace qbackup
+{
+
+class ChildProcess
+{
+  public:
+    // Looks for words[0] in PATH. `inherited`: becomes descriptor 3 there; -1: none. Throws Failure: refused, with
+    // `package` in the text, when the program is not there.
+    ChildProcess(const std::vector<std::string>& words, const std::string& package, int inherited = -1);
+    // Kills it if it still runs.
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    // Until it has ended. Whether it did so with exit code 0.
+    bool wait();
+    // Its last words on standard error, one line.
+    std::string said() const;
+
+  private:
+    pid_t pid_ = -1; // none: it has been waited for
+    bool ended_well_ = false;
+    base::Descriptor errors_;
+};
+
+// Whether a program is to be found in PATH.
+bool isInstalled(const std::string& program);
+
+} // namespace qbackup

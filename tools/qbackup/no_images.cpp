@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// In place of what needs libnbd and libblkid, in a program that is linked with no shared library: it runs on any kernel,
+// and repositories of images are not for it.
+#include "child_process.h"
+#include "device_identity.h"
+#include "failure.h"
+#include "qemu_image.h"
+
+namespace qbackup
+{
+namespace
+{
+
+[[noreturn]] void refuse()
+{
+    throw Failure{Exit::refused, "this is the qbackup that runs everywhere; repositories of images need the other one, of the package "
+                                 "quendrel. Give a target that is no such repository, and import it from there"};
+}
+
+} // namespace
+
+void requireQemu() { refuse(); }
+void createImage(const fs::path&, std::uint64_t, const std::string&) { refuse(); }
+std::string imageChain(const fs::path&, std::span<const fs::path>) { refuse(); }
+
+OpenImage::OpenImage(const fs::path&, For, std::span<const fs::path>) { refuse(); }
+OpenImage::~OpenImage() = default;
+std::int64_t OpenImage::write(std::uint64_t, std::span<const std::byte>) { refuse(); }
+std::int64_t OpenImage::zero(std::uint64_t, std::uint64_t) { refuse(); }
+std::int64_t OpenImage::read(std::uint64_t, std::span<std::byte>) { refuse(); }
+void OpenImage::wait(std::int64_t) { refuse(); }
+void OpenImage::flush() { refuse(); }
+void OpenImage::finish() { refuse(); }
+OpenImage::Layout OpenImage::layout() { refuse(); }
+
+DeviceIdentity identityOf(const Device&, const fs::path&) { refuse(); }
+
+} // namespace qbackup

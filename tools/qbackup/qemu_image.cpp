@@ -1,0 +1,297 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "qemu_image.h"
+
+#include "child_process.h"
+#include "failure.h"
+
+#include <libnbd.h>
+#include <nlohmann/json.hpp>
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+
+namespace qbackup
+{
+namespace
+{
+
+using nlohmann::json;
+
+constexpr const char* package = "qemu-utils";
+// Of each image in a chain; with QEMU's own default a long chain on a large disk would take hundreds of MiB.
+constexpr std::uint32_t table_cache_bytes = 512u << 10;
+constexpr const char* own_context = "qemu:allocation-depth";
+constexpr const char* zero_context = LIBNBD_CONTEXT_BASE_ALLOCATION;
+// Of one request; QEMU's limit is higher.
+constexpr std::uint64_t most_zero_bytes = 1ULL << 30;
+
+// How QEMU gets at the file; the first way that works here is taken. Never one that forgets flushes.
+struct Way {
+    bool direct;
+    const char* aio;
+};
+constexpr Way ways[] = {{true, "io_uring"}, {true, "native"}, {false, "threads"}};
+std::atomic<std::size_t> first_way{0}; // those before it have failed in this process
+
+json fileNode(const fs::path& path, const Way& way)
+{
+    return {{"driver", "file"}, {"filename", path.string()}, {"aio", way.aio}, {"cache", {{"direct", way.direct}}}};
+}
+
+json imageNode(const fs::path& path, std::span<const fs::path> below, const Way& way)
+{
+    json chain = nullptr;
+    for (std::size_t i = below.size() + 1; i-- > 0;)
+        chain = {{"driver", "qcow2"},
+                 {"file", fileNode(fs::absolute(i == 0 ? path : below[i - 1]), way)},
+                 {"cache", {{"direct", way.direct}}},
+                 {"l2-cache-size", table_cache_bytes},
+                 {"refcount-cache-size", table_cache_bytes},
+                 {"backing", std::move(chain)}};
+    return chain;
+}
+
+bool canBypassCache(const fs::path& path)
+{
+    const base::Descriptor fd{::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_DIRECT)};
+    return static_cast<bool>(fd);
+}
+
+sockaddr_un addressOf(const std::string& path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path)
+        throw Failure{Exit::refused, "the name of the directory for temporary files is too long for a socket in it: " + path +
+                                         ". Set TMPDIR to a shorter one"};
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    return address;
+}
+
+struct Sockets {
+    base::Descriptor listening;
+    base::Descriptor connected;
+};
+
+// A listening socket with this process at its other end already. Its name, in a directory that nobody else can enter, is
+// gone when this returns: nobody else gets in.
+Sockets socketsForChild()
+{
+    std::string directory = (fs::temp_directory_path() / "qbackup-XXXXXX").string();
+    if (::mkdtemp(directory.data()) == nullptr)
+        throw Failure{Exit::failed, "cannot make a directory for a socket in " + fs::temp_directory_path().string() + ": " +
+                                        errnoText(errno)};
+    const std::string path = directory + "/s";
+    int problem = 0;
+    Sockets sockets;
+    try {
+        const sockaddr_un address = addressOf(path);
+        const auto* raw = reinterpret_cast<const sockaddr*>(&address);
+        sockets.listening.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockets.connected.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (!sockets.listening || !sockets.connected || ::bind(sockets.listening.get(), raw, sizeof address) != 0 ||
+            ::listen(sockets.listening.get(), 1) != 0 || ::connect(sockets.connected.get(), raw, sizeof address) != 0)
+            problem = errno;
+    } catch (...) {
+        ::rmdir(directory.c_str());
+        throw;
+    }
+    ::unlink(path.c_str());
+    ::rmdir(directory.c_str());
+    if (problem != 0)
+        throw Failure{Exit::failed, "cannot make the socket " + path + ": " + errnoText(problem)};
+    return sockets;
+}
+
+} // namespace
+
+void requireQemu()
+{
+    for (const char* program : {"qemu-img", "qemu-nbd"})
+        if (!isInstalled(program))
+            throw Failure{Exit::refused, std::string{program} + " is not installed, and the repository is one of images; install the "
+                                                                "package " +
+                                             package};
+}
+
+void createImage(const fs::path& path, std::uint64_t bytes, const std::string& below)
+{
+    // Clusters in parts of 4 KiB: what is scattered takes hardly more than it is.
+    std::vector<std::string> words{"qemu-img", "create", "-q", "-f", "qcow2", "-o", "compat=1.1,cluster_size=128k,extended_l2=on"};
+    if (!below.empty())
+        words.insert(words.end(), {"-u", "-F", "qcow2", "-b", below});
+    words.insert(words.end(), {fs::absolute(path).string(), std::to_string(bytes)});
+    ChildProcess child{words, package};
+    if (!child.wait())
+        throw Failure{Exit::failed, "cannot make the image " + path.string() + ": " + child.said()};
+}
+
+std::string imageChain(const fs::path& path, std::span<const fs::path> below)
+{
+    return "json:" + imageNode(path, below, {canBypassCache(path), "threads"}).dump();
+}
+
+OpenImage::OpenImage(const fs::path& path, For what, std::span<const fs::path> below) : path_{path}
+{
+    const bool direct = canBypassCache(path);
+    for (std::size_t i = first_way;; ++i) {
+        const Way& way = ways[i];
+        if (way.direct && !direct)
+            continue;
+        Sockets sockets = socketsForChild();
+        // The child finds its number in the environment, as a program does that a service manager hands its socket.
+        std::vector<std::string> words{"sh", "-c", "LISTEN_FDS=1 LISTEN_PID=$$ exec \"$@\"", "sh", "qemu-nbd"};
+        if (what == For::reading)
+            words.insert(words.end(), {"--read-only", "--allocation-depth"});
+        else
+            words.insert(words.end(), {"--discard=ignore"});
+        words.push_back("json:" + imageNode(path, below, way).dump());
+        child_ = std::make_unique<ChildProcess>(words, "dash", sockets.listening.get());
+        sockets.listening.reset();
+        nbd_ = ::nbd_create();
+        if (nbd_ == nullptr)
+            throw Failure{Exit::failed, std::string{"cannot speak NBD: "} + ::nbd_get_error()};
+        if (what == For::reading)
+            for (const char* context : {own_context, zero_context})
+                ::nbd_add_meta_context(nbd_, context);
+        // The handle owns the descriptor from here on.
+        if (::nbd_connect_socket(nbd_, sockets.connected.release()) == 0)
+            return;
+        ::nbd_close(nbd_);
+        nbd_ = nullptr;
+        const bool ended = child_->wait();
+        const std::string said = child_->said();
+        child_.reset();
+        if (i + 1 == std::size(ways))
+            throw Failure{ended ? Exit::failed : Exit::damaged, "cannot open the image " + path.string() + ": " + said};
+        if (said.find("aio") != std::string::npos || said.find("io_uring") != std::string::npos)
+            first_way = i + 1;
+    }
+}
+
+OpenImage::~OpenImage()
+{
+    if (nbd_ != nullptr)
+        ::nbd_close(nbd_);
+}
+
+void OpenImage::fail(const std::string& doing)
+{
+    const int number = ::nbd_get_errno();
+    throw Failure{exitOf(number), "cannot " + doing + " the image " + path_.string() + ": " +
+                                      (number != 0 ? errnoText(number) : std::string{::nbd_get_error()})};
+}
+
+std::int64_t OpenImage::write(std::uint64_t offset, std::span<const std::byte> data)
+{
+    const std::int64_t request = ::nbd_aio_pwrite(nbd_, data.data(), data.size(), offset, NBD_NULL_COMPLETION, 0);
+    if (request < 0)
+        fail("write to");
+    return request;
+}
+
+std::int64_t OpenImage::zero(std::uint64_t offset, std::uint64_t bytes)
+{
+    while (bytes > most_zero_bytes) {
+        wait(zero(offset, most_zero_bytes));
+        offset += most_zero_bytes;
+        bytes -= most_zero_bytes;
+    }
+    const std::int64_t request = ::nbd_aio_zero(nbd_, bytes, offset, NBD_NULL_COMPLETION, 0);
+    if (request < 0)
+        fail("write to");
+    return request;
+}
+
+std::int64_t OpenImage::read(std::uint64_t offset, std::span<std::byte> data)
+{
+    const std::int64_t request = ::nbd_aio_pread(nbd_, data.data(), data.size(), offset, NBD_NULL_COMPLETION, 0);
+    if (request < 0)
+        fail("read");
+    return request;
+}
+
+void OpenImage::wait(std::int64_t request)
+{
+    for (;;) {
+        const int done = ::nbd_aio_command_completed(nbd_, static_cast<std::uint64_t>(request));
+        if (done > 0)
+            return;
+        if (done < 0)
+            fail("use");
+        if (::nbd_poll(nbd_, -1) < 0)
+            fail("use");
+    }
+}
+
+void OpenImage::flush()
+{
+    if (::nbd_flush(nbd_, 0) < 0)
+        fail("write to");
+}
+
+void OpenImage::finish()
+{
+    const bool parted = ::nbd_shutdown(nbd_, 0) == 0;
+    ::nbd_close(nbd_);
+    nbd_ = nullptr;
+    if (!child_->wait() || !parted)
+        throw Failure{Exit::failed, "QEMU did not close the image " + path_.string() + " as it should: " + child_->said()};
+}
+
+OpenImage::Layout OpenImage::layout()
+{
+    const std::int64_t size = ::nbd_get_size(nbd_);
+    if (size < 0)
+        fail("read");
+    struct Walk {
+        Layout layout;
+        std::uint64_t at = 0;           // asked about
+        std::uint64_t reached[2]{0, 0}; // answered, of either context
+    } walk;
+    const auto note = [](void* data, const char* context, std::uint64_t offset, std::uint32_t* entries, std::size_t count, int*) {
+        auto& [layout, at, reached] = *static_cast<Walk*>(data);
+        const bool own = std::strcmp(context, own_context) == 0;
+        for (std::size_t i = 0; i + 1 < count; i += 2) {
+            std::vector<Part>& parts = own ? layout.own : layout.zeros;
+            if (own ? entries[i + 1] != 0 : (entries[i + 1] & LIBNBD_STATE_ZERO) != 0) {
+                if (!parts.empty() && parts.back().offset + parts.back().bytes == offset)
+                    parts.back().bytes += entries[i];
+                else
+                    parts.push_back({offset, entries[i]});
+            }
+            offset += entries[i];
+        }
+        reached[own ? 0 : 1] = offset;
+        return 0;
+    };
+    while (walk.at < static_cast<std::uint64_t>(size)) {
+        const std::uint64_t ask = std::min<std::uint64_t>(static_cast<std::uint64_t>(size) - walk.at, most_zero_bytes);
+        const nbd_extent_callback callback{note, &walk, nullptr};
+        if (::nbd_block_status(nbd_, ask, walk.at, callback, 0) < 0)
+            fail("read");
+        // Each context answers as far as it likes; what one has told beyond the other is told again.
+        const std::uint64_t both = std::min(walk.reached[0], walk.reached[1]);
+        if (both <= walk.at)
+            throw Failure{Exit::failed, "QEMU does not tell what the image " + path_.string() + " holds"};
+        walk.at = both;
+        for (std::vector<Part>* parts : {&walk.layout.own, &walk.layout.zeros}) {
+            while (!parts->empty() && parts->back().offset >= both)
+                parts->pop_back();
+            if (!parts->empty())
+                parts->back().bytes = std::min(parts->back().bytes, both - parts->back().offset);
+        }
+    }
+    return std::move(walk.layout);
+}
+
+} // namespace qbackup
