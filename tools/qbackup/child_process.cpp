@@ -84,16 +84,29 @@ ChildProcess::~ChildProcess()
     wait();
 }
 
-bool ChildProcess::wait()
+void ChildProcess::reap(int options)
 {
     int status = 0;
     while (pid_ >= 0) {
-        const pid_t got = ::waitpid(pid_, &status, 0);
+        const pid_t got = ::waitpid(pid_, &status, options);
+        if (got == 0)
+            return;
         if (got < 0 && errno == EINTR)
             continue;
         ended_well_ = got == pid_ && WIFEXITED(status) && WEXITSTATUS(status) == 0;
         pid_ = -1;
     }
+}
+
+bool ChildProcess::running()
+{
+    reap(WNOHANG);
+    return pid_ >= 0;
+}
+
+bool ChildProcess::wait()
+{
+    reap(0);
     return ended_well_;
 }
 
@@ -108,6 +121,13 @@ std::string ChildProcess::said() const
         if (!line.empty())
             last = line;
     return last.empty() ? "it said nothing" : last;
+}
+
+std::vector<std::string> withSocket(const std::vector<std::string>& words)
+{
+    std::vector<std::string> all{"sh", "-c", "LISTEN_FDS=1 LISTEN_PID=$$ exec \"$@\"", "sh"};
+    all.insert(all.end(), words.begin(), words.end());
+    return all;
 }
 
 bool isInstalled(const std::string& program)

@@ -23,16 +23,23 @@ class ChildProcess
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
+    bool running();
     // Until it has ended. Whether it did so with exit code 0.
     bool wait();
     // Its last words on standard error, one line.
     std::string said() const;
 
   private:
+    void reap(int options);
+
     pid_t pid_ = -1; // none: it has been waited for
     bool ended_well_ = false;
     base::Descriptor errors_;
 };
+
+// The command that has a program find the listening socket that it inherits as descriptor 3, as one does that a service
+// manager hands its socket.
+std::vector<std::string> withSocket(const std::vector<std::string>& words);
 
 // Whether a program is to be found in PATH.
 bool isInstalled(const std::string& program);

@@ -3,10 +3,12 @@
 
 #include "device_catalog.h"
 #include "image_repository.h"
+#include "import.h"
 #include "preflight.h"
 #include "qemu_image.h"
 #include "restore.h"
 #include "run_lock.h"
+#include "serve.h"
 #include "verify.h"
 
 #include <nlohmann/json.hpp>
@@ -93,6 +95,14 @@ try {
     return {};
 }
 
+Host hostCalled(const std::string& name)
+{
+    Host host = thisHost();
+    if (!name.empty())
+        host.name = name;
+    return host;
+}
+
 // The device's place in the target, locked.
 Repository openTarget(const BackupOptions& options, const Device& device, const Patience& patience)
 {
@@ -104,10 +114,7 @@ Repository openTarget(const BackupOptions& options, const Device& device, const 
                                                  fs::weakly_canonical(above).string() + "; name that one"};
         return Repository::openForBackup(options.target, device.name, patience);
     }
-    Host host = thisHost();
-    if (!options.host.empty())
-        host.name = options.host;
-    return openImagesForBackup(options.target, {host, device.name, identityOf(device), options.fresh}, patience);
+    return openImagesForBackup(options.target, {hostCalled(options.host), device.name, identityOf(device), options.fresh}, patience);
 }
 
 // Backs up one device and tells of it.
@@ -217,7 +224,7 @@ int commandBackup(const CommonOptions& common, const BackupOptions& options, con
 int commandRestore(const CommonOptions& common, const RestoreOptions& options, const StopSignal& stop)
 {
     Progress progress{Progress::styleFor(common.quiet)};
-    const RestoreReport report = restoreBackup(options.from, options.to, options.force, progress, stop);
+    const RestoreReport report = restoreBackup(options.from, options.to, options.force, progress, stop, options.at);
     if (common.json) {
         print({{"ok", true},
                {"id", report.backup.manifest.id},
@@ -325,6 +332,51 @@ int commandVerify(const CommonOptions& common, const fs::path& from, const StopS
                         result.problem.empty() ? "" : ": ", result.problem.c_str());
     }
     return static_cast<int>(good ? Exit::ok : Exit::damaged);
+}
+
+int commandImport(const CommonOptions& common, const ImportOptions& options, const StopSignal& stop)
+{
+    Progress progress{Progress::styleFor(common.quiet)};
+    if (!isImageRepository(options.to))
+        throw Failure{Exit::nothing, options.to.string() + " is no repository of images; make one with 'qbackup init'"};
+    const Patience patience{std::chrono::seconds{options.wait}, &stop};
+    bool good = true;
+    for (const fs::path& directory : findRepositories(options.from)) {
+        const Repository from{directory};
+        const auto backups = from.backups();
+        // What the device is known by is not in a folder; the next backup of it tells.
+        const std::string name = backups.empty() ? fs::canonical(directory).filename().string() : backups.back().manifest.device;
+        const Repository to = openImagesForBackup(options.to, {hostCalled(options.host), name, {}}, patience);
+        for (const Imported& one : importBackups(from, to, progress, stop)) {
+            good = good && one.problem.empty();
+            if (common.json) {
+                json document{{"ok", one.problem.empty()}, {"from", one.from.string()}};
+                if (!one.to.empty())
+                    document["path"] = one.to.string();
+                if (!one.problem.empty())
+                    document["problem"] = one.problem;
+                print(document);
+            } else if (!one.problem.empty()) {
+                std::printf("DAMAGED  %s: %s\n", one.from.c_str(), one.problem.c_str());
+            } else {
+                std::printf("%s %s\n", one.before ? "there already:" : "imported", one.to.c_str());
+            }
+        }
+    }
+    return static_cast<int>(good ? Exit::ok : Exit::damaged);
+}
+
+int commandServe(const CommonOptions& common, const fs::path& from, const std::string& at, const fs::path& socket, const StopSignal& stop)
+{
+    const StoredBackup backup = findBackup(from, at);
+    serveBackup(backup, socket, stop, [&](const std::string& uri) {
+        if (common.json)
+            print({{"ok", true}, {"id", backup.manifest.id}, {"uri", uri}});
+        else
+            std::printf("serving %s, read-only, until this program is ended: %s\n", backup.path.c_str(), uri.c_str());
+        finishOutput();
+    });
+    return static_cast<int>(Exit::ok);
 }
 
 int commandList(const CommonOptions& common, const fs::path& from)

@@ -33,6 +33,7 @@ struct BackupOptions {
 
 struct RestoreOptions {
     fs::path from;
+    std::string at; // time or id; empty: the newest
     fs::path to;
     bool force = false;
 };
@@ -40,6 +41,13 @@ struct RestoreOptions {
 struct StatusOptions {
     std::string device; // empty: all that the daemon serves
     fs::path target;    // empty: stored backups are not shown
+};
+
+struct ImportOptions {
+    fs::path from;
+    fs::path to;
+    std::string host; // as for a backup
+    std::uint64_t wait = 0;
 };
 
 // Tells of a failure on standard error, and with --json on standard output too. Its exit code.
@@ -52,6 +60,8 @@ int commandBackup(const CommonOptions& common, const BackupOptions& options, con
 int commandRestore(const CommonOptions& common, const RestoreOptions& options, const StopSignal& stop);
 int commandStatus(const CommonOptions& common, const StatusOptions& options);
 int commandVerify(const CommonOptions& common, const fs::path& from, const StopSignal& stop);
+int commandImport(const CommonOptions& common, const ImportOptions& options, const StopSignal& stop);
+int commandServe(const CommonOptions& common, const fs::path& from, const std::string& at, const fs::path& socket, const StopSignal& stop);
 int commandList(const CommonOptions& common, const fs::path& from);
 
 } // namespace qbackup

@@ -6,7 +6,7 @@ namespace qbackup
 
 bool DeviceIdentity::matches(const DeviceIdentity& other) const
 {
-    bool common = marks.empty() && other.marks.empty();
+    bool common = marks.empty() || other.marks.empty();
     for (const auto& [name, value] : marks)
         if (const auto there = other.marks.find(name); there != other.marks.end()) {
             if (there->second != value)

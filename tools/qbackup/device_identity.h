@@ -16,7 +16,7 @@ struct DeviceIdentity {
     // serial (of a whole disk). Those that are known.
     std::map<std::string, std::string> marks;
 
-    // No mark that both have differs, and they have one in common, or neither has any.
+    // No mark that both have differs, and they have one in common, or one of them has none at all.
     bool matches(const DeviceIdentity& other) const;
     // "partition 1234, file system 5678"; "no mark".
     std::string text() const;

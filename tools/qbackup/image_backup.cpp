@@ -171,7 +171,8 @@ class PendingImage : public PendingBackup
         std::error_code error;
         if (!done_)
             for (const char* end : {image_end, sums_end, manifest_end}) {
-                fs::remove(fileOf(folder_, id_, end), error);
+                if (named_)
+                    fs::remove(fileOf(folder_, id_, end), error);
                 fs::remove(partialOf(folder_, id_, end), error);
             }
     }
@@ -214,6 +215,7 @@ class PendingImage : public PendingBackup
         // Whoever finds the files below under their names finds that one, too.
         syncDirectory(folder_);
         step("image");
+        named_ = true;
         rename(image_end);
         step("sums");
         rename(sums_end);
@@ -233,6 +235,7 @@ class PendingImage : public PendingBackup
     fs::path folder_;
     std::string id_;
     std::uint32_t block_size_ = 0;
+    bool named_ = false; // files may have their names already
     bool done_ = false;
     std::optional<ImageWriter> writer_;
 };

@@ -105,7 +105,7 @@ std::string chooseFolder(const fs::path& host, const DevicePlace& place)
     if (!place.identity.marks.empty())
         for (const fs::path& folder : entriesOf(host))
             if (fs::is_directory(folder))
-                if (const auto other = identityIn(folder); other && other->matches(place.identity))
+                if (const auto other = identityIn(folder); other && !other->marks.empty() && other->matches(place.identity))
                     return folder.filename();
     if (!there)
         return place.device;

@@ -54,6 +54,9 @@ std::string complaint(const CLI::App* app, const CLI::Error& error)
     return std::string(error.what()) + "; see " + program + " --help";
 }
 
+constexpr const char* at_help = "Which one, where --from has several: an id, or the newest up to a time, as 2026-11-21 or\n"
+                                "2026-11-21T11:16 (of this machine's clock; with a Z behind it UTC)";
+
 constexpr const char* footer =
     "Exit codes: 0 done; 1 failed, nothing half-done is left; 2 bad arguments; 3 refused before\n"
     "anything was started; 4 another backup is running; 5 a stored backup is damaged or its chain\n"
@@ -80,6 +83,10 @@ int main(int argc, char** argv)
     fs::path verify_from;
     fs::path list_from;
     fs::path init_target;
+    ImportOptions import;
+    fs::path serve_from;
+    fs::path serve_socket;
+    std::string serve_at;
 
     CLI::App app{"Full and incremental backups of block devices that are in use", "qbackup"};
     app.footer(footer);
@@ -119,8 +126,20 @@ int main(int argc, char** argv)
 
     CLI::App* put_back = app.add_subcommand("restore", "Put a backup back");
     put_back->add_option("--from", restore.from, "Backup (TARGET/DEVICE/ID), or TARGET/DEVICE[/latest]")->required();
+    put_back->add_option("--at", restore.at, at_help);
     put_back->add_option("--to", restore.to, "Image file to write, or block device to overwrite")->required();
     put_back->add_flag("--force", restore.force, "Replace an image file that is not empty, overwrite a device that holds data");
+
+    CLI::App* serve = app.add_subcommand("serve", "Serve a backup of images over NBD, read-only, until ended by a signal");
+    serve->add_option("--from", serve_from, "Backup, TARGET/HOST/DEVICE, or TARGET when it has one device")->required();
+    serve->add_option("--at", serve_at, at_help);
+    serve->add_option("--socket", serve_socket, "Unix socket to make and listen on")->required();
+
+    CLI::App* take_over = app.add_subcommand("import", "Take backups that are folders over into a repository of images");
+    take_over->add_option("FROM,--from", import.from, "TARGET/DEVICE or TARGET with such backups")->required();
+    take_over->add_option("TO,--to", import.to, "Repository of images")->required();
+    take_over->add_option("--host", import.host, "What the machine that they are of is called there (default: this one's name)");
+    take_over->add_option("--wait", import.wait, "Seconds to wait for another run to end")->check(CLI::Range(0u, 1000000000u));
 
     CLI::App* show = app.add_subcommand("status", "Show whether a backup runs, and what can be backed up");
     show->add_option("--device", status.device, "Only this device");
@@ -145,6 +164,8 @@ int main(int argc, char** argv)
                          : run->parsed()      ? commandBackup(common, backup, stop_signal)
                          : put_back->parsed() ? commandRestore(common, restore, stop_signal)
                          : show->parsed()     ? commandStatus(common, status)
+                         : serve->parsed()    ? commandServe(common, serve_from, serve_at, serve_socket, stop_signal)
+                         : take_over->parsed() ? commandImport(common, import, stop_signal)
                          : check->parsed()    ? commandVerify(common, verify_from, stop_signal)
                                               : commandList(common, list_from);
         finishOutput();

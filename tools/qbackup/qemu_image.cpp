@@ -3,14 +3,13 @@
 
 #include "child_process.h"
 #include "failure.h"
+#include "unix_socket.h"
 
 #include <libnbd.h>
 #include <nlohmann/json.hpp>
 
 #include <fcntl.h>
 #include <stdlib.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -66,17 +65,6 @@ bool canBypassCache(const fs::path& path)
     return static_cast<bool>(fd);
 }
 
-sockaddr_un addressOf(const std::string& path)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path)
-        throw Failure{Exit::refused, "the name of the directory for temporary files is too long for a socket in it: " + path +
-                                         ". Set TMPDIR to a shorter one"};
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    return address;
-}
-
 struct Sockets {
     base::Descriptor listening;
     base::Descriptor connected;
@@ -90,26 +78,20 @@ Sockets socketsForChild()
     if (::mkdtemp(directory.data()) == nullptr)
         throw Failure{Exit::failed, "cannot make a directory for a socket in " + fs::temp_directory_path().string() + ": " +
                                         errnoText(errno)};
-    const std::string path = directory + "/s";
-    int problem = 0;
-    Sockets sockets;
-    try {
-        const sockaddr_un address = addressOf(path);
-        const auto* raw = reinterpret_cast<const sockaddr*>(&address);
-        sockets.listening.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockets.connected.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        if (!sockets.listening || !sockets.connected || ::bind(sockets.listening.get(), raw, sizeof address) != 0 ||
-            ::listen(sockets.listening.get(), 1) != 0 || ::connect(sockets.connected.get(), raw, sizeof address) != 0)
-            problem = errno;
-    } catch (...) {
+    const auto gone = [&] {
+        ::unlink((directory + "/s").c_str());
         ::rmdir(directory.c_str());
+    };
+    try {
+        Sockets sockets{listenOn(directory + "/s"), connectTo(directory + "/s")};
+        if (!sockets.connected)
+            throw Failure{Exit::failed, "cannot connect to a socket in " + directory + ": " + errnoText(errno)};
+        gone();
+        return sockets;
+    } catch (...) {
+        gone();
         throw;
     }
-    ::unlink(path.c_str());
-    ::rmdir(directory.c_str());
-    if (problem != 0)
-        throw Failure{Exit::failed, "cannot make the socket " + path + ": " + errnoText(problem)};
-    return sockets;
 }
 
 } // namespace
@@ -148,14 +130,13 @@ OpenImage::OpenImage(const fs::path& path, For what, std::span<const fs::path> b
         if (way.direct && !direct)
             continue;
         Sockets sockets = socketsForChild();
-        // The child finds its number in the environment, as a program does that a service manager hands its socket.
-        std::vector<std::string> words{"sh", "-c", "LISTEN_FDS=1 LISTEN_PID=$$ exec \"$@\"", "sh", "qemu-nbd"};
+        std::vector<std::string> words{"qemu-nbd"};
         if (what == For::reading)
             words.insert(words.end(), {"--read-only", "--allocation-depth"});
         else
-            words.insert(words.end(), {"--discard=ignore"});
+            words.push_back("--discard=ignore");
         words.push_back("json:" + imageNode(path, below, way).dump());
-        child_ = std::make_unique<ChildProcess>(words, "dash", sockets.listening.get());
+        child_ = std::make_unique<ChildProcess>(withSocket(words), package, sockets.listening.get());
         sockets.listening.reset();
         nbd_ = ::nbd_create();
         if (nbd_ == nullptr)

@@ -185,6 +185,18 @@ std::vector<StoredBackup> Repository::chain(const StoredBackup& last) const
     return links;
 }
 
+std::vector<fs::path> Repository::images(const StoredBackup& last) const
+{
+    std::vector<fs::path> paths;
+    for (const StoredBackup& link : chain(last)) {
+        if (link.manifest.format == 1)
+            throw Failure{Exit::refused, link.path.string() + " is no image; 'qbackup import' makes images of such backups"};
+        expectImageComplete(link);
+        paths.insert(paths.begin(), link.path);
+    }
+    return paths;
+}
+
 StoredBackup Repository::parentOf(const StoredBackup& backup) const
 {
     const Manifest& child = backup.manifest;
@@ -252,12 +264,63 @@ std::vector<fs::path> findRepositories(const fs::path& target)
     return result;
 }
 
-StoredBackup findBackup(const fs::path& from)
+std::unique_ptr<PendingBackup> Repository::beginImageAs(std::uint32_t sequence, const std::string& stamp) const
 {
-    if (looksLikeFolderBackup(from))
-        return readFolderBackup(fs::canonical(from));
-    if (looksLikeImageBackup(from))
-        return readImageBackup(fs::canonical(fs::absolute(from).parent_path()) / from.filename());
+    return beginImage(directory_, sequence, stamp);
+}
+
+namespace
+{
+
+// "20261121T111641Z" of a backup's name, also of one that cannot be read.
+std::string stampIn(const fs::path& path)
+{
+    const std::string name = path.filename();
+    const std::size_t dash = name.find('-');
+    return dash == std::string::npos ? "" : name.substr(dash + 1, 16);
+}
+
+StoredBackup chooseBackup(const Repository& repository, const std::string& at)
+{
+    const auto time = at.empty() ? std::nullopt : utcOf(at);
+    std::vector<DamagedBackup> damaged;
+    auto backups = repository.backups(&damaged);
+    if (!at.empty()) {
+        for (const StoredBackup& backup : backups)
+            if (backup.manifest.id == at)
+                return backup;
+        for (const DamagedBackup& other : damaged)
+            if (other.path.filename() == at)
+                throw Failure{Exit::damaged, other.problem};
+        if (!time)
+            throw Failure{Exit::nothing, "there is no backup " + at + " in " + repository.directory().string() +
+                                             ", and it is no time as 2026-11-21T11:16"};
+        std::erase_if(backups, [&](const StoredBackup& backup) { return backup.manifest.time > time->text; });
+        std::erase_if(damaged, [&](const DamagedBackup& other) { return stampIn(other.path) > time->stamp; });
+        if (backups.empty() && damaged.empty())
+            throw Failure{Exit::nothing, "there is no backup from " + at + " or before in " + repository.directory().string()};
+    }
+    if (backups.empty())
+        throw Failure{Exit::damaged, "there is no readable backup in " + repository.directory().string() +
+                                         (damaged.empty() ? "" : ": " + damaged[0].problem)};
+    // Taking the newest readable one for the newest would restore an older state without a word.
+    for (const DamagedBackup& other : damaged)
+        if (other.path.filename() > backups.back().path.filename())
+            throw Failure{Exit::damaged, "the newest backup in " + repository.directory().string() + " cannot be read: " + other.problem +
+                                             ". Name an older one, as in " + backups.back().path.string()};
+    return backups.back();
+}
+
+} // namespace
+
+StoredBackup findBackup(const fs::path& from, const std::string& at)
+{
+    if (looksLikeBackup(from)) {
+        if (!at.empty())
+            throw Failure{Exit::refused, from.string() + " is one backup; for --at name the directory that has several"};
+        return looksLikeFolderBackup(from) ? readFolderBackup(fs::canonical(from))
+                                           : readImageBackup(fs::canonical(fs::absolute(from).parent_path()) / from.filename());
+    }
     const fs::path place = from.filename() == "latest" ? from.parent_path() : from;
     const std::vector<fs::path> repositories = findRepositories(place.empty() ? "." : place);
     if (repositories.size() > 1) {
@@ -266,18 +329,7 @@ StoredBackup findBackup(const fs::path& from)
             names += (names.empty() ? "" : ", ") + repository.string();
         throw Failure{Exit::refused, place.string() + " has backups of several devices; name one of " + names};
     }
-    std::vector<DamagedBackup> damaged;
-    const auto backups = Repository{repositories[0]}.backups(&damaged);
-    if (backups.empty())
-        throw Failure{Exit::damaged, "there is no readable backup in " + place.string() +
-                                         (damaged.empty() ? "" : ": " + damaged[0].problem)};
-    // Taking the newest readable one for the newest would restore an older state without a word.
-    for (const DamagedBackup& other : damaged)
-        if (other.path.filename() > backups.back().path.filename())
-            throw Failure{Exit::damaged, "the newest backup in " + place.string() +
-                                             " cannot be read: " + other.problem + ". Name an older one, as in " +
-                                             backups.back().path.string()};
-    return backups.back();
+    return chooseBackup(Repository{repositories[0]}, at);
 }
 
 } // namespace qbackup

@@ -33,11 +33,15 @@ class Repository
     // The backup and all that it builds on, from the full one up to it. Throws Failure (damaged) when one is missing,
     // is not the one that was built on, or is of another geometry. Does not read data.
     std::vector<StoredBackup> chain(const StoredBackup& last) const;
+    // The image of the backup and those that it lies over, the nearest first. The same Failure, also when one is no image.
+    std::vector<fs::path> images(const StoredBackup& last) const;
     // What an incremental backup builds on; the same Failure.
     StoredBackup parentOf(const StoredBackup& backup) const;
     // Throws Failure (damaged) when a file of the backup or of one that it builds on is missing or not of its size.
     void expectComplete(const StoredBackup& last) const;
     std::unique_ptr<PendingBackup> begin() const;
+    // The same of an image with this number and this time in its name.
+    std::unique_ptr<PendingBackup> beginImageAs(std::uint32_t sequence, const std::string& stamp) const;
     // What a backup holds begins and ends at multiples of this many bytes.
     std::uint32_t granule() const noexcept;
     // Whether one more backup may build on `last`.
@@ -76,7 +80,8 @@ std::unique_ptr<LayerReader> openLayer(const StoredBackup& backup);
 
 // What the user named as a backup: a backup's directory, a repository or REPOSITORY/latest, or a target directory
 // with one repository in it. Throws Failure that lists what there is.
-StoredBackup findBackup(const fs::path& from);
+// `at`: which one, where there are several: its id, or a time as utcOf() reads it: the newest one that is not younger.
+StoredBackup findBackup(const fs::path& from, const std::string& at = {});
 // The repositories in a target directory, or the directory itself when it is one. Throws Failure: `nothing` when there are
 // none, `denied` when one of them cannot be looked into.
 std::vector<fs::path> findRepositories(const fs::path& target);

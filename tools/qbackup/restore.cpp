@@ -27,10 +27,10 @@ void apply(const StoredBackup& backup, Destination& destination, Progress& progr
 } // namespace
 
 RestoreReport restoreBackup(const fs::path& from, const fs::path& to, bool force, Progress& progress,
-                            const StopSignal& stop)
+                            const StopSignal& stop, const std::string& at)
 {
     const auto begun = std::chrono::steady_clock::now();
-    RestoreReport report{findBackup(from)};
+    RestoreReport report{findBackup(from, at)};
     const auto chain = Repository{report.backup.path.parent_path()}.chain(report.backup);
     report.chainLength = chain.size();
     for (const StoredBackup& link : chain)

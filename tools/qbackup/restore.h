@@ -21,8 +21,8 @@ struct RestoreReport {
     double seconds = 0;
 };
 
-// `from` as for findBackup(). `force`: replace an image file that is not empty. Throws Failure.
+// `from` and `at` as for findBackup(). `force`: replace an image file that is not empty. Throws Failure.
 RestoreReport restoreBackup(const fs::path& from, const fs::path& to, bool force, Progress& progress,
-                            const StopSignal& stop);
+                            const StopSignal& stop, const std::string& at = {});
 
 } // namespace qbackup

@@ -1,13 +1,22 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
-// The present time in UTC as text, for names and manifests of backups and the line in the lock.
+// Times as texts: what is stored is UTC.
 #pragma once
 
+#include <optional>
 #include <string>
 
 namespace qbackup
 {
 
-// `format` is strftime's.
+// This moment in UTC, written as strftime(3) does.
 std::string utcNow(const char* format);
+
+struct Utc {
+    std::string text;  // 2026-11-21T11:16:41Z
+    std::string stamp; // 20261121T111641Z
+};
+// A time that a person wrote: a day, which stands for its last second, or a day and a time of day, with or without seconds,
+// by this machine's clock or, with a Z behind it, UTC. Nothing when it is none.
+std::optional<Utc> utcOf(const std::string& text);
 
 } // namespace qbackup
