@@ -184,7 +184,7 @@ class Session
         manifest_.mode = changed ? Mode::incremental : Mode::full;
         if (changed) {
             manifest_.parent = previous_->manifest.id;
-            manifest_.parentHash = previous_->manifestHash;
+            manifest_.parentMark = previous_->mark;
         } else {
             manifest_.fullReason = reason_;
         }

@@ -94,7 +94,8 @@ StoredBackup readFolderBackup(const fs::path& directory)
     if (std::error_code error; fs::status(path, error).type() == fs::file_type::not_found)
         throw Failure{Exit::damaged, path.string() + " is missing"};
     const std::string text = readText(path);
-    StoredBackup backup{directory, decode(text, path.string()), hashText(asBytes(text))};
+    StoredBackup backup{directory, decode(text, path.string()), ""};
+    backup.mark = markOf(backup.manifest, text);
     if (fs::canonical(directory).filename() != backup.manifest.id)
         throw Failure{Exit::damaged, directory.string() + " holds backup " + backup.manifest.id +
                                          "; give the directory that name again"};
@@ -176,7 +177,8 @@ StoredBackup PendingFolder::commit(Manifest manifest, const quendrel::Bitmap& ma
     step("parent");
     syncDirectory(repository_);
     step("done");
-    return {final_name, std::move(manifest), hashText(asBytes(text))};
+    const std::string mark = markOf(manifest, text);
+    return {final_name, std::move(manifest), mark};
 }
 
 } // namespace qbackup

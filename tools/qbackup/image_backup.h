@@ -13,6 +13,15 @@
 namespace qbackup
 {
 
+constexpr const char* image_end = ".qcow2";
+constexpr const char* sums_end = ".sums";
+constexpr const char* manifest_end = ".json";
+// A file of the backup with this id; the same while it is being made.
+fs::path fileOf(const fs::path& folder, const std::string& id, const char* end);
+fs::path partialOf(const fs::path& folder, const std::string& id, const char* end);
+// What the backup keeps beside its image.
+fs::path besides(const StoredBackup& backup, const char* end);
+
 // Whether it is, by its name, the manifest or the image of such a backup.
 bool looksLikeImageBackup(const fs::path& path);
 // The id in the name of one of its files, or of the three without their ends.

@@ -112,7 +112,7 @@ StoredBackup importOne(const StoredBackup& backup, const std::optional<StoredBac
     Manifest manifest = backup.manifest;
     if (parent) {
         manifest.parent = parent->manifest.id;
-        manifest.parentHash = parent->manifestHash;
+        manifest.parentMark = parent->mark;
     }
     pending->start(manifest, parent);
     WholeGranules granules{manifest, parent, to, *pending};

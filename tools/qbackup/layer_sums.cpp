@@ -17,7 +17,6 @@ namespace
 
 constexpr std::size_t record_bytes = 32;
 constexpr std::size_t buffer_bytes = record_bytes * 4096;
-constexpr std::uint32_t most_data_bytes = 1u << 20;
 enum Kind : std::uint64_t { data = 1, zeros = 2 };
 
 void putNumber(std::vector<std::byte>& to, std::uint64_t number, unsigned bytes)
@@ -81,6 +80,16 @@ std::string SumsWriter::finish()
     return text(XXH3_128bits_digest(state_.get()));
 }
 
+void addPieces(SumsWriter& sums, std::uint64_t offset, std::span<const std::byte> data)
+{
+    while (!data.empty()) {
+        const auto part = data.first(std::min<std::size_t>(data.size(), cell_bytes - offset % cell_bytes));
+        sums.add({offset, static_cast<std::uint32_t>(part.size()), false, XXH3_128bits(part.data(), part.size())});
+        offset += part.size();
+        data = data.subspan(part.size());
+    }
+}
+
 SumsReader::SumsReader(const fs::path& path, const std::string& hash)
     : file_{path, O_RDONLY}, size_{file_.size()}, buffer_(buffer_bytes)
 {
@@ -119,7 +128,7 @@ std::optional<LayerPiece> SumsReader::next()
     std::memcpy(canonical.digest, record.data() + 16, sizeof canonical.digest);
     piece.hash = XXH128_hashFromCanonical(&canonical);
     if (piece.bytes == 0 || piece.offset < covered_ || piece.offset + piece.bytes < piece.offset ||
-        (kind != Kind::zeros && (kind != Kind::data || piece.bytes > most_data_bytes)))
+        (kind != Kind::zeros && (kind != Kind::data || piece.offset % cell_bytes + piece.bytes > cell_bytes)))
         throw Failure{Exit::damaged, file_.path().string() + " has a record that cannot be"};
     covered_ = piece.offset + piece.bytes;
     return piece;

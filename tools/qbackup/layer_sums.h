@@ -2,8 +2,9 @@
 // What a layer holds, piece by piece, with the hash of each: the file that stands beside an image.
 //
 // Records of 32 bytes in ascending order of offset, numbers least significant byte first: offset (8 bytes), length (4),
-// kind (4: 1 data, 2 zeros), hash (16: XXH3-128, most significant byte first; of zeros all 0). A piece of data is at most
-// 1 MiB long and lies in one MiB of the device. The hash of the whole stands in the manifest.
+// kind (4: 1 data, 2 zeros), hash (16: XXH3-128, most significant byte first; of zeros all 0). A piece of data lies within
+// one cell, 128 KiB of the device: so much has to be read to change a part of it. The hash of the whole stands in the
+// manifest.
 #pragma once
 
 #include "files.h"
@@ -19,6 +20,8 @@
 
 namespace qbackup
 {
+
+constexpr std::uint32_t cell_bytes = 128u << 10;
 
 struct LayerPiece {
     std::uint64_t offset = 0;
@@ -47,6 +50,9 @@ class SumsWriter
     std::vector<std::byte> waiting_;
     std::uint64_t written_ = 0;
 };
+
+// Adds data, cut at the borders of cells.
+void addPieces(SumsWriter& sums, std::uint64_t offset, std::span<const std::byte> data);
 
 class SumsReader
 {

@@ -24,7 +24,14 @@ std::string selfHash(json document)
     return hashText(asBytes(document.dump(2)));
 }
 
+const char* markField(const Manifest& m) { return m.format == 1 ? "manifestHash" : "mark"; }
+
 } // namespace
+
+std::string markOf(const Manifest& m, const std::string& text)
+{
+    return hashText(asBytes(m.format == 1 ? text : m.id + " " + m.time + " " + toHex(m.key)));
+}
 
 std::string toHex(std::span<const std::uint8_t> bytes)
 {
@@ -69,7 +76,7 @@ std::string encode(const Manifest& m)
         document["mapHash"] = m.mapHash;
     }
     if (m.mode == Mode::incremental)
-        document["parent"] = {{"id", m.parent}, {"manifestHash", m.parentHash}};
+        document["parent"] = {{"id", m.parent}, {markField(m), m.parentMark}};
     else
         document["fullReason"] = m.fullReason;
     if (!m.instance.empty())
@@ -109,7 +116,7 @@ try {
     m.sumsHash = document.at("sumsHash");
     if (m.mode == Mode::incremental) {
         m.parent = document.at("parent").at("id");
-        m.parentHash = document.at("parent").at("manifestHash");
+        m.parentMark = document.at("parent").at(markField(m));
     } else {
         m.fullReason = document.at("fullReason");
     }

@@ -19,7 +19,7 @@ struct Manifest {
     std::string id;
     std::uint32_t sequence = 0;
     std::string parent;     // id; empty for a full backup
-    std::string parentHash; // of the parent's manifest file, 32 hexadecimal digits
+    std::string parentMark; // 32 hexadecimal digits
     Mode mode = Mode::full;
     std::string fullReason; // why this is a full backup
     std::string device;
@@ -41,6 +41,10 @@ struct Manifest {
 std::string encode(const Manifest& manifest);
 // Throws Failure (damaged) that names `where` when the text is no manifest or was changed.
 Manifest decode(const std::string& text, const std::string& where);
+
+// What a backup is named by in the manifests of those that build on it: of a folder the hash of its manifest file, of an
+// image one that stays when the manifest changes, as it does when older ones are dropped.
+std::string markOf(const Manifest& manifest, const std::string& text);
 
 // Two hexadecimal digits a byte. fromHex() throws std::invalid_argument unless there are exactly that many.
 std::string toHex(std::span<const std::uint8_t> bytes);

@@ -204,7 +204,7 @@ StoredBackup Repository::parentOf(const StoredBackup& backup) const
     if (!looksLikeBackup(directory_ / child.parent))
         throw Failure{Exit::damaged, needed + ", which is missing in " + directory_.string()};
     StoredBackup parent = readBackup(directory_ / child.parent);
-    if (parent.manifestHash != child.parentHash)
+    if (parent.mark != child.parentMark)
         throw Failure{Exit::damaged, needed + ", but another backup stands there under that name"};
     if (parent.manifest.blockSize != child.blockSize || parent.manifest.blocks != child.blocks ||
         parent.manifest.deviceBytes != child.deviceBytes || parent.manifest.sequence >= child.sequence)

@@ -27,7 +27,7 @@ std::string numbered(std::uint32_t sequence, const std::string& stamp);
 struct StoredBackup {
     fs::path path; // its directory, or its image
     Manifest manifest;
-    std::string manifestHash; // of the file
+    std::string mark; // by which one that builds on it names it
 };
 
 struct DamagedBackup {

@@ -16,7 +16,7 @@ Manifest incremental()
     m.id = "000002-20261121T111641Z-inc";
     m.sequence = 2;
     m.parent = "000001-20261121T101641Z-full";
-    m.parentHash = std::string(32, 'a');
+    m.parentMark = std::string(32, 'a');
     m.mode = Mode::incremental;
     m.device = "sda1";
     m.number = {8, 1};

@@ -1,0 +1,63 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
+// Reads what an image holds itself, each piece checked by its hash; and what several of them hold together.
+#pragma once
+
+#include "layer_sums.h"
+#include "qemu_image.h"
+#include "stored_backup.h"
+
+#include <deque>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace qbackup
+{
+
+// Reads ahead: the requests for the next pieces are on their way while one is looked at.
+class ImageLayer : public LayerReader
+{
+  public:
+    // `bytes`: of the device. Throws Failure (damaged), also when the image holds what the sums do not name.
+    ImageLayer(const fs::path& image, const fs::path& sums, const std::string& sums_hash, std::uint64_t bytes);
+    std::optional<Piece> next() override;
+
+  private:
+    struct Request {
+        LayerPiece piece;
+        std::vector<std::byte> data;
+        std::int64_t request;
+    };
+
+    void fill();
+    bool isZero(std::uint64_t offset, std::uint64_t bytes);
+    void expectNothingElse(SumsReader sums);
+
+    fs::path path_;
+    std::uint64_t bytes_;
+    SumsReader sums_;
+    std::deque<Request> ahead_; // a deque: the data stays where it is
+    bool handed_out_ = false;   // the first one
+    OpenImage image_;           // behind what it reads into: ends before that goes
+    OpenImage::Layout layout_;
+    std::size_t next_zeros_ = 0; // where in the layout's zeros
+};
+
+// Layers as one: of each block the newest that one of them has.
+class MergedLayers : public LayerReader
+{
+  public:
+    // The newest first.
+    explicit MergedLayers(std::vector<std::unique_ptr<LayerReader>> layers);
+    std::optional<Piece> next() override;
+
+  private:
+    struct Layer {
+        std::unique_ptr<LayerReader> reader;
+        std::optional<Piece> piece; // what is left of it
+    };
+    std::vector<Layer> layers_;
+    std::uint64_t done_ = 0; // the device up to there
+};
+
+} // namespace qbackup
