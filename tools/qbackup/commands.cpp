@@ -379,6 +379,27 @@ int commandServe(const CommonOptions& common, const fs::path& from, const std::s
     return static_cast<int>(Exit::ok);
 }
 
+int commandPrune(const CommonOptions& common, const PruneOptions& options, const StopSignal& stop)
+{
+    if (!options.rules.any())
+        throw Failure{Exit::usage, "nothing says what to keep; give --keep-last, --keep-daily or another of them"};
+    Progress progress{Progress::styleFor(common.quiet)};
+    const Patience patience{std::chrono::seconds{options.wait}, &stop};
+    for (const fs::path& folder : findRepositories(options.from)) {
+        for (const Choice& choice : pruneBackups(folder, options.rules, options.dryRun, patience, progress, stop)) {
+            const bool kept = !choice.reasons.empty();
+            std::string reasons;
+            for (const std::string& reason : choice.reasons)
+                reasons += (reasons.empty() ? "" : ", ") + reason;
+            if (common.json)
+                print({{"ok", true}, {"id", choice.backup.manifest.id}, {"path", choice.backup.path.string()}, {"kept", kept}, {"reasons", choice.reasons}, {"dryRun", options.dryRun}});
+            else
+                std::printf("%-10s %s%s\n", kept ? "keep" : options.dryRun ? "would drop" : "dropped", choice.backup.path.c_str(), kept ? ("  (" + reasons + ")").c_str() : "");
+        }
+    }
+    return static_cast<int>(Exit::ok);
+}
+
 int commandList(const CommonOptions& common, const fs::path& from)
 {
     bool good = true;

@@ -7,6 +7,7 @@
 #include "failure.h"
 #include "files.h"
 #include "progress.h"
+#include "prune.h"
 
 #include <cstdint>
 #include <string>
@@ -50,6 +51,13 @@ struct ImportOptions {
     std::uint64_t wait = 0;
 };
 
+struct PruneOptions {
+    fs::path from;
+    KeepRules rules;
+    bool dryRun = false;
+    std::uint64_t wait = 0;
+};
+
 // Tells of a failure on standard error, and with --json on standard output too. Its exit code.
 int reportFailure(bool json, int code, const std::string& text);
 // What was printed has arrived; Failure when it has not.
@@ -62,6 +70,7 @@ int commandStatus(const CommonOptions& common, const StatusOptions& options);
 int commandVerify(const CommonOptions& common, const fs::path& from, const StopSignal& stop);
 int commandImport(const CommonOptions& common, const ImportOptions& options, const StopSignal& stop);
 int commandServe(const CommonOptions& common, const fs::path& from, const std::string& at, const fs::path& socket, const StopSignal& stop);
+int commandPrune(const CommonOptions& common, const PruneOptions& options, const StopSignal& stop);
 int commandList(const CommonOptions& common, const fs::path& from);
 
 } // namespace qbackup

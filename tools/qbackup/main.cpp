@@ -84,6 +84,7 @@ int main(int argc, char** argv)
     fs::path list_from;
     fs::path init_target;
     ImportOptions import;
+    PruneOptions prune;
     fs::path serve_from;
     fs::path serve_socket;
     std::string serve_at;
@@ -141,6 +142,17 @@ int main(int argc, char** argv)
     take_over->add_option("--host", import.host, "What the machine that they are of is called there (default: this one's name)");
     take_over->add_option("--wait", import.wait, "Seconds to wait for another run to end")->check(CLI::Range(0u, 1000000000u));
 
+    CLI::App* drop = app.add_subcommand("prune", "Drop backups of images; what they hold goes into the next one that is kept");
+    drop->add_option("--from", prune.from, "TARGET/HOST/DEVICE, TARGET/HOST or TARGET")->required();
+    drop->add_option("--keep-last", prune.rules.last, "Keep so many of the newest");
+    drop->add_option("--keep-hourly", prune.rules.hourly, "Keep the newest of each hour that has one, for so many of them");
+    drop->add_option("--keep-daily", prune.rules.daily, "The same of days");
+    drop->add_option("--keep-weekly", prune.rules.weekly, "The same of weeks (from Monday on)");
+    drop->add_option("--keep-monthly", prune.rules.monthly, "The same of months");
+    drop->add_option("--keep-yearly", prune.rules.yearly, "The same of years");
+    drop->add_flag("-n,--dry-run", prune.dryRun, "Only tell what would be dropped");
+    drop->add_option("--wait", prune.wait, "Seconds to wait for another run to end")->check(CLI::Range(0u, 1000000000u));
+
     CLI::App* show = app.add_subcommand("status", "Show whether a backup runs, and what can be backed up");
     show->add_option("--device", status.device, "Only this device");
     show->add_option("--to", status.target, "Show the last backups in this target directory too");
@@ -165,6 +177,7 @@ int main(int argc, char** argv)
                          : put_back->parsed() ? commandRestore(common, restore, stop_signal)
                          : show->parsed()     ? commandStatus(common, status)
                          : serve->parsed()    ? commandServe(common, serve_from, serve_at, serve_socket, stop_signal)
+                         : drop->parsed()     ? commandPrune(common, prune, stop_signal)
                          : take_over->parsed() ? commandImport(common, import, stop_signal)
                          : check->parsed()    ? commandVerify(common, verify_from, stop_signal)
                                               : commandList(common, list_from);

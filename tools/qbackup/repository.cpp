@@ -3,7 +3,9 @@
 
 #include "failure.h"
 #include "folder_backup.h"
+#include "folder_hold.h"
 #include "image_backup.h"
+#include "image_merge.h"
 #include "qemu_image.h"
 #include "utc.h"
 
@@ -148,6 +150,10 @@ Repository Repository::openImages(const fs::path& directory, const Patience& pat
 {
     LockedDirectory locked = lockDirectory(directory, patience);
     Repository repository{directory, true, std::move(locked.lock), locked.made ? Made{directory} : Made{}};
+    if (isMergeUnfinished(directory)) {
+        const base::Descriptor hold = holdForChanging(directory, patience);
+        finishMerge(directory);
+    }
     removeDeadImages(directory);
     return repository;
 }
@@ -235,7 +241,24 @@ std::unique_ptr<PendingBackup> Repository::begin() const
     return std::make_unique<PendingFolder>(directory_, highest + 1, stamp);
 }
 
-std::vector<fs::path> findRepositories(const fs::path& target)
+std::unique_ptr<PendingBackup> Repository::beginImageAs(std::uint32_t sequence, const std::string& stamp) const
+{
+    return beginImage(directory_, sequence, stamp);
+}
+
+namespace
+{
+
+// Finishes what a prune that was cut off has left.
+void settle(const fs::path& directory)
+try {
+    if (isMergeUnfinished(directory))
+        Repository::openImages(directory);
+} catch (const Failure& failure) {
+    throw Failure{static_cast<Exit>(failure.exitCode()), "a prune of " + directory.string() + " was cut off, and has to be finished first: " + failure.what()};
+}
+
+std::vector<fs::path> repositoriesIn(const fs::path& target)
 {
     std::error_code error;
     const fs::file_status status = fs::status(target, error);
@@ -264,9 +287,14 @@ std::vector<fs::path> findRepositories(const fs::path& target)
     return result;
 }
 
-std::unique_ptr<PendingBackup> Repository::beginImageAs(std::uint32_t sequence, const std::string& stamp) const
+} // namespace
+
+std::vector<fs::path> findRepositories(const fs::path& target)
 {
-    return beginImage(directory_, sequence, stamp);
+    std::vector<fs::path> found = repositoriesIn(target);
+    for (const fs::path& directory : found)
+        settle(directory);
+    return found;
 }
 
 namespace
@@ -318,6 +346,7 @@ StoredBackup findBackup(const fs::path& from, const std::string& at)
     if (looksLikeBackup(from)) {
         if (!at.empty())
             throw Failure{Exit::refused, from.string() + " is one backup; for --at name the directory that has several"};
+        settle(fs::absolute(from).parent_path());
         return looksLikeFolderBackup(from) ? readFolderBackup(fs::canonical(from))
                                            : readImageBackup(fs::canonical(fs::absolute(from).parent_path()) / from.filename());
     }

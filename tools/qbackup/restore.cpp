@@ -2,6 +2,7 @@
 #include "restore.h"
 
 #include "destination.h"
+#include "folder_hold.h"
 
 #include <chrono>
 
@@ -31,6 +32,7 @@ RestoreReport restoreBackup(const fs::path& from, const fs::path& to, bool force
 {
     const auto begun = std::chrono::steady_clock::now();
     RestoreReport report{findBackup(from, at)};
+    const base::Descriptor hold = holdForReading(report.backup.path.parent_path());
     const auto chain = Repository{report.backup.path.parent_path()}.chain(report.backup);
     report.chainLength = chain.size();
     for (const StoredBackup& link : chain)

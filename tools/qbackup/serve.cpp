@@ -2,6 +2,7 @@
 #include "serve.h"
 
 #include "child_process.h"
+#include "folder_hold.h"
 #include "qemu_image.h"
 #include "unix_socket.h"
 
@@ -16,6 +17,7 @@ void serveBackup(const StoredBackup& backup, const fs::path& socket, const StopS
                  const std::function<void(const std::string& uri)>& ready)
 {
     requireQemu();
+    const base::Descriptor hold = holdForReading(backup.path.parent_path());
     const std::vector<fs::path> images = Repository{backup.path.parent_path()}.images(backup);
     const NamedSocket listening{fs::absolute(socket)};
     // The name of the export is the backup's: who connects sees what he gets.

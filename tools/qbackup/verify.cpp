@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "verify.h"
 
+#include "folder_hold.h"
+
 #include <map>
 #include <string>
 
@@ -67,12 +69,14 @@ std::vector<VerifyResult> verifyBackups(const fs::path& from, Progress& progress
     if (looksLikeBackup(from)) {
         const StoredBackup backup = findBackup(from);
         const Repository repository{backup.path.parent_path()};
+        const base::Descriptor hold = holdForReading(repository.directory());
         verifyIn(repository, repository.chain(backup), results, progress, stop);
         return results;
     }
     const fs::path place = from.filename() == "latest" ? from.parent_path() : from;
     for (const fs::path& directory : findRepositories(place.empty() ? "." : place)) {
         const Repository repository{directory};
+        const base::Descriptor hold = holdForReading(directory);
         std::vector<DamagedBackup> damaged;
         verifyIn(repository, repository.backups(&damaged), results, progress, stop);
         for (const DamagedBackup& backup : damaged)

@@ -1,0 +1,18 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
+// Keeps backups that are read from being dropped or changed meanwhile: a lock on their folder, shared by those who read,
+// alone for who drops. Backups that are added hinder nobody, and have a lock of their own.
+#pragma once
+
+#include "base/descriptor.h"
+#include "file_lock.h"
+
+namespace qbackup
+{
+
+// As long as the descriptor is open. Where a file system has no such locks there is no protection. Throws Failure (busy)
+// when backups are being dropped.
+base::Descriptor holdForReading(const fs::path& folder);
+// Throws Failure (busy) when somebody reads.
+base::Descriptor holdForChanging(const fs::path& folder, const Patience& patience);
+
+} // namespace qbackup

@@ -1,0 +1,388 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "image_merge.h"
+
+#include "child_process.h"
+#include "data_file.h"
+#include "image_backup.h"
+#include "image_layer.h"
+#include "image_writer.h"
+
+#include <nlohmann/json.hpp>
+
+#include <fcntl.h>
+
+#include <algorithm>
+
+namespace qbackup
+{
+namespace
+{
+
+using nlohmann::json;
+
+constexpr const char* journal_name = ".merge.json";
+constexpr const char* made = "merge"; // what is made is called so until it has its place
+
+struct Layer {
+    std::string id;
+    std::string sumsHash;
+};
+
+// What is to be done.
+struct Journal {
+    std::vector<Layer> layers; // the oldest first; the last one is kept
+    bool intoFull = false;     // the oldest one is full, and takes up the others
+    std::uint64_t bytes = 0;   // of the device
+};
+
+fs::path madeFile(const fs::path& folder, const char* end) { return partialOf(folder, made, end); }
+
+void write(const fs::path& folder, const Journal& journal)
+{
+    json document{{"intoFull", journal.intoFull}, {"bytes", journal.bytes}, {"layers", json::array()}};
+    for (const Layer& layer : journal.layers)
+        document["layers"].push_back({{"id", layer.id}, {"sumsHash", layer.sumsHash}});
+    const fs::path fresh = folder / (std::string{partial_prefix} + "journal");
+    std::error_code error;
+    fs::remove(fresh, error);
+    writeDurably(fresh, asBytes(document.dump(2) + "\n"));
+    fs::rename(fresh, folder / journal_name);
+    syncDirectory(folder);
+}
+
+Journal read(const fs::path& folder)
+try {
+    const json document = json::parse(readText(folder / journal_name));
+    Journal journal{{}, document.at("intoFull"), document.at("bytes")};
+    for (const json& layer : document.at("layers"))
+        journal.layers.push_back({layer.at("id"), layer.at("sumsHash")});
+    return journal;
+} catch (const json::exception& error) {
+    throw Failure{Exit::damaged, (folder / journal_name).string() + " cannot be understood: " + error.what()};
+}
+
+std::unique_ptr<LayerReader> open(const fs::path& folder, const Layer& layer, std::uint64_t bytes)
+{
+    return std::make_unique<ImageLayer>(fileOf(folder, layer.id, image_end), fileOf(folder, layer.id, sums_end), layer.sumsHash, bytes);
+}
+
+// Those from `from` on, the newest on top.
+MergedLayers merged(const fs::path& folder, const Journal& journal, std::size_t from)
+{
+    std::vector<std::unique_ptr<LayerReader>> layers;
+    for (std::size_t i = journal.layers.size(); i-- > from;)
+        layers.push_back(open(folder, journal.layers[i], journal.bytes));
+    return MergedLayers{std::move(layers)};
+}
+
+void put(ImageWriter& writer, const LayerReader::Piece& piece)
+{
+    if (piece.data.empty())
+        writer.putZeros(piece.offset, piece.bytes);
+    else
+        writer.put(piece.offset, piece.data);
+}
+
+// The sums of a full image as they will be when other layers have been written into it. Of the image only the cells are
+// read of which others have a part.
+class SumsOfMerged
+{
+  public:
+    SumsOfMerged(const fs::path& image, SumsReader sums, const fs::path& result, std::uint64_t end)
+        : image_path_{image}, end_{end}, old_{std::move(sums)}, image_{image, OpenImage::For::reading}, result_{result}, cell_(cell_bytes)
+    {
+        record_ = old_.next();
+    }
+
+    void add(const LayerReader::Piece& piece)
+    {
+        std::uint64_t at = piece.offset;
+        const std::uint64_t stop = piece.offset + piece.bytes;
+        while (at < stop) {
+            const std::uint64_t cell = at - at % cell_bytes;
+            const std::uint64_t part = std::min(stop, cell + cell_bytes) - at;
+            if (!open_ || cell != cell_at_) {
+                closeCell();
+                openCell(cell, part == sizeOf(cell));
+            }
+            const auto to = cell_.begin() + static_cast<std::ptrdiff_t>(at - cell);
+            if (piece.data.empty())
+                std::fill_n(to, part, std::byte{0});
+            else
+                std::copy_n(piece.data.begin() + static_cast<std::ptrdiff_t>(at - piece.offset), part, to);
+            at += part;
+        }
+    }
+
+    struct Result {
+        std::string hash;
+        std::uint64_t dataBytes;
+    };
+    Result finish()
+    {
+        closeCell();
+        passOn(end_);
+        endZeros();
+        return {result_.finish(), data_bytes_};
+    }
+
+  private:
+    std::uint64_t sizeOf(std::uint64_t cell) const { return std::min<std::uint64_t>(cell_bytes, end_ - cell); }
+
+    // The old records up to `until`, the border of a cell, as they are.
+    void passOn(std::uint64_t until)
+    {
+        while (record_ && record_->offset < until)
+            add(takeUpTo(until));
+    }
+
+    // The old record, or its part before `until`; only zeros reach beyond a cell.
+    LayerPiece takeUpTo(std::uint64_t until)
+    {
+        LayerPiece piece = *record_;
+        if (piece.offset + piece.bytes > until) {
+            piece.bytes = static_cast<std::uint32_t>(until - piece.offset);
+            record_->bytes -= piece.bytes;
+            record_->offset = until;
+        } else {
+            record_ = old_.next();
+        }
+        return piece;
+    }
+
+    void openCell(std::uint64_t cell, bool all_of_it)
+    {
+        passOn(cell);
+        open_ = true;
+        cell_at_ = cell;
+        std::fill(cell_.begin(), cell_.end(), std::byte{0});
+        while (record_ && record_->offset < cell + sizeOf(cell)) {
+            const LayerPiece piece = takeUpTo(cell + sizeOf(cell));
+            if (piece.zeros || all_of_it)
+                continue;
+            const auto data = std::span{cell_}.subspan(piece.offset - cell, piece.bytes);
+            image_.wait(image_.read(piece.offset, data));
+            if (!XXH128_isEqual(XXH3_128bits(data.data(), data.size()), piece.hash))
+                throw Failure{Exit::damaged, image_path_.string() + " is damaged between byte " + std::to_string(piece.offset) + " and byte " +
+                                                 std::to_string(piece.offset + piece.bytes) + " of the disk"};
+        }
+    }
+
+    void closeCell()
+    {
+        if (!open_)
+            return;
+        open_ = false;
+        const std::span<const std::byte> all = std::span{cell_}.first(sizeOf(cell_at_));
+        for (std::size_t at = 0; at < all.size();) {
+            const auto granule = [&](std::size_t from) { return all.subspan(from, std::min<std::size_t>(image_granule_bytes, all.size() - from)); };
+            const bool zeros = allZero(granule(at));
+            std::size_t stop = at;
+            while (stop < all.size() && allZero(granule(stop)) == zeros)
+                stop += granule(stop).size();
+            LayerPiece piece{cell_at_ + at, static_cast<std::uint32_t>(stop - at), zeros};
+            if (!zeros)
+                piece.hash = XXH3_128bits(all.data() + at, stop - at);
+            add(piece);
+            at = stop;
+        }
+    }
+
+    // Zeros that touch become one record.
+    void add(const LayerPiece& piece)
+    {
+        constexpr std::uint32_t most = 1u << 30;
+        if (piece.zeros && zeros_.bytes != 0 && zeros_.offset + zeros_.bytes == piece.offset && zeros_.bytes + piece.bytes <= most) {
+            zeros_.bytes += piece.bytes;
+            return;
+        }
+        endZeros();
+        if (piece.zeros) {
+            zeros_ = piece;
+        } else {
+            result_.add(piece);
+            data_bytes_ += piece.bytes;
+        }
+    }
+    void endZeros()
+    {
+        if (zeros_.bytes != 0)
+            result_.add(zeros_);
+        zeros_ = {};
+    }
+
+    fs::path image_path_;
+    std::uint64_t end_; // of the last block
+    SumsReader old_;
+    std::optional<LayerPiece> record_; // what is left of the one that is next
+    OpenImage image_;
+    SumsWriter result_;
+    std::vector<std::byte> cell_; // as it will be
+    std::uint64_t cell_at_ = 0;
+    bool open_ = false;
+    LayerPiece zeros_; // being gathered
+    std::uint64_t data_bytes_ = 0;
+};
+
+// Makes what takes the place of the last one's files, and changes nothing.
+void prepare(const fs::path& folder, const std::vector<StoredBackup>& run, const Journal& journal, Progress& progress, const StopSignal& stop)
+{
+    const StoredBackup& oldest = run.front();
+    Manifest manifest = run.back().manifest;
+    manifest.mode = oldest.manifest.mode;
+    manifest.parent = oldest.manifest.parent;
+    manifest.parentMark = oldest.manifest.parentMark;
+    manifest.fullReason = oldest.manifest.fullReason;
+    const auto each = [&](MergedLayers layers, const auto& use) {
+        for (auto piece = layers.next(); piece; piece = layers.next()) {
+            throwIfStopped(stop);
+            progress.advance(piece->data.size());
+            use(*piece);
+        }
+    };
+    if (journal.intoFull) {
+        // Somebody who reads it would see it change.
+        OpenImage{oldest.path, OpenImage::For::writing}.finish();
+        SumsOfMerged sums{oldest.path, SumsReader{besides(oldest, sums_end), oldest.manifest.sumsHash}, madeFile(folder, sums_end),
+                          std::uint64_t{manifest.blocks} * manifest.blockSize};
+        each(merged(folder, journal, 1), [&](const LayerReader::Piece& piece) { sums.add(piece); });
+        const auto result = sums.finish();
+        manifest.sumsHash = result.hash;
+        manifest.dataBytes = result.dataBytes;
+        manifest.copiedBlocks = manifest.blocks;
+    } else {
+        const fs::path image = madeFile(folder, image_end);
+        createImage(image, manifest.deviceBytes, manifest.parent + image_end);
+        ImageWriter writer{image, madeFile(folder, sums_end), ZerosAre::written};
+        each(merged(folder, journal, 0), [&](const LayerReader::Piece& piece) { put(writer, piece); });
+        manifest.sumsHash = writer.finish();
+        manifest.dataBytes = writer.dataBytes();
+        manifest.copiedBlocks = static_cast<std::uint32_t>(writer.received() / manifest.blockSize);
+    }
+    writeDurably(madeFile(folder, manifest_end), asBytes(encode(manifest)));
+    syncDirectory(folder);
+}
+
+// Files that have their place already are those of an earlier try.
+void takePlace(const fs::path& folder, const char* end, const std::string& id)
+{
+    std::error_code error;
+    if (fs::exists(madeFile(folder, end), error))
+        fs::rename(madeFile(folder, end), fileOf(folder, id, end));
+}
+
+// The others' data goes into the full one.
+void takeUp(const fs::path& folder, const Journal& journal)
+{
+    const fs::path full = fileOf(folder, journal.layers.front().id, image_end);
+    ImageWriter writer{full, {}, ZerosAre::written};
+    MergedLayers layers = merged(folder, journal, 1);
+    for (auto piece = layers.next(); piece; piece = layers.next())
+        put(writer, *piece);
+    writer.finish();
+}
+
+void carryOut(const fs::path& folder, const Journal& journal, const MergeWatcher& watcher, bool again)
+{
+    const auto step = [&](const char* name) {
+        if (watcher)
+            watcher(name);
+    };
+    const std::string& kept = journal.layers.back().id;
+    const std::span dropped{journal.layers.data(), journal.layers.size() - 1};
+    step("manifests");
+    for (const Layer& layer : dropped)
+        fs::remove(fileOf(folder, layer.id, manifest_end));
+    syncDirectory(folder);
+    if (journal.intoFull) {
+        const fs::path full = fileOf(folder, dropped.front().id, image_end);
+        std::error_code error;
+        if (fs::exists(full, error)) {
+            if (again) {
+                // What was cut off may have taken clusters that nothing names.
+                ChildProcess check{{"qemu-img", "check", "-q", "-r", "leaks", full.string()}, "qemu-utils"};
+                if (!check.wait())
+                    throw Failure{Exit::damaged, "cannot go on with " + full.string() + ": " + check.said()};
+            }
+            step("data");
+            takeUp(folder, journal);
+            step("image");
+            fs::rename(full, fileOf(folder, kept, image_end));
+        }
+    } else {
+        step("image");
+        takePlace(folder, image_end, kept);
+    }
+    // Whatever is read again after a power cut: the image's new name is there before its new sums are.
+    syncDirectory(folder);
+    step("sums");
+    takePlace(folder, sums_end, kept);
+    step("manifest");
+    takePlace(folder, manifest_end, kept);
+    syncDirectory(folder);
+    step("files");
+    for (const Layer& layer : dropped)
+        for (const char* end : {image_end, sums_end})
+            fs::remove(fileOf(folder, layer.id, end));
+    syncDirectory(folder);
+    step("journal");
+    fs::remove(folder / journal_name);
+    syncDirectory(folder);
+    step("done");
+}
+
+} // namespace
+
+void mergeBackups(const fs::path& folder, const std::vector<StoredBackup>& run, Progress& progress, const StopSignal& stop,
+                  const MergeWatcher& watcher)
+{
+    Journal journal{{}, run.front().manifest.mode == Mode::full, run.front().manifest.deviceBytes};
+    for (const StoredBackup& backup : run)
+        journal.layers.push_back({backup.manifest.id, backup.manifest.sumsHash});
+    const auto clear = [&] {
+        std::error_code error;
+        for (const char* end : {image_end, sums_end, manifest_end})
+            fs::remove(madeFile(folder, end), error);
+    };
+    clear();
+    try {
+        prepare(folder, run, journal, progress, stop);
+        if (watcher)
+            watcher("prepared");
+    } catch (...) {
+        clear();
+        throw;
+    }
+    write(folder, journal);
+    carryOut(folder, journal, watcher, false);
+}
+
+void dropBackups(const fs::path& folder, const std::vector<StoredBackup>& dropped)
+{
+    // The newest first: what is left at any moment has all that it builds on. Its manifest gets the name of one that is in
+    // the making: by that the next run knows that the rest goes.
+    for (auto backup = dropped.rbegin(); backup != dropped.rend(); ++backup) {
+        const std::string& id = backup->manifest.id;
+        fs::rename(fileOf(folder, id, manifest_end), partialOf(folder, id, manifest_end));
+        syncDirectory(folder);
+        for (const char* end : {image_end, sums_end})
+            fs::remove(fileOf(folder, id, end));
+        syncDirectory(folder);
+        fs::remove(partialOf(folder, id, manifest_end));
+    }
+    syncDirectory(folder);
+}
+
+bool isMergeUnfinished(const fs::path& folder)
+{
+    std::error_code error;
+    return fs::exists(folder / journal_name, error);
+}
+
+void finishMerge(const fs::path& folder, const MergeWatcher& watcher)
+{
+    if (isMergeUnfinished(folder))
+        carryOut(folder, read(folder), watcher, true);
+}
+
+} // namespace qbackup
