@@ -173,7 +173,7 @@ std::vector<std::string> BackupRig::stored(const std::string& device) const
 std::string BackupRig::restore(const Backup& made, const std::string& device) const
 {
     const std::string id = made.text("id"), out = made.target + "-" + device + "-" + id;
-    must_run({QBACKUP_PROGRAM, "--quiet", "restore", "--from", made.target + "/" + device + "/" + id, "--to", out});
+    must_run({QBACKUP_PROGRAM, "--quiet", "restore", "--from", made.text("path"), "--to", out});
     return out;
 }
 

@@ -38,6 +38,39 @@ TEST_F(Chain, FullAndThreeIncrementalsOfABusyFileSystemRestoreEachToItsOwnMoment
     EXPECT_EQ(verified.status, 0) << verified.out << verified.err;
 }
 
+// The same in a repository of images: dropping some of them leaves the others as they are, and the chain goes on.
+TEST_F(Chain, ImagesOfABusyFileSystemRestoreEachToItsOwnMomentAlsoWhenOthersWereDropped)
+{
+    serve();
+    std::filesystem::remove(target);
+    ASSERT_EQ(run_qbackup({"init", target}).status, 0);
+    Writer writer(mnt + "/story", scratch / "writer.log");
+    std::vector<Backup> made;
+    for (unsigned i = 0; i < 5; ++i) {
+        made.push_back(backup("auto"));
+        ASSERT_EQ(made.back().status, 0) << made.back().err;
+        EXPECT_EQ(made.back().text("mode"), i == 0 ? "full" : "inc") << made.back().report;
+        EXPECT_TRUE(writer.goes_on(100)) << "the writer came to grief: " << writer.program().err();
+    }
+    // From the full one on, and in the middle.
+    const Outcome pruned = run_qbackup({"--quiet", "prune", "--from", target, "--keep-last", "4"});
+    ASSERT_EQ(pruned.status, 0) << pruned.err;
+    const Backup next = backup("inc");
+    ASSERT_EQ(next.status, 0) << next.err;
+    writer.stop();
+    for (std::size_t i = 1; i < made.size(); ++i)
+        prove(made[i], writer.log());
+    prove(next, writer.log());
+    const Outcome verified = run_qbackup({"--quiet", "verify", "--from", target});
+    EXPECT_EQ(verified.status, 0) << verified.out << verified.err;
+    EXPECT_NE(run_qbackup({"restore", "--from", made[0].text("path"), "--to", scratch / "gone.img"}).status, 0);
+    // With QEMU's tools alone.
+    const std::string raw = scratch / "raw.img";
+    must_run({"qemu-img", "convert", "-O", "raw", next.text("path"), raw});
+    const Outcome check = run({"e2fsck", "-fn", raw});
+    EXPECT_EQ(check.status, 0) << check.out << check.err;
+}
+
 TEST_F(Chain, OnePartitionIsBackedUpWhileTwoAreWritten)
 {
     serve(192, {{2048, 262144}, {264192, 128000}}, 32);

@@ -137,7 +137,7 @@ tools_package_is_sound() {
   local command offered known
   # shellcheck disable=SC1091
   . "$tree/usr/share/bash-completion/completions/qbackup"
-  for command in backup restore status verify list; do
+  for command in init backup restore serve prune import status verify list; do
     COMP_WORDS=(qbackup "$command" --) COMP_CWORD=2 COMPREPLY=()
     _qbackup
     offered=$(printf '%s\n' "${COMPREPLY[@]}" | grep -vxE -- '--(control|json|quiet|help)' | sort)

@@ -222,6 +222,17 @@ TEST(ImageBackup, DataThatWasNeverStoredIsDamage)
         << problemIn(machine.repository());
 }
 
+TEST(ImageBackup, DataWhereZerosWereStoredIsDamage)
+{
+    MachineWithImages machine;
+    machine.backup();
+    for (std::uint32_t block = 0; block < 100; ++block)
+        machine.driver.writeZeros(block);
+    const auto second = machine.backup();
+    ASSERT_EQ(outputOf("qemu-io -c 'write -P 7 8k 4k' '" + second.backup.path.string() + "' >/dev/null 2>&1 && echo done"), "done\n");
+    EXPECT_EQ(problemIn(machine.repository()), second.backup.path.string() + " is damaged between byte 0 and byte 102400 of the disk");
+}
+
 TEST(ImageBackup, AMissingFileIsNamedAndAFullIsTaken)
 {
     for (const char* end : {".qcow2", ".sums", ".json"}) {

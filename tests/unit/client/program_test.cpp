@@ -127,6 +127,108 @@ TEST_F(Program, FullThenIncrementalThenRestoreThenVerify)
     EXPECT_EQ(damaged.lines().at(0)["ok"], false);
 }
 
+TEST_F(Program, ARepositoryOfImagesFromItsMakingToARestore)
+{
+    const fs::path target = machine.directory / "repository";
+    const auto backupTo = [&](std::vector<std::string> more = {}) {
+        std::vector<std::string> words{"backup", "sda1", "--to", target, "--json", "--host", "tern"};
+        words.insert(words.end(), more.begin(), more.end());
+        return call(words);
+    };
+    const Result made = call({"init", target, "--json"});
+    ASSERT_EQ(made.code, 0) << made.err;
+    EXPECT_EQ(made.document()["id"].get<std::string>().size(), 32u);
+    EXPECT_EQ(call({"init", target}).code, 3);
+
+    const Result full = backupTo();
+    ASSERT_EQ(full.code, 0) << full.err;
+    EXPECT_EQ(full.document()["path"], (target / "tern/sda1" / (full.document()["id"].get<std::string>() + ".qcow2")).string());
+    const auto before = machine.driver.contents();
+    machine.driver.write(17, 2);
+    const Result inc = backupTo({"--mode", "inc"});
+    ASSERT_EQ(inc.code, 0) << inc.err;
+    EXPECT_EQ(inc.document()["parent"], full.document()["id"]);
+
+    const fs::path image = machine.directory / "image";
+    ASSERT_EQ(call({"restore", "--from", target, "--to", image}).code, 0);
+    EXPECT_EQ(readAll(image), machine.driver.contents());
+    ASSERT_EQ(call({"restore", "--from", target, "--at", full.document()["id"], "--to", image, "--force"}).code, 0);
+    EXPECT_EQ(readAll(image), before);
+    EXPECT_EQ(call({"list", "--from", target, "--json"}).lines().size(), 2u);
+    EXPECT_EQ(call({"verify", "--from", target / "tern"}).code, 0);
+    EXPECT_EQ(call({"verify", "--from", inc.document()["path"]}).code, 0);
+
+    EXPECT_EQ(call({"prune", "--from", target}).code, 2);
+    const Result told = call({"prune", "--from", target, "--keep-last", "1", "--dry-run", "--json"});
+    ASSERT_EQ(told.lines().size(), 2u) << told.err;
+    EXPECT_EQ(told.lines()[0]["kept"], false);
+    EXPECT_EQ(told.lines()[1]["reasons"], json::array({"last"}));
+    ASSERT_EQ(call({"prune", "--from", target, "--keep-last", "1"}).code, 0);
+    EXPECT_EQ(call({"list", "--from", target, "--json"}).lines().size(), 1u);
+    ASSERT_EQ(call({"restore", "--from", target, "--to", image, "--force"}).code, 0);
+    EXPECT_EQ(readAll(image), machine.driver.contents());
+    machine.driver.write(18, 2);
+    EXPECT_EQ(backupTo().document()["mode"], "inc");
+}
+
+TEST_F(Program, APlaceInsideARepositoryOfImagesIsNoTarget)
+{
+    const fs::path target = machine.directory / "repository";
+    ASSERT_EQ(call({"init", target}).code, 0);
+    fs::create_directories(target / "tern/sda1");
+    for (const fs::path& inside : {target / "tern", target / "tern/sda1"}) {
+        const Result result = call({"backup", "sda1", "--to", inside});
+        EXPECT_EQ(result.code, 3);
+        EXPECT_EQ(result.err, "qbackup: " + inside.string() + " lies in the repository " + fs::canonical(target).string() + "; name that one\n");
+    }
+}
+
+TEST_F(Program, FoldersAreImportedAndTheChainGoesOn)
+{
+    ASSERT_EQ(backup().code, 0);
+    machine.driver.write(17, 2);
+    ASSERT_EQ(backup().code, 0);
+    const fs::path target = machine.directory / "repository";
+    EXPECT_EQ(call({"import", machine.repository(), target}).code, 7);
+    ASSERT_EQ(call({"init", target}).code, 0);
+    const Result imported = call({"import", machine.repository(), target, "--host", "tern", "--json"});
+    ASSERT_EQ(imported.code, 0) << imported.err;
+    EXPECT_EQ(imported.lines().size(), 2u);
+    machine.driver.write(18, 2);
+    const Result next = call({"backup", "sda1", "--to", target, "--host", "tern", "--json"});
+    ASSERT_EQ(next.code, 0) << next.err;
+    EXPECT_EQ(next.document()["mode"], "inc");
+    EXPECT_EQ(machine.restored(next.document()["path"].get<std::string>()), machine.driver.contents());
+}
+
+// What a client of NBD reads is the disk at the snapshot, and the socket goes with the program.
+TEST_F(Program, ABackupIsServedUntilASignalEndsIt)
+{
+    const fs::path target = machine.directory / "repository";
+    const fs::path socket = run / "serve.sock";
+    ASSERT_EQ(call({"init", target}).code, 0);
+    ASSERT_EQ(call({"backup", "sda1", "--to", target}).code, 0);
+    machine.driver.write(17, 2);
+    ASSERT_EQ(call({"backup", "sda1", "--to", target}).code, 0);
+    const pid_t server = spawn({"serve", "--from", target, "--socket", socket, "--json"});
+    std::string uri;
+    for (int i = 0; i < 500 && uri.empty(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds{20});
+        if (const std::string out = readText(run / "out"); out.ends_with("\n"))
+            uri = json::parse(out)["uri"];
+    }
+    const fs::path raw = machine.directory / "raw";
+    const std::string command = "qemu-img convert -O raw '" + uri + "' '" + raw.string() + "'";
+    EXPECT_EQ(std::system(command.c_str()), 0) << uri;
+    EXPECT_EQ(readAll(raw), machine.driver.contents());
+    // As long as it is served, nothing is dropped.
+    const std::string prune = std::string{QBACKUP_PROGRAM} + " prune --from '" + target.string() + "' --keep-last 1 2>/dev/null";
+    EXPECT_EQ(WEXITSTATUS(std::system(prune.c_str())), 4);
+    ::kill(server, SIGTERM);
+    EXPECT_EQ(wait(server).code, 0);
+    EXPECT_FALSE(fs::exists(socket));
+}
+
 TEST_F(Program, HelpAndVersionEndWell)
 {
     EXPECT_EQ(call({"--help"}).code, 0);
