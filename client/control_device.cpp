@@ -179,6 +179,12 @@ Version ControlDevice::version()
     return {major, word("GetVersionMinor", QUENDREL_GET_VERSION_MINOR)};
 }
 
+void ControlDevice::takeOver()
+{
+    if (const int result = transport_->takeOver(); result != 0)
+        throw Error{"taking over the connection", device_, path_, result};
+}
+
 void ControlDevice::sync() { check(issue(QUENDREL_SYNC, 0), "Sync"); }
 
 void ControlDevice::shutdown() { check(issue(QUENDREL_SHUTDOWN, 0), "Shutdown"); }

@@ -124,6 +124,9 @@ class ControlDevice
     // Reads `count` blocks from `first` on into the area. QUENDREL_READ_ERROR: some could not be read and are zeros.
     void readBlocks(std::uint32_t first, std::uint32_t count, const TransferArea& area);
     Version version();
+    // After a fork: this process gives the commands from now on; the other one may take over again. The file is closed
+    // when the last of them has closed it, or has ended. Over a socket only where the daemon offers it.
+    void takeOver();
     // How many files of the control device have been closed, or nothing when that is not told. The close of any file,
     // an idle one too, detaches the backup that runs on another: what is written from then on is not saved, and nothing
     // else shows it.

@@ -6,13 +6,16 @@
 // each Request has exactly one Reply, in order. Closing the connection, or dying, closes the file.
 //
 // A command's argument and the pointers inside its record are addresses in the client's memory below 4 GiB. The
-// daemon reads and writes them there itself (process_vm_readv and process_vm_writev on the peer's process), so the
-// thread that sends the request must leave them alone until the reply. The process that connected is the one whose
-// memory is used: a forked child cannot go on with its parent's connection.
+// daemon reads and writes them there itself, so the thread that sends the request must leave them alone until the
+// reply. It is the memory of the client's process: of the one that connected, until another one that holds the socket
+// too, a forked child, has taken over. From then on that one is the client, and a request of the former, unless it takes
+// over in its turn, ends the connection. A daemon that knows take_over says so in its disks.json ("takeOver": true).
 //
 // A mapping: the client reserves the address range, asks for it, and on result 0 maps page i of the range from the
 // transfer memory at pages[i] x 4096, MAP_PRIVATE and PROT_READ. The descriptor of the transfer memory comes with
 // the reply (SCM_RIGHTS) of every successful mmap. Closing a mapping: unmap first, then tell.
+//
+// A taking over has no arguments, and the result 0; the client stays the same user's. Mappings stay.
 //
 // A packet of a wrong size, an unknown kind or a wrong argument ends the connection.
 #pragma once
@@ -23,7 +26,7 @@ namespace quendrel::wire {
 
 constexpr std::uint32_t protocol_version = 1;
 
-enum class Kind : std::uint32_t { ioctl = 1, mmap = 2, munmap = 3 };
+enum class Kind : std::uint32_t { ioctl = 1, mmap = 2, munmap = 3, take_over = 4 };
 
 struct Request {
     Kind kind;

@@ -93,6 +93,18 @@ class SocketTransport final : public Transport
         tellUnmapped(std::move(range), bytes);
     }
 
+    int takeOver() override
+    {
+        const pid_t before = std::exchange(owner_, ::getpid());
+        wire::Reply reply;
+        int result = exchange({wire::Kind::take_over, 0, 0, 0, 0}, reply, nullptr);
+        if (result == 0)
+            result = reply.result;
+        if (result != 0)
+            owner_ = before;
+        return result;
+    }
+
     // The reply to the connection itself: the result of the open.
     int receiveOpen(wire::Reply& reply) { return receive(reply, nullptr); }
 
@@ -169,7 +181,7 @@ class SocketTransport final : public Transport
     }
 
     base::Descriptor socket_;
-    pid_t owner_;
+    pid_t owner_; // the process that gives the commands
     std::map<std::byte*, LowMemory> areas_; // by first address; at most two
 };
 

@@ -50,13 +50,23 @@ bool may_enter(int socket, const ucred& peer, gid_t group)
     return peer.uid == 0 || peer.uid == ::geteuid() || peer.gid == group || member_of(socket, group);
 }
 
-base::Descriptor pidfd_of(int socket, pid_t pid)
+// Of the peer, if `peer`: the kernel has known its process since it connected.
+base::Descriptor pidfd_of(int socket, pid_t pid, bool peer)
 {
     int fd = -1;
     socklen_t bytes = sizeof fd;
-    if (::getsockopt(socket, SOL_SOCKET, SO_PEERPIDFD, &fd, &bytes) == 0)
+    if (peer && ::getsockopt(socket, SOL_SOCKET, SO_PEERPIDFD, &fd, &bytes) == 0)
         return base::Descriptor(fd);
     return base::Descriptor(int(::syscall(SYS_pidfd_open, pid, 0)));
+}
+
+// Throws std::system_error.
+std::shared_ptr<hosted::AddressSpace> memory_of(int socket, pid_t pid, uid_t user, bool peer)
+{
+    const base::Descriptor pidfd = pidfd_of(socket, pid, peer);
+    if (!pidfd && errno != ENOSYS)
+        throw std::system_error(errno, std::generic_category(), "process " + std::to_string(pid));
+    return hosted::process_memory(pid, pidfd.get(), user);
 }
 
 bool hung_up(int socket)
@@ -65,9 +75,14 @@ bool hung_up(int socket)
     return ::poll(&p, 1, 0) > 0 && (p.revents & (POLLRDHUP | POLLHUP | POLLERR));
 }
 
-// One packet from `sender`. Its size, or nothing when the connection is over: end of file, a packet that is too
-// large, descriptors passed along (there is no room for them, so the kernel has closed them), another sender.
-std::optional<std::size_t> receive(int socket, pid_t sender, std::byte* to, std::size_t room)
+struct Packet {
+    std::size_t bytes;
+    pid_t sender;
+};
+
+// One packet. Nothing when the connection is over: end of file, a packet that is too large, descriptors passed along
+// (there is no room for them, so the kernel has closed them).
+std::optional<Packet> receive(int socket, std::byte* to, std::size_t room)
 {
     iovec part{to, room};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
@@ -87,9 +102,7 @@ std::optional<std::size_t> receive(int socket, pid_t sender, std::byte* to, std:
         return std::nullopt;
     ucred from;
     std::memcpy(&from, CMSG_DATA(c), sizeof from);
-    if (from.pid != sender)
-        return std::nullopt;
-    return std::size_t(got);
+    return Packet{std::size_t(got), from.pid};
 }
 
 bool send(int socket, const ControlSession::Answer& answer)
@@ -232,10 +245,7 @@ void ControlServer::converse(int socket, const ucred& peer)
 {
     std::shared_ptr<hosted::AddressSpace> memory;
     try {
-        const base::Descriptor pidfd = pidfd_of(socket, peer.pid);
-        if (!pidfd && errno != ENOSYS)
-            throw std::system_error(errno, std::generic_category(), "process " + std::to_string(peer.pid));
-        memory = hosted::process_memory(peer.pid, pidfd.get(), peer.uid);
+        memory = memory_of(socket, peer.pid, peer.uid, true);
     } catch (const std::system_error& error) {
         quietly_(std::string("a client of the control device was turned away: ") + error.what());
         send(socket, ControlSession::answer(-EACCES));
@@ -243,14 +253,30 @@ void ControlServer::converse(int socket, const ucred& peer)
     }
     ControlSession session(std::move(memory), !options_.multi_client, options_.observer);
     const int result = session.open();
+    pid_t client = peer.pid;
     bool going = send(socket, ControlSession::answer(result)) && result == 0;
     // One byte more than a request, so that a longer packet shows.
     alignas(8) std::byte packet[sizeof(quendrel::wire::Request) + 1];
     while (going) {
-        const auto got = receive(socket, peer.pid, packet, sizeof packet);
+        const auto got = receive(socket, packet, sizeof packet);
         if (!got)
             break;
-        const auto answer = session.handle(packet, *got);
+        if (ControlSession::is_take_over(packet, got->bytes)) {
+            // A program that only writes to a descriptor which it was given comes to no harm: what has other rights
+            // than the user who connected is refused here as it is at the connection.
+            try {
+                session.take_over(memory_of(socket, got->sender, peer.uid, false));
+            } catch (const std::system_error& error) {
+                quietly_(std::string("a process that wanted to take over a client's connection was refused: ") + error.what());
+                break;
+            }
+            client = got->sender;
+            going = send(socket, ControlSession::answer(0));
+            continue;
+        }
+        if (got->sender != client)
+            break;
+        const auto answer = session.handle(packet, got->bytes);
         going = answer && send(socket, *answer);
     }
 }

@@ -3,8 +3,9 @@
 //
 // - The socket is 0660, of the daemon's user and a group. Besides, a peer is let in only as root, as the daemon's
 //   own user, or as a member of that group, and only if its process can be seen from here.
-// - A session uses the memory of the process that connected. Every packet carries its sender's process id; one that
-//   another process sent (a child that inherited the socket) ends the session.
+// - A session uses the memory of the process that connected, or of one of the same user (a child that inherited the
+//   socket) that has taken over since. Every packet carries its sender's process id; one that another process sent ends
+//   the session.
 // - Unless told otherwise one client is in at a time, as an open or a close of the device ends whatever backup runs.
 //   A client whose predecessor has hung up already waits for its close; any other gets -EBUSY.
 #pragma once

@@ -80,8 +80,19 @@ std::optional<ControlSession::Answer> ControlSession::handle(const void* packet,
         mappings_.erase(found);
         return answer(0);
     }
+    case wire::Kind::take_over: // with arguments
+        break;
     }
     return std::nullopt;
+}
+
+bool ControlSession::is_take_over(const void* packet, std::size_t bytes)
+{
+    wire::Request request;
+    if (bytes != sizeof request)
+        return false;
+    std::memcpy(&request, packet, sizeof request);
+    return request.kind == wire::Kind::take_over && !request.a && !request.b && !request.c && !request.d;
 }
 
 std::optional<ClientMemory::Number> ClientMemory::hold_number(u32 record)

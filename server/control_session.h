@@ -27,6 +27,8 @@ class ClientMemory final : public hosted::AddressSpace
     using Number = std::array<u32, 2>; // major, minor
 
     explicit ClientMemory(std::shared_ptr<hosted::AddressSpace> memory) : memory_(std::move(memory)) {}
+    // Another process is the client from now on.
+    void replace(std::shared_ptr<hosted::AddressSpace> memory) { memory_ = std::move(memory); }
     // The number at the start of a record, which reads there give from now on; nothing when it cannot be read.
     std::optional<Number> hold_number(u32 record);
     void let_go() { held_.reset(); }
@@ -63,6 +65,10 @@ class ControlSession
     std::optional<Answer> handle(const void* packet, std::size_t bytes);
 
     static Answer answer(int result); // with no pages
+
+    // Another process takes over; whether it may is the caller's to judge. Between two packets.
+    static bool is_take_over(const void* packet, std::size_t bytes);
+    void take_over(std::shared_ptr<hosted::AddressSpace> memory) { memory_->replace(std::move(memory)); }
 
   private:
     std::optional<Answer> map(const quendrel::wire::Request& request);

@@ -165,7 +165,7 @@ std::string disks_to_json(const std::vector<DiskRecord>& disks)
                         "," + member("sectorBytes", disk.sector_bytes) + "," + member("instance", disk.instance) +
                         contents_members(disk.file_system, disk.holds) + ",\"partitions\":[" + parts + "]}");
     }
-    return "{\"version\":1,\"disks\":[" + all + "]}\n";
+    return "{\"version\":1,\"takeOver\":true,\"disks\":[" + all + "]}\n";
 }
 
 std::vector<DiskRecord> disks_from_json(const std::string& text)

@@ -209,6 +209,12 @@ void Driver::close()
     file_.reset();
 }
 
+void Driver::takeOver(pid_t client)
+{
+    const std::lock_guard lock{mutex_};
+    file_->client = client;
+}
+
 int Driver::map(std::uint32_t address, std::vector<std::byte*> pages)
 {
     const std::lock_guard lock{mutex_};

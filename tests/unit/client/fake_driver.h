@@ -65,6 +65,7 @@ class Driver
     // ---- one open file
     int open(pid_t client);
     void close();
+    void takeOver(pid_t client); // whose memory counts from now on
     int command(std::uint32_t number, std::uint32_t argument);
     // `pages`: where the blocks of a read into the area at `address` go, 4096 bytes each.
     int map(std::uint32_t address, std::vector<std::byte*> pages);

@@ -38,6 +38,24 @@ void sendReply(int connection, const wire::Reply& reply, int fd)
     ::sendmsg(connection, &message, MSG_NOSIGNAL);
 }
 
+// The process that sent it; 0 when there is no more.
+pid_t receive(int connection, wire::Request& request)
+{
+    iovec piece{&request, sizeof request};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
+    msghdr message{};
+    message.msg_iov = &piece;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    const cmsghdr* header;
+    if (::recvmsg(connection, &message, 0) != sizeof request || (header = CMSG_FIRSTHDR(&message)) == nullptr)
+        return 0;
+    ucred from{};
+    std::memcpy(&from, CMSG_DATA(header), sizeof from);
+    return from.pid;
+}
+
 } // namespace
 
 Server::Server(Driver& driver, const std::filesystem::path& socket) : driver_{driver}, path_{socket}
@@ -86,13 +104,19 @@ void Server::serveOne(int connection)
     ucred peer{};
     socklen_t length = sizeof peer;
     ::getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &length);
+    const int on = 1;
+    ::setsockopt(connection, SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
     wire::Reply opened{driver_.open(peer.pid), version, 0, {}};
     sendReply(connection, opened, -1);
     if (opened.result != 0)
         return;
     wire::Request request{};
-    while (::recv(connection, &request, sizeof request, 0) == sizeof request && answer(connection, request))
-        ;
+    while (const pid_t sender = receive(connection, request)) {
+        if (request.kind == wire::Kind::take_over && !instead.get())
+            driver_.takeOver(peer.pid = sender);
+        if ((sender != peer.pid && request.kind != wire::Kind::take_over) || !answer(connection, request))
+            break;
+    }
     if (close_slowly)
         std::this_thread::sleep_for(std::chrono::milliseconds{300});
     driver_.close();
@@ -126,6 +150,8 @@ bool Server::answer(int connection, const wire::Request& request)
         used_.erase(request.a);
         break;
     }
+    case wire::Kind::take_over:
+        break;
     default:
         return false;
     }

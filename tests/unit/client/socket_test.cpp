@@ -271,6 +271,44 @@ TEST_F(Socket, ForkedChildCannotGoOnWithItsParentsConnection)
     EXPECT_EQ(codeOf([&] { device.state(); }), 0);
 }
 
+TEST_F(Socket, ForkedChildThatTakesOverGoesOnAndItsParentAfterIt)
+{
+    ControlDevice device = open();
+    device.start(sda1, 1000, 100);
+    const pid_t child = ::fork();
+    if (child == 0)
+        ::_exit(codeOf([&] {
+                    device.takeOver();
+                    device.snapshot({});
+                }) == 0 && device.state().state == QUENDREL_STATE_SNAPSHOT
+                    ? 0
+                    : 1);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    device.takeOver();
+    EXPECT_EQ(device.state().state, unsigned{QUENDREL_STATE_SNAPSHOT});
+}
+
+TEST_F(Socket, ChildThatCouldNotTakeOverLeavesItsParentTheConnection)
+{
+    ControlDevice device = open();
+    server.instead_of = wire::Kind::take_over;
+    server.instead.set([](const wire::Request&) {
+        const wire::Reply reply{-EPERM, wire::protocol_version, 0, {}};
+        std::vector<std::byte> packet(wire::reply_header_bytes);
+        std::memcpy(packet.data(), &reply, packet.size());
+        return packet;
+    });
+    const pid_t child = ::fork();
+    if (child == 0)
+        ::_exit(codeOf([&] { device.takeOver(); }) == -EPERM && codeOf([&] { device.state(); }) == -ECHILD ? 0 : 1);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(codeOf([&] { device.state(); }), 0);
+}
+
 TEST_F(Socket, ClientThatIsKilledClosesTheFile)
 {
     int ready[2];

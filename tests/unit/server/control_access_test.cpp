@@ -315,6 +315,100 @@ TEST_F(ControlAccess, AForkedChildCannotGoOnWithItsParentsConnection)
     EXPECT_EQ(page.as<std::uint32_t>(), 0u);
 }
 
+constexpr wire::Request taking_over{wire::Kind::take_over, 0, 0, 0, 0};
+
+TEST_F(ControlAccess, AForkedChildThatTakesOverIsServedFromItsOwnMemoryUntilItsParentTakesOverAgain)
+{
+    serve();
+    Client client(socket);
+    ASSERT_EQ(client.receive()->result, 0);
+    LowPage page;
+    const auto version = [&] {
+        const auto reply = client.ioctl(QUENDREL_GET_VERSION_MAJOR, page.address());
+        return reply && reply->result == 0 && page.as<std::uint32_t>() == 3;
+    };
+    const auto taken_over = [&] {
+        const auto reply = client.ask(taking_over);
+        return reply && reply->result == 0 && reply->count == 0;
+    };
+    EXPECT_EQ(in_child([&] { return !taken_over() ? 1 : version() ? 0 : 2; }), 0);
+    EXPECT_EQ(page.as<std::uint32_t>(), 0u) << "what the child asked for stands in its parent's memory";
+    EXPECT_TRUE(taken_over());
+    EXPECT_TRUE(version());
+    EXPECT_EQ(opens, 1);
+}
+
+TEST_F(ControlAccess, WhoWasTakenOverFromCannotGoOn)
+{
+    serve();
+    Client client(socket);
+    ASSERT_EQ(client.receive()->result, 0);
+    LowPage page;
+    EXPECT_EQ(in_child([&] { return client.ask(taking_over) ? 0 : 1; }), 0);
+    EXPECT_FALSE(client.ioctl(QUENDREL_GET_VERSION_MAJOR, page.address()));
+}
+
+TEST_F(ControlAccess, AKilledClientsBackupGoesOnWithTheChildThatHasTakenOverAndEndsWithIt)
+{
+    serve();
+    int told[2], go[2];
+    ASSERT_EQ(::pipe(told) | ::pipe(go), 0);
+    const pid_t parent = ::fork();
+    if (parent == 0) {
+        Client client(socket);
+        LowPage page;
+        const auto opened = client.receive();
+        page.as<StartBackup>() = {8, 1, 1024, 256};
+        if (!opened || opened->result != 0 || client.ioctl(QUENDREL_START_BACKUP, page.address())->result != 0)
+            ::_exit(1);
+        if (::fork() != 0) {
+            ::pause();
+            ::_exit(2);
+        }
+        char byte = 0;
+        bool well = client.ask(taking_over).has_value() && ::write(told[1], &byte, 1) == 1 && ::read(go[0], &byte, 1) == 1;
+        page.as<std::uint32_t>() = 0;
+        const auto version = well ? client.ioctl(QUENDREL_GET_VERSION_MAJOR, page.address()) : std::nullopt;
+        byte = version && page.as<std::uint32_t>() == 3;
+        ::_exit(::write(told[1], &byte, 1) == 1 ? 0 : 1);
+    }
+    char byte = 1;
+    ASSERT_EQ(::read(told[0], &byte, 1), 1);
+    ::kill(parent, SIGKILL);
+    ::waitpid(parent, nullptr, 0);
+    {
+        Client other(socket);
+        EXPECT_EQ(other.receive()->result, -EBUSY);
+    }
+    ASSERT_EQ(::write(go[1], &byte, 1), 1);
+    ASSERT_EQ(::read(told[0], &byte, 1), 1);
+    EXPECT_EQ(byte, 1);
+    wait_for_clients(0);
+    Client next(socket);
+    ASSERT_EQ(next.receive()->result, 0);
+    LowPage page;
+    start(next, page);
+    for (const int fd : {told[0], told[1], go[0], go[1]})
+        ::close(fd);
+}
+
+TEST_F(ControlAccess, AnotherUsersProcessCannotTakeOver)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "needs root to become somebody else";
+    serve();
+    Client client(socket);
+    ASSERT_EQ(client.receive()->result, 0);
+    EXPECT_EQ(in_child([&] {
+                  if (::setgroups(0, nullptr) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0 ||
+                      ::prctl(PR_SET_DUMPABLE, 1) != 0)
+                      return 9;
+                  return client.ask(taking_over) ? 1 : 0;
+              }),
+              0);
+    wait_for_clients(0);
+}
+
 TEST_F(ControlAccess, EndingTheServerCutsClientsOffAndClosesTheirFiles)
 {
     serve();

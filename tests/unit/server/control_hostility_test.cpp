@@ -50,10 +50,17 @@ TEST_F(ControlHostility, AnEmptyPacketEndsTheConnection)
 
 TEST_F(ControlHostility, UnknownKindsEndTheConnection)
 {
-    for (const std::uint32_t kind : {0u, 4u, 0x80000001u, ~0u}) {
+    for (const std::uint32_t kind : {0u, 5u, 0x80000001u, ~0u}) {
         SCOPED_TRACE(kind);
         expect_cut({wire::Kind(kind), 0, 0, 0, 0});
     }
+    expect_well();
+}
+
+TEST_F(ControlHostility, ATakingOverWithArgumentsEndsTheConnection)
+{
+    expect_cut({wire::Kind::take_over, 1, 0, 0, 0});
+    expect_cut({wire::Kind::take_over, 0, 0, 0, 1});
     expect_well();
 }
 

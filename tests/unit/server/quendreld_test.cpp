@@ -60,7 +60,7 @@ TEST_F(Quendreld, WritesADescriptionOfItsDisks)
     const std::string second = scratch / "second.img";
     make_image(second, 4 * MiB, {});
     Serving serving({image, second}, run_dir, {"--no-fuse"});
-    std::string expected = R"({"version":1,"disks":[{"name":"sda","major":8,"minor":0,"bytes":67108864,"file":null,)"
+    std::string expected = R"({"version":1,"takeOver":true,"disks":[{"name":"sda","major":8,"minor":0,"bytes":67108864,"file":null,)"
                            R"("nbd":"nbd+unix:///sda?socket=RUN/nbd.sock","sectorBytes":512,"instance":"","partitions":[)"
                            R"({"name":"sda1","major":8,"minor":1,"start":2048,"sectors":65536,"instance":""},)"
                            R"({"name":"sda2","major":8,"minor":2,"start":67584,"sectors":32768,"instance":""}]},)"

@@ -34,7 +34,7 @@ TEST(DisksJson, IsExactlyTheDocumentedText)
     disk.partitions.push_back({"sda1", 8, 1, 2048, 100, FileSystemRecord{"ext4", 4096}, "x-1"});
     disk.partitions.push_back({"sda2", 8, 2, 2148, 50, std::nullopt, "x-2"});
     EXPECT_EQ(disks_to_json({disk}),
-              R"({"version":1,"disks":[{"name":"sda","major":8,"minor":0,"bytes":1048576,"file":"/run/q/disks/sda",)"
+              R"({"version":1,"takeOver":true,"disks":[{"name":"sda","major":8,"minor":0,"bytes":1048576,"file":"/run/q/disks/sda",)"
               R"("nbd":"nbd+unix:///sda?socket=/run/q/nbd.sock","sectorBytes":4096,"instance":"x-3","partitions":[)"
               R"({"name":"sda1","major":8,"minor":1,"start":2048,"sectors":100,"instance":"x-1","type":"ext4",)"
               R"("blockSize":4096},{"name":"sda2","major":8,"minor":2,"start":2148,"sectors":50,"instance":"x-2"}]}]})"
