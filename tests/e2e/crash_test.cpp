@@ -7,7 +7,11 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstdlib>
 #include <filesystem>
+#include <random>
+#include <thread>
 
 namespace
 {
@@ -77,6 +81,53 @@ TEST_F(KilledClient, EndedBySigtermLeavesNothingAndExitsWithTheSignal)
               std::string::npos)
         << program->err();
     EXPECT_EQ(stored(), std::vector<std::string>{});
+}
+
+struct KilledClientOfARawDisk : BackupRig {
+    static constexpr std::uint64_t region = 128 * MiB; // of the image, written to by NBD: free blocks of the file system
+
+    void serve_raw()
+    {
+        make_image(image, 192 * MiB, {{2048, 192 * 2048 - 2048}});
+        must_run({"mkfs.ext4", "-q", "-b", "4096", "-E", "offset=1048576,nodiscard", image, "48000"});
+        serving = std::make_unique<Serving>(std::vector{image}, run_dir, std::vector<std::string>{"--no-fuse"});
+    }
+};
+
+// KILLED_RUNS: how many (default: those of 20 seconds).
+TEST_F(KilledClientOfARawDisk, AtWhateverMomentTheNextBackupIsAnIncrement)
+{
+    serve_raw();
+    ASSERT_EQ(backup("full").status, 0);
+    NbdWriters writers(serving->nbd(), region, 2048, 2);
+    const char* named = std::getenv("KILLED_RUNS");
+    const unsigned most = named ? unsigned(std::stoul(named)) : 0;
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    std::mt19937 random(most + 1);
+    std::chrono::nanoseconds whole = std::chrono::milliseconds(100);
+    unsigned runs = 0, killed = 0;
+    for (; most ? runs < most : std::chrono::steady_clock::now() < until; ++runs) {
+        SCOPED_TRACE("run " + std::to_string(runs));
+        ASSERT_TRUE(writers.goes_on(1));
+        {
+            Program program(qbackup({"backup", "--device", "sda1", "--to", target}), scratch / "killed");
+            std::this_thread::sleep_for(whole * (random() % 1000) / 1000);
+            program.signal(SIGKILL);
+            killed += program.wait() == 128 + SIGKILL;
+        }
+        ASSERT_TRUE(writers.goes_on(1));
+        const auto begun = std::chrono::steady_clock::now();
+        const Backup next = backup("inc");
+        whole = std::chrono::steady_clock::now() - begun;
+        ASSERT_EQ(next.status, 0) << next.err;
+        ASSERT_EQ(next.text("mode"), "inc") << next.report;
+    }
+    EXPECT_GT(killed, runs / 2);
+    RecordProperty("runs", int(runs));
+    writers.stop();
+    const Backup last = backup("auto");
+    ASSERT_EQ(last.status, 0) << last.err;
+    must_run({"cmp", "-n", std::to_string(192 * MiB - MiB), restore(last), image, "0", std::to_string(MiB)});
 }
 
 struct KilledDaemon : testing::TestWithParam<std::vector<std::string>> {

@@ -146,6 +146,7 @@ Exit backUp(const CommonOptions& common, const BackupOptions& options, const std
     refuseOnDevice(job.device, host, catalog.runDirectory(), "the daemon's run directory");
     refuseOutputOnDevice(job.device, host);
 
+    job.apart = catalog.offersTakeOver();
     job.ledger = RunLock::placeFor(common.control).parent_path() / "ledger" / toString(job.device.number);
     const Repository repository = openTarget(options, job.device, patience);
     if (options.wanted == Wanted::full || repository.backups().empty())

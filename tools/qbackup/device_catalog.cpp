@@ -53,6 +53,7 @@ try {
     if (document.at("version").get<int>() != known_version)
         throw Failure{Exit::refused, disks_json.string() + " is of a version that this program does not know; use "
                                                            "daemon and qbackup of the same release"};
+    offers_take_over_ = document.value("takeOver", false);
     for (const auto& disk : document.at("disks")) {
         // Null when the daemon offers no file for this host's loop driver.
         const bool has_file = disk.contains("file") && disk.at("file").is_string();

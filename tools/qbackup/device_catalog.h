@@ -47,6 +47,9 @@ class DeviceCatalog
     const std::vector<Device>& listed() const noexcept { return devices_; }
     // The directory where the daemon keeps its files; empty for a device node.
     const fs::path& runDirectory() const noexcept { return run_directory_; }
+    // Whether a child process may go on with the control device that its parent opened. An older daemon knows no such
+    // thing.
+    bool offersTakeOver() const noexcept { return offers_take_over_; }
 
   private:
     void load(const fs::path& disks_json);
@@ -55,6 +58,7 @@ class DeviceCatalog
 
     HostBlocks host_;
     fs::path run_directory_;
+    bool offers_take_over_ = true;
     std::vector<Device> devices_;
 };
 

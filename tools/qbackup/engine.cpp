@@ -3,6 +3,7 @@
 
 #include "ledger.h"
 #include "preflight.h"
+#include "snapshot.h"
 #include "transfer.h"
 #include "utc.h"
 
@@ -38,15 +39,14 @@ class Session
     {
         measure();
         choosePrevious();
-        if (!job_.ledger.empty())
-            ledger_.emplace(job_.ledger, manifest_.instance, manifest_.blockSize, manifest_.blocks);
+        openLedger();
         const std::unique_ptr<PendingBackup> pending = repository_.begin();
         start();
         Bitmap map = takeSnapshot();
         pending->start(manifest_, previous_);
         throwIfStopped(stop_);
         device_->loadBlockMap(map);
-        expectState(QUENDREL_STATE_MAP_LOADED, "after the map was loaded");
+        expectState(*device_, job_.device.name, QUENDREL_STATE_MAP_LOADED, "after the map was loaded");
         copy(map, *pending);
         checkStillGood();
         device_.reset(); // ends the driver's part: from here on writes need no copying
@@ -60,8 +60,7 @@ class Session
     [[noreturn]] void lost(const std::string& what, bool still_tracked = false)
     {
         const bool known = still_tracked && linked_;
-        throw Failure{Exit::failed, "the backup of " + job_.device.name + " failed: " + what + ". Nothing was kept" +
-                                        (known ? "" : "; the next backup will be a full one")};
+        throwLost(job_.device.name, what, known);
     }
 
     // Block size and number of blocks of the device, and what the manifest says of it.
@@ -156,31 +155,17 @@ class Session
     // Takes the snapshot and gives the blocks to copy.
     Bitmap takeSnapshot()
     {
-        std::optional<Bitmap> tracked; // since the snapshot whose key matched
-        const auto matched = snapshotSince(knownKeys());
-        if (!matched) {
-            // A key that does not match is no error to the driver: only the state says that no snapshot was taken.
-            device_->noLoadFromAutoMap();
-            snapshot({});
-        }
-        expectState(QUENDREL_STATE_SNAPSHOT, "after the snapshot");
-        manifest_.time = utcNow("%Y-%m-%dT%H:%M:%SZ");
-        if (matched) {
-            // Fetched before any map is loaded: loading one over it would leave the driver's pages behind.
-            tracked = device_->autoMap(manifest_.blocks);
-            // Tracking that falls out of sync between the driver's look at the key and the freeze hands out an empty map,
-            // and nothing tells it from a device that nobody wrote to. Freezing a file system that is mounted for writing
-            // changes a block, so a really empty map is rare, and copying an idle device in full is cheaper than losing a
-            // change.
-            empty_map_ = tracked && tracked->count() == 0;
-            if (empty_map_)
-                tracked.reset();
-        }
-        rememberKey();
-        // Or the key may be that of a snapshot which the other program took behind ours.
-        expectNoOtherClose();
-        remember(matched, tracked);
-        std::optional<Bitmap> changed = changedSincePrevious(matched, std::move(tracked));
+        SnapshotTask task{job_.device.name, manifest_.number, manifest_.blocks, knownKeys(), ledger_ ? &*ledger_ : nullptr,
+                          closes_, job_.snapshotWatcher};
+        Snapshot taken = job_.apart ? takeSnapshotApart(*device_, task, stop_) : qbackup::takeSnapshot(*device_, task, stop_);
+        if (job_.apart)
+            openLedger(); // as the other process has left it
+        manifest_.time = taken.time;
+        manifest_.key = taken.key;
+        linked_ = taken.linked;
+        if (!taken.warning.empty())
+            progress_.warn(taken.warning);
+        std::optional<Bitmap> changed = changedSincePrevious(taken);
         manifest_.mode = changed ? Mode::incremental : Mode::full;
         if (changed) {
             manifest_.parent = previous_->manifest.id;
@@ -196,6 +181,12 @@ class Session
         return std::move(*changed);
     }
 
+    void openLedger()
+    {
+        if (!job_.ledger.empty())
+            ledger_.emplace(job_.ledger, manifest_.instance, manifest_.blockSize, manifest_.blocks);
+    }
+
     // Those that may be the tracking session's.
     std::vector<SessionKey> knownKeys() const
     {
@@ -207,53 +198,23 @@ class Session
         return keys;
     }
 
-    // Takes a snapshot with the first of the keys that is the tracking session's; that key, or nothing when none is.
-    std::optional<SessionKey> snapshotSince(const std::vector<SessionKey>& keys)
-    {
-        for (const SessionKey& key : keys) {
-            snapshot(key);
-            if (device_->state().state != QUENDREL_STATE_STARTED)
-                return key;
-        }
-        return std::nullopt;
-    }
-
-    // Puts what the snapshot has handed out where the next run finds it, whatever becomes of this one.
-    void remember(const std::optional<SessionKey>& matched, const std::optional<Bitmap>& tracked)
-    {
-        if (!ledger_)
-            return;
-        try {
-            if (!tracked) {
-                ledger_->begin(manifest_.key);
-            } else {
-                if (ledger_->newest() != matched)
-                    ledger_->begin(*matched);
-                ledger_->add(manifest_.key, *tracked);
-                linked_ = true;
-            }
-        } catch (const std::exception& error) {
-            progress_.warn(std::string{error.what()} + ". Should this backup fail, the next one reads everything");
-        }
-    }
-
     // What an incremental backup has to copy; nothing, and the reason is set, when there can be none.
-    std::optional<Bitmap> changedSincePrevious(const std::optional<SessionKey>& matched, std::optional<Bitmap> tracked)
+    std::optional<Bitmap> changedSincePrevious(Snapshot& taken)
     {
         if (!previous_)
             return std::nullopt;
         const Manifest& m = previous_->manifest;
-        if (!matched) {
+        if (!taken.since) {
             giveUpIncremental("changes were not tracked from backup " + m.id +
                               " on (another backup was started since, or one failed)");
-        } else if (empty_map_) {
+        } else if (taken.empty) {
             giveUpIncremental("tracking names no changed block since backup " + m.id +
                               ", which cannot be told from tracking that was lost");
-        } else if (!tracked) {
+        } else if (!taken.changed) {
             giveUpIncremental("changes since backup " + m.id +
                               " are not known: the driver was loaded anew or its tracking fell out of sync");
-        } else if (*matched == m.key) {
-            return tracked;
+        } else if (*taken.since == m.key) {
+            return std::move(taken.changed);
         } else if (auto changed = linked_ ? ledger_->since(m.key) : std::nullopt) {
             return changed;
         } else {
@@ -261,20 +222,6 @@ class Session
                               " is not known any more: tracking was lost since, or another program took a snapshot");
         }
         return std::nullopt;
-    }
-
-    void snapshot(const SessionKey& key)
-    {
-        throwIfStopped(stop_);
-        device_->snapshot(key);
-    }
-
-    void rememberKey()
-    {
-        const auto tracking = device_->autoMapState();
-        if (!tracking.inSync || tracking.device != manifest_.number || tracking.blocks != manifest_.blocks)
-            lost("the driver does not track changes of the device after the snapshot");
-        manifest_.key = tracking.key;
     }
 
     void announce()
@@ -306,8 +253,8 @@ class Session
     // The last look before the backup counts: it covers every write up to now, held back or tracked.
     void checkStillGood()
     {
-        expectState(QUENDREL_STATE_MAP_LOADED, "after the last block");
-        expectNoOtherClose();
+        expectState(*device_, job_.device.name, QUENDREL_STATE_MAP_LOADED, "after the last block");
+        expectNoOtherClose(*device_, job_.device.name, closes_, linked_);
         const auto tracking = device_->autoMapState();
         // First, as tracking does not outlive it.
         if (identity().instance != manifest_.instance)
@@ -316,21 +263,6 @@ class Session
             lost("the driver's tracking of the device fell out of sync during the backup");
         if (tracking.key != manifest_.key)
             lost("another program took a snapshot of the device during the backup");
-    }
-
-    void expectNoOtherClose()
-    {
-        if (device_->closes() != closes_)
-            lost("another program closed the control device meanwhile, which ends the protection of a backup that runs "
-                 "(load the driver with exclusive=1 to keep others out)",
-                 true);
-    }
-
-    void expectState(unsigned expected, const char* when)
-    {
-        if (const unsigned state = device_->state().state; state != expected)
-            lost(std::string{when} + " the driver's state is " + std::to_string(state) + ": " +
-                 quendrel::stateText(state));
     }
 
     std::optional<ControlDevice> device_;
@@ -345,8 +277,7 @@ class Session
     std::size_t area_bytes_ = 0;
     std::optional<std::uint64_t> closes_; // of the control device, at the start
     std::optional<Ledger> ledger_;
-    bool linked_ = false;    // what the snapshot has handed out is in the ledger
-    bool empty_map_ = false; // was handed out
+    bool linked_ = false; // what the snapshot has handed out is in the ledger
 };
 
 } // namespace
@@ -360,10 +291,7 @@ try {
     report.seconds = std::chrono::duration<double>{std::chrono::steady_clock::now() - begun}.count();
     return report;
 } catch (const Error& error) {
-    const auto exit = error.code() == QUENDREL_BUSY          ? Exit::busy
-                      : error.code() == QUENDREL_NOT_MOUNTED ? Exit::refused
-                                                             : Exit::failed;
-    throw Failure{exit, error.what()};
+    throw failureOf(error);
 }
 
 } // namespace qbackup

@@ -37,6 +37,10 @@ struct BackupJob {
     // again at the end. Null: what `device` says.
     std::function<Identity()> identity{};
     fs::path ledger{}; // the device's; empty: none is kept
+    // The control device can be handed on to a child process: a kill in the moment of the snapshot loses nothing. The
+    // caller is then the only thread of its process.
+    bool apart = false;
+    std::function<void(const char* step)> snapshotWatcher{}; // for tests
 };
 
 constexpr std::uint64_t default_cache_bytes = 256ULL << 20;

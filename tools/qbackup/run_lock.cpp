@@ -11,6 +11,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
+#include <cstdio>
 
 namespace qbackup
 {
@@ -24,6 +26,13 @@ std::string describe(const File& file)
     while (!text.empty() && text.back() == '\n')
         text.pop_back();
     return text.empty() ? "a process that has not said yet who it is" : text;
+}
+
+// The process that took the lock is gone: a child of it has the lock.
+bool holderHasEnded(const File& file)
+{
+    int pid = 0;
+    return std::sscanf(describe(file).c_str(), "process %d,", &pid) == 1 && ::kill(pid, 0) != 0 && errno == ESRCH;
 }
 
 // A lock in a directory where everybody can make files is no lock: anybody could hold it for ever.
@@ -61,7 +70,9 @@ RunLock::RunLock(const fs::path& lock_file, const std::string& purpose, const fs
         if (::fchown(file_.fd(), static_cast<uid_t>(-1), st.st_gid) == 0)
             ::fchmod(file_.fd(), 0660);
     }
-    if (!takeLock(file_, patience))
+    // What a killed run has left brings its ledger to the end, which takes as long as the driver's snapshot.
+    constexpr auto leftover = std::chrono::seconds{30};
+    if (!takeLock(file_, patience) && !(holderHasEnded(file_) && takeLock(file_, {leftover, patience.stop})))
         throw Failure{Exit::busy, "another qbackup is running: " + describe(file_) + " (lock " + lock_file.string() +
                                       "). Wait for it to end, or give --wait"};
     file_.truncate(0);

@@ -3,7 +3,8 @@
 //
 // Opening the control device detaches a backup that another program is running, so the lock is taken before the
 // device is opened and held until it is closed. The lock is flock() on a file that names its holder; it goes with the
-// process, however that ends.
+// process, however that ends, or with the child that ends what may not be interrupted (snapshot.h): that one is waited
+// for a while.
 #pragma once
 
 #include "file_lock.h"

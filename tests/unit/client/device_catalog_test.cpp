@@ -65,6 +65,14 @@ TEST_F(Catalog, ListsInOrderAndKnowsTheRunDirectory)
     EXPECT_EQ(catalog().runDirectory(), directory.path());
 }
 
+TEST_F(Catalog, TellsWhetherTheDaemonLetsAChildTakeOver)
+{
+    EXPECT_FALSE(catalog().offersTakeOver()) << "an older daemon ends the connection";
+    std::ofstream{directory / "disks.json"} << R"({"version":1,"takeOver":true,"disks":[]})";
+    EXPECT_TRUE(catalog().offersTakeOver());
+    EXPECT_TRUE((DeviceCatalog{"/dev/null", HostBlocks{}}.offersTakeOver())) << "a node's";
+}
+
 TEST_F(Catalog, FileOfAnotherVersionOrNoneIsRefused)
 {
     std::ofstream{directory / "disks.json"} << R"({"version":2,"disks":[]})";

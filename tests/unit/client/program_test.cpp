@@ -24,7 +24,7 @@ class Program : public testing::Test
     {
         for (std::uint32_t block = 0; block < 3000; ++block)
             machine.driver.write(block, 1);
-        std::ofstream{run / "disks.json"} << R"({"version":1,"disks":[{"name":"sda","major":8,"minor":0,"bytes":4000000,
+        std::ofstream{run / "disks.json"} << R"({"version":1,"takeOver":true,"disks":[{"name":"sda","major":8,"minor":0,"bytes":4000000,
             "file":"/nonexistent","nbd":"x","partitions":[
             {"name":"sda1","major":8,"minor":1,"start":2048,"sectors":6000,"type":"ext4","blockSize":1024}]}]})";
     }

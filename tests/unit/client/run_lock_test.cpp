@@ -67,6 +67,46 @@ TEST(RunLock, KilledHolderHoldsNothing)
     EXPECT_EQ(RunLock::holder(file), std::nullopt);
 }
 
+TEST(RunLock, WhatAKilledHolderHasLeftIsWaitedFor)
+{
+    const Directory directory;
+    const fs::path file = directory / "lock";
+    const pid_t holder = ::fork();
+    if (holder == 0) {
+        const RunLock lock{file, "one"};
+        if (::fork() == 0) {
+            ::usleep(700000); // longer than the patience with a holder that lives
+            ::_exit(0);
+        }
+        ::raise(SIGKILL);
+    }
+    ::waitpid(holder, nullptr, 0);
+    EXPECT_TRUE(RunLock::holder(file));
+    EXPECT_NO_THROW((RunLock{file, "two"}));
+}
+
+TEST(RunLock, WhoWaitsForWhatAKilledHolderHasLeftCanBeEnded)
+{
+    const Directory directory;
+    const fs::path file = directory / "lock";
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    const pid_t holder = ::fork();
+    if (holder == 0) {
+        const RunLock lock{file, "one"};
+        ::close(ends[1]);
+        char byte;
+        if (::fork() == 0)
+            ::_exit(::read(ends[0], &byte, 1) == 0 ? 0 : 1); // until the test ends
+        ::raise(SIGKILL);
+    }
+    ::waitpid(holder, nullptr, 0);
+    const StopSignal stop{SIGTERM};
+    EXPECT_THROW((RunLock{file, "two", {}, {std::chrono::seconds{0}, &stop}}), Interrupted);
+    ::close(ends[0]);
+    ::close(ends[1]);
+}
+
 TEST(RunLock, GroupOfTheControlDeviceMayUseIt)
 {
     const Directory directory;

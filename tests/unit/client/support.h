@@ -94,12 +94,18 @@ class Machine
     BackupReport backup(Wanted wanted = Wanted::automatic, const PendingBackup::Watcher& watcher = {})
     {
         driver.clearEvents();
+        return backup(quendrel::ControlDevice{fake::connect(driver), "memory"}, job(wanted), watcher);
+    }
+    BackupReport backup(quendrel::ControlDevice device, const BackupJob& job, const PendingBackup::Watcher& watcher = {})
+    {
         const Repository repository = images ? Repository::openImages(this->repository())
                                              : Repository::openForBackup(target.empty() ? directory.path() : target, "sda1");
-        quendrel::ControlDevice device{fake::connect(driver), "memory"};
         Progress progress{Progress::Style::none};
-        BackupJob job{sda1(), wanted, 0, [this] { return qbackup::Identity{instance, sda1().bytes}; }, ledger};
         return runBackup(std::move(device), repository, job, progress, stop, watcher);
+    }
+    BackupJob job(Wanted wanted = Wanted::automatic)
+    {
+        return {sda1(), wanted, 0, [this] { return qbackup::Identity{instance, sda1().bytes}; }, ledger};
     }
 
     Device sda1() const
