@@ -135,6 +135,7 @@ Exit backUp(const CommonOptions& common, const BackupOptions& options, const std
         job.identity = [&host, &job] {
             return Identity{host.instance(makedev(job.device.number.major, job.device.number.minor)), job.device.bytes};
         };
+        job.written = [&host, number = job.device.number] { return host.written(makedev(number.major, number.minor)); };
     } else {
         job.identity = [&host, &common, number = job.device.number] {
             const DeviceCatalog now{common.control, host};

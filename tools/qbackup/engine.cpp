@@ -156,7 +156,7 @@ class Session
     Bitmap takeSnapshot()
     {
         SnapshotTask task{job_.device.name, manifest_.number, manifest_.blocks, knownKeys(), ledger_ ? &*ledger_ : nullptr,
-                          closes_, job_.snapshotWatcher};
+                          closes_, job_.written, job_.snapshotWatcher};
         Snapshot taken = job_.apart ? takeSnapshotApart(*device_, task, stop_) : qbackup::takeSnapshot(*device_, task, stop_);
         if (job_.apart)
             openLedger(); // as the other process has left it

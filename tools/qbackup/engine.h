@@ -37,6 +37,8 @@ struct BackupJob {
     // again at the end. Null: what `device` says.
     std::function<Identity()> identity{};
     fs::path ledger{}; // the device's; empty: none is kept
+    // How much the host has counted as written to the device (HostBlocks::written); null: it does not count.
+    std::function<std::optional<std::string>()> written{};
     // The control device can be handed on to a child process: a kill in the moment of the snapshot loses nothing. The
     // caller is then the only thread of its process.
     bool apart = false;

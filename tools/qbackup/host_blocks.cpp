@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 namespace qbackup
@@ -263,6 +264,25 @@ std::string HostBlocks::instance(dev_t device) const
 {
     std::string text = "boot " + firstLine(boot_id_);
     describe(device, text, 0);
+    return text;
+}
+
+std::optional<std::string> HostBlocks::written(dev_t device) const
+{
+    const fs::path directory = sysDirectory(device);
+    std::error_code error;
+    const fs::path disk = fs::exists(directory / "partition", error) ? directory.parent_path() : directory;
+    if (directory.empty() || firstLine(disk / "queue" / "iostats") != "1")
+        return std::nullopt;
+    // Documentation/block/stat.rst: from 0 on, 4 to 6 are writes, their merges and their sectors, 8 what is in flight, 11
+    // to 13 as 4 to 6 for discards, which kernels before 4.18 count as writes.
+    std::istringstream in{firstLine(directory / "stat")};
+    const std::vector<std::uint64_t> all{std::istream_iterator<std::uint64_t>{in}, {}};
+    if (all.size() < 11 || all[4] == 0 || all[8] != 0)
+        return std::nullopt;
+    std::string text;
+    for (const std::size_t i : {4, 5, 6, 11, 12, 13})
+        text += (text.empty() ? "" : " ") + std::to_string(i < all.size() ? all[i] : 0);
     return text;
 }
 

@@ -53,6 +53,13 @@ class HostBlocks
     // of what it lies on. Two equal texts: the device was there all the time in between.
     std::string instance(dev_t device) const;
 
+    // What has been written to the device and discarded, as the kernel counts it: two equal texts, of one instance, and
+    // nothing was in between. A write is counted when it begins or when it has ended, by the device's kind, and the text
+    // is nothing while something is under way. It is nothing, too, for a device whose counting is switched off, and for
+    // one that has never counted a write: there are drivers that count none. What waits in a queue without having
+    // begun is not seen; and who switches counting off and on again in between is not noticed.
+    std::optional<std::string> written(dev_t device) const;
+
   private:
     struct Mount {
         dev_t device;

@@ -48,17 +48,19 @@ Ledger::Ledger(fs::path directory, std::string identity, std::uint32_t block_siz
 
 std::optional<SessionKey> Ledger::newest() const { return newest_; }
 
-void Ledger::begin(const SessionKey& key)
+void Ledger::begin(const SessionKey& key, std::optional<std::string> written)
 {
     links_.clear();
     newest_ = key;
+    written_ = std::move(written);
     save();
 }
 
-void Ledger::add(const SessionKey& key, const Bitmap& changed)
+void Ledger::add(const SessionKey& key, const Bitmap& changed, std::optional<std::string> written)
 {
     links_.push_back(write({newest_.value()}, changed));
     newest_ = key;
+    written_ = std::move(written);
     while (links_.size() > most_links || (links_.size() > 2 && allocated() > most_bytes_))
         uniteOldest();
     save();
@@ -159,14 +161,16 @@ void Ledger::save()
             keys.push_back(toHex(key));
         links.push_back({{"from", keys}, {"map", link.map}, {"hash", link.hash}});
     }
-    const std::string text = json{{"version", format_version},
-                                  {"identity", identity_},
-                                  {"blockSize", block_size_},
-                                  {"blocks", blocks_},
-                                  {"newest", toHex(newest_.value())},
-                                  {"nextMap", next_map_},
-                                  {"links", links}}
-                                 .dump();
+    json document{{"version", format_version},
+                  {"identity", identity_},
+                  {"blockSize", block_size_},
+                  {"blocks", blocks_},
+                  {"newest", toHex(newest_.value())},
+                  {"nextMap", next_map_},
+                  {"links", links}};
+    if (written_)
+        document["written"] = *written_;
+    const std::string text = document.dump();
     const fs::path made = directory_ / (std::string{index_name} + ".new");
     std::error_code error;
     fs::remove(made, error);
@@ -200,9 +204,13 @@ try {
     }
     SessionKey newest{};
     fromHex(document.at("newest"), newest);
+    std::optional<std::string> written;
+    if (document.contains("written"))
+        written = document.at("written").get<std::string>();
     next_map_ = document.at("nextMap");
     links_ = std::move(links);
     newest_ = newest;
+    written_ = std::move(written);
 } catch (const Failure&) {
 } catch (const json::exception&) {
 } catch (const std::invalid_argument&) {

@@ -36,10 +36,12 @@ class Ledger
 
     // The key of the newest snapshot; nothing when no snapshot is known.
     std::optional<quendrel::SessionKey> newest() const;
+    // How much the host had counted right before that snapshot; nothing when that is not known.
+    const std::optional<std::string>& written() const noexcept { return written_; }
     // A snapshot was taken of which nothing is known but its key. Throws Failure.
-    void begin(const quendrel::SessionKey& key);
+    void begin(const quendrel::SessionKey& key, std::optional<std::string> written = {});
     // A snapshot was taken with the newest key, and `changed` were written since that one. Throws Failure.
-    void add(const quendrel::SessionKey& key, const quendrel::Bitmap& changed);
+    void add(const quendrel::SessionKey& key, const quendrel::Bitmap& changed, std::optional<std::string> written = {});
     // What was written from the snapshot with that key to the newest; nothing when that is not known.
     std::optional<quendrel::Bitmap> since(const quendrel::SessionKey& key) const;
 
@@ -65,6 +67,7 @@ class Ledger
     std::uint64_t most_bytes_;
     std::vector<Link> links_; // the oldest first
     std::optional<quendrel::SessionKey> newest_;
+    std::optional<std::string> written_;
     std::uint64_t next_map_ = 1;
 };
 

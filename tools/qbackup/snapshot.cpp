@@ -13,8 +13,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
+#include <thread>
 
 namespace qbackup
 {
@@ -60,15 +62,28 @@ SessionKey keyAfter(ControlDevice& device, const SnapshotTask& task)
 void remember(Ledger& ledger, Snapshot& taken)
 try {
     if (!taken.changed) {
-        ledger.begin(taken.key);
+        ledger.begin(taken.key, taken.written);
         return;
     }
     if (ledger.newest() != taken.since)
         ledger.begin(*taken.since);
-    ledger.add(taken.key, *taken.changed);
+    ledger.add(taken.key, *taken.changed, taken.written);
     taken.linked = true;
 } catch (const std::exception& error) {
     taken.warning = std::string{error.what()} + ". Should this backup fail, the next one reads everything";
+}
+
+// Nothing was written from right before the snapshot with that key until now, by the host's account. Each write that the
+// driver has seen in between is counted by then or still under way, which is no account.
+bool wasIdle(const SnapshotTask& task, const SessionKey& since)
+{
+    // What waited in a queue has begun by then, as nothing else is under way.
+    constexpr auto settled = std::chrono::milliseconds{100};
+    if (!task.written || !task.ledger || task.ledger->newest() != since || !task.ledger->written() ||
+        task.written() != task.ledger->written())
+        return false;
+    std::this_thread::sleep_for(settled);
+    return task.written() == task.ledger->written();
 }
 
 // ---- the process of its own. What it has to say goes through a pipe: the length of a text, a JSON text, and the map.
@@ -212,6 +227,8 @@ Snapshot takeSnapshot(ControlDevice& device, const SnapshotTask& task, const Sto
 {
     Snapshot taken;
     watch(task, "begun");
+    if (task.written)
+        taken.written = task.written();
     taken.since = snapshotSince(device, task, stop);
     watch(task, "snapshot");
     expectState(device, task.name, QUENDREL_STATE_SNAPSHOT, "after the snapshot");
@@ -220,10 +237,9 @@ Snapshot takeSnapshot(ControlDevice& device, const SnapshotTask& task, const Sto
         // Fetched before any map is loaded: loading one over it would leave the driver's pages behind.
         taken.changed = device.autoMap(task.blocks);
         // Tracking that falls out of sync between the driver's look at the key and the freeze hands out an empty map,
-        // and nothing tells it from a device that nobody wrote to. Freezing a file system that is mounted for writing
-        // changes a block, so a really empty map is rare, and copying an idle device in full is cheaper than losing a
-        // change.
-        taken.empty = taken.changed && taken.changed->count() == 0;
+        // and the driver does not tell it from a device that nobody wrote to. The host's counting may; where it does not,
+        // copying an idle device in full is cheaper than losing a change.
+        taken.empty = taken.changed && taken.changed->count() == 0 && !wasIdle(task, *taken.since);
         if (taken.empty)
             taken.changed.reset();
     }

@@ -29,6 +29,7 @@ struct SnapshotTask {
     std::vector<quendrel::SessionKey> keys; // those that may be the tracking session's. Without any it begins anew
     Ledger* ledger = nullptr;               // null: none is kept
     std::optional<std::uint64_t> closes;    // of the control device, at the start of the backup
+    std::function<std::optional<std::string>()> written{}; // BackupJob's
     // Called with the name of each step that is done, in the process that does it; for tests.
     std::function<void(const char* step)> watcher{};
 };
@@ -38,7 +39,8 @@ struct Snapshot {
     quendrel::SessionKey key{};                // the tracking session's from now on
     std::optional<quendrel::SessionKey> since; // which of the keys was the tracking session's
     std::optional<quendrel::Bitmap> changed;   // since then; nothing when that is not known
-    bool empty = false;                        // because the map that was handed out names no block
+    bool empty = false;                        // because the map that was handed out names no block, and nothing else does
+    std::optional<std::string> written;        // right before it
     bool linked = false;                       // the ledger goes on with `changed`
     std::string warning;                       // why there is nothing in the ledger, when it should be
 };

@@ -349,6 +349,110 @@ TEST_F(WithLedger, AnEmptyMapEndsWhatIsKnown)
     expectBackup(Mode::incremental, 1);
 }
 
+struct Counted : WithLedger {
+    Counted()
+    {
+        machine.written = [this] { return counted; };
+        machine.backup();
+    }
+    std::optional<std::string> counted = "7";
+};
+
+TEST_F(Counted, AnIdleDeviceGetsAnEmptyIncrement)
+{
+    expectBackup(Mode::incremental, 0);
+    expectBackup(Mode::incremental, 0);
+    machine.driver.write(1, 2);
+    counted = "8";
+    expectBackup(Mode::incremental, 1);
+    expectBackup(Mode::incremental, 0);
+}
+
+TEST_F(Counted, AnIdleDeviceGetsAnImageWithoutBlocks)
+{
+    machine.images = true;
+    fs::remove_all(machine.repository());
+    machine.backup();
+    expectBackup(Mode::incremental, 0);
+    machine.driver.write(1, 2);
+    counted = "8";
+    expectBackup(Mode::incremental, 1);
+}
+
+TEST_F(Counted, AnIdleDeviceCostsAnotherTargetNothing)
+{
+    machine.driver.write(1, 2);
+    counted = "8";
+    machine.target = machine.directory / "two";
+    fs::create_directory(machine.target);
+    machine.backup();
+    machine.backup();
+    machine.target.clear();
+    expectBackup(Mode::incremental, 1);
+}
+
+TEST_F(Counted, AnEmptyMapOfADeviceThatWasWrittenToIsNotBelieved)
+{
+    counted = "8";
+    expectBackup(Mode::full, Machine::blocks);
+}
+
+TEST_F(Counted, AnEmptyMapIsNotBelievedWithoutAnAccountOfNow)
+{
+    counted.reset();
+    expectBackup(Mode::full, Machine::blocks);
+}
+
+TEST_F(Counted, AnEmptyMapIsNotBelievedWithoutAnAccountOfThen)
+{
+    counted.reset();
+    machine.driver.write(1, 2);
+    expectBackup(Mode::incremental, 1);
+    counted = "7";
+    expectBackup(Mode::full, Machine::blocks);
+}
+
+TEST_F(Counted, AnEmptyMapIsNotBelievedWithoutTheSnapshotBefore)
+{
+    fs::remove_all(machine.ledger);
+    expectBackup(Mode::full, Machine::blocks);
+}
+
+TEST_F(Counted, AnAccountOfAnotherSnapshotIsNone)
+{
+    // The newest that the ledger knows is not the driver's: that is the one before, which the stored backup has.
+    Ledger{machine.ledger, "", Machine::block_size, Machine::blocks}.begin(key(1), "7");
+    expectBackup(Mode::full, Machine::blocks);
+}
+
+// What came between the account and the snapshot is in the snapshot, or behind it.
+TEST_F(Counted, AWriteThatCameWithTheSnapshotBeforeMakesTheNextEmptyMapDoubtful)
+{
+    machine.driver.write(1, 2);
+    machine.driver.before.set([this](std::uint32_t command) {
+        if (command == QUENDREL_SNAPSHOT)
+            counted = "8";
+    });
+    expectBackup(Mode::incremental, 1);
+    machine.driver.before.set({});
+    expectBackup(Mode::full, Machine::blocks);
+}
+
+TEST_F(Counted, AWriteThatCameWithTheSnapshotItselfMakesItsEmptyMapDoubtful)
+{
+    machine.driver.before.set([this](std::uint32_t command) {
+        if (command == QUENDREL_SNAPSHOT)
+            counted = "8";
+    });
+    expectBackup(Mode::full, Machine::blocks);
+}
+
+TEST_F(Counted, AWriteThatHadWaitedInAQueueMakesAnEmptyMapDoubtful)
+{
+    machine.written = [this, calls = 0]() mutable { return ++calls == 3 ? "8" : counted; };
+    expectBackup(Mode::full, Machine::blocks);
+}
+
 TEST_F(WithLedger, AnotherDiskIsNotBelieved)
 {
     machine.instance = "one";

@@ -241,6 +241,65 @@ TEST(HostBlocks, LogicalVolumeHasItsGivenNameAndItsPartKnowsIt)
     EXPECT_EQ(host.blocks().node(makedev(254, 0))->name, "dm-0");
 }
 
+TEST(HostBlocks, WhatIsWrittenAndDiscardedIsCountedAndNothingElse)
+{
+    Host host;
+    host.disk("vdb", makedev(8, 16));
+    host.write(host.sys / "block" / "vdb" / "queue" / "iostats", "1");
+    std::vector<std::uint64_t> counts{1, 2, 3, 4, 5, 6, 7, 8, 0, 10, 11, 12, 13, 14, 15, 16, 17};
+    const auto written = [&] {
+        std::string line;
+        for (const std::uint64_t count : counts)
+            line += "  " + std::to_string(count);
+        host.write(host.sys / "block" / "vdb" / "stat", line);
+        return host.blocks().written(makedev(8, 16));
+    };
+    const auto before = written();
+    ASSERT_TRUE(before);
+    for (std::size_t i = 0; i < counts.size(); ++i) {
+        const bool counted = (i >= 4 && i <= 6) || (i >= 11 && i <= 13);
+        ++counts[i];
+        if (i != 8) {
+            EXPECT_EQ(written() != before, counted) << "field " << i;
+        }
+        --counts[i];
+    }
+    counts[8] = 1;
+    EXPECT_FALSE(written()) << "something is under way";
+    counts[8] = 0;
+    counts[4] = 0;
+    EXPECT_FALSE(written()) << "a device that counts nothing";
+    counts[4] = 5;
+    counts.resize(11);
+    EXPECT_TRUE(written()) << "an older kernel";
+    counts.resize(4);
+    EXPECT_FALSE(written());
+}
+
+TEST(HostBlocks, WithoutCountingThereIsNoAccount)
+{
+    Host host;
+    host.disk("vdb", makedev(8, 16));
+    host.write(host.sys / "block" / "vdb" / "stat", "1 2 3 4 5 6 7 8 0 10 11");
+    EXPECT_FALSE(host.blocks().written(makedev(8, 16)));
+    host.write(host.sys / "block" / "vdb" / "queue" / "iostats", "0");
+    EXPECT_FALSE(host.blocks().written(makedev(8, 16)));
+    EXPECT_FALSE(host.blocks().written(makedev(8, 99)));
+}
+
+TEST(HostBlocks, APartitionHasItsOwnAccountUnderItsDisksSwitch)
+{
+    Host host;
+    host.disk("vdb", makedev(8, 16));
+    host.partition("vdb", "vdb1", makedev(8, 17), "2048");
+    host.write(host.sys / "block" / "vdb" / "queue" / "iostats", "1");
+    host.write(host.sys / "block" / "vdb" / "stat", "1 2 3 4 50 60 70 8 1 10 11");
+    host.write(host.sys / "block" / "vdb" / "vdb1" / "stat", "1 2 3 4 5 6 7 8 0 10 11");
+    EXPECT_EQ(host.blocks().written(makedev(8, 17)), "5 6 7 0 0 0");
+    host.write(host.sys / "block" / "vdb" / "queue" / "iostats", "0");
+    EXPECT_FALSE(host.blocks().written(makedev(8, 17)));
+}
+
 // A stick that was unplugged and comes back has its old number, name, size and serial number, and may have been written
 // to elsewhere.
 TEST(Instance, DiskThatWasAwayIsAnotherOne)

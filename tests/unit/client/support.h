@@ -105,7 +105,7 @@ class Machine
     }
     BackupJob job(Wanted wanted = Wanted::automatic)
     {
-        return {sda1(), wanted, 0, [this] { return qbackup::Identity{instance, sda1().bytes}; }, ledger};
+        return {sda1(), wanted, 0, [this] { return qbackup::Identity{instance, sda1().bytes}; }, ledger, written};
     }
 
     Device sda1() const
@@ -133,6 +133,7 @@ class Machine
     bool images = false;  // the target's format
     std::string instance; // of sda1
     fs::path ledger;      // empty: none is kept
+    std::function<std::optional<std::string>()> written; // what the host has counted
     fs::path target;      // empty: `directory`
 };
 
