@@ -29,10 +29,10 @@ class Transport
     // A read-only transfer mapping of `bytes` (whole pages) below 4 GiB.
     virtual Mapping map(std::size_t bytes) = 0;
     virtual void unmap(std::byte* data, std::size_t bytes) noexcept = 0;
-    // After a fork: this process gives the commands from now on, not the one that did. 0, or why it cannot.
-    virtual int takeOver() { return 0; }
     // How many files of the control device have been closed, or nothing when this way does not tell.
     virtual std::optional<std::uint64_t> closes() const { return std::nullopt; }
+    // After a fork: this process gives the commands from now on, not the one that did. 0, or why it cannot.
+    virtual int takeOver() { return 0; }
 };
 
 // Opens the control device at `path`: a character device node, or a socket of the daemon. Throws Error ("open").

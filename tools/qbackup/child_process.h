@@ -38,7 +38,7 @@ class ChildProcess
 };
 
 // The command that has a program find the listening socket that it inherits as descriptor 3, as one does that a service
-// manager hands its socket.
+// manager hands its socket. It is killed when the thread ends that has started it.
 std::vector<std::string> withSocket(const std::vector<std::string>& words);
 
 // Whether a program is to be found in PATH.

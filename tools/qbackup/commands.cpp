@@ -104,7 +104,7 @@ Host hostCalled(const std::string& name)
 }
 
 // The device's place in the target, locked.
-Repository openTarget(const BackupOptions& options, const Device& device, const Patience& patience)
+Repository openTarget(const BackupOptions& options, const DeviceCatalog& catalog, const Device& device, const Patience& patience)
 {
     if (!isImageRepository(options.target)) {
         // One level too deep it would become a target of another kind.
@@ -114,7 +114,16 @@ Repository openTarget(const BackupOptions& options, const Device& device, const 
                                                  fs::weakly_canonical(above).string() + "; name that one"};
         return Repository::openForBackup(options.target, device.name, patience);
     }
-    return openImagesForBackup(options.target, {hostCalled(options.host), device.name, identityOf(device), options.fresh}, patience);
+    const auto present = [&](const std::string& name) -> std::optional<DeviceIdentity> {
+        try {
+            const Device other = catalog.find(name);
+            if (other.number != device.number)
+                return identityOf(other);
+        } catch (const Failure&) {
+        }
+        return std::nullopt;
+    };
+    return openImagesForBackup(options.target, {hostCalled(options.host), device.name, identityOf(device), options.fresh, present}, patience);
 }
 
 // Backs up one device and tells of it.
@@ -149,7 +158,7 @@ Exit backUp(const CommonOptions& common, const BackupOptions& options, const std
 
     job.apart = catalog.offersTakeOver();
     job.ledger = RunLock::placeFor(common.control).parent_path() / "ledger" / toString(job.device.number);
-    const Repository repository = openTarget(options, job.device, patience);
+    const Repository repository = openTarget(options, catalog, job.device, patience);
     if (options.wanted == Wanted::full || repository.backups().empty())
         if (const auto warning = checkSpace(job.device, host, options.target))
             progress.warn(*warning);
@@ -387,8 +396,19 @@ int commandPrune(const CommonOptions& common, const PruneOptions& options, const
         throw Failure{Exit::usage, "nothing says what to keep; give --keep-last, --keep-daily or another of them"};
     Progress progress{Progress::styleFor(common.quiet)};
     const Patience patience{std::chrono::seconds{options.wait}, &stop};
+    int exit = 0;
     for (const fs::path& folder : findRepositories(options.from)) {
-        for (const Choice& choice : pruneBackups(folder, options.rules, options.dryRun, patience, progress, stop)) {
+        std::vector<Choice> choices;
+        // What goes wrong with one device is no reason to keep everything of the others.
+        try {
+            choices = pruneBackups(folder, options.rules, options.dryRun, patience, progress, stop);
+        } catch (const Interrupted&) {
+            throw;
+        } catch (const Failure& failure) {
+            const int code = reportFailure(common.json, failure.exitCode(), failure.what());
+            exit = exit == 0 ? code : exit;
+        }
+        for (const Choice& choice : choices) {
             const bool kept = !choice.reasons.empty();
             std::string reasons;
             for (const std::string& reason : choice.reasons)
@@ -399,7 +419,7 @@ int commandPrune(const CommonOptions& common, const PruneOptions& options, const
                 std::printf("%-10s %s%s\n", kept ? "keep" : options.dryRun ? "would drop" : "dropped", choice.backup.path.c_str(), kept ? ("  (" + reasons + ")").c_str() : "");
         }
     }
-    return static_cast<int>(Exit::ok);
+    return exit;
 }
 
 int commandList(const CommonOptions& common, const fs::path& from)

@@ -13,7 +13,7 @@ namespace qbackup
 
 struct DeviceIdentity {
     // By name: fileSystem (its UUID), partition (PARTUUID), mapped (the device mapper's, as of a logical volume), wwid and
-    // serial (of a whole disk). Those that are known.
+    // serial (of the disk), served (the name that a daemon serves it by). Those that are known.
     std::map<std::string, std::string> marks;
 
     // No mark that both have differs, and they have one in common, or one of them has none at all.

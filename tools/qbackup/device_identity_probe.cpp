@@ -91,17 +91,24 @@ DeviceIdentity identityOf(const Device& device, const fs::path& sys)
             if (device.contents.start != 0)
                 notePartition(identity, fd.get(), device.contents.start);
         }
+        // Disks made of one template are the same by all other marks.
+        identity.marks["served"] = device.name;
+        return identity;
+    }
+    if (device.hostDevices.empty() || !device.instance.empty()) {
+        identity.marks["served"] = device.name;
         return identity;
     }
     const fs::path place = sys / "dev/block" / toString(device.number);
     noteLine(identity, "mapped", place / "dm/uuid");
     std::error_code error;
     const bool partition = fs::exists(place / "partition", error);
-    if (!partition) {
-        noteLine(identity, "wwid", place / "wwid");
-        noteLine(identity, "wwid", place / "device/wwid");
-        noteLine(identity, "serial", place / "serial");
-        noteLine(identity, "serial", place / "device/serial");
+    // A copy of a disk on another one has all other marks.
+    if (const fs::path disk = partition ? fs::canonical(place, error).parent_path() : place; !error) {
+        for (const char* file : {"wwid", "device/wwid"})
+            noteLine(identity, "wwid", disk / file);
+        for (const char* file : {"serial", "device/serial"})
+            noteLine(identity, "serial", disk / file);
     }
     const auto open = [](const fs::path& sysfs) {
         // Names that somebody gave stand elsewhere in /dev; the kernel's own is what udev makes.

@@ -13,29 +13,29 @@ namespace qbackup
 namespace
 {
 
-base::Descriptor opened(const fs::path& folder)
-{
-    base::Descriptor fd{::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
-    if (!fd)
-        throw Failure{exitOf(errno), "cannot open " + folder.string() + ": " + errnoText(errno)};
-    return fd;
-}
+// A file, as network file systems lock nothing else.
+fs::path fileIn(const fs::path& folder) { return folder / hold_name; }
 
 } // namespace
 
 base::Descriptor holdForReading(const fs::path& folder)
 {
-    base::Descriptor fd = opened(folder);
-    if (::flock(fd.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK)
+    base::Descriptor fd{::open(fileIn(folder).c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0640)};
+    if (!fd && errno == EACCES)
+        fd.reset(::open(fileIn(folder).c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd && ::flock(fd.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK)
         throw Failure{Exit::busy, "backups are being dropped from " + folder.string() + "; try again when that prune has ended"};
     return fd;
 }
 
 base::Descriptor holdForChanging(const fs::path& folder, const Patience& patience)
 {
-    base::Descriptor fd = opened(folder);
+    const File file{fileIn(folder), O_RDWR | O_CREAT};
+    base::Descriptor fd{::fcntl(file.fd(), F_DUPFD_CLOEXEC, 0)};
     const auto end = std::chrono::steady_clock::now() + patience.most;
-    while (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+    while (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK && errno != EINTR)
+            throw Failure{Exit::failed, "cannot lock " + file.path().string() + ": " + errnoText(errno)};
         if (std::chrono::steady_clock::now() >= end)
             throw Failure{Exit::busy, "a backup in " + folder.string() +
                                           " is being restored, verified or served. Wait for that to end, or give --wait"};

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
-// Keeps backups that are read from being dropped or changed meanwhile: a lock on their folder, shared by those who read,
-// alone for who drops. Backups that are added hinder nobody, and have a lock of their own.
+// Keeps backups that are read from being dropped or changed meanwhile: a lock on the file .hold of their folder, shared by
+// those who read, alone for who drops. Backups that are added hinder nobody, and have a lock of their own.
 #pragma once
 
 #include "base/descriptor.h"
@@ -9,7 +9,10 @@
 namespace qbackup
 {
 
-// As long as the descriptor is open. Where a file system has no such locks there is no protection. Throws Failure (busy)
+constexpr const char* hold_name = ".hold";
+
+// As long as the descriptor is open. Who may not make that file, or reads from a disk that cannot be written to, has no
+// protection and needs hardly any. Throws Failure (busy)
 // when backups are being dropped.
 base::Descriptor holdForReading(const fs::path& folder);
 // Throws Failure (busy) when somebody reads.

@@ -28,10 +28,21 @@ bool isId(const std::string& text)
            text[dash + 9] == 'T' && digits(dash + 10, 6) && text.back() == 'Z';
 }
 
+// A marker beside a manifest tells nothing: a copy of a folder may have both.
+bool isInTheMaking(const fs::path& folder, const std::string& id)
+{
+    std::error_code error;
+    return fs::exists(partialOf(folder, id, manifest_end), error) && !fs::exists(fileOf(folder, id, manifest_end), error);
+}
+
 class PendingImage : public PendingBackup
 {
   public:
-    PendingImage(fs::path folder, const std::string& id) : folder_{std::move(folder)}, id_{id} { requireQemu(); }
+    PendingImage(fs::path folder, const std::string& id) : folder_{std::move(folder)}, id_{id}
+    {
+        requireQemu();
+        expectUtf8(fs::absolute(folder_));
+    }
     ~PendingImage() override
     {
         writer_.reset();
@@ -153,15 +164,19 @@ void expectImageComplete(const StoredBackup& backup)
 std::unique_ptr<LayerReader> openImageLayer(const StoredBackup& backup)
 {
     expectImageComplete(backup);
+    // By that name other programs go.
+    const std::string below = backup.manifest.mode == Mode::full ? "" : backup.manifest.parent + image_end;
+    if (const std::string named = nameBelow(backup.path); named != below)
+        throw Failure{Exit::damaged, backup.path.string() + " is damaged: it lies over " + (named.empty() ? "nothing" : named) + ", and not over " +
+                                         (below.empty() ? "nothing" : below)};
     return std::make_unique<ImageLayer>(backup.path, besides(backup, sums_end), backup.manifest.sumsHash, backup.manifest.deviceBytes);
 }
 
 std::vector<std::string> imageIds(const fs::path& folder)
 {
     std::set<std::string> ids;
-    std::error_code error;
     for (const fs::path& entry : entriesOf(folder))
-        if (isId(idOf(entry)) && entry.has_extension() && !fs::exists(partialOf(folder, idOf(entry), manifest_end), error))
+        if (isId(idOf(entry)) && entry.has_extension() && !isInTheMaking(folder, idOf(entry)))
             ids.insert(idOf(entry));
     return {ids.begin(), ids.end()};
 }
@@ -178,8 +193,9 @@ void removeDeadImages(const fs::path& folder)
             fs::remove(entry);
             continue;
         }
-        for (const char* end : {image_end, sums_end})
-            fs::remove(fileOf(folder, idOf(rest), end));
+        if (isInTheMaking(folder, idOf(rest)))
+            for (const char* end : {image_end, sums_end})
+                fs::remove(fileOf(folder, idOf(rest), end));
         markers.push_back(entry);
     }
     if (markers.empty())

@@ -10,8 +10,6 @@ namespace qbackup
 namespace
 {
 
-constexpr std::size_t most_ahead = 64;
-
 std::uint64_t roundedUp(std::uint64_t bytes)
 {
     return (bytes + image_granule_bytes - 1) / image_granule_bytes * image_granule_bytes;
@@ -25,9 +23,13 @@ Failure damage(const fs::path& path, const LayerPiece& piece)
 
 } // namespace
 
-ImageLayer::ImageLayer(const fs::path& image, const fs::path& sums, const std::string& sums_hash, std::uint64_t bytes)
-    : path_{image}, bytes_{bytes}, sums_{sums, sums_hash}, image_{image, OpenImage::For::reading}, layout_{image_.layout()}
+ImageLayer::ImageLayer(const fs::path& image, const fs::path& sums, const std::string& sums_hash, std::uint64_t bytes, std::size_t ahead)
+    : path_{image}, bytes_{bytes}, most_ahead_{ahead}, sums_{sums, sums_hash}, image_{image, OpenImage::For::reading}, layout_{image_.layout()}
 {
+    // A device need not end with a sector.
+    if (image_.size() != (bytes + 511) / 512 * 512)
+        throw Failure{Exit::damaged, image.string() + " is damaged: it is of a disk of " + std::to_string(image_.size()) + " bytes, and not of " +
+                                         std::to_string(bytes)};
     expectNothingElse(SumsReader{sums, sums_hash});
 }
 
@@ -51,7 +53,7 @@ std::optional<LayerReader::Piece> ImageLayer::next()
 
 void ImageLayer::fill()
 {
-    while (ahead_.size() < most_ahead) {
+    while (ahead_.size() < most_ahead_) {
         const std::optional<LayerPiece> piece = sums_.next();
         if (!piece)
             return;

@@ -19,7 +19,8 @@ class ImageLayer : public LayerReader
 {
   public:
     // `bytes`: of the device. Throws Failure (damaged), also when the image holds what the sums do not name.
-    ImageLayer(const fs::path& image, const fs::path& sums, const std::string& sums_hash, std::uint64_t bytes);
+    // `ahead`: pieces that are asked for at once.
+    ImageLayer(const fs::path& image, const fs::path& sums, const std::string& sums_hash, std::uint64_t bytes, std::size_t ahead = 64);
     std::optional<Piece> next() override;
 
   private:
@@ -35,6 +36,7 @@ class ImageLayer : public LayerReader
 
     fs::path path_;
     std::uint64_t bytes_;
+    std::size_t most_ahead_;
     SumsReader sums_;
     std::deque<Request> ahead_; // a deque: the data stays where it is
     bool handed_out_ = false;   // the first one

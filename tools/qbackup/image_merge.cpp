@@ -12,6 +12,8 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <memory>
 
 namespace qbackup
 {
@@ -33,13 +35,14 @@ struct Journal {
     std::vector<Layer> layers; // the oldest first; the last one is kept
     bool intoFull = false;     // the oldest one is full, and takes up the others
     std::uint64_t bytes = 0;   // of the device
+    std::string made;          // the hash of the manifest that the one that is kept gets
 };
 
 fs::path madeFile(const fs::path& folder, const char* end) { return partialOf(folder, made, end); }
 
 void write(const fs::path& folder, const Journal& journal)
 {
-    json document{{"intoFull", journal.intoFull}, {"bytes", journal.bytes}, {"layers", json::array()}};
+    json document{{"intoFull", journal.intoFull}, {"bytes", journal.bytes}, {"manifestHash", journal.made}, {"layers", json::array()}};
     for (const Layer& layer : journal.layers)
         document["layers"].push_back({{"id", layer.id}, {"sumsHash", layer.sumsHash}});
     const fs::path fresh = folder / (std::string{partial_prefix} + "journal");
@@ -53,7 +56,7 @@ void write(const fs::path& folder, const Journal& journal)
 Journal read(const fs::path& folder)
 try {
     const json document = json::parse(readText(folder / journal_name));
-    Journal journal{{}, document.at("intoFull"), document.at("bytes")};
+    Journal journal{{}, document.at("intoFull"), document.at("bytes"), document.at("manifestHash")};
     for (const json& layer : document.at("layers"))
         journal.layers.push_back({layer.at("id"), layer.at("sumsHash")});
     return journal;
@@ -61,17 +64,17 @@ try {
     throw Failure{Exit::damaged, (folder / journal_name).string() + " cannot be understood: " + error.what()};
 }
 
-std::unique_ptr<LayerReader> open(const fs::path& folder, const Layer& layer, std::uint64_t bytes)
-{
-    return std::make_unique<ImageLayer>(fileOf(folder, layer.id, image_end), fileOf(folder, layer.id, sums_end), layer.sumsHash, bytes);
-}
+// Of all layers together, so that many of them take no more memory than one.
+constexpr std::size_t pieces_ahead = 64;
 
 // Those from `from` on, the newest on top.
 MergedLayers merged(const fs::path& folder, const Journal& journal, std::size_t from)
 {
     std::vector<std::unique_ptr<LayerReader>> layers;
     for (std::size_t i = journal.layers.size(); i-- > from;)
-        layers.push_back(open(folder, journal.layers[i], journal.bytes));
+        layers.push_back(std::make_unique<ImageLayer>(fileOf(folder, journal.layers[i].id, image_end), fileOf(folder, journal.layers[i].id, sums_end),
+                                                      journal.layers[i].sumsHash, journal.bytes,
+                                                      std::max<std::size_t>(4, pieces_ahead / (journal.layers.size() - from))));
     return MergedLayers{std::move(layers)};
 }
 
@@ -225,7 +228,7 @@ class SumsOfMerged
 };
 
 // Makes what takes the place of the last one's files, and changes nothing.
-void prepare(const fs::path& folder, const std::vector<StoredBackup>& run, const Journal& journal, Progress& progress, const StopSignal& stop)
+void prepare(const fs::path& folder, const std::vector<StoredBackup>& run, Journal& journal, Progress& progress, const StopSignal& stop)
 {
     const StoredBackup& oldest = run.front();
     Manifest manifest = run.back().manifest;
@@ -241,8 +244,6 @@ void prepare(const fs::path& folder, const std::vector<StoredBackup>& run, const
         }
     };
     if (journal.intoFull) {
-        // Somebody who reads it would see it change.
-        OpenImage{oldest.path, OpenImage::For::writing}.finish();
         SumsOfMerged sums{oldest.path, SumsReader{besides(oldest, sums_end), oldest.manifest.sumsHash}, madeFile(folder, sums_end),
                           std::uint64_t{manifest.blocks} * manifest.blockSize};
         each(merged(folder, journal, 1), [&](const LayerReader::Piece& piece) { sums.add(piece); });
@@ -259,8 +260,48 @@ void prepare(const fs::path& folder, const std::vector<StoredBackup>& run, const
         manifest.dataBytes = writer.dataBytes();
         manifest.copiedBlocks = static_cast<std::uint32_t>(writer.received() / manifest.blockSize);
     }
-    writeDurably(madeFile(folder, manifest_end), asBytes(encode(manifest)));
+    const std::string text = encode(manifest);
+    journal.made = hashText(asBytes(text));
+    writeDurably(madeFile(folder, manifest_end), asBytes(text));
     syncDirectory(folder);
+}
+
+// Space that is taken, until it is needed for something else.
+class Reserve
+{
+  public:
+    // Throws Failure when there is not so much.
+    Reserve(const fs::path& folder, std::uint64_t bytes) : path_{madeFile(folder, ".space")}
+    {
+        const File file{path_, O_WRONLY | O_CREAT};
+        if (::fallocate(file.fd(), 0, 0, static_cast<off_t>(bytes)) == 0 || errno == EOPNOTSUPP)
+            return;
+        const int problem = errno;
+        giveBack();
+        throw Failure{exitOf(problem), "cannot drop backups from " + folder.string() + ": " + formatBytes(bytes) +
+                                           " are needed there for it, and are not free: " + errnoText(problem) + ". Make room, or drop fewer at once"};
+    }
+    ~Reserve() { giveBack(); }
+    Reserve(const Reserve&) = delete;
+    Reserve& operator=(const Reserve&) = delete;
+    void giveBack()
+    {
+        std::error_code error;
+        fs::remove(path_, error);
+    }
+
+  private:
+    fs::path path_;
+};
+
+// What writing the others into the full image may take: their data, and tables for it.
+std::uint64_t spaceFor(const std::vector<StoredBackup>& run)
+{
+    std::uint64_t bytes = 0;
+    for (std::size_t i = 1; i < run.size(); ++i)
+        bytes += run[i].manifest.dataBytes;
+    const std::uint64_t most = run.front().manifest.deviceBytes;
+    return std::min(bytes, most) + most / 4096 + (2u << 20);
 }
 
 // Files that have their place already are those of an earlier try.
@@ -271,18 +312,42 @@ void takePlace(const fs::path& folder, const char* end, const std::string& id)
         fs::rename(madeFile(folder, end), fileOf(folder, id, end));
 }
 
-// The others' data goes into the full one.
-void takeUp(const fs::path& folder, const Journal& journal)
+// The others' data goes into the full one. Done again from its start if it is ended.
+void takeUp(const fs::path& folder, const Journal& journal, ImageWriter& writer, const StopSignal& stop)
 {
-    const fs::path full = fileOf(folder, journal.layers.front().id, image_end);
-    ImageWriter writer{full, {}, ZerosAre::written};
     MergedLayers layers = merged(folder, journal, 1);
-    for (auto piece = layers.next(); piece; piece = layers.next())
+    for (auto piece = layers.next(); piece; piece = layers.next()) {
+        if (stop.load(std::memory_order_relaxed) != 0)
+            throw Failure{Exit::failed, "dropping backups from " + folder.string() + " was ended by a signal; the next command there finishes it"};
         put(writer, *piece);
+    }
     writer.finish();
 }
 
-void carryOut(const fs::path& folder, const Journal& journal, const MergeWatcher& watcher, bool again)
+// Whether what the journal is about is there. Throws Failure (damaged) when it is and is not what it was.
+bool isThere(const fs::path& folder, const Journal& journal)
+{
+    std::error_code error;
+    const fs::path manifest = madeFile(folder, manifest_end);
+    const std::string& kept = journal.layers.back().id;
+    if (!fs::exists(manifest, error)) {
+        const fs::path done = fileOf(folder, kept, manifest_end);
+        return fs::exists(done, error) && hashText(asBytes(readText(done))) == journal.made;
+    }
+    const std::string text = readText(manifest);
+    if (hashText(asBytes(text)) != journal.made)
+        throw Failure{Exit::damaged, manifest.string() + " is not what " + (folder / journal_name).string() + " is about"};
+    if (fs::exists(madeFile(folder, image_end), error)) {
+        const Manifest made_manifest = decode(text, manifest.string());
+        ImageLayer layer{madeFile(folder, image_end), madeFile(folder, sums_end), made_manifest.sumsHash, journal.bytes};
+        while (layer.next())
+            ;
+    }
+    return true;
+}
+
+// `writer`: of the full image; none: it is opened here.
+void carryOut(const fs::path& folder, const Journal& journal, const MergeWatcher& watcher, const StopSignal& stop, std::unique_ptr<ImageWriter> writer)
 {
     const auto step = [&](const char* name) {
         if (watcher)
@@ -298,14 +363,16 @@ void carryOut(const fs::path& folder, const Journal& journal, const MergeWatcher
         const fs::path full = fileOf(folder, dropped.front().id, image_end);
         std::error_code error;
         if (fs::exists(full, error)) {
-            if (again) {
+            if (!writer) {
                 // What was cut off may have taken clusters that nothing names.
                 ChildProcess check{{"qemu-img", "check", "-q", "-r", "leaks", full.string()}, "qemu-utils"};
                 if (!check.wait())
                     throw Failure{Exit::damaged, "cannot go on with " + full.string() + ": " + check.said()};
+                writer = std::make_unique<ImageWriter>(full, "", ZerosAre::written);
             }
             step("data");
-            takeUp(folder, journal);
+            takeUp(folder, journal, *writer, stop);
+            writer.reset();
             step("image");
             fs::rename(full, fileOf(folder, kept, image_end));
         }
@@ -336,7 +403,7 @@ void carryOut(const fs::path& folder, const Journal& journal, const MergeWatcher
 void mergeBackups(const fs::path& folder, const std::vector<StoredBackup>& run, Progress& progress, const StopSignal& stop,
                   const MergeWatcher& watcher)
 {
-    Journal journal{{}, run.front().manifest.mode == Mode::full, run.front().manifest.deviceBytes};
+    Journal journal{{}, run.front().manifest.mode == Mode::full, run.front().manifest.deviceBytes, ""};
     for (const StoredBackup& backup : run)
         journal.layers.push_back({backup.manifest.id, backup.manifest.sumsHash});
     const auto clear = [&] {
@@ -345,16 +412,22 @@ void mergeBackups(const fs::path& folder, const std::vector<StoredBackup>& run, 
             fs::remove(madeFile(folder, end), error);
     };
     clear();
+    std::unique_ptr<ImageWriter> writer;
     try {
         prepare(folder, run, journal, progress, stop);
+        if (journal.intoFull) {
+            Reserve reserve{folder, spaceFor(run)};
+            // Open from here on: nobody else can open it to read.
+            writer = std::make_unique<ImageWriter>(run.front().path, "", ZerosAre::written);
+        }
         if (watcher)
             watcher("prepared");
+        write(folder, journal);
     } catch (...) {
         clear();
         throw;
     }
-    write(folder, journal);
-    carryOut(folder, journal, watcher, false);
+    carryOut(folder, journal, watcher, stop, std::move(writer));
 }
 
 void dropBackups(const fs::path& folder, const std::vector<StoredBackup>& dropped)
@@ -381,8 +454,27 @@ bool isMergeUnfinished(const fs::path& folder)
 
 void finishMerge(const fs::path& folder, const MergeWatcher& watcher)
 {
-    if (isMergeUnfinished(folder))
-        carryOut(folder, read(folder), watcher, true);
+    if (!isMergeUnfinished(folder))
+        return;
+    const StopSignal never{0};
+    const Journal journal = read(folder);
+    if (isThere(folder, journal)) {
+        carryOut(folder, journal, watcher, never, nullptr);
+        return;
+    }
+    fs::remove(folder / journal_name);
+    syncDirectory(folder);
+}
+
+std::set<std::string> idsGoing(const fs::path& folder)
+{
+    std::set<std::string> ids;
+    if (!isMergeUnfinished(folder))
+        return ids;
+    const Journal journal = read(folder);
+    for (std::size_t i = 0; i + 1 < journal.layers.size(); ++i)
+        ids.insert(journal.layers[i].id);
+    return ids;
 }
 
 } // namespace qbackup

@@ -4,8 +4,9 @@
 // Over an older image: the one that is kept is written anew, with all of theirs, and takes the place of the old one. From a
 // full one on: what the others hold is written into the full one's image, which then gets the name of the one that is
 // kept; until then the one that is kept lies over it and hides what changes there.
-// All that can fail for want of space or for damage is done before anything changes. Then a journal, .merge.json, says what
-// is to be done; every step can be done again, and whoever opens the folder for writing does it again after a kill.
+// All that can fail for damage is done, and the space that is needed is seen to be there, before anything changes. Then a
+// journal, .merge.json, says what is to be done; every step can be done again, and whoever opens the folder for writing
+// does it again after a kill.
 #pragma once
 
 #include "failure.h"
@@ -13,6 +14,8 @@
 #include "repository.h"
 
 #include <functional>
+#include <set>
+#include <string>
 #include <vector>
 
 namespace qbackup
@@ -27,8 +30,11 @@ void mergeBackups(const fs::path& folder, const std::vector<StoredBackup>& run, 
                   const MergeWatcher& watcher = {});
 // Drops backups on which none that is kept builds.
 void dropBackups(const fs::path& folder, const std::vector<StoredBackup>& dropped);
-// Finishes what a journal says, if there is one. The folder has to be open for writing.
+// Finishes what a journal says, if there is one. A journal whose work is not there, as a copy of a folder may have one, goes.
+// The folder has to be open for writing.
 void finishMerge(const fs::path& folder, const MergeWatcher& watcher = {});
 bool isMergeUnfinished(const fs::path& folder);
+// Those that are dropped by a merge which is not finished.
+std::set<std::string> idsGoing(const fs::path& folder);
 
 } // namespace qbackup

@@ -37,7 +37,7 @@ try {
 // Replaces the file as a whole, or it stays as it is.
 void writeJson(const fs::path& path, const json& document)
 {
-    const fs::path fresh = path.parent_path() / (partial_prefix + path.filename().string());
+    const fs::path fresh = path.parent_path() / (partial_prefix + path.filename().string() + "-" + std::to_string(::getpid()));
     std::error_code error;
     fs::remove(fresh, error);
     writeDurably(fresh, asBytes(document.dump(2) + "\n"));
@@ -105,8 +105,16 @@ std::string chooseFolder(const fs::path& host, const DevicePlace& place)
     if (!place.identity.marks.empty())
         for (const fs::path& folder : entriesOf(host))
             if (fs::is_directory(folder))
-                if (const auto other = identityIn(folder); other && !other->marks.empty() && other->matches(place.identity))
-                    return folder.filename();
+                if (const auto other = identityIn(folder); other && !other->marks.empty() && other->matches(place.identity)) {
+                    const std::string name = folder.filename();
+                    const auto now = place.present ? place.present(name) : std::nullopt;
+                    if (!now || !now->matches(*other))
+                        return name;
+                    // Both are there: one is a copy of the other.
+                    if (!place.fresh && !there)
+                        throw Failure{Exit::refused, place.device + " cannot be told from " + name + ", whose backups are in " + folder.string() +
+                                                         ": both are " + place.identity.text() + ". Give --new for a folder of its own"};
+                }
     if (!there)
         return place.device;
     if (!place.fresh)

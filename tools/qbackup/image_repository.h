@@ -8,6 +8,10 @@
 #include "device_identity.h"
 #include "repository.h"
 
+#include <functional>
+#include <optional>
+#include <string>
+
 namespace qbackup
 {
 
@@ -28,6 +32,8 @@ struct DevicePlace {
     std::string device; // the name of its folder when it gets one
     DeviceIdentity identity;
     bool fresh = false; // a folder of its own even if another device has that name
+    // What a device that is there now by that name is known by; nothing when there is none. Null: none is there.
+    std::function<std::optional<DeviceIdentity>(const std::string& device)> present{};
 };
 // The folder of the device, found by its identity, else made; locked and free of what dead runs left. Throws Failure.
 Repository openImagesForBackup(const fs::path& target, const DevicePlace& place, const Patience& patience = {});

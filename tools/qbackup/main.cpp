@@ -55,7 +55,7 @@ std::string complaint(const CLI::App* app, const CLI::Error& error)
 }
 
 constexpr const char* at_help = "Which one, where --from has several: an id, or the newest up to a time, as 2026-11-21 or\n"
-                                "2026-11-21T11:16 (of this machine's clock; with a Z behind it UTC)";
+                                "2026-11-21T11:16, to their end (of this machine's clock; with a Z behind it UTC, as list shows it)";
 
 constexpr const char* footer =
     "Exit codes: 0 done; 1 failed, nothing half-done is left; 2 bad arguments; 3 refused before\n"
@@ -106,7 +106,7 @@ int main(int argc, char** argv)
     CLI::App* run = app.add_subcommand("backup", "Back up a device");
     run->add_option("DEVICE,--device", backup.devices, "Device: sda1, 8:1 or /dev/sda1; several one after the other")
         ->required();
-    run->add_option("--to", backup.target, "Target directory; the backup goes to TARGET/DEVICE/ID")->required();
+    run->add_option("--to", backup.target, "Repository (see init), or another directory, which gets folders")->required();
     run->add_option("--mode", backup.wanted, "auto, full or inc; inc and auto take a full backup when they must")
         ->transform(CLI::Transformer{modes})
         ->type_name("MODE")
@@ -126,7 +126,7 @@ int main(int argc, char** argv)
     init->add_option("TARGET,--to", init_target, "Directory that is not there yet, or is empty")->required();
 
     CLI::App* put_back = app.add_subcommand("restore", "Put a backup back");
-    put_back->add_option("--from", restore.from, "Backup (TARGET/DEVICE/ID), or TARGET/DEVICE[/latest]")->required();
+    put_back->add_option("--from", restore.from, "Backup, or TARGET, or what below it has the backups of one device")->required();
     put_back->add_option("--at", restore.at, at_help);
     put_back->add_option("--to", restore.to, "Image file to write, or block device to overwrite")->required();
     put_back->add_flag("--force", restore.force, "Replace an image file that is not empty, overwrite a device that holds data");
@@ -158,10 +158,10 @@ int main(int argc, char** argv)
     show->add_option("--to", status.target, "Show the last backups in this target directory too");
 
     CLI::App* check = app.add_subcommand("verify", "Check stored backups and their chains");
-    check->add_option("--from", verify_from, "Backup, TARGET/DEVICE or TARGET")->required();
+    check->add_option("--from", verify_from, "Backup, TARGET, or a directory below it")->required();
 
     CLI::App* list = app.add_subcommand("list", "List stored backups");
-    list->add_option("--from", list_from, "TARGET/DEVICE or TARGET")->required();
+    list->add_option("--from", list_from, "TARGET, or a directory below it")->required();
 
     try {
         app.parse(argc, argv);

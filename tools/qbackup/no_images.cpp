@@ -21,9 +21,11 @@ namespace
 
 void requireQemu() { refuse(); }
 void createImage(const fs::path&, std::uint64_t, const std::string&) { refuse(); }
+void expectUtf8(const fs::path&) {}
+std::string nameBelow(const fs::path&) { refuse(); }
 std::string imageChain(const fs::path&, std::span<const fs::path>) { refuse(); }
 
-OpenImage::OpenImage(const fs::path&, For, std::span<const fs::path>) { refuse(); }
+OpenImage::OpenImage(const fs::path&, For what, std::span<const fs::path>) : what_{what} { refuse(); }
 OpenImage::~OpenImage() = default;
 std::int64_t OpenImage::write(std::uint64_t, std::span<const std::byte>) { refuse(); }
 std::int64_t OpenImage::zero(std::uint64_t, std::uint64_t) { refuse(); }
@@ -31,6 +33,7 @@ std::int64_t OpenImage::read(std::uint64_t, std::span<std::byte>) { refuse(); }
 void OpenImage::wait(std::int64_t) { refuse(); }
 void OpenImage::flush() { refuse(); }
 void OpenImage::finish() { refuse(); }
+std::uint64_t OpenImage::size() { refuse(); }
 OpenImage::Layout OpenImage::layout() { refuse(); }
 
 DeviceIdentity identityOf(const Device&, const fs::path&) { refuse(); }

@@ -13,10 +13,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <iterator>
+#include <thread>
 
 namespace qbackup
 {
@@ -43,6 +46,7 @@ std::atomic<std::size_t> first_way{0}; // those before it have failed in this pr
 
 json fileNode(const fs::path& path, const Way& way)
 {
+    expectUtf8(path);
     return {{"driver", "file"}, {"filename", path.string()}, {"aio", way.aio}, {"cache", {{"direct", way.direct}}}};
 }
 
@@ -96,6 +100,13 @@ Sockets socketsForChild()
 
 } // namespace
 
+void expectUtf8(const fs::path& path)
+try {
+    json(path.string()).dump();
+} catch (const json::exception&) {
+    throw Failure{Exit::refused, path.string() + " is no name in UTF-8, and QEMU takes no other; give it another name"};
+}
+
 void requireQemu()
 {
     for (const char* program : {"qemu-img", "qemu-nbd"})
@@ -107,6 +118,8 @@ void requireQemu()
 
 void createImage(const fs::path& path, std::uint64_t bytes, const std::string& below)
 {
+    // QEMU would make it for everybody to read.
+    File{path, O_WRONLY | O_CREAT | O_EXCL}.close();
     // Clusters in parts of 4 KiB: what is scattered takes hardly more than it is.
     std::vector<std::string> words{"qemu-img", "create", "-q", "-f", "qcow2", "-o", "compat=1.1,cluster_size=128k,extended_l2=on"};
     if (!below.empty())
@@ -117,13 +130,36 @@ void createImage(const fs::path& path, std::uint64_t bytes, const std::string& b
         throw Failure{Exit::failed, "cannot make the image " + path.string() + ": " + child.said()};
 }
 
+std::string nameBelow(const fs::path& image)
+{
+    const auto number = [](std::span<const std::byte> bytes) {
+        std::uint64_t value = 0;
+        for (const std::byte byte : bytes)
+            value = value << 8 | std::to_integer<std::uint64_t>(byte);
+        return value;
+    };
+    // Offset and length stand in the header, most significant byte first; the name is at most 1023 bytes long.
+    const File file{image, O_RDONLY};
+    std::array<std::byte, 20> header{};
+    file.readAt(0, header);
+    const std::uint64_t offset = number(std::span{header}.subspan(8, 8));
+    std::string name(std::min<std::uint64_t>(number(std::span{header}.subspan(16, 4)), 1023), '\0');
+    if (offset == 0)
+        return "";
+    file.readAt(offset, std::as_writable_bytes(std::span{name}));
+    return name;
+}
+
 std::string imageChain(const fs::path& path, std::span<const fs::path> below)
 {
     return "json:" + imageNode(path, below, {canBypassCache(path), "threads"}).dump();
 }
 
-OpenImage::OpenImage(const fs::path& path, For what, std::span<const fs::path> below) : path_{path}
+OpenImage::OpenImage(const fs::path& path, For what, std::span<const fs::path> below) : path_{path}, what_{what}
 {
+    requireQemu();
+    // For the errors that the system has words for.
+    File{path, what == For::writing ? O_RDWR : O_RDONLY}.close();
     const bool direct = canBypassCache(path);
     for (std::size_t i = first_way;; ++i) {
         const Way& way = ways[i];
@@ -149,11 +185,18 @@ OpenImage::OpenImage(const fs::path& path, For what, std::span<const fs::path> b
             return;
         ::nbd_close(nbd_);
         nbd_ = nullptr;
-        const bool ended = child_->wait();
-        const std::string said = child_->said();
+        for (int waits = 0; waits < 100 && child_->running(); ++waits)
+            std::this_thread::sleep_for(std::chrono::milliseconds{20});
+        // Behind the description of what it was to open.
+        std::string said = child_->said();
+        if (const std::size_t end = said.rfind("}': "); end != std::string::npos)
+            said.erase(0, end + 4);
         child_.reset();
+        if (said.find("another process using") != std::string::npos)
+            throw Failure{Exit::busy, "another program has the image " + path.string() + " open, as one that serves or mounts a backup does; end that first (" +
+                                          said + ")"};
         if (i + 1 == std::size(ways))
-            throw Failure{ended ? Exit::failed : Exit::damaged, "cannot open the image " + path.string() + ": " + said};
+            throw Failure{what == For::reading ? Exit::damaged : Exit::failed, "cannot open the image " + path.string() + ": " + said};
         if (said.find("aio") != std::string::npos || said.find("io_uring") != std::string::npos)
             first_way = i + 1;
     }
@@ -169,7 +212,8 @@ void OpenImage::fail(const std::string& doing)
 {
     const int number = ::nbd_get_errno();
     throw Failure{exitOf(number), "cannot " + doing + " the image " + path_.string() + ": " +
-                                      (number != 0 ? errnoText(number) : std::string{::nbd_get_error()})};
+                                      (number != 0 ? errnoText(number) : std::string{::nbd_get_error()}) +
+                                      (number == ENOSPC || number == EDQUOT ? ". Make room there, or use another target" : "")};
 }
 
 std::int64_t OpenImage::write(std::uint64_t offset, std::span<const std::byte> data)
@@ -207,10 +251,8 @@ void OpenImage::wait(std::int64_t request)
         const int done = ::nbd_aio_command_completed(nbd_, static_cast<std::uint64_t>(request));
         if (done > 0)
             return;
-        if (done < 0)
-            fail("use");
-        if (::nbd_poll(nbd_, -1) < 0)
-            fail("use");
+        if (done < 0 || ::nbd_poll(nbd_, -1) < 0)
+            fail(what_ == For::writing ? "write to" : "read");
     }
 }
 
@@ -229,11 +271,17 @@ void OpenImage::finish()
         throw Failure{Exit::failed, "QEMU did not close the image " + path_.string() + " as it should: " + child_->said()};
 }
 
+std::uint64_t OpenImage::size()
+{
+    const std::int64_t bytes = ::nbd_get_size(nbd_);
+    if (bytes < 0)
+        fail("read");
+    return static_cast<std::uint64_t>(bytes);
+}
+
 OpenImage::Layout OpenImage::layout()
 {
-    const std::int64_t size = ::nbd_get_size(nbd_);
-    if (size < 0)
-        fail("read");
+    const std::uint64_t bytes = size();
     struct Walk {
         Layout layout;
         std::uint64_t at = 0;           // asked about
@@ -255,8 +303,8 @@ OpenImage::Layout OpenImage::layout()
         reached[own ? 0 : 1] = offset;
         return 0;
     };
-    while (walk.at < static_cast<std::uint64_t>(size)) {
-        const std::uint64_t ask = std::min<std::uint64_t>(static_cast<std::uint64_t>(size) - walk.at, most_zero_bytes);
+    while (walk.at < bytes) {
+        const std::uint64_t ask = std::min(bytes - walk.at, most_zero_bytes);
         const nbd_extent_callback callback{note, &walk, nullptr};
         if (::nbd_block_status(nbd_, ask, walk.at, callback, 0) < 0)
             fail("read");

@@ -31,8 +31,14 @@ constexpr std::uint32_t image_granule_bytes = 4096;
 // Throws Failure (refused) when a program that this needs is not installed.
 void requireQemu();
 
+// Throws Failure (refused) when QEMU could not be told of the path.
+void expectUtf8(const fs::path& path);
+
 // A new image of that many bytes. `below`: the name of the image that it lies over, in the same directory; empty: none.
 void createImage(const fs::path& path, std::uint64_t bytes, const std::string& below);
+
+// The name in the image's header of the one below it; empty: there is none. Throws Failure.
+std::string nameBelow(const fs::path& image);
 
 // What QEMU is told to open: `path`, over those in `below`, the nearest first; with none of them nothing is below,
 // whatever the file says.
@@ -63,6 +69,7 @@ class OpenImage
     // Ends the child and sees that it ended well. Nothing may be asked after.
     void finish();
 
+    std::uint64_t size();
     struct Part {
         std::uint64_t offset;
         std::uint64_t bytes;
@@ -78,6 +85,7 @@ class OpenImage
     [[noreturn]] void fail(const std::string& doing);
 
     fs::path path_;
+    For what_;
     std::unique_ptr<ChildProcess> child_;
     nbd_handle* nbd_ = nullptr;
 };

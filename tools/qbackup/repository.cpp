@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <set>
 #include <tuple>
 
 namespace qbackup
@@ -119,11 +120,12 @@ Repository::Made::~Made()
     std::error_code error;
     fs::directory_iterator entry{directory_, error};
     for (; !error && entry != fs::directory_iterator{}; entry.increment(error))
-        if (entry->path().filename() != lock_name && entry->path().filename() != device_name)
+        if (const std::string name = entry->path().filename(); name != lock_name && name != device_name && name != hold_name)
             return;
     if (error)
         return;
     fs::remove(directory_ / device_name, error);
+    fs::remove(directory_ / hold_name, error);
     fs::remove(directory_ / lock_name, error);
     fs::remove(directory_, error);
 }
@@ -174,8 +176,10 @@ std::vector<StoredBackup> Repository::backups(std::vector<DamagedBackup>* damage
     for (const fs::path& entry : entriesOf(directory_))
         if (mayHoldBackups(entry))
             add(entry, readFolderBackup);
+    const std::set<std::string> going = idsGoing(directory_);
     for (const std::string& id : imageIds(directory_))
-        add(directory_ / id, readImageBackup);
+        if (!going.contains(id))
+            add(directory_ / id, readImageBackup);
     std::sort(result.begin(), result.end(), [](const StoredBackup& a, const StoredBackup& b) {
         return std::tie(a.manifest.sequence, a.manifest.id) < std::tie(b.manifest.sequence, b.manifest.id);
     });
@@ -246,19 +250,18 @@ std::unique_ptr<PendingBackup> Repository::beginImageAs(std::uint32_t sequence, 
     return beginImage(directory_, sequence, stamp);
 }
 
-namespace
-{
-
-// Finishes what a prune that was cut off has left.
 void settle(const fs::path& directory)
 try {
     if (isMergeUnfinished(directory))
         Repository::openImages(directory);
 } catch (const Failure& failure) {
-    throw Failure{static_cast<Exit>(failure.exitCode()), "a prune of " + directory.string() + " was cut off, and has to be finished first: " + failure.what()};
+    if (failure.exitCode() == static_cast<int>(Exit::busy))
+        throw Failure{Exit::busy, "backups are being dropped from " + directory.string() + "; try again when that prune has ended"};
+    throw Failure{static_cast<Exit>(failure.exitCode()),
+                  "a prune of " + directory.string() + " was cut off, and has to be finished first: " + failure.what()};
 }
 
-std::vector<fs::path> repositoriesIn(const fs::path& target)
+std::vector<fs::path> findRepositories(const fs::path& target)
 {
     std::error_code error;
     const fs::file_status status = fs::status(target, error);
@@ -285,16 +288,6 @@ std::vector<fs::path> repositoriesIn(const fs::path& target)
     if (result.empty())
         throw Failure{Exit::nothing, "there is no backup in " + target.string()};
     return result;
-}
-
-} // namespace
-
-std::vector<fs::path> findRepositories(const fs::path& target)
-{
-    std::vector<fs::path> found = repositoriesIn(target);
-    for (const fs::path& directory : found)
-        settle(directory);
-    return found;
 }
 
 namespace
@@ -358,6 +351,7 @@ StoredBackup findBackup(const fs::path& from, const std::string& at)
             names += (names.empty() ? "" : ", ") + repository.string();
         throw Failure{Exit::refused, place.string() + " has backups of several devices; name one of " + names};
     }
+    settle(repositories[0]);
     return chooseBackup(Repository{repositories[0]}, at);
 }
 

@@ -82,6 +82,8 @@ std::unique_ptr<LayerReader> openLayer(const StoredBackup& backup);
 // with one repository in it. Throws Failure that lists what there is.
 // `at`: which one, where there are several: its id, or a time as utcOf() reads it: the newest one that is not younger.
 StoredBackup findBackup(const fs::path& from, const std::string& at = {});
+// Finishes what a prune of the directory that was cut off has left. Throws Failure.
+void settle(const fs::path& directory);
 // The repositories in a target directory, or the directory itself when it is one. Throws Failure: `nothing` when there are
 // none, `denied` when one of them cannot be looked into.
 std::vector<fs::path> findRepositories(const fs::path& target);

@@ -33,6 +33,7 @@ RestoreReport restoreBackup(const fs::path& from, const fs::path& to, bool force
     const auto begun = std::chrono::steady_clock::now();
     RestoreReport report{findBackup(from, at)};
     const base::Descriptor hold = holdForReading(report.backup.path.parent_path());
+    report.backup = readBackup(report.backup.path); // as it is from here on
     const auto chain = Repository{report.backup.path.parent_path()}.chain(report.backup);
     report.chainLength = chain.size();
     for (const StoredBackup& link : chain)

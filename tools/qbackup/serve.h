@@ -13,7 +13,7 @@ namespace qbackup
 
 // Serves on the Unix socket `socket` until `stop` is raised. `ready` is called with the URI once clients can connect.
 // Throws Failure.
-void serveBackup(const StoredBackup& backup, const fs::path& socket, const StopSignal& stop,
+void serveBackup(const StoredBackup& found, const fs::path& socket, const StopSignal& stop,
                  const std::function<void(const std::string& uri)>& ready);
 
 } // namespace qbackup

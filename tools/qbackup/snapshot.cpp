@@ -73,8 +73,8 @@ try {
     taken.warning = std::string{error.what()} + ". Should this backup fail, the next one reads everything";
 }
 
-// Nothing was written from right before the snapshot with that key until now, by the host's account. Each write that the
-// driver has seen in between is counted by then or still under way, which is no account.
+// Nothing was written from right before the snapshot with that key until now, by the host's account. Each write that
+// the driver has seen in between is counted by then or still under way, which is no account.
 bool wasIdle(const SnapshotTask& task, const SessionKey& since)
 {
     // What waited in a queue has begun by then, as nothing else is under way.
@@ -155,8 +155,8 @@ void serve(ControlDevice& device, const SnapshotTask& task, int result) noexcept
     try {
         device.takeOver();
         const Snapshot taken = takeSnapshot(device, task, never);
-        json document{{"time", taken.time},     {"key", toHex(taken.key)},  {"changed", taken.changed.has_value()},
-                      {"empty", taken.empty}, {"linked", taken.linked}, {"warning", taken.warning}};
+        json document{{"time", taken.time},   {"key", toHex(taken.key)}, {"changed", taken.changed.has_value()},
+                      {"empty", taken.empty}, {"linked", taken.linked},  {"warning", taken.warning}};
         if (taken.since)
             document["since"] = toHex(*taken.since);
         tell(result, document, taken.changed ? &*taken.changed : nullptr);
@@ -176,7 +176,7 @@ try {
     std::uint64_t bytes = 0;
     if (!readAll(fd, &bytes, sizeof bytes))
         return std::nullopt;
-    std::string text(bytes, '\0');
+    std::string text(static_cast<std::size_t>(bytes), '\0');
     if (!readAll(fd, text.data(), text.size()))
         return std::nullopt;
     const json document = json::parse(text);
@@ -237,8 +237,8 @@ Snapshot takeSnapshot(ControlDevice& device, const SnapshotTask& task, const Sto
         // Fetched before any map is loaded: loading one over it would leave the driver's pages behind.
         taken.changed = device.autoMap(task.blocks);
         // Tracking that falls out of sync between the driver's look at the key and the freeze hands out an empty map,
-        // and the driver does not tell it from a device that nobody wrote to. The host's counting may; where it does not,
-        // copying an idle device in full is cheaper than losing a change.
+        // and the driver does not tell it from a device that nobody wrote to. The host's counting may; where it does
+        // not, copying an idle device in full is cheaper than losing a change.
         taken.empty = taken.changed && taken.changed->count() == 0 && !wasIdle(task, *taken.since);
         if (taken.empty)
             taken.changed.reset();
@@ -311,10 +311,11 @@ void expectNoOtherClose(const ControlDevice& device, const std::string& name,
                         const std::optional<std::uint64_t>& closes, bool known)
 {
     if (device.closes() != closes)
-        throwLost(name,
-                  "another program closed the control device meanwhile, which ends the protection of a backup that runs "
-                  "(load the driver with exclusive=1 to keep others out)",
-                  known);
+        throwLost(
+            name,
+            "another program closed the control device meanwhile, which ends the protection of a backup that runs "
+            "(load the driver with exclusive=1 to keep others out)",
+            known);
 }
 
 Failure failureOf(const Error& error)

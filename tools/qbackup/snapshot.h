@@ -3,10 +3,10 @@
 //
 // Between the driver's answer, by which it has given up its map and taken a new key, and the ledger's entry, what has
 // changed is nowhere but in the memory of one process. So this is done by a process of its own, which does nothing else
-// and has the control device open too: a run that is killed meanwhile, by whatever, leaves it to bring the ledger to its
-// end. It holds what the run holds, the locks among it, until it ends; only then does the driver see the file closed, as
-// the last of those who have it open counts. Where the control device cannot be handed on to a child, the run does it
-// itself.
+// and has the control device open too: a run that is killed meanwhile, by whatever, leaves it to bring the ledger to
+// its end. It holds what the run holds, the locks among it, until it ends; only then does the driver see the file
+// closed, as the last of those who have it open counts. Where the control device cannot be handed on to a child, the
+// run does it itself.
 #pragma once
 
 #include "client/control_device.h"
@@ -39,10 +39,10 @@ struct Snapshot {
     quendrel::SessionKey key{};                // the tracking session's from now on
     std::optional<quendrel::SessionKey> since; // which of the keys was the tracking session's
     std::optional<quendrel::Bitmap> changed;   // since then; nothing when that is not known
-    bool empty = false;                        // because the map that was handed out names no block, and nothing else does
-    std::optional<std::string> written;        // right before it
-    bool linked = false;                       // the ledger goes on with `changed`
-    std::string warning;                       // why there is nothing in the ledger, when it should be
+    bool empty = false;                 // because the map that was handed out names no block, and nothing else does
+    std::optional<std::string> written; // right before it
+    bool linked = false;                // the ledger goes on with `changed`
+    std::string warning;                // why there is nothing in the ledger, when it should be
 };
 
 // Takes the snapshot of a backup that is started. `stop` is looked at before it, and not behind it.

@@ -39,8 +39,10 @@ std::optional<Utc> utcOf(const std::string& text)
         if (std::string{format} == "%Y-%m-%d") {
             time.tm_hour = 23;
             time.tm_min = 59;
-            time.tm_sec = 59;
         }
+        // A day is its end, and so is a minute.
+        if (!std::string{format}.ends_with("%S"))
+            time.tm_sec = 59;
         time.tm_isdst = -1;
         // The 30th of February is a day of March to these.
         const std::tm asked = time;

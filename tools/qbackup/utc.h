@@ -15,8 +15,7 @@ struct Utc {
     std::string text;  // 2026-11-21T11:16:41Z
     std::string stamp; // 20261121T111641Z
 };
-// A time that a person wrote: a day, which stands for its last second, or a day and a time of day, with or without seconds,
-// by this machine's clock or, with a Z behind it, UTC. Nothing when it is none.
+// A time that a person wrote: a day or a minute, which stand for their last second, or a second; by this machine's clock or, with a Z behind it, UTC. Nothing when it is none.
 std::optional<Utc> utcOf(const std::string& text);
 
 } // namespace qbackup

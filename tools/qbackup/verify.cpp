@@ -75,6 +75,7 @@ std::vector<VerifyResult> verifyBackups(const fs::path& from, Progress& progress
     }
     const fs::path place = from.filename() == "latest" ? from.parent_path() : from;
     for (const fs::path& directory : findRepositories(place.empty() ? "." : place)) {
+        settle(directory);
         const Repository repository{directory};
         const base::Descriptor hold = holdForReading(directory);
         std::vector<DamagedBackup> damaged;

@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0-only
+#include "qemu_image.h"
 #include "support.h"
 #include "verify.h"
 
+#include <sys/stat.h>
 #include <sys/wait.h>
+
+#include <csignal>
 
 #include <cstdio>
 
@@ -231,6 +235,97 @@ TEST(ImageBackup, DataWhereZerosWereStoredIsDamage)
     const auto second = machine.backup();
     ASSERT_EQ(outputOf("qemu-io -c 'write -P 7 8k 4k' '" + second.backup.path.string() + "' >/dev/null 2>&1 && echo done"), "done\n");
     EXPECT_EQ(problemIn(machine.repository()), second.backup.path.string() + " is damaged between byte 0 and byte 102400 of the disk");
+}
+
+// An image lies over another by the name in its header: to other programs that is what counts.
+TEST(ImageBackup, AnImageThatLiesOverAnotherOneThanItShouldIsDamage)
+{
+    MachineWithImages machine;
+    const auto first = machine.backup();
+    machine.driver.write(5, 77);
+    const auto second = machine.backup();
+    ASSERT_EQ(outputOf("qemu-img rebase -u -b other.qcow2 -F qcow2 '" + second.backup.path.string() + "' && echo done"), "done\n");
+    EXPECT_EQ(problemIn(machine.repository()),
+              second.backup.path.string() + " is damaged: it lies over other.qcow2, and not over " + first.backup.path.filename().string());
+    ASSERT_EQ(outputOf("qemu-img rebase -u -b '' '" + second.backup.path.string() + "' && echo done"), "done\n");
+    EXPECT_EQ(problemIn(machine.repository()),
+              second.backup.path.string() + " is damaged: it lies over nothing, and not over " + first.backup.path.filename().string());
+}
+
+TEST(ImageBackup, AnImageOfAnotherSizeIsDamage)
+{
+    MachineWithImages machine;
+    const auto first = machine.backup();
+    ASSERT_EQ(outputOf("qemu-img resize -q '" + first.backup.path.string() + "' 4M && echo done"), "done\n");
+    EXPECT_EQ(problemIn(machine.repository()),
+              first.backup.path.string() + " is damaged: it is of a disk of 4194304 bytes, and not of " + std::to_string(machine.driver.bytes()));
+}
+
+// A copy of a folder that was made while a backup was being made, and then again.
+TEST(ImageBackup, AMarkerBesideAManifestTakesNothingAway)
+{
+    MachineWithImages machine;
+    machine.backup();
+    machine.driver.write(5, 77);
+    const auto second = machine.backup();
+    const std::string id = second.backup.manifest.id;
+    fs::copy_file(machine.repository() / (id + ".json"), machine.repository() / (".partial-" + id + ".json"));
+    EXPECT_EQ(findBackup(machine.repository()).manifest.id, id);
+    Repository::openImages(machine.repository());
+    EXPECT_EQ(machine.restored(machine.repository()), machine.driver.contents());
+    EXPECT_EQ(namesIn(machine.repository()).size(), 6u);
+}
+
+TEST(ImageBackup, OnlyTheOwnerAndTheGroupMayReadIt)
+{
+    MachineWithImages machine;
+    const mode_t mask = ::umask(0022);
+    const auto report = machine.backup();
+    ::umask(mask);
+    for (const char* end : {".qcow2", ".sums", ".json"})
+        EXPECT_EQ(fs::status(machine.repository() / (report.backup.manifest.id + end)).permissions(), fs::perms{0640}) << end;
+}
+
+TEST(ImageBackup, AMissingProgramIsNoDamage)
+{
+    MachineWithImages machine;
+    const auto report = machine.backup();
+    const std::string before = std::getenv("PATH");
+    ::setenv("PATH", machine.directory.path().c_str(), 1);
+    std::string text;
+    int code = 0;
+    try {
+        machine.restored(report.backup.path);
+    } catch (const Failure& failure) {
+        code = failure.exitCode();
+        text = failure.what();
+    }
+    ::setenv("PATH", before.c_str(), 1);
+    EXPECT_EQ(code, 3);
+    EXPECT_EQ(text, "qemu-img is not installed, and the repository is one of images; install the package qemu-utils");
+}
+
+// Whoever has opened an image and is killed before a word was said leaves no program behind that keeps it locked.
+TEST(ImageBackup, ItsServerEndsWithTheProgramThatStartedIt)
+{
+    MachineWithImages machine;
+    const auto report = machine.backup();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const OpenImage image{report.backup.path, OpenImage::For::writing};
+        ::raise(SIGSTOP);
+        ::_exit(0);
+    }
+    int status = 0;
+    ::waitpid(child, &status, WUNTRACED);
+    ASSERT_TRUE(WIFSTOPPED(status));
+    EXPECT_EQ(problemIn(machine.repository()).find("another program has the image " + report.backup.path.string() + " open"), 0u)
+        << problemIn(machine.repository());
+    ::kill(child, SIGKILL);
+    ::waitpid(child, &status, 0);
+    for (int i = 0; i < 200 && !problemIn(machine.repository()).empty(); ++i)
+        ::usleep(20'000);
+    EXPECT_EQ(problemIn(machine.repository()), "");
 }
 
 TEST(ImageBackup, AMissingFileIsNamedAndAFullIsTaken)

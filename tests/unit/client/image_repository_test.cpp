@@ -108,6 +108,26 @@ TEST_F(ImageRepository, ADeviceWithoutMarksIsKnownByItsName)
     EXPECT_EQ(folderOf(place("vm1", {})), "tern/vm1");
     EXPECT_EQ(folderOf(place("vm2", {})), "tern/vm2");
     EXPECT_EQ(folderOf(place("vm1", {})), "tern/vm1");
+    // Nothing tells that it is one of them.
+    EXPECT_EQ(folderOf(place("sda1", {{"fileSystem", "a"}})), "tern/sda1");
+}
+
+TEST_F(ImageRepository, OfTwoDevicesThatAreAlikeNeitherGetsTheOthersFolder)
+{
+    folderOf(place("sda1", {{"fileSystem", "a"}}));
+    DevicePlace copy = place("sdb1", {{"fileSystem", "a"}});
+    copy.present = [](const std::string& name) -> std::optional<DeviceIdentity> {
+        if (name == "sda1")
+            return DeviceIdentity{{{"fileSystem", "a"}}};
+        return std::nullopt;
+    };
+    EXPECT_EQ(failureOf([&] { openImagesForBackup(target, copy); }),
+              std::pair(3, "sdb1 cannot be told from sda1, whose backups are in " + (target / "tern/sda1").string() +
+                               ": both are file system a. Give --new for a folder of its own"));
+    copy.fresh = true;
+    EXPECT_EQ(folderOf(copy), "tern/sdb1");
+    copy.fresh = false;
+    EXPECT_EQ(folderOf(copy), "tern/sdb1");
 }
 
 TEST_F(ImageRepository, AnotherMachineOfTheSameNameIsRefused)
@@ -196,7 +216,7 @@ TEST(Utc, ATimeIsOfThisMachineUnlessItSaysOtherwise)
     ::tzset();
     const std::vector<std::pair<std::string, std::string>> times{{"2026-11-21T11:16:41Z", "2026-11-21T11:16:41Z"},
                                                                  {"2026-11-21T11:16:41", "2026-11-21T09:16:41Z"},
-                                                                 {"2026-11-21 11:16", "2026-11-21T09:16:00Z"},
+                                                                 {"2026-11-21 11:16", "2026-11-21T09:16:59Z"},
                                                                  {"2026-11-21", "2026-11-21T21:59:59Z"},
                                                                  {"2026-11-21Z", "2026-11-21T23:59:59Z"}};
     for (const auto& [text, expected] : times)

@@ -376,7 +376,7 @@ TEST_F(Counted, AnIdleDeviceGetsAnImageWithoutBlocks)
     expectBackup(Mode::incremental, 0);
     machine.driver.write(1, 2);
     counted = "8";
-    expectBackup(Mode::incremental, 1);
+    expectBackup(Mode::incremental, 4); // what an image keeps together
 }
 
 TEST_F(Counted, AnIdleDeviceCostsAnotherTargetNothing)

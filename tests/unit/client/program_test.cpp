@@ -22,11 +22,11 @@ class Program : public testing::Test
   protected:
     Program()
     {
-        for (std::uint32_t block = 0; block < 3000; ++block)
+        for (std::uint32_t block = 0; block < Machine::blocks; ++block)
             machine.driver.write(block, 1);
         std::ofstream{run / "disks.json"} << R"({"version":1,"takeOver":true,"disks":[{"name":"sda","major":8,"minor":0,"bytes":4000000,
             "file":"/nonexistent","nbd":"x","partitions":[
-            {"name":"sda1","major":8,"minor":1,"start":2048,"sectors":6000,"type":"ext4","blockSize":1024}]}]})";
+            {"name":"sda1","major":8,"minor":1,"start":2048,"sectors":5998,"type":"ext4","blockSize":1024}]}]})";
     }
 
     struct Result {
@@ -104,7 +104,7 @@ TEST_F(Program, FullThenIncrementalThenRestoreThenVerify)
     const Result full = backup();
     ASSERT_EQ(full.code, 0) << full.err;
     EXPECT_EQ(full.document()["mode"], "full");
-    EXPECT_EQ(full.document()["copiedBlocks"], 3000);
+    EXPECT_EQ(full.document()["copiedBlocks"], Machine::blocks);
     machine.driver.write(17, 2);
     const Result inc = backup();
     ASSERT_EQ(inc.code, 0) << inc.err;
@@ -383,7 +383,7 @@ TEST_F(Program, TerminationGives143AndLeavesNothing)
 TEST_F(Program, KilledRunLeavesNoBackupAndTheNextOneWorks)
 {
     ASSERT_EQ(backup().code, 0);
-    for (std::uint32_t block = 0; block < 3000; block += 2)
+    for (std::uint32_t block = 0; block < Machine::blocks; block += 2)
         machine.driver.write(block, 4);
     holdAtRead(2);
     const pid_t child = spawn({"backup", "--device", "sda1", "--to", machine.directory.path()});

@@ -6,7 +6,10 @@
 #include "support.h"
 #include "verify.h"
 
+#include <sys/resource.h>
 #include <sys/wait.h>
+
+#include <csignal>
 
 #include <cstdlib>
 
@@ -378,6 +381,88 @@ TEST_F(Prune, AFullImageThatWasHalfWrittenIntoIsFinished)
     }
     EXPECT_EQ(findBackup(machine.repository()).manifest.id, backups[2].manifest.id);
     EXPECT_EQ(there().size(), 1u);
+    expectRight();
+}
+
+TEST_F(Prune, WithoutTheSpaceForItNothingChanges)
+{
+    for (int round = 0; round < 3; ++round)
+        backup();
+    const auto before = namesIn(machine.repository());
+    const pid_t child = ::fork();
+    if (child == 0) {
+        std::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{1 << 20, 1 << 20};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        try {
+            merge(0, 3);
+        } catch (const Failure& failure) {
+            ::_exit(std::string{failure.what()}.find("cannot drop backups from " + machine.repository().string() + ": ") == 0 ? 42 : 2);
+        }
+        ::_exit(1);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(WEXITSTATUS(status), 42);
+    EXPECT_EQ(namesIn(machine.repository()), before);
+    EXPECT_FALSE(isMergeUnfinished(machine.repository()));
+    expectRight();
+}
+
+// A copy of a folder that was made during a prune, and then again: its journal is about what is not there.
+TEST_F(Prune, AJournalWithoutItsWorkGoesAndChangesNothing)
+{
+    for (int round = 0; round < 4; ++round)
+        backup();
+    for (const std::size_t first : {1u, 0u}) {
+        const fs::path kept = machine.directory / "kept.json";
+        const pid_t child = ::fork();
+        if (child == 0) {
+            merge(first, 2, [&](const char* step) {
+                if (std::string{step} == "manifests") {
+                    fs::copy_file(machine.repository() / ".merge.json", kept);
+                    ::_exit(42);
+                }
+            });
+            ::_exit(1);
+        }
+        ::waitpid(child, nullptr, 0);
+        for (const auto& entry : fs::directory_iterator{machine.repository()})
+            if (const std::string name = entry.path().filename(); name == ".merge.json" || name.starts_with(".partial-"))
+                fs::remove(entry.path());
+        ASSERT_EQ(there().size(), 4u);
+        fs::rename(kept, machine.repository() / ".merge.json");
+        settle(machine.repository());
+        EXPECT_FALSE(isMergeUnfinished(machine.repository()));
+        EXPECT_EQ(there().size(), 4u);
+        expectRight();
+    }
+}
+
+TEST_F(Prune, WhatAMergeHasMadeIsLookedAtBeforeItTakesItsPlace)
+{
+    for (int round = 0; round < 4; ++round)
+        backup();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        merge(1, 2, [&](const char* step) {
+            if (std::string{step} == "manifests")
+                ::_exit(42);
+        });
+        ::_exit(1);
+    }
+    ::waitpid(child, nullptr, 0);
+    damage(machine.repository() / ".partial-merge.sums", 20);
+    try {
+        settle(machine.repository());
+        ADD_FAILURE() << "what was made is damaged";
+    } catch (const Failure& failure) {
+        EXPECT_EQ(failure.exitCode(), 5) << failure.what();
+        EXPECT_EQ(std::string{failure.what()}.find("a prune of " + machine.repository().string() + " was cut off, and has to be finished first: "), 0u) << failure.what();
+    }
+    damage(machine.repository() / ".partial-merge.sums", 20);
+    settle(machine.repository());
+    EXPECT_EQ(there().size(), 3u);
     expectRight();
 }
 

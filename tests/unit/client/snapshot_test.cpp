@@ -137,15 +137,18 @@ TEST_P(ApartKilledAt, TheNextButOneBackupIsAnIncrementWhenTheFullOneWasKilled)
 {
     machine.backup();
     machine.driver.write(10, 2);
-    run([](const char* step) {
-        if (std::string{step} == GetParam())
-            ::kill(::getppid(), SIGKILL);
-    }, Wanted::full);
+    run(
+        [](const char* step) {
+            if (std::string{step} == GetParam())
+                ::kill(::getppid(), SIGKILL);
+        },
+        Wanted::full);
     machine.driver.write(20, 2);
     expectBackup(Mode::incremental, 2);
 }
 
-INSTANTIATE_TEST_SUITE_P(Steps, ApartKilledAt, testing::Values("begun", "snapshot", "map", "key", "ledger", "handed over"),
+INSTANTIATE_TEST_SUITE_P(Steps, ApartKilledAt,
+                         testing::Values("begun", "snapshot", "map", "key", "ledger", "handed over"),
                          [](const auto& info) {
                              std::string name = info.param;
                              name.erase(std::remove(name.begin(), name.end(), ' '), name.end());
@@ -171,8 +174,9 @@ TEST_F(Apart, ARunWhoseSnapshotsProcessIsKilledFailsWithThatReason)
             ::raise(SIGKILL);
     });
     EXPECT_EQ(WEXITSTATUS(status), 1);
-    EXPECT_EQ(failure(), "the backup of sda1 failed: the process that takes the snapshot came to an early end by signal 9 "
-                         "(Killed). Nothing was kept; the next backup will be a full one");
+    EXPECT_EQ(failure(),
+              "the backup of sda1 failed: the process that takes the snapshot came to an early end by signal 9 "
+              "(Killed). Nothing was kept; the next backup will be a full one");
     expectBackup(Mode::full, Machine::blocks);
 }
 

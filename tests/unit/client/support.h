@@ -72,18 +72,18 @@ inline std::vector<std::string> namesIn(const fs::path& directory)
     std::vector<std::string> names;
     std::error_code none;
     for (const auto& entry : fs::directory_iterator{directory, none})
-        if (entry.path().filename() != ".lock")
+        if (entry.path().filename() != ".lock" && entry.path().filename() != ".hold")
             names.push_back(entry.path().filename());
     std::sort(names.begin(), names.end());
     return names;
 }
 
-// A disk of 3000 blocks of 1 KiB that can be backed up to a target of its own.
+// A disk of 2999 blocks of 1 KiB, which ends within 4 KiB, that can be backed up to a target of its own.
 class Machine
 {
   public:
     static constexpr std::uint32_t block_size = 1024;
-    static constexpr std::uint32_t blocks = 3000;
+    static constexpr std::uint32_t blocks = 2999;
 
     Machine() : driver{{8, 1}, block_size, blocks}
     {
