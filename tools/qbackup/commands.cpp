@@ -76,6 +76,8 @@ json describe(const StoredBackup& backup)
         document["parent"] = m.parent;
     else
         document["fullReason"] = m.fullReason;
+    if (!m.compared.empty())
+        document["comparedBecause"] = m.compared;
     return document;
 }
 

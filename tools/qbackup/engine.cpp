@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "engine.h"
 
+#include "comparison.h"
 #include "ledger.h"
 #include "preflight.h"
 #include "snapshot.h"
@@ -47,11 +48,13 @@ class Session
         throwIfStopped(stop_);
         device_->loadBlockMap(map);
         expectState(*device_, job_.device.name, QUENDREL_STATE_MAP_LOADED, "after the map was loaded");
-        copy(map, *pending);
+        if (comparison_)
+            comparison_->sendTo(*pending);
+        copy(map, comparison_ ? static_cast<BlockSink&>(*comparison_) : *pending);
         checkStillGood();
         device_.reset(); // ends the driver's part: from here on writes need no copying
         throwIfStopped(stop_);
-        return pending->commit(manifest_, map, watcher);
+        return pending->commit(manifest_, comparison_ ? comparison_->finish() : map, watcher);
     }
 
     bool fellBack() const noexcept { return fell_back_; }
@@ -105,6 +108,7 @@ class Session
             return;
         }
         const StoredBackup& last = backups.back();
+        last_ = last;
         const Manifest& m = last.manifest;
         if (m.number != manifest_.number || m.blockSize != manifest_.blockSize || m.blocks != manifest_.blocks ||
             m.deviceBytes != manifest_.deviceBytes) {
@@ -167,7 +171,11 @@ class Session
             progress_.warn(taken.warning);
         std::optional<Bitmap> changed = changedSincePrevious(taken);
         manifest_.mode = changed ? Mode::incremental : Mode::full;
-        if (changed) {
+        if (!changed && canCompare()) {
+            manifest_.mode = Mode::incremental;
+            manifest_.compared = reason_;
+        }
+        if (manifest_.mode == Mode::incremental) {
             manifest_.parent = previous_->manifest.id;
             manifest_.parentMark = previous_->mark;
         } else {
@@ -179,6 +187,26 @@ class Session
         if (const std::uint32_t group = repository_.granule() / manifest_.blockSize; group > 1)
             changed->widen(group);
         return std::move(*changed);
+    }
+
+    // Whether all blocks can be compared with the newest backup, so that only those that differ are stored.
+    bool canCompare()
+    {
+        if (job_.wanted == Wanted::full || repository_.granule() == 1 || !last_ || last_->manifest.blockSize != manifest_.blockSize ||
+            last_->manifest.blocks != manifest_.blocks || last_->manifest.deviceBytes != manifest_.deviceBytes)
+            return false;
+        try {
+            repository_.expectComplete(*last_);
+            if (!repository_.mayGrow(*last_))
+                return false;
+            comparison_.emplace(repository_, *last_);
+        } catch (const Failure& failure) {
+            reason_ = failure.what();
+            return false;
+        }
+        previous_ = last_;
+        fell_back_ = false;
+        return true;
     }
 
     void openLedger()
@@ -226,7 +254,9 @@ class Session
 
     void announce()
     {
-        if (manifest_.mode == Mode::incremental)
+        if (comparison_)
+            progress_.say("backing up " + job_.device.name + ": all is read and compared with backup " + manifest_.parent + ": " + reason_);
+        else if (manifest_.mode == Mode::incremental)
             progress_.say("backing up " + job_.device.name + ": what changed since backup " + manifest_.parent);
         else if (job_.wanted == Wanted::incremental)
             progress_.warn("taking a full backup instead of an incremental one: " + reason_);
@@ -271,7 +301,9 @@ class Session
     Progress& progress_;
     const StopSignal& stop_;
     Manifest manifest_;
+    std::optional<StoredBackup> last_; // the newest one
     std::optional<StoredBackup> previous_;
+    std::optional<Comparison> comparison_; // with previous_, when it is not known what has changed since
     std::string reason_; // why this is a full backup
     bool fell_back_ = false;
     std::size_t area_bytes_ = 0;

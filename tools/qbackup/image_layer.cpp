@@ -93,45 +93,9 @@ void ImageLayer::expectNothingElse(SumsReader sums)
     }
 }
 
-MergedLayers::MergedLayers(std::vector<std::unique_ptr<LayerReader>> layers)
+LayerReader::Piece cut(const LayerReader::Piece& piece, std::uint64_t from, std::uint64_t bytes)
 {
-    for (auto& layer : layers) {
-        auto piece = layer->next();
-        layers_.push_back({std::move(layer), piece});
-    }
-}
-
-std::optional<LayerReader::Piece> MergedLayers::next()
-{
-    // What the piece before has covered; only now, as its data had to stay.
-    for (Layer& layer : layers_)
-        while (layer.piece && layer.piece->offset < done_) {
-            Piece& piece = *layer.piece;
-            const std::uint64_t covered = std::min(piece.bytes, done_ - piece.offset);
-            if (covered == piece.bytes) {
-                layer.piece = layer.reader->next();
-                continue;
-            }
-            piece = {piece.offset + covered, piece.bytes - covered, piece.data.empty() ? piece.data : piece.data.subspan(covered)};
-        }
-    const Layer* first = nullptr;
-    for (const Layer& layer : layers_)
-        if (layer.piece && (first == nullptr || layer.piece->offset < first->piece->offset))
-            first = &layer;
-    if (first == nullptr)
-        return std::nullopt;
-    // The newest of those that begin there stands first. Up to where a newer one begins.
-    Piece piece = *first->piece;
-    for (const Layer& layer : layers_) {
-        if (&layer == first)
-            break;
-        if (layer.piece)
-            piece.bytes = std::min(piece.bytes, layer.piece->offset - piece.offset);
-    }
-    if (!piece.data.empty())
-        piece.data = piece.data.first(piece.bytes);
-    done_ = piece.offset + piece.bytes;
-    return piece;
+    return {piece.offset + from, bytes, piece.data.empty() ? piece.data : piece.data.subspan(from, bytes)};
 }
 
 } // namespace qbackup

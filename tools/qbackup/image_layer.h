@@ -3,6 +3,7 @@
 #pragma once
 
 #include "layer_sums.h"
+#include "merged.h"
 #include "qemu_image.h"
 #include "stored_backup.h"
 
@@ -46,20 +47,7 @@ class ImageLayer : public LayerReader
 };
 
 // Layers as one: of each block the newest that one of them has.
-class MergedLayers : public LayerReader
-{
-  public:
-    // The newest first.
-    explicit MergedLayers(std::vector<std::unique_ptr<LayerReader>> layers);
-    std::optional<Piece> next() override;
-
-  private:
-    struct Layer {
-        std::unique_ptr<LayerReader> reader;
-        std::optional<Piece> piece; // what is left of it
-    };
-    std::vector<Layer> layers_;
-    std::uint64_t done_ = 0; // the device up to there
-};
+using MergedLayers = Merged<std::unique_ptr<LayerReader>, LayerReader::Piece>;
+LayerReader::Piece cut(const LayerReader::Piece& piece, std::uint64_t from, std::uint64_t bytes);
 
 } // namespace qbackup

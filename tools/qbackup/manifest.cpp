@@ -79,6 +79,8 @@ std::string encode(const Manifest& m)
         document["parent"] = {{"id", m.parent}, {markField(m), m.parentMark}};
     else
         document["fullReason"] = m.fullReason;
+    if (!m.compared.empty())
+        document["comparedBecause"] = m.compared;
     if (!m.instance.empty())
         document["device"]["instance"] = m.instance;
     document[self_field] = selfHash(document);
@@ -107,6 +109,7 @@ try {
     m.deviceBytes = document.at("deviceBytes");
     fromHex(document.at("trackingKey"), m.key);
     m.time = document.at("time");
+    m.compared = document.value("comparedBecause", "");
     m.copiedBlocks = document.at("copiedBlocks");
     m.dataBytes = document.at("dataBytes");
     if (m.format == 1) {

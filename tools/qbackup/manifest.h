@@ -22,6 +22,7 @@ struct Manifest {
     std::string parentMark; // 32 hexadecimal digits
     Mode mode = Mode::full;
     std::string fullReason; // why this is a full backup
+    std::string compared;   // of an increment: why all was read and compared; empty: what changed was known
     std::string device;
     quendrel::DeviceNumber number;
     std::string instance; // of the device, see HostBlocks::instance(); empty when the device cannot be exchanged

@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "comparison.h"
+
+#include "data_file.h"
+#include "failure.h"
+#include "image_backup.h"
+
+#include <algorithm>
+
+namespace qbackup
+{
+
+class Comparison::Sums
+{
+  public:
+    Sums(const fs::path& path, const std::string& hash) : reader_{path, hash} {}
+    std::optional<Known> next()
+    {
+        const auto piece = reader_.next();
+        if (!piece)
+            return std::nullopt;
+        Known known{piece->offset, piece->bytes, piece->zeros, std::nullopt};
+        if (!piece->zeros)
+            known.hash = piece->hash;
+        return known;
+    }
+
+  private:
+    SumsReader reader_;
+};
+
+Comparison::Known cut(const Comparison::Known& piece, std::uint64_t from, std::uint64_t bytes)
+{
+    return {piece.offset + from, bytes, piece.zeros, std::nullopt};
+}
+
+Comparison::Comparison(const Repository& repository, const StoredBackup& earlier)
+    : block_size_{earlier.manifest.blockSize}, images_{repository.images(earlier)}, changed_{earlier.manifest.blocks}
+{
+    std::vector<std::unique_ptr<Sums>> sums;
+    for (const StoredBackup& link : repository.chain(earlier))
+        sums.insert(sums.begin(), std::make_unique<Sums>(besides(link, sums_end), link.manifest.sumsHash));
+    known_.emplace(std::move(sums));
+    piece_ = known_->next();
+}
+
+Comparison::~Comparison() = default;
+
+void Comparison::put(std::uint32_t first, std::span<const std::byte> blocks)
+{
+    std::uint64_t at = std::uint64_t{first} * block_size_;
+    while (!blocks.empty()) {
+        while (piece_ && piece_->offset + piece_->bytes <= at)
+            piece_ = known_->next();
+        // A full backup tells of every block; what it does not tell of is new.
+        if (!piece_ || piece_->offset > at) {
+            const std::size_t part = piece_ ? std::min<std::uint64_t>(blocks.size(), piece_->offset - at) : blocks.size();
+            passOn(at, blocks.first(part));
+            at += part;
+            blocks = blocks.subspan(part);
+            continue;
+        }
+        const std::uint64_t rest = piece_->offset + piece_->bytes - at;
+        // Zeros may be many, and are compared as they come.
+        const std::size_t part = std::min<std::uint64_t>({blocks.size(), rest, piece_->zeros ? cell_bytes : rest});
+        now_.insert(now_.end(), blocks.begin(), blocks.begin() + static_cast<std::ptrdiff_t>(part));
+        at += part;
+        blocks = blocks.subspan(part);
+        if (piece_->zeros || part == rest) {
+            const Known whole = *piece_;
+            piece_ = Known{at - now_.size(), now_.size(), whole.zeros, whole.hash};
+            compare(now_);
+            now_.clear();
+            piece_ = part == rest ? known_->next() : Known{at, rest - part, whole.zeros, std::nullopt};
+        }
+    }
+}
+
+const quendrel::Bitmap& Comparison::finish()
+{
+    if (!now_.empty())
+        throw Failure{Exit::failed, "internal error: the device ended within a piece of the earlier backup"};
+    return changed_;
+}
+
+// `now` is all of piece_.
+void Comparison::compare(std::span<const std::byte> now)
+{
+    if (piece_->zeros ? allZero(now) : piece_->hash && XXH128_isEqual(XXH3_128bits(now.data(), now.size()), *piece_->hash))
+        return;
+    before_.assign(now.size(), std::byte{0});
+    if (!piece_->zeros)
+    try {
+        if (!earlier_)
+            earlier_.emplace(images_.front(), OpenImage::For::reading, std::span{images_}.subspan(1));
+        earlier_->wait(earlier_->read(piece_->offset, before_));
+    } catch (const Failure& failure) {
+        throw Failure{Exit::damaged, std::string{failure.what()} + ". Nothing can be compared with that; take a full backup (--mode full)"};
+    }
+    for (std::size_t at = 0; at < now.size();) {
+        const std::size_t part = std::min<std::size_t>(now.size() - at, image_granule_bytes - (piece_->offset + at) % image_granule_bytes);
+        if (!std::ranges::equal(now.subspan(at, part), std::span{before_}.subspan(at, part)))
+            passOn(piece_->offset + at, now.subspan(at, part));
+        at += part;
+    }
+}
+
+void Comparison::passOn(std::uint64_t offset, std::span<const std::byte> blocks)
+{
+    const auto first = static_cast<std::uint32_t>(offset / block_size_);
+    for (std::uint32_t i = 0; i < blocks.size() / block_size_; ++i)
+        changed_.set(first + i);
+    out_->put(first, blocks);
+}
+
+} // namespace qbackup

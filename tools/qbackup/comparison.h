@@ -1,0 +1,60 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
+// Takes all blocks of a device and passes on those that are not what they were at an earlier backup: so a backup whose
+// device was not tracked is an increment nevertheless.
+//
+// Blocks are compared by the hashes that the earlier backup has; only where a hash differs, or where an increment has
+// replaced a part of what it stands for, the old contents are read.
+#pragma once
+
+#include "image_layer.h"
+#include "merged.h"
+#include "repository.h"
+
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace qbackup
+{
+
+class Comparison : public BlockSink
+{
+  public:
+    // With `earlier`, in a folder that is open for writing. Throws Failure when it cannot be compared with.
+    Comparison(const Repository& repository, const StoredBackup& earlier);
+    ~Comparison() override;
+    Comparison(const Comparison&) = delete;
+    Comparison& operator=(const Comparison&) = delete;
+
+    // Where blocks are passed on to.
+    void sendTo(BlockSink& out) { out_ = &out; }
+    // All blocks in turn, from the first one on.
+    void put(std::uint32_t first, std::span<const std::byte> blocks) override;
+    // The blocks that were passed on, after the last one has come.
+    const quendrel::Bitmap& finish();
+
+  private:
+    struct Known {
+        std::uint64_t offset = 0;
+        std::uint64_t bytes = 0;
+        bool zeros = false;
+        std::optional<XXH128_hash_t> hash; // of all of it; nothing when a part is gone
+    };
+    class Sums;
+    friend Known cut(const Known& piece, std::uint64_t from, std::uint64_t bytes);
+
+    void compare(std::span<const std::byte> now);
+    void passOn(std::uint64_t offset, std::span<const std::byte> blocks);
+
+    std::uint32_t block_size_;
+    BlockSink* out_ = nullptr;
+    std::vector<fs::path> images_;                              // the nearest first
+    std::optional<Merged<std::unique_ptr<Sums>, Known>> known_; // what the earlier backup gives
+    std::optional<Known> piece_;                                // the one that the next blocks belong to
+    std::optional<OpenImage> earlier_;                          // once it was needed
+    std::vector<std::byte> now_;                                // of that piece, as far as it has come
+    std::vector<std::byte> before_;
+    quendrel::Bitmap changed_;
+};
+
+} // namespace qbackup
