@@ -20,9 +20,7 @@ fs::path fileIn(const fs::path& folder) { return folder / hold_name; }
 
 base::Descriptor holdForReading(const fs::path& folder)
 {
-    base::Descriptor fd{::open(fileIn(folder).c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0640)};
-    if (!fd && errno == EACCES)
-        fd.reset(::open(fileIn(folder).c_str(), O_RDONLY | O_CLOEXEC));
+    base::Descriptor fd{::open(fileIn(folder).c_str(), O_RDONLY | O_CLOEXEC)};
     if (fd && ::flock(fd.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK)
         throw Failure{Exit::busy, "backups are being dropped from " + folder.string() + "; try again when that prune has ended"};
     return fd;

@@ -11,8 +11,8 @@ namespace qbackup
 
 constexpr const char* hold_name = ".hold";
 
-// As long as the descriptor is open. Who may not make that file, or reads from a disk that cannot be written to, has no
-// protection and needs hardly any. Throws Failure (busy)
+// As long as the descriptor is open. Where that file is not there, backups cannot be dropped and nothing has to be held.
+// Throws Failure (busy)
 // when backups are being dropped.
 base::Descriptor holdForReading(const fs::path& folder);
 // Throws Failure (busy) when somebody reads.

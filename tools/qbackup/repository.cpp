@@ -152,6 +152,8 @@ Repository Repository::openImages(const fs::path& directory, const Patience& pat
 {
     LockedDirectory locked = lockDirectory(directory, patience);
     Repository repository{directory, true, std::move(locked.lock), locked.made ? Made{directory} : Made{}};
+    // For those who read, and may not be allowed to make it.
+    File{directory / hold_name, O_RDONLY | O_CREAT}.close();
     if (isMergeUnfinished(directory)) {
         const base::Descriptor hold = holdForChanging(directory, patience);
         finishMerge(directory);
