@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0-only
+#include "comparison.h"
 #include "support.h"
 #include "verify.h"
+
+#include <map>
 
 namespace
 {
@@ -82,6 +85,46 @@ TEST_F(Compared, AFullOneIsTakenWhenTheEarlierOneCannotBeComparedWith)
     EXPECT_EQ(report.backup.manifest.mode, Mode::full);
     EXPECT_TRUE(report.fellBack);
     EXPECT_NE(report.backup.manifest.fullReason.find(".sums is damaged"), std::string::npos) << report.backup.manifest.fullReason;
+}
+
+TEST_F(Compared, WhatIsAsItWasInAnOlderBackupButNotInTheNewestIsStored)
+{
+    machine.driver.write(3, 77);
+    machine.backup();
+    machine.driver.write(3, 1); // as at first
+    const auto report = afterLoss();
+    EXPECT_EQ(report.backup.manifest.copiedBlocks, 4u);
+    expectRight(report.backup);
+}
+
+// However the blocks come, in whatever portions.
+TEST_F(Compared, BlocksMayComeOneByOne)
+{
+    struct : BlockSink {
+        void put(std::uint32_t first, std::span<const std::byte> blocks) override
+        {
+            for (std::size_t i = 0; i < blocks.size() / Machine::block_size; ++i) {
+                const auto block = blocks.subspan(i * Machine::block_size, Machine::block_size);
+                stored[first + static_cast<std::uint32_t>(i)].assign(block.begin(), block.end());
+            }
+        }
+        std::map<std::uint32_t, std::vector<std::byte>> stored;
+    } sink;
+    const auto before = machine.driver.contents();
+    for (const std::uint32_t block : {5u, 127u, 128u, 700u, 2998u})
+        machine.driver.write(block, 9);
+    const auto now = machine.driver.contents();
+    const Repository repository = Repository::openImages(machine.repository());
+    Comparison comparison{repository, repository.backups().back()};
+    comparison.sendTo(sink);
+    for (std::uint32_t block = 0; block < Machine::blocks; ++block)
+        comparison.put(block, std::span{now}.subspan(std::size_t{block} * Machine::block_size, Machine::block_size));
+    EXPECT_EQ(comparison.finish().count(), sink.stored.size());
+    std::vector<std::byte> result = before;
+    for (const auto& [block, data] : sink.stored)
+        std::copy(data.begin(), data.end(), result.begin() + static_cast<std::ptrdiff_t>(std::size_t{block} * Machine::block_size));
+    EXPECT_EQ(result, now);
+    EXPECT_EQ(sink.stored.size(), 4u + 4 + 4 + 4 + 3) << "in units of 4 KiB, the last of which is cut off by the device's end";
 }
 
 // Chains of tracked and of compared backups, with zeros that come and go.
