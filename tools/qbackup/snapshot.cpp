@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <thread>
 
@@ -263,6 +264,8 @@ Snapshot takeSnapshotApart(ControlDevice& device, const SnapshotTask& task, cons
         return takeSnapshot(device, task, stop);
     base::Descriptor from{ends[0]};
     base::Descriptor to{ends[1]};
+    // What waits to be printed is the run's to print.
+    std::fflush(nullptr);
     const pid_t pid = ::fork();
     if (pid < 0) // a backup that a kill could cost something is better than none
         return takeSnapshot(device, task, stop);
