@@ -160,7 +160,7 @@ check_all_runs_every_variant() {
 
 check_builds_a_kernel_with_checkers_where_asked() {
   tree
-  expect_check "$(run_check vm-debug)" "1 passed, 0 failed, 0 skipped" "vm amd64 boots,control 3 --debug-kernel"
+  expect_check "$(run_check vm-debug)" "1 passed, 0 failed, 0 skipped" "vm amd64 boots,control 9 --debug-kernel"
 }
 
 check_tries_debians_other_kernels_where_asked() {
