@@ -39,17 +39,26 @@ struct SpawnSettings {
     posix_spawnattr_t attributes;
 };
 
+std::string readFrom(int fd)
+{
+    const off_t size = ::lseek(fd, 0, SEEK_END);
+    std::string text(size > 0 ? static_cast<std::size_t>(size) : 0, '\0');
+    const ssize_t got = ::pread(fd, text.data(), text.size(), 0);
+    text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+    return text;
+}
+
 } // namespace
 
 ChildProcess::ChildProcess(const std::vector<std::string>& words, const std::string& package, int inherited)
-    : errors_{::memfd_create("stderr", MFD_CLOEXEC)}
+    : output_{::memfd_create("stdout", MFD_CLOEXEC)}, errors_{::memfd_create("stderr", MFD_CLOEXEC)}
 {
-    if (!errors_)
+    if (!output_ || !errors_)
         throw Failure{Exit::failed, "cannot start " + words[0] + ": " + errnoText(errno)};
     SpawnSettings settings;
     ::posix_spawn_file_actions_addopen(&settings.actions, 0, "/dev/null", O_RDONLY, 0);
+    ::posix_spawn_file_actions_adddup2(&settings.actions, output_.get(), 1);
     ::posix_spawn_file_actions_adddup2(&settings.actions, errors_.get(), 2);
-    ::posix_spawn_file_actions_adddup2(&settings.actions, 2, 1);
     if (inherited >= 0)
         ::posix_spawn_file_actions_adddup2(&settings.actions, inherited, 3);
     // A group of its own: what ends this program from a terminal is for this program to pass on. Signals as they are at the
@@ -110,12 +119,11 @@ bool ChildProcess::wait()
     return ended_well_;
 }
 
+std::string ChildProcess::output() const { return readFrom(output_.get()); }
+
 std::string ChildProcess::said() const
 {
-    std::string text(16384, '\0');
-    const ssize_t got = ::pread(errors_.get(), text.data(), text.size(), 0);
-    text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
-    std::istringstream lines{text};
+    std::istringstream lines{readFrom(errors_.get())};
     std::string last;
     for (std::string line; std::getline(lines, line);)
         if (!line.empty())

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
-// Another program, run as a child; what it says on standard error is kept for messages.
+// Another program, run as a child; what it prints is kept.
 #pragma once
 
 #include "base/descriptor.h"
@@ -28,12 +28,15 @@ class ChildProcess
     bool wait();
     // Its last words on standard error, one line.
     std::string said() const;
+    // What it has printed on standard output.
+    std::string output() const;
 
   private:
     void reap(int options);
 
     pid_t pid_ = -1; // none: it has been waited for
     bool ended_well_ = false;
+    base::Descriptor output_;
     base::Descriptor errors_;
 };
 

@@ -2,6 +2,7 @@
 #include "commands.h"
 
 #include "device_catalog.h"
+#include "disk_layout.h"
 #include "image_repository.h"
 #include "import.h"
 #include "preflight.h"
@@ -125,7 +126,11 @@ Repository openTarget(const BackupOptions& options, const DeviceCatalog& catalog
         }
         return std::nullopt;
     };
-    return openImagesForBackup(options.target, {hostCalled(options.host), device.name, identityOf(device), options.fresh, present}, patience);
+    Repository repository =
+        openImagesForBackup(options.target, {hostCalled(options.host), device.name, identityOf(device), options.fresh, present}, patience);
+    if (const auto layout = layoutOf(device))
+        keepLayout(repository.directory().parent_path(), *layout);
+    return repository;
 }
 
 // Backs up one device and tells of it.
