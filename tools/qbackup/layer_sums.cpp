@@ -98,7 +98,7 @@ SumsReader::SumsReader(const fs::path& path, const std::string& hash)
         throw std::bad_alloc{};
     XXH3_128bits_reset(state.get());
     for (std::uint64_t at = 0; at < size_;) {
-        const std::span piece{buffer_.data(), std::min<std::uint64_t>(buffer_.size(), size_ - at)};
+        const auto piece = std::span{buffer_}.first(static_cast<std::size_t>(std::min<std::uint64_t>(buffer_.size(), size_ - at)));
         file_.readAt(at, piece);
         XXH3_128bits_update(state.get(), piece.data(), piece.size());
         at += piece.size();
@@ -110,7 +110,7 @@ SumsReader::SumsReader(const fs::path& path, const std::string& hash)
 std::optional<LayerPiece> SumsReader::next()
 {
     if (left_.empty()) {
-        const std::span piece{buffer_.data(), std::min<std::uint64_t>(buffer_.size(), size_ - at_)};
+        const auto piece = std::span{buffer_}.first(static_cast<std::size_t>(std::min<std::uint64_t>(buffer_.size(), size_ - at_)));
         if (piece.empty())
             return std::nullopt;
         file_.readAt(at_, piece);
