@@ -78,6 +78,7 @@ bool hung_up(int socket)
 struct Packet {
     std::size_t bytes;
     pid_t sender;
+    uid_t user; // who that is
 };
 
 // One packet. Nothing when the connection is over: end of file, a packet that is too large, descriptors passed along
@@ -102,7 +103,7 @@ std::optional<Packet> receive(int socket, std::byte* to, std::size_t room)
         return std::nullopt;
     ucred from;
     std::memcpy(&from, CMSG_DATA(c), sizeof from);
-    return Packet{std::size_t(got), from.pid};
+    return Packet{std::size_t(got), from.pid, from.uid};
 }
 
 bool send(int socket, const ControlSession::Answer& answer)
@@ -265,6 +266,9 @@ void ControlServer::converse(int socket, const ucred& peer)
             // A program that only writes to a descriptor which it was given comes to no harm: what has other rights
             // than the user who connected is refused here as it is at the connection.
             try {
+                // To root's connection the check of rights alone would let in programs of anybody.
+                if (got->user != peer.uid)
+                    throw std::system_error(EACCES, std::generic_category(), "it is of another user");
                 session.take_over(memory_of(socket, got->sender, peer.uid, false));
             } catch (const std::system_error& error) {
                 quietly_(std::string("a process that wanted to take over a client's connection was refused: ") + error.what());

@@ -133,9 +133,10 @@ std::string ChildProcess::said() const
 
 std::vector<std::string> withSocket(const std::vector<std::string>& words)
 {
-    // It ends with this program even if it has not heard of a client yet: nobody else would end it.
-    std::vector<std::string> all{"sh", "-c", "[ \"$PPID\" = \"$1\" ] && shift && LISTEN_FDS=1 LISTEN_PID=$$ exec setpriv --pdeathsig KILL -- \"$@\"", "sh",
-                                 std::to_string(::getpid())};
+    // It ends with this program even if it has not heard of a client yet: nobody else would end it. Only then is it looked
+    // whether that has ended already.
+    std::vector<std::string> all{"setpriv", "--pdeathsig", "KILL", "--", "sh", "-c",
+                                 "[ \"$PPID\" = \"$1\" ] && shift && LISTEN_FDS=1 LISTEN_PID=$$ exec \"$@\"", "sh", std::to_string(::getpid())};
     all.insert(all.end(), words.begin(), words.end());
     return all;
 }

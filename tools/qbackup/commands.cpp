@@ -414,6 +414,9 @@ int commandPrune(const CommonOptions& common, const PruneOptions& options, const
         } catch (const Failure& failure) {
             const int code = reportFailure(common.json, failure.exitCode(), failure.what());
             exit = exit == 0 ? code : exit;
+        } catch (const std::exception& error) {
+            const int code = reportFailure(common.json, static_cast<int>(Exit::failed), error.what());
+            exit = exit == 0 ? code : exit;
         }
         for (const Choice& choice : choices) {
             const bool kept = !choice.reasons.empty();

@@ -41,6 +41,7 @@ Comparison::Comparison(const Repository& repository, const StoredBackup& earlier
     for (const StoredBackup& link : repository.chain(earlier))
         sums.insert(sums.begin(), std::make_unique<Sums>(besides(link, sums_end), link.manifest.sumsHash));
     known_.emplace(std::move(sums));
+    earlier_.emplace(images_.front(), OpenImage::For::reading, std::span{images_}.subspan(1));
     piece_ = known_->next();
 }
 
@@ -91,11 +92,9 @@ void Comparison::compare(std::span<const std::byte> now)
     before_.assign(now.size(), std::byte{0});
     if (!piece_->zeros)
     try {
-        if (!earlier_)
-            earlier_.emplace(images_.front(), OpenImage::For::reading, std::span{images_}.subspan(1));
         earlier_->wait(earlier_->read(piece_->offset, before_));
     } catch (const Failure& failure) {
-        throw Failure{Exit::damaged, std::string{failure.what()} + ". Nothing can be compared with that; take a full backup (--mode full)"};
+        throw Failure{static_cast<Exit>(failure.exitCode()), std::string{failure.what()} + ". Nothing can be compared with that; take a full backup (--mode full)"};
     }
     for (std::size_t at = 0; at < now.size();) {
         const std::size_t part = std::min<std::size_t>(now.size() - at, image_granule_bytes - (piece_->offset + at) % image_granule_bytes);

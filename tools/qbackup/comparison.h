@@ -51,7 +51,7 @@ class Comparison : public BlockSink
     std::vector<fs::path> images_;                              // the nearest first
     std::optional<Merged<std::unique_ptr<Sums>, Known>> known_; // what the earlier backup gives
     std::optional<Known> piece_;                                // the one that the next blocks belong to
-    std::optional<OpenImage> earlier_;                          // once it was needed
+    std::optional<OpenImage> earlier_;
     std::vector<std::byte> now_;                                // of that piece, as far as it has come
     std::vector<std::byte> before_;
     quendrel::Bitmap changed_;

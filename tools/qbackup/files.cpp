@@ -106,6 +106,17 @@ std::vector<fs::path> entriesOf(const fs::path& directory)
 
 void syncDirectory(const fs::path& directory) { File{directory, O_RDONLY | O_DIRECTORY}.sync(); }
 
+bool isPresent(const fs::path& path)
+{
+    struct stat st {
+    };
+    if (::lstat(path.c_str(), &st) == 0)
+        return true;
+    if (errno != ENOENT && errno != ENOTDIR)
+        throw Failure{exitOf(errno), "cannot look for " + path.string() + ": " + errnoText(errno)};
+    return false;
+}
+
 void writeDurably(const fs::path& path, std::span<const std::byte> bytes)
 {
     File file{path, O_WRONLY | O_CREAT | O_EXCL};

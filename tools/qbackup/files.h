@@ -38,6 +38,8 @@ class File
     fs::path path_;
 };
 
+// Whether there is something of that name. Unlike the library's it does not take an error for a no. Throws Failure.
+bool isPresent(const fs::path& path);
 // What is in a directory, by name. Throws Failure.
 std::vector<fs::path> entriesOf(const fs::path& directory);
 // Makes the names in a directory durable.

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "folder_hold.h"
 
+#include "image_backup.h"
+
 #include <fcntl.h>
 #include <sys/file.h>
 
@@ -21,6 +23,11 @@ fs::path fileIn(const fs::path& folder) { return folder / hold_name; }
 base::Descriptor holdForReading(const fs::path& folder)
 {
     base::Descriptor fd{::open(fileIn(folder).c_str(), O_RDONLY | O_CLOEXEC)};
+    // Who copies a folder may leave it out.
+    if (!fd && errno == ENOENT && !imageIds(folder).empty())
+        fd.reset(::open(fileIn(folder).c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0640));
+    if (!fd && errno != ENOENT && errno != EROFS && errno != EACCES && errno != EPERM)
+        throw Failure{Exit::failed, "cannot open " + fileIn(folder).string() + ": " + errnoText(errno)};
     if (fd && ::flock(fd.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK)
         throw Failure{Exit::busy, "backups are being dropped from " + folder.string() + "; try again when that prune has ended"};
     return fd;

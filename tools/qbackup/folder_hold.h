@@ -11,8 +11,7 @@ namespace qbackup
 
 constexpr const char* hold_name = ".hold";
 
-// As long as the descriptor is open. Where that file is not there, backups cannot be dropped and nothing has to be held.
-// Throws Failure (busy)
+// As long as the descriptor is open. None where there are no images, and where this user may not make that file. Throws Failure (busy)
 // when backups are being dropped.
 base::Descriptor holdForReading(const fs::path& folder);
 // Throws Failure (busy) when somebody reads.

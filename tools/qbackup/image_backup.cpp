@@ -31,8 +31,7 @@ bool isId(const std::string& text)
 // A marker beside a manifest tells nothing: a copy of a folder may have both.
 bool isInTheMaking(const fs::path& folder, const std::string& id)
 {
-    std::error_code error;
-    return fs::exists(partialOf(folder, id, manifest_end), error) && !fs::exists(fileOf(folder, id, manifest_end), error);
+    return isPresent(partialOf(folder, id, manifest_end)) && !isPresent(fileOf(folder, id, manifest_end));
 }
 
 class PendingImage : public PendingBackup

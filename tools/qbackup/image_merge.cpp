@@ -236,6 +236,8 @@ void prepare(const fs::path& folder, const std::vector<StoredBackup>& run, Journ
     manifest.parent = oldest.manifest.parent;
     manifest.parentMark = oldest.manifest.parentMark;
     manifest.fullReason = oldest.manifest.fullReason;
+    if (journal.intoFull)
+        manifest.compared.clear();
     const auto each = [&](MergedLayers layers, const auto& use) {
         for (auto piece = layers.next(); piece; piece = layers.next()) {
             throwIfStopped(stop);
@@ -274,9 +276,13 @@ class Reserve
     Reserve(const fs::path& folder, std::uint64_t bytes) : path_{madeFile(folder, ".space")}
     {
         const File file{path_, O_WRONLY | O_CREAT};
-        if (::fallocate(file.fd(), 0, 0, static_cast<off_t>(bytes)) == 0 || errno == EOPNOTSUPP)
+        int problem = 0;
+        do
+            problem = ::fallocate(file.fd(), 0, 0, static_cast<off_t>(bytes)) == 0 ? 0 : errno;
+        while (problem == EINTR);
+        // Not every file system can.
+        if (problem != ENOSPC && problem != EDQUOT && problem != EFBIG && problem != EIO)
             return;
-        const int problem = errno;
         giveBack();
         throw Failure{exitOf(problem), "cannot drop backups from " + folder.string() + ": " + formatBytes(bytes) +
                                            " are needed there for it, and are not free: " + errnoText(problem) + ". Make room, or drop fewer at once"};
@@ -307,8 +313,7 @@ std::uint64_t spaceFor(const std::vector<StoredBackup>& run)
 // Files that have their place already are those of an earlier try.
 void takePlace(const fs::path& folder, const char* end, const std::string& id)
 {
-    std::error_code error;
-    if (fs::exists(madeFile(folder, end), error))
+    if (isPresent(madeFile(folder, end)))
         fs::rename(madeFile(folder, end), fileOf(folder, id, end));
 }
 
@@ -324,26 +329,39 @@ void takeUp(const fs::path& folder, const Journal& journal, ImageWriter& writer,
     writer.finish();
 }
 
-// Whether what the journal is about is there. Throws Failure (damaged) when it is and is not what it was.
-bool isThere(const fs::path& folder, const Journal& journal)
+// What the journal is about, from where it is now: under its own name, or in its place already.
+void expectWork(const fs::path& folder, const Journal& journal)
 {
-    std::error_code error;
-    const fs::path manifest = madeFile(folder, manifest_end);
     const std::string& kept = journal.layers.back().id;
-    if (!fs::exists(manifest, error)) {
-        const fs::path done = fileOf(folder, kept, manifest_end);
-        return fs::exists(done, error) && hashText(asBytes(readText(done))) == journal.made;
-    }
+    const auto place = [&](const char* end) { return isPresent(madeFile(folder, end)) ? madeFile(folder, end) : fileOf(folder, kept, end); };
+    const fs::path manifest = place(manifest_end);
     const std::string text = readText(manifest);
     if (hashText(asBytes(text)) != journal.made)
         throw Failure{Exit::damaged, manifest.string() + " is not what " + (folder / journal_name).string() + " is about"};
-    if (fs::exists(madeFile(folder, image_end), error)) {
-        const Manifest made_manifest = decode(text, manifest.string());
-        ImageLayer layer{madeFile(folder, image_end), madeFile(folder, sums_end), made_manifest.sumsHash, journal.bytes};
-        while (layer.next())
+    const std::string sums_hash = decode(text, manifest.string()).sumsHash;
+    if (journal.intoFull && isPresent(fileOf(folder, journal.layers.front().id, image_end))) {
+        SumsReader{place(sums_end), sums_hash};
+        MergedLayers layers = merged(folder, journal, 1);
+        while (layers.next())
             ;
+        return;
     }
+    ImageLayer layer{place(image_end), place(sums_end), sums_hash, journal.bytes};
+    while (layer.next())
+        ;
+}
+
+// Whether there is something to finish. A journal that came into a copy of the folder without all that it is about tells of
+// nothing, as long as nothing of what is dropped is gone. Throws Failure when it is.
+bool isThere(const fs::path& folder, const Journal& journal)
+try {
+    expectWork(folder, journal);
     return true;
+} catch (const Failure&) {
+    for (const Layer& layer : std::span{journal.layers.data(), journal.layers.size() - 1})
+        if (!isPresent(fileOf(folder, layer.id, manifest_end)))
+            throw;
+    return false;
 }
 
 // `writer`: of the full image; none: it is opened here.
@@ -361,8 +379,7 @@ void carryOut(const fs::path& folder, const Journal& journal, const MergeWatcher
     syncDirectory(folder);
     if (journal.intoFull) {
         const fs::path full = fileOf(folder, dropped.front().id, image_end);
-        std::error_code error;
-        if (fs::exists(full, error)) {
+        if (isPresent(full)) {
             if (!writer) {
                 // What was cut off may have taken clusters that nothing names.
                 ChildProcess check{{"qemu-img", "check", "-q", "-r", "leaks", full.string()}, "qemu-utils"};
@@ -448,8 +465,7 @@ void dropBackups(const fs::path& folder, const std::vector<StoredBackup>& droppe
 
 bool isMergeUnfinished(const fs::path& folder)
 {
-    std::error_code error;
-    return fs::exists(folder / journal_name, error);
+    return isPresent(folder / journal_name);
 }
 
 void finishMerge(const fs::path& folder, const MergeWatcher& watcher)
@@ -467,14 +483,19 @@ void finishMerge(const fs::path& folder, const MergeWatcher& watcher)
 }
 
 std::set<std::string> idsGoing(const fs::path& folder)
-{
+try {
     std::set<std::string> ids;
     if (!isMergeUnfinished(folder))
         return ids;
     const Journal journal = read(folder);
-    for (std::size_t i = 0; i + 1 < journal.layers.size(); ++i)
-        ids.insert(journal.layers[i].id);
+    for (const Layer& layer : std::span{journal.layers.data(), journal.layers.size() - 1})
+        if (!isPresent(fileOf(folder, layer.id, manifest_end)))
+            ids.insert(layer.id);
     return ids;
+} catch (const Failure&) {
+    if (isMergeUnfinished(folder))
+        throw;
+    return {}; // it has just been finished
 }
 
 } // namespace qbackup

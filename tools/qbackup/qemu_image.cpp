@@ -20,6 +20,7 @@
 #include <cstring>
 #include <iterator>
 #include <thread>
+#include <utility>
 
 namespace qbackup
 {
@@ -109,11 +110,11 @@ try {
 
 void requireQemu()
 {
-    for (const char* program : {"qemu-img", "qemu-nbd"})
+    for (const auto& [program, of] : {std::pair{"qemu-img", package}, std::pair{"qemu-nbd", package}, std::pair{"setpriv", "util-linux"}})
         if (!isInstalled(program))
             throw Failure{Exit::refused, std::string{program} + " is not installed, and the repository is one of images; install the "
                                                                 "package " +
-                                             package};
+                                             of};
 }
 
 void createImage(const fs::path& path, std::uint64_t bytes, const std::string& below)
@@ -191,12 +192,13 @@ OpenImage::OpenImage(const fs::path& path, For what, std::span<const fs::path> b
         std::string said = child_->said();
         if (const std::size_t end = said.rfind("}': "); end != std::string::npos)
             said.erase(0, end + 4);
+        const bool ended = !child_->running();
         child_.reset();
         if (said.find("another process using") != std::string::npos)
             throw Failure{Exit::busy, "another program has the image " + path.string() + " open, as one that serves or mounts a backup does; end that first (" +
                                           said + ")"};
         if (i + 1 == std::size(ways))
-            throw Failure{what == For::reading ? Exit::damaged : Exit::failed, "cannot open the image " + path.string() + ": " + said};
+            throw Failure{what == For::reading && ended ? Exit::damaged : Exit::failed, "cannot open the image " + path.string() + ": " + said};
         if (said.find("aio") != std::string::npos || said.find("io_uring") != std::string::npos)
             first_way = i + 1;
     }

@@ -127,6 +127,14 @@ TEST_F(Compared, BlocksMayComeOneByOne)
     EXPECT_EQ(sink.stored.size(), 4u + 4 + 4 + 4 + 3) << "in units of 4 KiB, the last of which is cut off by the device's end";
 }
 
+TEST_F(Compared, AFullOneIsTakenWhenTheEarlierOneCannotBeOpened)
+{
+    fs::resize_file(Repository{machine.repository()}.backups().back().path, 100);
+    const auto report = afterLoss();
+    EXPECT_EQ(report.backup.manifest.mode, Mode::full);
+    EXPECT_EQ(machine.restored(report.backup.path), machine.driver.contents());
+}
+
 // Chains of tracked and of compared backups, with zeros that come and go.
 TEST_F(Compared, EveryBackupOfAMixedChainGivesTheDiskAtItsSnapshot)
 {

@@ -439,6 +439,32 @@ TEST_F(Prune, AJournalWithoutItsWorkGoesAndChangesNothing)
     }
 }
 
+// The same of one that has some of it: the manifest, which is small, and not yet the rest.
+TEST_F(Prune, AJournalWithAPartOfItsWorkGoesAndChangesNothing)
+{
+    for (int round = 0; round < 4; ++round)
+        backup();
+    for (const bool full : {false, true}) {
+        for (const char* end : {".qcow2", ".sums"}) {
+            const pid_t child = ::fork();
+            if (child == 0) {
+                merge(full ? 0 : 1, 2, [](const char* step) {
+                    if (std::string{step} == "manifests")
+                        ::_exit(42);
+                });
+                ::_exit(1);
+            }
+            ::waitpid(child, nullptr, 0);
+            if (!fs::remove(machine.repository() / (std::string{".partial-merge"} + end)))
+                fs::remove(machine.repository() / ".partial-merge.sums");
+            settle(machine.repository());
+            EXPECT_FALSE(isMergeUnfinished(machine.repository()));
+            EXPECT_EQ(there().size(), 4u);
+            expectRight();
+        }
+    }
+}
+
 TEST_F(Prune, WhatAMergeHasMadeIsLookedAtBeforeItTakesItsPlace)
 {
     for (int round = 0; round < 4; ++round)
@@ -446,7 +472,7 @@ TEST_F(Prune, WhatAMergeHasMadeIsLookedAtBeforeItTakesItsPlace)
     const pid_t child = ::fork();
     if (child == 0) {
         merge(1, 2, [&](const char* step) {
-            if (std::string{step} == "manifests")
+            if (std::string{step} == "image")
                 ::_exit(42);
         });
         ::_exit(1);
