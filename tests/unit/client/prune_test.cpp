@@ -166,6 +166,25 @@ class Prune : public testing::Test
                      never, watcher);
     }
 
+    // A merge whose process ends, without any clean-up, before that step. `then` is done first.
+    void cutOff(std::size_t first, std::size_t count, const std::string& at, const std::function<void()>& then = {})
+    {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            merge(first, count, [&](const char* step) {
+                if (step != at)
+                    return;
+                if (then)
+                    then();
+                ::_exit(42);
+            });
+            ::_exit(1);
+        }
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        ASSERT_EQ(WEXITSTATUS(status), 42);
+    }
+
     Machine machine;
     std::mt19937 random{1};
     std::vector<StoredBackup> backups;
@@ -359,15 +378,7 @@ TEST_F(Prune, AFullImageThatWasHalfWrittenIntoIsFinished)
 {
     for (int round = 0; round < 3; ++round)
         backup();
-    const pid_t child = ::fork();
-    if (child == 0) {
-        merge(0, 3, [](const char* step) {
-            if (std::string{step} == "data")
-                ::_exit(42);
-        });
-        ::_exit(1);
-    }
-    ::waitpid(child, nullptr, 0);
+    cutOff(0, 3, "data");
     {
         OpenImage image{backups[0].path, OpenImage::For::writing};
         const std::vector<std::byte> other(4096, std::byte{0xee});
@@ -416,17 +427,7 @@ TEST_F(Prune, AJournalWithoutItsWorkGoesAndChangesNothing)
         backup();
     for (const std::size_t first : {1u, 0u}) {
         const fs::path kept = machine.directory / "kept.json";
-        const pid_t child = ::fork();
-        if (child == 0) {
-            merge(first, 2, [&](const char* step) {
-                if (std::string{step} == "manifests") {
-                    fs::copy_file(machine.repository() / ".merge.json", kept);
-                    ::_exit(42);
-                }
-            });
-            ::_exit(1);
-        }
-        ::waitpid(child, nullptr, 0);
+        cutOff(first, 2, "manifests", [&] { fs::copy_file(machine.repository() / ".merge.json", kept); });
         for (const auto& entry : fs::directory_iterator{machine.repository()})
             if (const std::string name = entry.path().filename(); name == ".merge.json" || name.starts_with(".partial-"))
                 fs::remove(entry.path());
@@ -446,15 +447,7 @@ TEST_F(Prune, AJournalWithAPartOfItsWorkGoesAndChangesNothing)
         backup();
     for (const bool full : {false, true}) {
         for (const char* end : {".qcow2", ".sums"}) {
-            const pid_t child = ::fork();
-            if (child == 0) {
-                merge(full ? 0 : 1, 2, [](const char* step) {
-                    if (std::string{step} == "manifests")
-                        ::_exit(42);
-                });
-                ::_exit(1);
-            }
-            ::waitpid(child, nullptr, 0);
+            cutOff(full ? 0 : 1, 2, "manifests");
             if (!fs::remove(machine.repository() / (std::string{".partial-merge"} + end)))
                 fs::remove(machine.repository() / ".partial-merge.sums");
             settle(machine.repository());
@@ -469,15 +462,7 @@ TEST_F(Prune, WhatAMergeHasMadeIsLookedAtBeforeItTakesItsPlace)
 {
     for (int round = 0; round < 4; ++round)
         backup();
-    const pid_t child = ::fork();
-    if (child == 0) {
-        merge(1, 2, [&](const char* step) {
-            if (std::string{step} == "image")
-                ::_exit(42);
-        });
-        ::_exit(1);
-    }
-    ::waitpid(child, nullptr, 0);
+    cutOff(1, 2, "image");
     damage(machine.repository() / ".partial-merge.sums", 20);
     try {
         settle(machine.repository());
