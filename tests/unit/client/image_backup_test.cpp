@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0-only
+#include "child_process.h"
 #include "qemu_image.h"
 #include "support.h"
 #include "verify.h"
 
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -326,6 +329,25 @@ TEST(ImageBackup, ItsServerEndsWithTheProgramThatStartedIt)
     for (int i = 0; i < 200 && !problemIn(machine.repository()).empty(); ++i)
         ::usleep(20'000);
     EXPECT_EQ(problemIn(machine.repository()), "");
+}
+
+// Also one that nobody has spoken to yet.
+TEST(ImageBackup, AChildWithASocketEndsWithTheProgramThatStartedIt)
+{
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const ChildProcess sleeper{withSocket({"sleep", "60"}), "coreutils", ends[1]};
+        ::usleep(300'000);
+        ::raise(SIGKILL);
+    }
+    ::close(ends[1]);
+    ::waitpid(child, nullptr, 0);
+    // At its end when nobody has the other one any more.
+    pollfd ended{ends[0], POLLIN, 0};
+    EXPECT_EQ(::poll(&ended, 1, 10'000), 1);
+    ::close(ends[0]);
 }
 
 TEST(ImageBackup, AMissingFileIsNamedAndAFullIsTaken)
