@@ -93,7 +93,7 @@ void addPieces(SumsWriter& sums, std::uint64_t offset, std::span<const std::byte
 SumsReader::SumsReader(const fs::path& path, const std::string& hash)
     : file_{path, O_RDONLY}, size_{file_.size()}, buffer_(buffer_bytes)
 {
-    const std::unique_ptr<XXH3_state_t, FreeXxh3State> state{XXH3_createState()};
+    const std::unique_ptr<XXH3_state_t, FreeHashState> state{XXH3_createState()};
     if (!state)
         throw std::bad_alloc{};
     XXH3_128bits_reset(state.get());

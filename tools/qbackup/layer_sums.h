@@ -7,9 +7,7 @@
 // manifest.
 #pragma once
 
-#include "files.h"
-
-#include <xxhash.h>
+#include "data_file.h"
 
 #include <cstdint>
 #include <memory>
@@ -30,10 +28,6 @@ struct LayerPiece {
     XXH128_hash_t hash{}; // of data
 };
 
-struct FreeXxh3State {
-    void operator()(XXH3_state_t* state) const noexcept { XXH3_freeState(state); }
-};
-
 class SumsWriter
 {
   public:
@@ -46,7 +40,7 @@ class SumsWriter
     void put();
 
     File file_;
-    std::unique_ptr<XXH3_state_t, FreeXxh3State> state_;
+    std::unique_ptr<XXH3_state_t, FreeHashState> state_;
     std::vector<std::byte> waiting_;
     std::uint64_t written_ = 0;
 };

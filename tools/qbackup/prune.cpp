@@ -109,11 +109,11 @@ std::vector<Choice> pruneBackups(const fs::path& folder, const KeepRules& rules,
                 progress.begin("dropping backups into " + choice.backup.manifest.id, bytesOf(run));
                 mergeBackups(folder, run, progress, stop);
                 progress.end();
-                // What is there now, if more goes into the next.
-                run = {readBackup(choice.backup.path)};
             }
-            if (kept)
-                run.clear();
+            run.clear();
+            // It goes into the next one, with all that it has taken up.
+            if (!kept)
+                run.push_back(readBackup(choice.backup.path));
         }
         throwIfStopped(stop);
         dropBackups(folder, run);
