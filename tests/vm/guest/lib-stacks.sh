@@ -66,7 +66,7 @@ start_large_writers() { # DIRECTORY
   (
     cd "$1"
     exec fio --name=large --filename=large.fio --size=12m --rw=randwrite --bs=1280k --ioengine=libaio --iodepth=4 --direct=1 \
-      --time_based --runtime=600 --rate=8m --thread --output=/run/fio-large.log
+      --time_based --runtime=$((600 * SLOWNESS)) --rate=8m --thread --output=/run/fio-large.log
   ) 3>&- &
   LARGE=$!
 }

@@ -17,7 +17,7 @@ start_writers() {
     cd "$directory"
     # shellcheck disable=SC2086
     exec fio --name=checked --filename=checked.fio --size=8m --rw=randwrite --bs=4k --ioengine=libaio --iodepth=8 --direct=1 \
-      --verify=crc32c --verify_backlog=64 --verify_fatal=1 --time_based --runtime=600 --rate_iops=600 \
+      --verify=crc32c --verify_backlog=64 --verify_fatal=1 --time_based --runtime=$((600 * SLOWNESS)) --rate_iops=600 \
       --thread $layout --output=/run/fio.log
   ) 3>&- &
   WRITERS+=($!)
