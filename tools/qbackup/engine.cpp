@@ -2,6 +2,7 @@
 #include "engine.h"
 
 #include "comparison.h"
+#include "drained_blocks.h"
 #include "ledger.h"
 #include "preflight.h"
 #include "snapshot.h"
@@ -41,6 +42,7 @@ class Session
         measure();
         choosePrevious();
         openLedger();
+        DrainedBlocks drained{manifest_.blockSize, job_.drainBytes, job_.spool, progress_};
         const std::unique_ptr<PendingBackup> pending = repository_.begin();
         start();
         Bitmap map = takeSnapshot();
@@ -50,7 +52,7 @@ class Session
         expectState(*device_, job_.device.name, QUENDREL_STATE_MAP_LOADED, "after the map was loaded");
         if (comparison_)
             comparison_->sendTo(*pending);
-        copy(map, comparison_ ? static_cast<BlockSink&>(*comparison_) : *pending);
+        copy(map, drained, comparison_ ? static_cast<BlockSink&>(*comparison_) : *pending);
         checkStillGood();
         device_.reset(); // ends the driver's part: from here on writes need no copying
         throwIfStopped(stop_);
@@ -264,11 +266,11 @@ class Session
             progress_.say("backing up " + job_.device.name + " in full: " + reason_);
     }
 
-    void copy(const Bitmap& map, BlockSink& out)
+    void copy(const Bitmap& map, DrainedBlocks& drained, BlockSink& out)
     {
         progress_.begin("copying " + job_.device.name, std::uint64_t{map.count()} * manifest_.blockSize);
         try {
-            transfer(*device_, map, manifest_.blockSize, area_bytes_, out, progress_, stop_);
+            transfer({*device_, map, manifest_.blockSize, area_bytes_}, drained, job_.bytesPerSecond, out, progress_, stop_);
         } catch (const Error& error) {
             // A read is refused when the backup has failed meanwhile; the state says why, and with it tracking has ended.
             const auto state = error.code() == QUENDREL_REFUSED ? device_->state().state : 0;

@@ -29,6 +29,9 @@ struct Identity {
     std::uint64_t bytes = 0; // of the device; 0: not known, ask the driver
 };
 
+constexpr std::uint64_t default_cache_bytes = 256ULL << 20;
+constexpr std::uint64_t default_drain_bytes = 64ULL << 20;
+
 struct BackupJob {
     Device device;
     Wanted wanted = Wanted::automatic;
@@ -42,10 +45,11 @@ struct BackupJob {
     // The control device can be handed on to a child process: a kill in the moment of the snapshot loses nothing. The
     // caller is then the only thread of its process.
     bool apart = false;
+    std::uint64_t drainBytes = default_drain_bytes; // kept in memory of what is read ahead of its turn
+    fs::path spool{};                 // a directory for what is beyond that; empty: it stays in the driver's cache
+    std::uint64_t bytesPerSecond = 0; // handed to the repository at most; 0: as fast as it goes
     std::function<void(const char* step)> snapshotWatcher{}; // for tests
 };
-
-constexpr std::uint64_t default_cache_bytes = 256ULL << 20;
 
 struct BackupReport {
     StoredBackup backup;

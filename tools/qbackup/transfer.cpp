@@ -1,132 +1,179 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "transfer.h"
 
-#include <array>
-#include <condition_variable>
-#include <exception>
-#include <mutex>
+#include "write_behind.h"
+
+#include <algorithm>
+#include <chrono>
+#include <string>
 #include <thread>
+#include <utility>
 
 namespace qbackup
 {
 namespace
 {
 
-// The writer thread and the two areas that go round between it and the reading thread.
-class WriteBehind
+using Clock = std::chrono::steady_clock;
+using quendrel::Bitmap;
+
+constexpr std::size_t batches = 4;
+constexpr std::size_t batch_bytes = 1 << 20; // at least
+// Between two looks into the driver's cache. What is written to the device in that time is what it has to hold.
+constexpr auto look_interval = std::chrono::milliseconds{10};
+// What goes into the spool is kept account of in memory, and so not in small pieces.
+constexpr std::size_t spool_bytes = 64 << 10;
+
+// Tells how long to wait so that no more than a number of bytes goes by each second.
+class Pace
 {
   public:
-    WriteBehind(std::array<std::span<const std::byte>, 2> areas, BlockSink& out)
-        : areas_{areas}, out_{out}, thread_{[this] { run(); }}
+    explicit Pace(std::uint64_t bytes_per_second) : rate_{bytes_per_second} {}
+    std::chrono::milliseconds delay() const
     {
+        return std::chrono::ceil<std::chrono::milliseconds>(std::max(next_ - Clock::now(), Clock::duration{}));
     }
-    // Does not write what is still waiting: whoever wants that calls finish().
-    ~WriteBehind()
+    void count(std::size_t bytes)
     {
-        {
-            const std::lock_guard lock{mutex_};
-            closed_ = true;
-            discard_ = true;
-        }
-        changed_.notify_all();
-        if (thread_.joinable())
-            thread_.join();
-    }
-    WriteBehind(const WriteBehind&) = delete;
-    WriteBehind& operator=(const WriteBehind&) = delete;
-
-    // Waits until area `i` is written out and may be filled again. Throws what stopped the writer.
-    void waitFree(std::size_t i)
-    {
-        std::unique_lock lock{mutex_};
-        changed_.wait(lock, [&] { return filled_[i] == 0 || error_; });
-        if (error_)
-            std::rethrow_exception(error_);
-    }
-    void give(std::size_t i, std::uint32_t first, std::size_t bytes)
-    {
-        {
-            const std::lock_guard lock{mutex_};
-            filled_[i] = bytes;
-            first_[i] = first;
-        }
-        changed_.notify_all();
-    }
-    // Waits until everything is written out.
-    void finish()
-    {
-        {
-            const std::lock_guard lock{mutex_};
-            closed_ = true;
-        }
-        changed_.notify_all();
-        thread_.join();
-        if (error_)
-            std::rethrow_exception(error_);
+        if (rate_ != 0)
+            next_ = std::max(next_, Clock::now()) + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>{static_cast<double>(bytes) / static_cast<double>(rate_)});
     }
 
   private:
+    std::uint64_t rate_;
+    Clock::time_point next_{};
+};
+
+class Transfer
+{
+  public:
+    Transfer(const TransferSource& source, DrainedBlocks& drained, std::uint64_t bytes_per_second, BlockSink& out, Progress& progress,
+             const StopSignal& stop)
+        : device_{source.device}, map_{source.map}, block_size_{source.blockSize},
+          most_{static_cast<std::uint32_t>(source.areaBytes / source.blockSize)}, drained_{drained}, progress_{progress}, stop_{stop},
+          pace_{bytes_per_second}, area_{device_.map(source.areaBytes)}, writer_{batches, std::max(batch_bytes, source.areaBytes), out},
+          batch_{*writer_.take(std::chrono::milliseconds{0})}
+    {
+    }
+
     void run()
     {
-        for (std::size_t i = 0;; i ^= 1) {
-            std::size_t bytes;
-            std::uint32_t first;
-            {
-                std::unique_lock lock{mutex_};
-                changed_.wait(lock, [&] { return filled_[i] != 0 || closed_; });
-                if (filled_[i] == 0 || discard_)
-                    return;
-                bytes = filled_[i];
-                first = first_[i];
+        while (const auto wanted = map_.nextRun(position_, most_)) {
+            throwIfStopped(stop_);
+            waitForPace();
+            if (Clock::now() >= next_look_)
+                drain();
+            const auto ahead = drained_.next(position_);
+            auto run = *wanted;
+            if (ahead && ahead->first == run.first)
+                run = *ahead;
+            else if (ahead)
+                run.count = std::min(run.count, ahead->first - run.first);
+            const std::size_t bytes = bytesOf(run.count);
+            // While it waits for room more may be drained: then this run is not the next one any more.
+            if (!makeRoom(bytes))
+                continue;
+            if (ahead && ahead->first == run.first) {
+                drained_.take(run.first, batch_.add(run.first, bytes));
+            } else {
+                device_.readBlocks(run.first, run.count, area_);
+                std::copy_n(area_.data().begin(), bytes, batch_.add(run.first, bytes).begin());
             }
-            try {
-                out_.put(first, areas_[i].first(bytes));
-            } catch (...) {
-                const std::lock_guard lock{mutex_};
-                error_ = std::current_exception();
-                changed_.notify_all();
-                return;
+            position_ = run.first + run.count;
+            pace_.count(bytes);
+            progress_.advance(bytes);
+        }
+        writer_.give(std::move(batch_));
+        writer_.finish();
+    }
+
+  private:
+    std::size_t bytesOf(std::uint32_t blocks) const { return std::size_t{blocks} * block_size_; }
+
+    // Whether there was room for as much at once; otherwise there is room now.
+    bool makeRoom(std::size_t bytes)
+    {
+        if (batch_.room() >= bytes)
+            return true;
+        writer_.give(std::move(batch_));
+        auto patience = std::chrono::milliseconds{0};
+        for (;;) {
+            if (auto next = writer_.take(patience)) {
+                batch_ = std::move(*next);
+                return false;
             }
-            {
-                const std::lock_guard lock{mutex_};
-                filled_[i] = 0;
-            }
-            changed_.notify_all();
+            throwIfStopped(stop_);
+            patience = drain() ? std::chrono::milliseconds{0} : look_interval;
         }
     }
 
-    std::array<std::span<const std::byte>, 2> areas_;
-    BlockSink& out_;
-    std::mutex mutex_; // guards what follows; a leaf
-    std::condition_variable changed_;
-    std::array<std::size_t, 2> filled_{}; // bytes to write out; 0: free
-    std::array<std::uint32_t, 2> first_{}; // number of the first block there
-    bool closed_ = false;
-    bool discard_ = false;
-    std::exception_ptr error_;
-    std::thread thread_; // last: it uses all of the above
+    void waitForPace()
+    {
+        for (auto delay = pace_.delay(); delay.count() > 0; delay = pace_.delay()) {
+            if (!drain())
+                std::this_thread::sleep_for(std::min(delay, look_interval));
+            throwIfStopped(stop_);
+        }
+    }
+
+    // Empties the driver's cache as far as there is room for it and it does not take too long at once. Whether there was
+    // anything.
+    bool drain()
+    {
+        const auto end = Clock::now() + look_interval;
+        bool any = false;
+        while (drained_.hasRoom() && Clock::now() < end) {
+            const auto block = device_.dirtyBlock();
+            if (!block)
+                break;
+            const auto run = around(*block);
+            device_.readBlocks(run.first, run.count, area_);
+            drained_.put(run.first, area_.data().first(bytesOf(run.count)));
+            any = true;
+        }
+        next_look_ = Clock::now() + look_interval;
+        return any;
+    }
+
+    // The run that begins with a block of the cache. Where the one before it was drained as well, somebody is writing from
+    // there on: then it is longer than that was, and what he comes to next is not in his way any more.
+    Bitmap::Run around(std::uint32_t block) const
+    {
+        std::uint32_t most = 1;
+        if (const auto before = drained_.before(block))
+            most = std::min(2 * before->count, most_);
+        if (!drained_.inMemory())
+            most = std::max(most, std::min(static_cast<std::uint32_t>(spool_bytes / block_size_), most_));
+        if (const auto behind = drained_.next(block))
+            most = std::min(most, behind->first - block);
+        const auto run = map_.nextRun(block, std::max(most, 1u));
+        if (most == 0 || block < position_ || !run || run->first != block)
+            throw Failure{Exit::failed, "the driver names block " + std::to_string(block) + " as one to be read, which it is not"};
+        return *run;
+    }
+
+    quendrel::ControlDevice& device_;
+    const Bitmap& map_;
+    std::uint32_t block_size_;
+    std::uint32_t most_; // blocks in one read
+    DrainedBlocks& drained_;
+    Progress& progress_;
+    const StopSignal& stop_;
+    std::uint32_t position_ = 0; // all blocks before it have been read
+    Clock::time_point next_look_{};
+    Pace pace_;
+    quendrel::TransferArea area_;
+    WriteBehind writer_;
+    Batch batch_;
 };
 
 } // namespace
 
-void transfer(quendrel::ControlDevice& device, const quendrel::Bitmap& map, std::uint32_t block_size,
-              std::size_t area_bytes, BlockSink& out, Progress& progress, const StopSignal& stop)
+void transfer(const TransferSource& source, DrainedBlocks& drained, std::uint64_t bytes_per_second, BlockSink& out, Progress& progress,
+              const StopSignal& stop)
 {
-    const auto most = static_cast<std::uint32_t>(area_bytes / block_size);
-    if (!map.nextSet(0))
-        return;
-    const std::array areas{device.map(area_bytes), device.map(area_bytes)};
-    WriteBehind writer{{areas[0].data(), areas[1].data()}, out};
-    std::size_t i = 0;
-    for (auto run = map.nextRun(0, most); run; run = map.nextRun(run->first + run->count, most), i ^= 1) {
-        throwIfStopped(stop);
-        writer.waitFree(i);
-        device.readBlocks(run->first, run->count, areas[i]);
-        const std::size_t bytes = std::size_t{run->count} * block_size;
-        writer.give(i, run->first, bytes);
-        progress.advance(bytes);
-    }
-    writer.finish();
+    if (source.map.nextSet(0))
+        Transfer{source, drained, bytes_per_second, out, progress, stop}.run();
 }
 
 } // namespace qbackup

@@ -93,8 +93,24 @@ Driver::Driver(quendrel::DeviceNumber number, std::uint32_t block_size, std::uin
 {
 }
 
+// What the driver does before a write.
+void Driver::save(std::uint32_t block)
+{
+    if (!file_ || file_->frozen.empty() || file_->state > QUENDREL_STATE_MAP_LOADED || file_->cached.contains(block))
+        return;
+    if (file_->state == QUENDREL_STATE_MAP_LOADED && !(*file_->map)[block])
+        return;
+    if (file_->cached.size() == file_->most_cached) {
+        file_->state = QUENDREL_STATE_CACHE_EXHAUSTED;
+        return;
+    }
+    file_->cached.insert(block);
+    most_cached_ = std::max(most_cached_, file_->cached.size());
+}
+
 void Driver::put(std::uint32_t block, const std::vector<std::byte>& data)
 {
+    save(block);
     std::copy(data.begin(), data.end(), disk_.begin() + static_cast<std::ptrdiff_t>(std::size_t{block} * block_size_));
     if (tracking_ && tracking_->in_sync)
         tracking_->map[block] = true;
@@ -169,6 +185,18 @@ std::vector<Driver::Read> Driver::reads() const
 {
     const std::lock_guard lock{mutex_};
     return reads_;
+}
+
+std::size_t Driver::mostCached() const
+{
+    const std::lock_guard lock{mutex_};
+    return most_cached_;
+}
+
+std::size_t Driver::cached() const
+{
+    const std::lock_guard lock{mutex_};
+    return file_ ? file_->cached.size() : 0;
 }
 
 std::vector<std::string> Driver::events() const
@@ -287,10 +315,12 @@ int Driver::run(std::uint32_t number, std::uint32_t argument)
         return getAutoMap(argument);
     case QUENDREL_GET_DIRTY_BLOCK: {
         DirtyBlock record{};
-        const std::uint32_t none = 0xffffffff;
         if (!take(argument, record))
             return QUENDREL_COPY_FROM_USER;
-        return giveBytes(record.blockNum, &none, 4) ? 0 : QUENDREL_COPY_TO_USER;
+        if (file_->state != QUENDREL_STATE_MAP_LOADED)
+            return QUENDREL_REFUSED;
+        const std::uint32_t block = file_->cached.empty() ? 0xffffffff : *file_->cached.begin();
+        return giveBytes(record.blockNum, &block, 4) ? 0 : QUENDREL_COPY_TO_USER;
     }
     case QUENDREL_READ_BLOCKS:
         return readBlocks(argument);
@@ -333,6 +363,7 @@ int Driver::start(std::uint32_t argument)
     if (record.totalBlocks > blocks_ || record.maxCacheBlocks == 0)
         return QUENDREL_REFUSED;
     file_->named = true;
+    file_->most_cached = record.maxCacheBlocks;
     file_->state = QUENDREL_STATE_STARTED;
     return 0;
 }
@@ -410,6 +441,7 @@ int Driver::loadBlockMap(std::uint32_t argument)
         events_.push_back("map loaded over the snapshot's");
     file_->map = map;
     file_->state = QUENDREL_STATE_MAP_LOADED;
+    std::erase_if(file_->cached, [&](std::uint32_t block) { return !map[block]; });
     return 0;
 }
 
@@ -447,11 +479,17 @@ int Driver::readBlocks(std::uint32_t argument)
     int result = 0;
     for (std::uint32_t i = 0; i < record.numBlocks; ++i) {
         std::byte* to = area->second[std::size_t{i} * block_size_ / page] + std::size_t{i} * block_size_ % page;
-        const bool bad = unreadable == record.startBlockNum + i;
+        const std::uint32_t block = record.startBlockNum + i;
+        const bool bad = unreadable == block;
+        const bool kept = file_->state != QUENDREL_STATE_MAP_LOADED || (*file_->map)[block];
         if (bad)
             std::memset(to, 0, block_size_);
         else
-            std::memcpy(to, file_->frozen.data() + std::size_t{record.startBlockNum + i} * block_size_, block_size_);
+            std::memcpy(to, (kept ? file_->frozen : disk_).data() + std::size_t{block} * block_size_, block_size_);
+        if (file_->state == QUENDREL_STATE_MAP_LOADED) {
+            file_->cached.erase(block);
+            (*file_->map)[block] = false;
+        }
         result = bad ? static_cast<int>(QUENDREL_READ_ERROR) : result;
     }
     return result;

@@ -3,7 +3,8 @@
 //
 // It speaks the records and result codes of quendrel.h, reads and writes the caller's memory the way the daemon does
 // (process_vm_readv and process_vm_writev, so that a bad address is a result and no crash), keeps the point in time as
-// a copy of the whole disk, and writes down what it was asked.
+// a copy of the whole disk (which it shows, as the driver, of a block that is wanted and was not read yet), and writes down
+// what it was asked.
 #pragma once
 
 #include "hook.h"
@@ -19,6 +20,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -58,6 +60,8 @@ class Driver
         bool operator==(const Read&) const = default;
     };
     std::vector<Read> reads() const;
+    std::size_t cached() const; // blocks that were saved and not read yet
+    std::size_t mostCached() const; // of all backups
     std::vector<std::string> events() const; // commands by name, "map", "unmap", "close"
     void clearEvents();
     bool isOpen() const;
@@ -80,6 +84,9 @@ class Driver
         bool named = false; // StartBackup named the device
         std::optional<std::vector<bool>> map;
         std::vector<std::byte> frozen;
+        // Saved, and not read yet. With a loaded map only what it wants is saved, and a block that was read is not wanted.
+        std::set<std::uint32_t> cached;
+        std::uint32_t most_cached = 0;
         std::map<std::uint32_t, std::vector<std::byte*>> areas;
     };
     struct Tracking {
@@ -102,6 +109,7 @@ class Driver
     int readBlocks(std::uint32_t argument);
     void newKey();
     void put(std::uint32_t block, const std::vector<std::byte>& data);
+    void save(std::uint32_t block);
 
     mutable std::mutex mutex_; // guards everything below
     quendrel::DeviceNumber number_;
@@ -112,6 +120,7 @@ class Driver
     std::optional<Tracking> tracking_;
     std::optional<File> file_;
     std::vector<Read> reads_;
+    std::size_t most_cached_ = 0;
     std::vector<std::string> events_;
     unsigned keys_ = 0;
 };

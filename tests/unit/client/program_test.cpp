@@ -242,6 +242,15 @@ TEST_F(Program, BadArgumentsGive2)
     EXPECT_EQ(call({"backup"}).code, 2);
     EXPECT_EQ(backup({"--mode", "sometimes"}).code, 2);
     EXPECT_EQ(backup({"--cache-blocks", "0"}).code, 2);
+    EXPECT_EQ(backup({"--limit-rate", "fast"}).code, 2);
+}
+
+TEST_F(Program, ASpoolThatCannotBeUsedIsRefusedBeforeAnythingIsStarted)
+{
+    const Result result = backup({"--spool", "/nowhere"});
+    EXPECT_EQ(result.code, 3);
+    EXPECT_EQ(result.err, "qbackup: the spool directory cannot be used: cannot open /nowhere: No such file or directory. Name a directory on a local file system\n");
+    EXPECT_FALSE(fs::exists(machine.directory / "sda1"));
 }
 
 TEST_F(Program, AnUnknownArgumentIsNamedEvenWhenOthersAreMissing)

@@ -29,6 +29,8 @@ struct Options {
     fs::path target;
     Wanted wanted = Wanted::automatic;
     std::uint32_t cacheBlocks = 0;
+    fs::path spool;                 // a directory; empty: none
+    std::uint64_t bytesPerSecond = 0; // 0: as fast as it goes
     std::uint64_t wait = 0; // seconds, for another run to end
     std::string host;       // what this machine is called in a repository of images; empty: its name
     bool fresh = false;     // a folder of its own for a device that has another's name
@@ -88,7 +90,10 @@ Exit backUp(const Context& context, const Options& options, const std::string& n
     }
     refuseOnDevice(job.device, host, options.target, "the target directory");
     refuseOnDevice(job.device, host, catalog.runDirectory(), "the daemon's run directory");
+    refuseOnDevice(job.device, host, options.spool, "the spool directory");
     refuseOutputOnDevice(job.device, host);
+    job.spool = options.spool;
+    job.bytesPerSecond = options.bytesPerSecond;
 
     job.apart = catalog.offersTakeOver();
     job.ledger = RunLock::placeFor(context.control).parent_path() / "ledger" / toString(job.device.number);
@@ -153,6 +158,11 @@ void addBackup(CLI::App& app, Context& context)
     command->add_option("--cache-blocks", options->cacheBlocks,
                         "Most overwritten blocks kept in memory during the backup (default: 256 MiB's worth)")
         ->check(CLI::Range(1u, 0xffffffffu));
+    command->add_option("--spool", options->spool,
+                        "Directory, not on the device, for what is overwritten during the backup faster than it can be stored\n"
+                        "(default: 64 MiB of it in this program's memory, then the driver's)");
+    command->add_option("--limit-rate", options->bytesPerSecond, "Store at most so many bytes a second, as 20M (default: no limit)")
+        ->transform(CLI::AsSizeValue{false});
     addWait(*command, options->wait);
     command->add_option("--host", options->host, "What this machine is called in a repository of images (default: its name)");
     command->add_flag("--new", options->fresh, "A folder of its own for a device that has got the name of another one");
