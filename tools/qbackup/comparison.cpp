@@ -50,6 +50,8 @@ Comparison::~Comparison() = default;
 void Comparison::put(std::uint32_t first, std::span<const std::byte> blocks)
 {
     std::uint64_t at = std::uint64_t{first} * block_size_;
+    if (!now_.empty() && at != piece_->offset + now_.size())
+        compareStart();
     while (!blocks.empty()) {
         while (piece_ && piece_->offset + piece_->bytes <= at)
             piece_ = known_->next();
@@ -61,26 +63,38 @@ void Comparison::put(std::uint32_t first, std::span<const std::byte> blocks)
             blocks = blocks.subspan(part);
             continue;
         }
+        if (now_.empty() && piece_->offset < at)
+            piece_ = Known{at, piece_->offset + piece_->bytes - at, piece_->zeros, std::nullopt};
         const std::uint64_t rest = piece_->offset + piece_->bytes - at;
         // Zeros may be many, and are compared as they come.
         const std::size_t part = std::min<std::uint64_t>({blocks.size(), rest, piece_->zeros ? cell_bytes : rest});
         now_.insert(now_.end(), blocks.begin(), blocks.begin() + static_cast<std::ptrdiff_t>(part));
         at += part;
         blocks = blocks.subspan(part);
-        if (piece_->zeros || part == rest) {
-            const Known whole = *piece_;
-            piece_ = Known{at - now_.size(), now_.size(), whole.zeros, whole.hash};
+        if (part == rest) {
             compare(now_);
             now_.clear();
-            piece_ = part == rest ? known_->next() : Known{at, rest - part, whole.zeros, std::nullopt};
+            piece_ = known_->next();
+        } else if (piece_->zeros) {
+            compareStart();
         }
     }
+}
+
+// Of the piece only what has come: the rest of it is not known by the piece's hash.
+void Comparison::compareStart()
+{
+    const Known whole = *piece_;
+    piece_ = Known{whole.offset, now_.size(), whole.zeros, std::nullopt};
+    compare(now_);
+    piece_ = Known{whole.offset + now_.size(), whole.bytes - now_.size(), whole.zeros, std::nullopt};
+    now_.clear();
 }
 
 const quendrel::Bitmap& Comparison::finish()
 {
     if (!now_.empty())
-        throw Failure{Exit::failed, "internal error: the device ended within a piece of the earlier backup"};
+        compareStart();
     return changed_;
 }
 

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
-// Takes all blocks of a device and passes on those that are not what they were at an earlier backup: so a backup whose
+// Takes the blocks of a device and passes on those that are not what they were at an earlier backup: so a backup whose
 // device was not tracked is an increment nevertheless.
 //
 // Blocks are compared by the hashes that the earlier backup has; only where a hash differs, or where an increment has
@@ -28,7 +28,7 @@ class Comparison : public BlockSink
 
     // Where blocks are passed on to.
     void sendTo(BlockSink& out) { out_ = &out; }
-    // All blocks in turn, from the first one on.
+    // All blocks that count, in ascending order; of others nothing is passed on.
     void put(std::uint32_t first, std::span<const std::byte> blocks) override;
     // The blocks that were passed on, after the last one has come.
     const quendrel::Bitmap& finish();
@@ -44,6 +44,7 @@ class Comparison : public BlockSink
     friend Known cut(const Known& piece, std::uint64_t from, std::uint64_t bytes);
 
     void compare(std::span<const std::byte> now);
+    void compareStart();
     void passOn(std::uint64_t offset, std::span<const std::byte> blocks);
 
     std::uint32_t block_size_;

@@ -7,6 +7,7 @@
 #include "preflight.h"
 #include "snapshot.h"
 #include "transfer.h"
+#include "used_blocks.h"
 #include "utc.h"
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 #include <limits>
 #include <memory>
 #include <optional>
+#include <thread>
 #include <vector>
 
 namespace qbackup
@@ -26,6 +28,11 @@ using quendrel::Bitmap;
 using quendrel::ControlDevice;
 using quendrel::Error;
 using quendrel::SessionKey;
+
+// Until the driver knows which blocks are wanted, it saves what is overwritten of all of them.
+constexpr auto most_looking = std::chrono::seconds{20};
+// How long a killed run may take to be closed.
+constexpr auto most_closing = std::chrono::seconds{10};
 
 class Session
 {
@@ -148,14 +155,31 @@ class Session
         const std::uint64_t cache = job_.cacheBlocks != 0
                                         ? job_.cacheBlocks
                                         : std::max<std::uint64_t>(1, default_cache_bytes / manifest_.blockSize);
-        closes_ = device_->closes();
-        device_->start(job_.device.number, manifest_.blocks, static_cast<std::uint32_t>(cache));
+        const auto give_up = std::chrono::steady_clock::now() + most_closing;
+        while (!startNow(static_cast<std::uint32_t>(cache), job_.reopen && std::chrono::steady_clock::now() < give_up)) {
+            throwIfStopped(stop_);
+            std::this_thread::sleep_for(std::chrono::milliseconds{100});
+            device_.reset();
+            device_.emplace(job_.reopen());
+        }
         const auto state = device_->state();
         if (state.state != QUENDREL_STATE_STARTED)
             lost("the driver did not start it (" + quendrel::stateText(state.state) + ")");
         if (state.blockSize != manifest_.blockSize)
             lost("the file system was replaced by one of another block size meanwhile");
         area_bytes_ = state.mapBytes;
+    }
+
+    // Whether the driver is not busy with another one; where it may not be, that is an error.
+    bool startNow(std::uint32_t cache, bool may_be_busy)
+    try {
+        closes_ = device_->closes();
+        device_->start(job_.device.number, manifest_.blocks, cache);
+        return true;
+    } catch (const Error& error) {
+        if (error.code() != QUENDREL_BUSY || !may_be_busy)
+            throw;
+        return false;
     }
 
     // Takes the snapshot and gives the blocks to copy.
@@ -185,10 +209,39 @@ class Session
         }
         announce();
         if (!changed)
-            return Bitmap{manifest_.blocks, true};
+            changed = allThatCounts();
         if (const std::uint32_t group = repository_.granule() / manifest_.blockSize; group > 1)
             changed->widen(group);
         return std::move(*changed);
+    }
+
+    // The blocks of a backup of all of the device. A folder holds every one.
+    Bitmap allThatCounts()
+    {
+        if (job_.allBlocks || repository_.granule() == 1)
+            return Bitmap{manifest_.blocks, true};
+        const quendrel::TransferArea area = device_->map(area_bytes_);
+        const auto end = std::chrono::steady_clock::now() + most_looking;
+        bool slow = false;
+        UsedBlocks used;
+        try {
+            used = usedBlocks(manifest_.blockSize, manifest_.blocks, static_cast<std::uint32_t>(area_bytes_ / manifest_.blockSize),
+                              [&](std::uint32_t first, std::span<std::byte> to) {
+                                  throwIfStopped(stop_);
+                                  if ((slow = std::chrono::steady_clock::now() > end))
+                                      throw Failure{Exit::failed, "it takes too long to tell"};
+                                  device_->readBlocks(first, static_cast<std::uint32_t>(to.size() / manifest_.blockSize), area);
+                                  std::copy_n(area.data().begin(), to.size(), to.begin());
+                              });
+        } catch (const Failure& failure) {
+            if (!slow)
+                throw;
+            used = {Bitmap{manifest_.blocks, true}, failure.what()};
+        }
+        if (!used.doubt.empty())
+            progress_.say("all blocks of " + job_.device.name + " are read, whether its file system uses them or not: " + used.doubt);
+        manifest_.unusedBlocks = manifest_.blocks - used.map.count();
+        return std::move(used.map);
     }
 
     // Whether all blocks can be compared with the newest backup, so that only those that differ are stored.

@@ -45,6 +45,10 @@ struct BackupJob {
     // The control device can be handed on to a child process: a kill in the moment of the snapshot loses nothing. The
     // caller is then the only thread of its process.
     bool apart = false;
+    // Gives the control device anew, after the driver has called it busy: with the lock that keeps other runs out, that is
+    // a run that was killed and is still being closed. Null: it is not tried again.
+    std::function<quendrel::ControlDevice()> reopen{};
+    bool allBlocks = false; // also those that the file system does not use
     std::uint64_t drainBytes = default_drain_bytes; // kept in memory of what is read ahead of its turn
     fs::path spool{};                 // a directory for what is beyond that; empty: it stays in the driver's cache
     std::uint64_t bytesPerSecond = 0; // handed to the repository at most; 0: as fast as it goes

@@ -57,6 +57,7 @@ class PendingImage : public PendingBackup
     void start(const Manifest& manifest, const std::optional<StoredBackup>& parent) override
     {
         block_size_ = manifest.blockSize;
+        full_ = !parent;
         const fs::path image = partialOf(folder_, id_, image_end);
         createImage(image, manifest.deviceBytes, parent ? parent->path.filename().string() : "");
         writer_.emplace(image, partialOf(folder_, id_, sums_end), parent ? ZerosAre::written : ZerosAre::there);
@@ -64,7 +65,9 @@ class PendingImage : public PendingBackup
 
     void put(std::uint32_t first, std::span<const std::byte> blocks) override
     {
+        fillUpTo(first);
         writer_->put(std::uint64_t{first} * block_size_, blocks);
+        next_ = first + static_cast<std::uint32_t>(blocks.size() / block_size_);
     }
 
     StoredBackup commit(Manifest manifest, const quendrel::Bitmap& map, const Watcher& watcher) override
@@ -73,14 +76,16 @@ class PendingImage : public PendingBackup
             if (watcher)
                 watcher(name);
         };
-        const std::uint64_t expected = std::uint64_t{map.count()} * manifest.blockSize;
+        fillUpTo(manifest.blocks);
+        const std::uint32_t held = full_ ? manifest.blocks : map.count();
+        const std::uint64_t expected = std::uint64_t{held} * manifest.blockSize;
         if (writer_->received() != expected)
             throw Failure{Exit::failed, "internal error: " + std::to_string(writer_->received()) +
                                             " bytes copied, but the map stands for " + std::to_string(expected)};
         manifest.format = 2;
         manifest.id = id_;
         manifest.sequence = static_cast<std::uint32_t>(std::stoul(id_));
-        manifest.copiedBlocks = map.count();
+        manifest.copiedBlocks = held;
         step("data");
         manifest.sumsHash = writer_->finish();
         manifest.dataBytes = writer_->dataBytes();
@@ -107,11 +112,19 @@ class PendingImage : public PendingBackup
     }
 
   private:
+    // A full backup tells of every block: those that nobody uses are zeros in it.
+    void fillUpTo(std::uint32_t block)
+    {
+        if (full_ && block > next_)
+            writer_->putZeros(std::uint64_t{next_} * block_size_, std::uint64_t{block - next_} * block_size_);
+    }
     void rename(const char* end) { fs::rename(partialOf(folder_, id_, end), fileOf(folder_, id_, end)); }
 
     fs::path folder_;
     std::string id_;
     std::uint32_t block_size_ = 0;
+    bool full_ = false;
+    std::uint32_t next_ = 0; // behind the last block that has come
     bool named_ = false; // files may have their names already
     bool done_ = false;
     std::optional<ImageWriter> writer_;

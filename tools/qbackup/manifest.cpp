@@ -79,6 +79,8 @@ std::string encode(const Manifest& m)
         document["parent"] = {{"id", m.parent}, {markField(m), m.parentMark}};
     else
         document["fullReason"] = m.fullReason;
+    if (m.unusedBlocks != 0)
+        document["unusedBlocks"] = m.unusedBlocks;
     if (!m.compared.empty())
         document["comparedBecause"] = m.compared;
     if (!m.instance.empty())
@@ -111,6 +113,7 @@ try {
     m.time = document.at("time");
     m.compared = document.value("comparedBecause", "");
     m.copiedBlocks = document.at("copiedBlocks");
+    m.unusedBlocks = document.value("unusedBlocks", 0u);
     m.dataBytes = document.at("dataBytes");
     if (m.format == 1) {
         m.segmentBytes = document.at("segmentBytes");

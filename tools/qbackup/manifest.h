@@ -32,6 +32,7 @@ struct Manifest {
     quendrel::SessionKey key{}; // of the tracking session right after the snapshot
     std::string time;           // of the snapshot, UTC, as 2026-11-21T11:16:41Z
     std::uint32_t copiedBlocks = 0;
+    std::uint32_t unusedBlocks = 0; // which the file system did not use, so that they were not read
     std::uint64_t dataBytes = 0;    // stored; of an image without the blocks of zeros
     std::uint32_t segmentBytes = 0; // format 1 only, as what follows
     std::string mapHash;

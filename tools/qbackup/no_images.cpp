@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0-only
-// In place of what needs libnbd and libblkid, in a program that is linked with no shared library: it runs on any kernel,
+// In place of what needs libnbd, libblkid and libext2fs, in a program that is linked with no shared library: it runs on any kernel,
 // and repositories of images are not for it.
 #include "child_process.h"
 #include "device_identity.h"
 #include "failure.h"
 #include "qemu_image.h"
+#include "used_blocks.h"
 
 namespace qbackup
 {
@@ -35,6 +36,8 @@ void OpenImage::flush() { refuse(); }
 void OpenImage::finish() { refuse(); }
 std::uint64_t OpenImage::size() { refuse(); }
 OpenImage::Layout OpenImage::layout() { refuse(); }
+
+UsedBlocks usedBlocks(std::uint32_t, std::uint32_t blocks, std::uint32_t, const BlockReader&) { return {quendrel::Bitmap{blocks, true}, "this qbackup cannot tell"}; }
 
 DeviceIdentity identityOf(const Device&, const fs::path&) { refuse(); }
 

@@ -286,6 +286,25 @@ void expectFullNext(Machine& machine)
     EXPECT_EQ(machine.restored(next.backup.path), machine.driver.contents());
 }
 
+TEST(Engine, ARunThatWasKilledAndIsStillBeingClosedIsWaitedFor)
+{
+    Machine machine;
+    machine.driver.busy_starts = 3;
+    auto job = machine.job();
+    job.reopen = [&] { return quendrel::ControlDevice{fake::connect(machine.driver), "memory"}; };
+    const auto report = machine.backup(quendrel::ControlDevice{fake::connect(machine.driver), "memory"}, job);
+    EXPECT_EQ(machine.restored(report.backup.path), machine.driver.contents());
+    EXPECT_EQ(count(machine.driver.events(), "close"), 4u) << "each on a file of its own";
+}
+
+TEST(Engine, ABusyDriverIsAnErrorWhereNothingIsBeingClosed)
+{
+    Machine machine;
+    machine.driver.busy_starts = 1;
+    EXPECT_TRUE(contains(failureOf(machine, Wanted::automatic, Exit::busy), "another backup is running"));
+    EXPECT_TRUE(namesIn(machine.repository()).empty());
+}
+
 TEST(Engine, FullCacheFailsTheBackupAndNamesTheRemedy)
 {
     Machine machine;

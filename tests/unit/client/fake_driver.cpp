@@ -134,6 +134,13 @@ void Driver::writeZeros(std::uint32_t block)
     put(block, std::vector<std::byte>(block_size_));
 }
 
+void Driver::writeAt(std::uint64_t offset, std::span<const std::byte> data)
+{
+    const std::lock_guard lock{mutex_};
+    for (std::size_t at = 0; at < data.size(); at += block_size_)
+        put(static_cast<std::uint32_t>((offset + at) / block_size_), {data.begin() + at, data.begin() + at + block_size_});
+}
+
 std::vector<std::byte> Driver::contents() const
 {
     const std::lock_guard lock{mutex_};
@@ -360,6 +367,11 @@ int Driver::start(std::uint32_t argument)
         return QUENDREL_NOT_IDLE;
     if (!mounted || quendrel::DeviceNumber{record.major, record.minor} != number_)
         return QUENDREL_NOT_MOUNTED;
+    if (busy_starts > 0) {
+        --busy_starts;
+        file_->state = QUENDREL_STATE_REFUSED_BUSY;
+        return QUENDREL_BUSY;
+    }
     if (record.totalBlocks > blocks_ || record.maxCacheBlocks == 0)
         return QUENDREL_REFUSED;
     file_->named = true;

@@ -21,6 +21,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -37,6 +38,8 @@ class Driver
     // Fills a block with bytes made from `seed`; tracked.
     void write(std::uint32_t block, unsigned seed);
     void writeZeros(std::uint32_t block);
+    // What lies at `offset`, a multiple of the block size; tracked.
+    void writeAt(std::uint64_t offset, std::span<const std::byte> data);
     std::vector<std::byte> contents() const;
     std::uint64_t bytes() const { return disk_.size(); }
     // The contents at the last snapshot.
@@ -47,6 +50,7 @@ class Driver
     std::atomic<bool> mounted{true};
     std::optional<std::uint64_t> closes; // what it tells of closed files
     Hook<void(std::uint32_t number)> before; // called before each command, without the lock
+    std::atomic<int> busy_starts{0};         // so many starts are refused, as while another backup is being closed
     std::optional<std::uint32_t> unreadable; // reading this block gives 12
     void loseTracking();                     // as after a failure: out of sync
     void forget();                           // as after loading the driver anew

@@ -54,6 +54,8 @@ TEST(Manifest, FullOneKeepsItsReason)
     m.mode = Mode::full;
     m.fullReason = "asked for";
     EXPECT_EQ(decode(encode(m), "here").fullReason, "asked for");
+    m.unusedBlocks = 12;
+    EXPECT_EQ(decode(encode(m), "here").unusedBlocks, 12u);
 }
 
 TEST(Manifest, ChangedFieldIsNoticed)

@@ -36,6 +36,7 @@ need() { # prints what is missing
     trim) [ "$(cat "/sys/block/${DISK##*/}/queue/discard_max_bytes" 2>/dev/null || echo 0)" != 0 ] || echo "the tested disk takes no discards" ;;
     flush) [ -f "/sys/block/${DISK##*/}/queue/write_cache" ] || echo "the kernel's driver of the tested disk sends no flushes" ;;
     unplug) [ -f /sys/bus/pci/rescan ] || echo "the kernel cannot let a disk go while it runs" ;;
+    young-kernel) ! old_kernel || echo "this kernel lacks calls that Debian 12's servers make" ;;
     single-freeze) ! old_kernel || echo "this kernel counts freezes: a second one is no error" ;;
     noted-changes) ! old_kernel || echo "on this kernel the driver cannot see such changes" ;;
     md)

@@ -29,6 +29,7 @@ struct Options {
     fs::path target;
     Wanted wanted = Wanted::automatic;
     std::uint32_t cacheBlocks = 0;
+    bool allBlocks = false; // also those that the file system does not use
     fs::path spool;                 // a directory; empty: none
     std::uint64_t bytesPerSecond = 0; // 0: as fast as it goes
     std::uint64_t wait = 0; // seconds, for another run to end
@@ -92,6 +93,8 @@ Exit backUp(const Context& context, const Options& options, const std::string& n
     refuseOnDevice(job.device, host, catalog.runDirectory(), "the daemon's run directory");
     refuseOnDevice(job.device, host, options.spool, "the spool directory");
     refuseOutputOnDevice(job.device, host);
+    job.reopen = [&context] { return openControl(context.control); };
+    job.allBlocks = options.allBlocks;
     job.spool = options.spool;
     job.bytesPerSecond = options.bytesPerSecond;
 
@@ -155,6 +158,7 @@ void addBackup(CLI::App& app, Context& context)
         ->transform(CLI::Transformer{modes})
         ->type_name("MODE")
         ->default_str("auto");
+    command->add_flag("--all-blocks", options->allBlocks, "Read the blocks that the file system does not use, too");
     command->add_option("--cache-blocks", options->cacheBlocks,
                         "Most overwritten blocks kept in memory during the backup (default: 256 MiB's worth)")
         ->check(CLI::Range(1u, 0xffffffffu));

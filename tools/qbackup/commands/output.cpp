@@ -35,6 +35,8 @@ json describe(const StoredBackup& backup)
         document["parent"] = m.parent;
     else
         document["fullReason"] = m.fullReason;
+    if (m.unusedBlocks != 0)
+        document["unusedBlocks"] = m.unusedBlocks;
     if (!m.compared.empty())
         document["comparedBecause"] = m.compared;
     return document;
