@@ -52,6 +52,7 @@ TEST_F(Chain, ImagesOfABusyFileSystemRestoreEachToItsOwnMomentAlsoWhenOthersWere
         EXPECT_EQ(made.back().text("mode"), i == 0 ? "full" : "inc") << made.back().report;
         EXPECT_TRUE(writer.goes_on(100)) << "the writer came to grief: " << writer.program().err();
     }
+    EXPECT_GT(made[0].report["unusedBlocks"], 1000u) << "of a file system that is held still what it uses is known";
     // From the full one on, and in the middle.
     const Outcome pruned = run_qbackup({"--quiet", "prune", "--from", target, "--keep-last", "4"});
     ASSERT_EQ(pruned.status, 0) << pruned.err;
