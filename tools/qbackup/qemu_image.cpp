@@ -99,6 +99,10 @@ Sockets socketsForChild()
     }
 }
 
+// It has a buffer of a mebibyte for each request, and would get new memory from the system for each: more than half of the
+// processor's time that writing an image takes.
+const std::vector<std::string> keeping_memory{"env", "MALLOC_MMAP_THRESHOLD_=8388608", "MALLOC_TRIM_THRESHOLD_=67108864", "MALLOC_TOP_PAD_=16777216"};
+
 } // namespace
 
 void expectUtf8(const fs::path& path)
@@ -167,7 +171,8 @@ OpenImage::OpenImage(const fs::path& path, For what, std::span<const fs::path> b
         if (way.direct && !direct)
             continue;
         Sockets sockets = socketsForChild();
-        std::vector<std::string> words{"qemu-nbd"};
+        std::vector<std::string> words = keeping_memory;
+        words.push_back("qemu-nbd");
         if (what == For::reading)
             words.insert(words.end(), {"--read-only", "--allocation-depth"});
         else
