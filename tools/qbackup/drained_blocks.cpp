@@ -56,6 +56,12 @@ std::optional<DrainedBlocks::Run> DrainedBlocks::next(std::uint32_t from) const
     return Run{found->first, found->second.count};
 }
 
+bool DrainedBlocks::holds(std::uint32_t block) const
+{
+    const auto behind = runs_.upper_bound(block);
+    return behind != runs_.begin() && block - std::prev(behind)->first < std::prev(behind)->second.count;
+}
+
 std::optional<DrainedBlocks::Run> DrainedBlocks::before(std::uint32_t block) const
 {
     const auto behind = runs_.lower_bound(block);

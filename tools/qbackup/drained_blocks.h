@@ -34,6 +34,7 @@ class DrainedBlocks
     void put(std::uint32_t first, std::span<const std::byte> blocks);
     // The first run of blocks at or behind `from`.
     std::optional<Run> next(std::uint32_t from) const;
+    bool holds(std::uint32_t block) const;
     // The run that ends right before `block`.
     std::optional<Run> before(std::uint32_t block) const;
     // The whole run that begins with `first`, into as many bytes; it is gone then. Throws Failure.

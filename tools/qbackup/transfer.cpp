@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -127,15 +128,19 @@ class Transfer
             if (!block)
                 break;
             const auto run = around(*block);
-            device_.readBlocks(run.first, run.count, area_);
-            drained_.put(run.first, area_.data().first(bytesOf(run.count)));
+            device_.readBlocks(run.count == 0 ? *block : run.first, std::max(run.count, 1u), area_);
+            if (run.count != 0)
+                drained_.put(run.first, area_.data().first(bytesOf(run.count)));
+            else if (std::exchange(stray_, *block) == *block)
+                throw Failure{Exit::failed, "the driver names block " + std::to_string(*block) + " again and again, which is not one to be read"};
             any = true;
         }
         next_look_ = Clock::now() + look_interval;
         return any;
     }
 
-    // The run that begins with a block of the cache. Where the one before it was drained as well, somebody is writing from
+    // The run that begins with a block of the cache; an empty one when that is not wanted, or not any more: a write under way
+    // at the same time as the read of its block can leave that behind in the cache. Where the one before it was drained as well, somebody is writing from
     // there on: then it is longer than that was, and what he comes to next is not in his way any more.
     Bitmap::Run around(std::uint32_t block) const
     {
@@ -147,8 +152,8 @@ class Transfer
         if (const auto behind = drained_.next(block))
             most = std::min(most, behind->first - block);
         const auto run = map_.nextRun(block, std::max(most, 1u));
-        if (most == 0 || block < position_ || !run || run->first != block)
-            throw Failure{Exit::failed, "the driver names block " + std::to_string(block) + " as one to be read, which it is not"};
+        if (most == 0 || block < position_ || drained_.holds(block) || !run || run->first != block)
+            return {block, 0};
         return *run;
     }
 
@@ -160,6 +165,7 @@ class Transfer
     Progress& progress_;
     const StopSignal& stop_;
     std::uint32_t position_ = 0; // all blocks before it have been read
+    std::optional<std::uint32_t> stray_; // the last one that was read only to empty the cache
     Clock::time_point next_look_{};
     Pace pace_;
     quendrel::TransferArea area_;

@@ -200,6 +200,12 @@ std::size_t Driver::mostCached() const
     return most_cached_;
 }
 
+void Driver::saveStray(std::uint32_t block)
+{
+    const std::lock_guard lock{mutex_};
+    file_->cached.insert(block);
+}
+
 std::size_t Driver::cached() const
 {
     const std::lock_guard lock{mutex_};

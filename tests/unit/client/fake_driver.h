@@ -64,6 +64,7 @@ class Driver
         bool operator==(const Read&) const = default;
     };
     std::vector<Read> reads() const;
+    void saveStray(std::uint32_t block); // as when its save met its read
     std::size_t cached() const; // blocks that were saved and not read yet
     std::size_t mostCached() const; // of all backups
     std::vector<std::string> events() const; // commands by name, "map", "unmap", "close"

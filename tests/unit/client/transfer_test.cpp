@@ -180,6 +180,31 @@ TEST_F(TransferOf, ARateIsNotExceededAndTheCacheIsEmptiedMeanwhile)
     EXPECT_EQ(target.image, driver.frozen());
 }
 
+TEST_F(TransferOf, ABlockThatWasSavedWhenItHadBeenReadLeavesTheCacheAndIsNotStoredAgain)
+{
+    Bitmap map{blocks, true};
+    map.clear(5500);
+    target.closed = true;
+    auto done = begin(std::move(map), 8, 4 << 20);
+    overwrite(5000, 1);
+    for (const std::uint32_t block : {0u, 5000u, 5500u}) {
+        driver.saveStray(block);
+        const auto end = Clock::now() + 20s;
+        while (driver.cached() != 0 && Clock::now() < end)
+            std::this_thread::sleep_for(100us);
+        EXPECT_EQ(driver.cached(), 0u) << block;
+    }
+    target.closed = false;
+    done.get();
+    std::uint32_t stored = 0;
+    for (const auto& run : target.runs)
+        stored += run.count;
+    EXPECT_EQ(stored, blocks - 1);
+    auto expected = driver.frozen();
+    std::fill_n(expected.begin() + std::ptrdiff_t{5500} * block_size, block_size, std::byte{0});
+    EXPECT_EQ(target.image, expected);
+}
+
 TEST_F(TransferOf, ASignalEndsItWhileTheTargetHangs)
 {
     target.closed = true;
@@ -220,6 +245,17 @@ TEST(DrainedBlocks, OnlyARunThatEndsRightBeforeIsTheOneBefore)
     EXPECT_EQ(drained.before(5), (Bitmap::Run{3, 2}));
     EXPECT_EQ(drained.before(6), std::nullopt);
     EXPECT_EQ(drained.before(3), std::nullopt);
+}
+
+TEST(DrainedBlocks, HoldEachBlockOfARun)
+{
+    Progress progress{Progress::Style::none};
+    DrainedBlocks drained{block_size, 1 << 20, {}, progress};
+    drained.put(3, block(1, 2));
+    EXPECT_FALSE(drained.holds(2));
+    EXPECT_TRUE(drained.holds(3));
+    EXPECT_TRUE(drained.holds(4));
+    EXPECT_FALSE(drained.holds(5));
 }
 
 TEST(DrainedBlocks, MemoryThatWasGivenBackCountsAgain)
