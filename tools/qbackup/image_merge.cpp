@@ -13,7 +13,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <deque>
 #include <memory>
+#include <utility>
 
 namespace qbackup
 {
@@ -86,13 +88,88 @@ void put(ImageWriter& writer, const LayerReader::Piece& piece)
         writer.put(piece.offset, piece.data);
 }
 
+// The cells of an image of which other layers have a part: read before their turn comes, but for those that they have whole.
+class CellsAhead
+{
+  public:
+    // `sums`: of the layers, the newest first. `image` is used by at() alone, and ends before this.
+    CellsAhead(OpenImage& image, std::vector<std::unique_ptr<SumsReader>> sums, std::uint64_t end)
+        : image_{image}, end_{end}, pieces_{std::move(sums)}, piece_{pieces_.next()}
+    {
+    }
+
+    // What the image has in a cell, until the next call; empty when nothing of that is left. Cells are asked for in ascending
+    // order.
+    std::span<const std::byte> at(std::uint64_t cell)
+    {
+        while (!requests_.empty() && requests_.front().cell < cell)
+            done();
+        while (requests_.size() < most && askNext()) {
+        }
+        if (requests_.empty() || requests_.front().cell != cell)
+            throw Failure{Exit::failed, "internal error: the sums of the layers do not tell of byte " + std::to_string(cell)};
+        Request& request = requests_.front();
+        if (!std::exchange(request.is_there, true))
+            image_.wait(request.number);
+        return request.data;
+    }
+
+  private:
+    static constexpr std::size_t most = 32;
+    struct Request {
+        std::uint64_t cell;
+        std::vector<std::byte> data;
+        std::int64_t number = 0;
+        bool is_there = false;
+    };
+
+    void done()
+    {
+        if (!requests_.front().is_there)
+            image_.wait(requests_.front().number);
+        requests_.pop_front();
+    }
+
+    // Whether there is one.
+    bool askNext()
+    {
+        if (!piece_)
+            return false;
+        const std::uint64_t cell = piece_->offset - piece_->offset % cell_bytes;
+        const std::uint64_t size = std::min<std::uint64_t>(cell_bytes, end_ - cell);
+        std::uint64_t covered = 0;
+        while (piece_ && piece_->offset < cell + size) {
+            const std::uint64_t part = std::min<std::uint64_t>(piece_->bytes, cell + size - piece_->offset);
+            covered += part;
+            if (part == piece_->bytes)
+                piece_ = pieces_.next();
+            else
+                piece_ = cut(*piece_, part, piece_->bytes - part);
+        }
+        Request& request = requests_.emplace_back(Request{cell, {}, 0, covered == size});
+        if (covered < size) {
+            request.data.resize(size);
+            request.number = image_.read(cell, request.data);
+        }
+        return true;
+    }
+
+    OpenImage& image_;
+    std::uint64_t end_; // of the last block
+    Merged<std::unique_ptr<SumsReader>, LayerPiece> pieces_;
+    std::optional<LayerPiece> piece_; // what is left of the one that is next
+    std::deque<Request> requests_;    // a deque: the data stays where it is
+};
+
 // The sums of a full image as they will be when other layers have been written into it. Of the image only the cells are
 // read of which others have a part.
 class SumsOfMerged
 {
   public:
-    SumsOfMerged(const fs::path& image, SumsReader sums, const fs::path& result, std::uint64_t end)
-        : image_path_{image}, end_{end}, old_{std::move(sums)}, image_{image, OpenImage::For::reading}, result_{result}, cell_(cell_bytes)
+    // `layers`: the sums of those that are written into it, the newest first.
+    SumsOfMerged(const fs::path& image, SumsReader sums, std::vector<std::unique_ptr<SumsReader>> layers, const fs::path& result, std::uint64_t end)
+        : image_path_{image}, end_{end}, old_{std::move(sums)}, ahead_{image_, std::move(layers), end}, image_{image, OpenImage::For::reading},
+          result_{result}, cell_(cell_bytes)
     {
         record_ = old_.next();
     }
@@ -106,7 +183,7 @@ class SumsOfMerged
             const std::uint64_t part = std::min(stop, cell + cell_bytes) - at;
             if (!open_ || cell != cell_at_) {
                 closeCell();
-                openCell(cell, part == sizeOf(cell));
+                openCell(cell);
             }
             const auto to = cell_.begin() + static_cast<std::ptrdiff_t>(at - cell);
             if (piece.data.empty())
@@ -153,18 +230,19 @@ class SumsOfMerged
         return piece;
     }
 
-    void openCell(std::uint64_t cell, bool all_of_it)
+    void openCell(std::uint64_t cell)
     {
         passOn(cell);
         open_ = true;
         cell_at_ = cell;
         std::fill(cell_.begin(), cell_.end(), std::byte{0});
+        const std::span<const std::byte> before = ahead_.at(cell);
         while (record_ && record_->offset < cell + sizeOf(cell)) {
             const LayerPiece piece = takeUpTo(cell + sizeOf(cell));
-            if (piece.zeros || all_of_it)
+            if (piece.zeros || before.empty())
                 continue;
-            const auto data = std::span{cell_}.subspan(piece.offset - cell, piece.bytes);
-            image_.wait(image_.read(piece.offset, data));
+            const auto data = before.subspan(piece.offset - cell, piece.bytes);
+            std::copy(data.begin(), data.end(), cell_.begin() + static_cast<std::ptrdiff_t>(piece.offset - cell));
             if (!XXH128_isEqual(XXH3_128bits(data.data(), data.size()), piece.hash))
                 throw Failure{Exit::damaged, image_path_.string() + " is damaged between byte " + std::to_string(piece.offset) + " and byte " +
                                                  std::to_string(piece.offset + piece.bytes) + " of the disk"};
@@ -218,7 +296,8 @@ class SumsOfMerged
     std::uint64_t end_; // of the last block
     SumsReader old_;
     std::optional<LayerPiece> record_; // what is left of the one that is next
-    OpenImage image_;
+    CellsAhead ahead_;
+    OpenImage image_; // behind what it reads into: ends before that goes
     SumsWriter result_;
     std::vector<std::byte> cell_; // as it will be
     std::uint64_t cell_at_ = 0;
@@ -246,7 +325,10 @@ void prepare(const fs::path& folder, const std::vector<StoredBackup>& run, Journ
         }
     };
     if (journal.intoFull) {
-        SumsOfMerged sums{oldest.path, SumsReader{besides(oldest, sums_end), oldest.manifest.sumsHash}, madeFile(folder, sums_end),
+        std::vector<std::unique_ptr<SumsReader>> layers;
+        for (std::size_t i = journal.layers.size(); i-- > 1;)
+            layers.push_back(std::make_unique<SumsReader>(fileOf(folder, journal.layers[i].id, sums_end), journal.layers[i].sumsHash));
+        SumsOfMerged sums{oldest.path, SumsReader{besides(oldest, sums_end), oldest.manifest.sumsHash}, std::move(layers), madeFile(folder, sums_end),
                           std::uint64_t{manifest.blocks} * manifest.blockSize};
         each(merged(folder, journal, 1), [&](const LayerReader::Piece& piece) { sums.add(piece); });
         const auto result = sums.finish();

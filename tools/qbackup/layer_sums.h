@@ -28,6 +28,12 @@ struct LayerPiece {
     XXH128_hash_t hash{}; // of data
 };
 
+// The part of a piece from byte `from` of it on; its hash is not known.
+inline LayerPiece cut(const LayerPiece& piece, std::uint64_t from, std::uint64_t bytes)
+{
+    return {piece.offset + from, static_cast<std::uint32_t>(bytes), piece.zeros};
+}
+
 class SumsWriter
 {
   public:
