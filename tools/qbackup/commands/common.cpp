@@ -42,12 +42,20 @@ Host hostCalled(const std::string& name)
     return host;
 }
 
-void addWait(CLI::App& command, std::uint64_t& seconds)
+CLI::Option* addWait(CLI::App& command, std::uint64_t& seconds)
 {
-    command.add_option("--wait", seconds, "Seconds to wait for another run to end (without a number: a day)")
+    return command.add_option("--wait", seconds, "Seconds to wait for another run to end (without a number: a day)")
         ->expected(0, 1)
         ->default_str("86400")
         ->check(CLI::Range(0u, 1000000000u));
+}
+
+CLI::Option* addMode(CLI::App& command, Wanted& wanted)
+{
+    return command.add_option("--mode", wanted, "auto, full or inc; inc and auto take a full backup when they must")
+        ->transform(CLI::Transformer{wanted_modes})
+        ->type_name("MODE")
+        ->default_str("auto");
 }
 
 void addAt(CLI::App& command, std::string& at)

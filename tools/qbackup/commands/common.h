@@ -2,6 +2,7 @@
 // What several subcommands need: options that mean the same everywhere, and the way to the control device.
 #pragma once
 
+#include "backup_options.h"
 #include "client/control_device.h"
 #include "file_lock.h"
 #include "files.h"
@@ -24,7 +25,9 @@ quendrel::ControlDevice openControl(const fs::path& control);
 Host hostCalled(const std::string& name);
 
 // --wait SECONDS, for another run to end.
-void addWait(CLI::App& command, std::uint64_t& seconds);
+CLI::Option* addWait(CLI::App& command, std::uint64_t& seconds);
+// --mode of a backup.
+CLI::Option* addMode(CLI::App& command, Wanted& wanted);
 // --at ID|TIME, of several backups in --from.
 void addAt(CLI::App& command, std::string& at);
 

@@ -57,15 +57,20 @@ int reportFailure(bool as_json, int code, const std::string& text)
     return code;
 }
 
-int reportCurrentFailure(bool as_json)
+int attempt(bool as_json, const std::function<int()>& work)
 try {
-    throw;
+    return work();
 } catch (const Interrupted&) {
     throw;
 } catch (const Failure& failure) {
     return reportFailure(as_json, failure.exitCode(), failure.what());
 } catch (const std::exception& error) {
     return reportFailure(as_json, static_cast<int>(Exit::failed), error.what());
+}
+
+int ofBoth(int first, int second)
+{
+    return first == 0 || (first == static_cast<int>(Exit::warned) && second != 0) ? second : first;
 }
 
 void finishOutput()

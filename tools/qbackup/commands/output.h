@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <functional>
 #include <string>
 
 namespace qbackup
@@ -19,8 +20,11 @@ void printLine(const StoredBackup& backup);
 
 // Tells of a failure on standard error, and with --json on standard output too. Its exit code.
 int reportFailure(bool json, int code, const std::string& text);
-// The same of what is being thrown, called in a handler. A signal that ends the program is thrown on.
-int reportCurrentFailure(bool json);
+// What `work` gives, or the exit code of the failure that it ends with, which is told. A signal that ends the program is
+// thrown on.
+int attempt(bool json, const std::function<int()>& work);
+// The exit code of two things that were done: a failure's goes before a warning's, and the first one's before the second's.
+int ofBoth(int first, int second);
 // What was printed has arrived; Failure when it has not.
 void finishOutput();
 

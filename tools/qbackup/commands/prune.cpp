@@ -2,12 +2,11 @@
 #include "command.h"
 
 #include "common.h"
+#include "dropped.h"
 #include "output.h"
-#include "prune.h"
 #include "repository.h"
 
 #include <cstdint>
-#include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
@@ -31,26 +30,12 @@ int prune(const Context& context, const Options& options)
     Progress progress{Progress::styleFor(context.quiet)};
     const Patience patience{std::chrono::seconds{options.wait}, &context.stop};
     int exit = 0;
-    for (const fs::path& folder : findRepositories(options.from)) {
-        std::vector<Choice> choices;
-        // What goes wrong with one device is no reason to keep everything of the others.
-        try {
-            choices = pruneBackups(folder, options.rules, options.dryRun, patience, progress, context.stop);
-        } catch (...) {
-            const int code = reportCurrentFailure(context.json);
-            exit = exit == 0 ? code : exit;
-        }
-        for (const Choice& choice : choices) {
-            const bool kept = !choice.reasons.empty();
-            std::string reasons;
-            for (const std::string& reason : choice.reasons)
-                reasons += (reasons.empty() ? "" : ", ") + reason;
-            if (context.json)
-                print({{"ok", true}, {"id", choice.backup.manifest.id}, {"path", choice.backup.path.string()}, {"kept", kept}, {"reasons", choice.reasons}, {"dryRun", options.dryRun}});
-            else
-                std::printf("%-10s %s%s\n", kept ? "keep" : options.dryRun ? "would drop" : "dropped", choice.backup.path.c_str(), kept ? ("  (" + reasons + ")").c_str() : "");
-        }
-    }
+    // What goes wrong with one device is no reason to keep everything of the others.
+    for (const fs::path& folder : findRepositories(options.from))
+        exit = ofBoth(exit, attempt(context.json, [&] {
+            tell(context, pruneBackups(folder, options.rules, options.dryRun, patience, progress, context.stop), options.dryRun);
+            return 0;
+        }));
     return exit;
 }
 
