@@ -39,6 +39,28 @@ struct SpawnSettings {
     posix_spawnattr_t attributes;
 };
 
+// This program's environment with that over it.
+std::vector<std::string> environmentWith(const std::map<std::string, std::string>& more)
+{
+    std::vector<std::string> all;
+    for (char** entry = environ; *entry != nullptr; ++entry)
+        if (const std::string text = *entry; !more.contains(text.substr(0, text.find('='))))
+            all.push_back(text);
+    for (const auto& [name, value] : more)
+        all.push_back(name + "=" + value);
+    return all;
+}
+
+// As exec() wants it.
+std::vector<char*> pointersTo(const std::vector<std::string>& words)
+{
+    std::vector<char*> pointers;
+    for (const std::string& word : words)
+        pointers.push_back(const_cast<char*>(word.c_str()));
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
 std::string readFrom(int fd)
 {
     const off_t size = ::lseek(fd, 0, SEEK_END);
@@ -55,31 +77,9 @@ ChildProcess::ChildProcess(const std::vector<std::string>& words, const std::str
 {
     if (!output_ || !errors_)
         throw Failure{Exit::failed, "cannot start " + words[0] + ": " + errnoText(errno)};
-    SpawnSettings settings;
-    ::posix_spawn_file_actions_addopen(&settings.actions, 0, "/dev/null", O_RDONLY, 0);
-    ::posix_spawn_file_actions_adddup2(&settings.actions, output_.get(), 1);
-    ::posix_spawn_file_actions_adddup2(&settings.actions, errors_.get(), 2);
-    if (inherited >= 0)
-        ::posix_spawn_file_actions_adddup2(&settings.actions, inherited, 3);
-    // A group of its own: what ends this program from a terminal is for this program to pass on. Signals as they are at the
-    // start of any program.
-    ::posix_spawnattr_setflags(&settings.attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    sigset_t none;
-    ::sigemptyset(&none);
-    ::posix_spawnattr_setsigmask(&settings.attributes, &none);
-    sigset_t defaults;
-    ::sigemptyset(&defaults);
-    ::sigaddset(&defaults, SIGPIPE);
-    ::posix_spawnattr_setsigdefault(&settings.attributes, &defaults);
-    std::vector<char*> arguments;
-    for (const std::string& word : words)
-        arguments.push_back(const_cast<char*>(word.c_str()));
-    arguments.push_back(nullptr);
-    const int error =
-        ::posix_spawnp(&pid_, arguments[0], &settings.actions, &settings.attributes, arguments.data(), environ);
+    const int error = spawn(pid_, words, {output_.get(), errors_.get(), inherited});
     if (error == 0)
         return;
-    pid_ = -1;
     if (error == ENOENT)
         throw Failure{Exit::refused, words[0] + " is not installed; install the package " + package};
     throw Failure{Exit::failed, "cannot start " + words[0] + ": " + errnoText(error)};
@@ -139,6 +139,31 @@ std::vector<std::string> withSocket(const std::vector<std::string>& words)
                                  "[ \"$PPID\" = \"$1\" ] && shift && LISTEN_FDS=1 LISTEN_PID=$$ exec \"$@\"", "sh", std::to_string(::getpid())};
     all.insert(all.end(), words.begin(), words.end());
     return all;
+}
+
+int spawn(pid_t& pid, const std::vector<std::string>& words, const Streams& streams,
+          const std::map<std::string, std::string>& environment)
+{
+    SpawnSettings settings;
+    ::posix_spawn_file_actions_addopen(&settings.actions, 0, "/dev/null", O_RDONLY, 0);
+    ::posix_spawn_file_actions_adddup2(&settings.actions, streams.output, 1);
+    ::posix_spawn_file_actions_adddup2(&settings.actions, streams.errors, 2);
+    if (streams.inherited >= 0)
+        ::posix_spawn_file_actions_adddup2(&settings.actions, streams.inherited, 3);
+    ::posix_spawnattr_setflags(&settings.attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::posix_spawnattr_setsigmask(&settings.attributes, &none);
+    sigset_t defaults;
+    ::sigemptyset(&defaults);
+    ::sigaddset(&defaults, SIGPIPE);
+    ::posix_spawnattr_setsigdefault(&settings.attributes, &defaults);
+    const std::vector<std::string> all = environmentWith(environment);
+    const int error = ::posix_spawnp(&pid, words[0].c_str(), &settings.actions, &settings.attributes, pointersTo(words).data(),
+                                     pointersTo(all).data());
+    if (error != 0)
+        pid = -1;
+    return error;
 }
 
 bool isInstalled(const std::string& program)

@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,16 @@ class ChildProcess
 // The command that has a program find the listening socket that it inherits as descriptor 3, as one does that a service
 // manager hands its socket. It is killed when the thread ends that has started it.
 std::vector<std::string> withSocket(const std::vector<std::string>& words);
+
+struct Streams {
+    int output;         // becomes its standard output; its standard input is empty
+    int errors = 2;     // its standard error
+    int inherited = -1; // becomes descriptor 3 there; -1: none
+};
+// Starts a program, looked for in PATH, in a group of its own: what ends this program from a terminal is for this program to
+// pass on. Signals are as at the start of any program. `environment`: beside this program's own. An error number, or 0.
+int spawn(pid_t& pid, const std::vector<std::string>& words, const Streams& streams,
+          const std::map<std::string, std::string>& environment = {});
 
 // Whether a program is to be found in PATH.
 bool isInstalled(const std::string& program);

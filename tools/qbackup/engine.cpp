@@ -187,7 +187,7 @@ class Session
     {
         SnapshotTask task{job_.device.name, manifest_.number, manifest_.blocks, knownKeys(), ledger_ ? &*ledger_ : nullptr,
                           closes_, job_.written, job_.snapshotWatcher};
-        Snapshot taken = job_.apart ? takeSnapshotApart(*device_, task, stop_) : qbackup::takeSnapshot(*device_, task, stop_);
+        Snapshot taken = takeBetweenCalls(task);
         if (job_.apart)
             openLedger(); // as the other process has left it
         manifest_.time = taken.time;
@@ -242,6 +242,22 @@ class Session
             progress_.say("all blocks of " + job_.device.name + " are read, whether its file system uses them or not: " + used.doubt);
         manifest_.unusedBlocks = manifest_.blocks - used.map.count();
         return std::move(used.map);
+    }
+
+    Snapshot takeBetweenCalls(const SnapshotTask& task)
+    {
+        throwIfStopped(stop_);
+        struct Afterwards {
+            ~Afterwards()
+            {
+                if (call)
+                    call();
+            }
+            const std::function<void()>& call;
+        } const afterwards{job_.afterSnapshot};
+        if (job_.beforeSnapshot)
+            job_.beforeSnapshot();
+        return job_.apart ? takeSnapshotApart(*device_, task, stop_) : qbackup::takeSnapshot(*device_, task, stop_);
     }
 
     // Whether all blocks can be compared with the newest backup, so that only those that differ are stored.

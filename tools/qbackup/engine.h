@@ -52,6 +52,11 @@ struct BackupJob {
     std::uint64_t drainBytes = default_drain_bytes; // kept in memory of what is read ahead of its turn
     fs::path spool{};                 // a directory for what is beyond that; empty: it stays in the driver's cache
     std::uint64_t bytesPerSecond = 0; // handed to the repository at most; 0: as fast as it goes
+    // Called immediately before the snapshot, when all else is ready for it, and immediately after it; both by the caller's
+    // process. The first may throw Failure, and no snapshot is taken then; the second may not, and is called whenever the
+    // first one was, whatever came of it and of the snapshot. The driver freezes and thaws between them. Null: none.
+    std::function<void()> beforeSnapshot{};
+    std::function<void()> afterSnapshot{};
     std::function<void(const char* step)> snapshotWatcher{}; // for tests
 };
 

@@ -274,6 +274,86 @@ TEST(Engine, DeviceIsClosedBeforeTheBackupIsMadeDurable)
     machine.backup(Wanted::full, [&](const char*) { EXPECT_FALSE(machine.driver.isOpen()); });
 }
 
+// ---- what the caller does around the snapshot
+
+TEST(Engine, TheCallsStandRightBeforeAndRightBehindTheSnapshot)
+{
+    Machine machine;
+    machine.backup();
+    machine.driver.write(7, 2);
+    machine.driver.clearEvents();
+    BackupJob job = machine.job();
+    Events before, after;
+    job.beforeSnapshot = [&] { before = machine.driver.events(); };
+    job.afterSnapshot = [&] { after = machine.driver.events(); };
+    const auto report = machine.backup({fake::connect(machine.driver), "memory"}, job);
+    EXPECT_EQ(report.backup.manifest.copiedBlocks, 1u);
+    EXPECT_EQ(count(before, "StartBackup"), 1u);
+    EXPECT_EQ(before.back(), "GetState");
+    EXPECT_EQ(count(before, "SnapShot"), 0u);
+    EXPECT_EQ(count(after, "SnapShot"), 1u);
+    EXPECT_EQ(after[before.size()], "SnapShot");
+    EXPECT_EQ(count(after, "LoadBlockMap") + count(after, "map"), 0u);
+}
+
+// Runs a backup with calls around its snapshot that has to fail; which of them were made, and whether there was a snapshot.
+Events callsOf(Machine& machine, const std::function<void()>& before)
+{
+    Events calls;
+    machine.driver.clearEvents();
+    BackupJob job = machine.job();
+    job.beforeSnapshot = [&] {
+        calls.emplace_back("before");
+        before();
+    };
+    job.afterSnapshot = [&] {
+        for (std::size_t i = 0; i < count(machine.driver.events(), "SnapShot"); ++i)
+            calls.emplace_back("snapshot");
+        calls.emplace_back("after");
+    };
+    EXPECT_THROW(machine.backup({fake::connect(machine.driver), "memory"}, job), Failure);
+    EXPECT_FALSE(machine.driver.isOpen());
+    return calls;
+}
+
+TEST(Engine, AFailureOfTheFirstCallIsTheBackupsAndCostsTheNextOneNothing)
+{
+    Machine machine;
+    machine.ledger = machine.directory / "ledger";
+    machine.backup();
+    machine.driver.write(7, 2);
+    EXPECT_EQ(callsOf(machine, [] { throw Failure{Exit::failed, "not now"}; }), (Events{"before", "after"}));
+    EXPECT_EQ(namesIn(machine.repository()).size(), 1u);
+    EXPECT_EQ(machine.backup().backup.manifest.mode, Mode::incremental);
+}
+
+TEST(Engine, TheSecondCallIsMadeWhenTheSnapshotFails)
+{
+    Machine machine;
+    onCommand(machine, QUENDREL_GET_STATE, 2, [&] { machine.driver.fail(QUENDREL_STATE_CACHE_EXHAUSTED); });
+    EXPECT_EQ(callsOf(machine, [] {}), (Events{"before", "snapshot", "after"}));
+}
+
+TEST(Engine, ASignalDuringTheFirstCallEndsTheRunWithoutASnapshot)
+{
+    Machine machine;
+    EXPECT_EQ(callsOf(machine, [&] { machine.stop = SIGTERM; }), (Events{"before", "after"}));
+}
+
+TEST(Engine, NoCallIsMadeWhenTheRunIsToEndAlready)
+{
+    Machine machine;
+    onCommand(machine, QUENDREL_START_BACKUP, 1, [&] { machine.stop = SIGTERM; });
+    EXPECT_EQ(callsOf(machine, [] {}), Events{});
+}
+
+TEST(Engine, NoCallIsMadeForABackupThatIsRefused)
+{
+    Machine machine;
+    machine.driver.mounted = false;
+    EXPECT_EQ(callsOf(machine, [] {}), Events{});
+}
+
 // ---- failures: nothing is kept, and the next backup is full and right
 
 void expectFullNext(Machine& machine)

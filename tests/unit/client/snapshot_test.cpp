@@ -59,6 +59,8 @@ class Apart : public testing::Test
         BackupJob job = machine.job(wanted);
         job.apart = true;
         job.snapshotWatcher = std::move(watcher);
+        job.beforeSnapshot = before;
+        job.afterSnapshot = after;
         try {
             machine.backup(quendrel::ControlDevice{socket.string()}, job);
             return 0;
@@ -83,6 +85,8 @@ class Apart : public testing::Test
 
     Machine machine;
     fs::path socket = machine.directory / "control.sock";
+    std::function<void()> before; // the run's calls around the snapshot
+    std::function<void()> after;
 };
 
 TEST_F(Apart, ABackupIsAsItIsOtherwise)
@@ -107,6 +111,29 @@ TEST_F(Apart, TheSnapshotIsAnotherProcesssAndTheBlocksAreReadByTheRun)
               0);
     EXPECT_EQ(readText(machine.directory / "steps"), "begun apart\nsnapshot apart\nmap apart\nkey apart\nledger apart\n"
                                                      "handed over apart\n");
+}
+
+TEST_F(Apart, TheCallsAroundTheSnapshotAreMadeByTheRun)
+{
+    const auto note = [this](const std::string& what) {
+        std::ofstream{machine.directory / "steps", std::ios::app} << what << (::getsid(0) == ::getpid() ? " apart" : " here") << '\n';
+    };
+    before = [&] { note("before"); };
+    after = [&] { note("after"); };
+    ASSERT_EQ(run(note), 0);
+    EXPECT_EQ(readText(machine.directory / "steps"), "before here\nbegun apart\nsnapshot apart\nmap apart\nkey apart\nledger apart\n"
+                                                     "handed over apart\nafter here\n");
+}
+
+TEST_F(Apart, TheCallBehindTheSnapshotIsMadeWhenItsProcessIsKilled)
+{
+    after = [&] { std::ofstream{machine.directory / "after"}; };
+    EXPECT_EQ(WEXITSTATUS(run([](const char* step) {
+                  if (std::string{step} == "snapshot")
+                      ::raise(SIGKILL);
+              })),
+              1);
+    EXPECT_TRUE(fs::exists(machine.directory / "after"));
 }
 
 class ApartKilledAt : public Apart, public testing::WithParamInterface<const char*>
