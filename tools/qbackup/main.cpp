@@ -29,12 +29,7 @@ void catchSignals()
     for (const int signal : {SIGINT, SIGTERM, SIGHUP})
         sigaction(signal, &action, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
-}
-
-fs::path defaultControl()
-{
-    const char* named = std::getenv("QUENDREL_CONTROL");
-    return named != nullptr && *named != '\0' ? named : "/dev/quendrel";
+    std::signal(SIGCHLD, SIG_DFL); // or nobody could tell how a child has ended
 }
 
 // What is wrong with the command line. A word that is not known goes before one that is missing: it is often the missing
@@ -57,7 +52,7 @@ std::string complaint(const CLI::App* app, const CLI::Error& error)
 constexpr const char* footer =
     "Exit codes: 0 done; 1 failed, nothing half-done is left; 2 bad arguments; 3 refused before\n"
     "anything was started; 4 another backup is running; 5 a stored backup is damaged or its chain\n"
-    "incomplete; 6 done, but a full backup where an incremental one was asked for; 7 there is no\n"
+    "incomplete; 6 done, with a warning; 7 there is no\n"
     "backup where one was looked for; 8 no permission; 128 + n ended by signal n.";
 
 // The command line is what cannot be parsed.
@@ -73,20 +68,21 @@ bool wantsJson(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
-    Context context{.control = defaultControl(), .stop = stop_signal};
+    Context context{.control = "/dev/quendrel", .stop = stop_signal};
     CLI::App app{"Full and incremental backups of block devices that are in use", "qbackup"};
     app.footer(footer);
     app.require_subcommand(1);
     app.fallthrough();
     app.set_version_flag("--version", "qbackup 3.1.0");
-    app.add_option("--control", context.control,
-                   "Control device: device node, or socket of the daemon (default: $QUENDREL_CONTROL, else "
-                   "/dev/quendrel)")
-        ->take_last();
+    const CLI::Option* control = app.add_option("--control", context.control,
+                                                "Control device: device node, or socket of the daemon (default: $QUENDREL_CONTROL, else "
+                                                "/dev/quendrel)")
+                                     ->take_last()
+                                     ->envname("QUENDREL_CONTROL");
     app.add_flag("--json", context.json, "Print each result as a JSON object on a line of its own");
     app.add_flag("-q,--quiet", context.quiet, "No progress on standard error");
 
-    for (const auto add : {addInit, addBackup, addRestore, addServe, addImport, addPrune, addStatus, addVerify, addList})
+    for (const auto add : {addInit, addBackup, addRun, addRestore, addServe, addImport, addPrune, addStatus, addVerify, addList})
         add(app, context);
 
     try {
@@ -96,6 +92,7 @@ int main(int argc, char** argv)
     } catch (const CLI::ParseError& error) {
         return reportFailure(wantsJson(argc, argv), static_cast<int>(Exit::usage), complaint(&app, error));
     }
+    context.controlGiven = control->count() > 0;
     catchSignals();
     try {
         const int exit = context.chosen();

@@ -16,6 +16,7 @@ namespace qbackup
 
 struct Context {
     fs::path control; // device node or socket
+    bool controlGiven = false; // on the command line or in the environment
     bool json = false;
     bool quiet = false;
     const StopSignal& stop;
@@ -27,6 +28,7 @@ void addInit(CLI::App& app, Context& context);
 void addBackup(CLI::App& app, Context& context);
 void addRestore(CLI::App& app, Context& context);
 void addServe(CLI::App& app, Context& context);
+void addRun(CLI::App& app, Context& context);
 void addImport(CLI::App& app, Context& context);
 void addPrune(CLI::App& app, Context& context);
 void addStatus(CLI::App& app, Context& context);

@@ -52,7 +52,8 @@ Repository openTarget(const BackupOptions& options, const DeviceCatalog& catalog
 }
 
 // Backs up one device and tells of it.
-Done backUpOne(const Context& context, const BackupOptions& options, const std::string& name, Progress& progress)
+Done backUpOne(const Context& context, const BackupOptions& options, const std::string& name, Progress& progress,
+               const JobPart& part)
 {
     // First: what is found out behind it is not from before a long wait.
     const Patience patience{std::chrono::seconds{options.wait}, &context.stop};
@@ -91,14 +92,26 @@ Done backUpOne(const Context& context, const BackupOptions& options, const std::
         if (const auto warning = checkSpace(job.device, host, options.target))
             progress.warn(*warning);
 
+    SnapshotCommands commands{part.commands, part.name, name, context.stop};
+    job.beforeSnapshot = [&commands] { commands.before(); };
+    job.afterSnapshot = [&commands, &progress] {
+        commands.after();
+        if (commands.problem())
+            progress.warn(*commands.problem());
+    };
     const BackupReport report = runBackup(openControl(context.control), repository, job, progress, context.stop);
     const Manifest& m = report.backup.manifest;
-    const Exit exit = options.wanted == Wanted::incremental && report.fellBack ? Exit::warned : Exit::ok;
+    const bool otherwise = (options.wanted == Wanted::incremental && report.fellBack) || commands.problem();
+    const Exit exit = otherwise ? Exit::warned : Exit::ok;
     if (context.json) {
         nlohmann::json document = describe(report.backup);
         document["ok"] = true;
         document["exit"] = static_cast<int>(exit);
         document["fellBack"] = report.fellBack;
+        if (!part.name.empty())
+            document["job"] = part.name;
+        if (commands.problem())
+            document["warning"] = *commands.problem();
         document["seconds"] = report.seconds;
         print(document);
     } else {
@@ -111,12 +124,12 @@ Done backUpOne(const Context& context, const BackupOptions& options, const std::
 } // namespace
 
 DeviceBackups backUp(const Context& context, const BackupOptions& options, const std::vector<std::string>& devices,
-                     Progress& progress)
+                     Progress& progress, const JobPart& job)
 {
     DeviceBackups all;
     for (const std::string& name : devices)
         all.exit = ofBoth(all.exit, attempt(context.json, [&] {
-                              const Done done = backUpOne(context, options, name, progress);
+                              const Done done = backUpOne(context, options, name, progress, job);
                               all.folders.push_back(done.folder);
                               return static_cast<int>(done.exit);
                           }));

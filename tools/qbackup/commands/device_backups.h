@@ -4,6 +4,7 @@
 
 #include "backup_options.h"
 #include "command.h"
+#include "snapshot_commands.h"
 
 #include <string>
 #include <vector>
@@ -16,8 +17,14 @@ struct DeviceBackups {
     std::vector<fs::path> folders; // of the devices that have got a backup: where their backups are
 };
 
+// Of a job.
+struct JobPart {
+    std::string name; // empty: there is no job
+    CommandsAround commands;
+};
+
 // One that fails keeps no other from being backed up. Throws Interrupted.
 DeviceBackups backUp(const Context& context, const BackupOptions& options, const std::vector<std::string>& devices,
-                     Progress& progress);
+                     Progress& progress, const JobPart& job = {});
 
 } // namespace qbackup
