@@ -123,21 +123,42 @@ program_is_sound() {
   dpkg-deb -f "$2" Depends | grep -qE '(^|, )libc6 ' || fail "the libraries are not among the dependencies"
 }
 
-tools_package_is_sound() {
-  local deb
+# Sets $deb.
+tools_package() {
   "$top/packaging/build" --only tools --output "$work" --build-dir "$place/build" >"$work/built"
   deb=$(cat "$work/built")
   [ "$deb" = "$work/quendrel_${version}_$(dpkg --print-architecture).deb" ] || fail "packaging/build printed $deb"
   unpack "$deb"
+}
+
+tools_package_is_sound() {
+  local page
+  tools_package
   local tree=$work/tree
   program_is_sound usr/bin/qbackup "$deb"
-  [ -e "$tree/usr/share/man/man1/qbackup.1.gz" ] || fail "the manual page is missing"
+  for page in man1/qbackup.1 man5/qbackup.toml.5; do
+    [ -e "$tree/usr/share/man/$page.gz" ] || fail "the manual page $page is missing"
+  done
   [ ! -e "$tree/usr/sbin" ] || fail "the daemon has a package of its own"
+  # The example can be taken as it is, and all that is commented out in it too, which is all that can be said.
+  local example=$tree/usr/share/doc/quendrel/examples/qbackup.toml key known
+  [ "$("$tree/usr/bin/qbackup" run --list --config "$example")" = \
+    "nightly: /dev/sda1 /dev/vg0/home to /mnt/backups/disks, keeping daily 14, weekly 8, monthly 12" ] || fail "the example cannot be taken"
+  sed -E 's/^#([a-z-]+ = )/\1/' "$example" >"$work/all.toml"
+  "$tree/usr/bin/qbackup" run --list --config "$work/all.toml" >/dev/null || fail "what is commented out in the example cannot be taken"
+  { cat "$work/all.toml" && echo 'nonsense = 1'; } >"$work/more.toml"
+  known=$("$tree/usr/bin/qbackup" run --list --config "$work/more.toml" 2>&1 | sed -nE 's/.*known are (.*)/\1/p') || true
+  [ -n "$known" ] || fail "a key that is not known is taken"
+  for key in ${known//,/}; do
+    [ "$(grep -cE "^$key = " "$work/all.toml")" = 1 ] || fail "the example says nothing of $key"
+    man -l "$top/docs/qbackup.toml.5" | grep -qE "^ +$key = " || fail "the manual page says nothing of $key"
+  done
+  ! grep -qE 'systemctl.* (re)?start|systemctl.* enable|invoke-rc' "$work"/control/p* || fail "a maintainer script starts something"
   # Completion offers every option that the program has, and none that it has not.
   local command offered known
   # shellcheck disable=SC1091
   . "$tree/usr/share/bash-completion/completions/qbackup"
-  for command in init backup restore serve prune import status verify list; do
+  for command in init backup run restore serve prune import status verify list; do
     COMP_WORDS=(qbackup "$command" --) COMP_CWORD=2 COMPREPLY=()
     _qbackup
     offered=$(printf '%s\n' "${COMPREPLY[@]}" | grep -vxE -- '--(control|json|quiet|help)' | sort)
@@ -177,18 +198,42 @@ daemon_package_is_sound() {
     fail "a maintainer script starts or stops something"
 }
 
-# Reads the unit as systemd does. EXPOSURE is what systemd-analyze makes of its confinement, in tenths of 0 (best) to 10.
-unit_of_the_daemon_is_sound() {
+# units_are_sound MOST UNIT...: reads units of the package that is unpacked as systemd does. MOST is what systemd-analyze may make
+# of their services' exposure, in tenths of 0 (best) to 10.
+units_are_sound() {
   command -v systemd-analyze >/dev/null || { echo "systemd-analyze is missing" && exit 77; }
-  daemon_package
-  local unit=$work/tree/lib/systemd/system/quendreld@.service root=$work/root exposure
+  local most=$1 root=$work/root units=$work/root/lib/systemd/system unit exposure
+  shift
   # Names of other units and of the manual page are looked up in a root that has them.
   mkdir -p "$root/usr" && cp -a "$work/tree/." "$root/"
-  sed -i "s|^\(Exec[A-Za-z]*=-*\)/usr|\1$root/usr|; /^Documentation=/d" "$root/lib/systemd/system/quendreld@.service"
-  systemd-analyze verify --man=no "$root/lib/systemd/system/quendreld@.service" >"$work/log" 2>&1 || fail "systemd-analyze: $(cat "$work/log")"
-  ! grep -F quendreld "$work/log" || fail "the lines above are systemd's"
-  exposure=$(systemd-analyze security --offline=true --no-pager "$unit" | sed -nE 's/.*Overall exposure level.*: ([0-9]+)\.([0-9]+) .*/\1\2/p')
-  [ -n "$exposure" ] && [ "$((10#$exposure))" -le 40 ] || fail "the unit is exposed by ${exposure:-?}/10, more than 4.0"
+  for unit; do
+    sed -i "s|^\(Exec[A-Za-z]*=-*\)/usr|\1$root/usr|; /^Documentation=/d" "$units/$unit"
+    systemd-analyze verify --man=no "$units/$unit" >"$work/log" 2>&1 || fail "systemd-analyze: $(cat "$work/log")"
+    ! grep -F "${unit%@*}" "$work/log" || fail "the lines above are systemd's"
+    [[ $unit = *.service ]] || continue
+    exposure=$(systemd-analyze security --offline=true --no-pager "$work/tree/lib/systemd/system/$unit" |
+      sed -nE 's/.*Overall exposure level.*: ([0-9]+)\.([0-9]+) .*/\1\2/p')
+    [ -n "$exposure" ] && [ "$((10#$exposure))" -le "$most" ] || fail "$unit is exposed by ${exposure:-?}/10, more than $most"
+  done
+}
+
+unit_of_the_daemon_is_sound() {
+  daemon_package
+  units_are_sound 40 quendreld@.service
+}
+
+# The units that run a job once a day: their command is one that qbackup understands.
+units_of_a_job_are_sound() {
+  tools_package
+  local unit=$work/tree/lib/systemd/system/qbackup@.service command
+  units_are_sound 50 qbackup@.service qbackup@.timer
+  # A service that fails is a failure, but for the exit status of a warning.
+  expect "$unit" '^SuccessExitStatus=6$'
+  expect "${unit%service}timer" '^OnCalendar=daily$'
+  printf '[job.nightly]\ndevices = ["sda1"]\ntarget = "/nonexistent"\n' >"$work/qbackup.toml"
+  command=$(sed -n 's/^ExecStart=//p' "$unit" | sed "s|%i|nightly|; s|^|$work/tree|")
+  QBACKUP_CONFIG=$work/qbackup.toml QUENDREL_CONTROL=/nonexistent/control $command >"$work/log" 2>&1 && fail "it runs without a driver"
+  expect "$work/log" '^qbackup: there is no control device at /nonexistent/control'
 }
 
 # What is in a root file system with both library packages is all that a program needs to be made, and to run.
