@@ -32,5 +32,6 @@ void addPrune(CLI::App& app, Context& context);
 void addStatus(CLI::App& app, Context& context);
 void addVerify(CLI::App& app, Context& context);
 void addList(CLI::App& app, Context& context);
+void addShow(CLI::App& app, Context& context);
 
 } // namespace qbackup
