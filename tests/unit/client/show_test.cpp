@@ -80,4 +80,43 @@ TEST_F(Show, WithABrokenChainItIsDamaged)
     EXPECT_EQ(call({"show", target}).code, 5);
 }
 
+using Diff = Show;
+
+TEST_F(Diff, NamesTheRangesOfTwoIdsOfAFolder)
+{
+    const json a = image();
+    machine.driver.write(17, 2);
+    const json b = image();
+    const Result result = call({"diff", a["id"], b["id"], "--from", target, "--ranges", "--json"});
+    ASSERT_EQ(result.code, 0) << result.err;
+    ASSERT_EQ(result.lines().size(), 2u);
+    EXPECT_EQ(result.lines()[0], (json{{"offset", 17 * 1024}, {"bytes", 1024}}));
+    EXPECT_EQ(result.lines()[1]["differentBytes"], 1024);
+    EXPECT_EQ(result.lines()[1]["ranges"], 1);
+}
+
+TEST_F(Diff, OfPathsDrawsTheDisk)
+{
+    const json a = image();
+    machine.driver.write(0, 2);
+    const json b = image();
+    const Result result = call({"diff", a["path"], b["path"]});
+    ASSERT_EQ(result.code, 0) << result.err;
+    EXPECT_NE(result.out.find(" differ in 1.0 KiB of 2.9 MiB, in 1 range\n"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("\n       0 B  -......"), std::string::npos) << result.out;
+}
+
+TEST_F(Diff, OfOneBackupWithItselfSaysThatTheyAreTheSame)
+{
+    const json a = image();
+    const Result result = call({"diff", a["path"], a["path"]});
+    EXPECT_EQ(result.code, 0);
+    EXPECT_NE(result.out.find(" show the same 2.9 MiB\n"), std::string::npos) << result.out;
+}
+
+TEST_F(Diff, OfWhatIsNotThereSaysSo)
+{
+    EXPECT_EQ(call({"diff", target / "tern/sda1/000009-20261121T111641Z", target}).code, 7);
+}
+
 } // namespace

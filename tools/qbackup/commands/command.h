@@ -33,5 +33,6 @@ void addStatus(CLI::App& app, Context& context);
 void addVerify(CLI::App& app, Context& context);
 void addList(CLI::App& app, Context& context);
 void addShow(CLI::App& app, Context& context);
+void addDiff(CLI::App& app, Context& context);
 
 } // namespace qbackup
