@@ -119,4 +119,78 @@ TEST_F(Diff, OfWhatIsNotThereSaysSo)
     EXPECT_EQ(call({"diff", target / "tern/sda1/000009-20261121T111641Z", target}).code, 7);
 }
 
+using Devices = Program;
+
+TEST_F(Devices, AreThoseOfTheDaemonWithWhatIsKnownOfTheirTracking)
+{
+    json before = call({"devices", "--json"}).lines().at(1);
+    EXPECT_EQ(before["name"], "sda1");
+    EXPECT_EQ(before["number"], "8:1");
+    EXPECT_EQ(before["type"], "ext4");
+    EXPECT_EQ(before["tracked"], false);
+    EXPECT_FALSE(before.contains("lastSnapshot"));
+    const json taken = backup().document();
+    const json after = call({"devices", "--json"}).lines().at(1);
+    EXPECT_EQ(after["tracked"], true);
+    EXPECT_EQ(after["lastSnapshot"].get<std::string>().substr(0, 10), taken["time"].get<std::string>().substr(0, 10));
+}
+
+TEST_F(Devices, ThatCannotBeBackedUpSayWhy)
+{
+    const json whole = call({"devices", "--json"}).lines().at(0);
+    EXPECT_EQ(whole["name"], "sda");
+    EXPECT_NE(whole["problem"].get<std::string>().find("whole disk with partitions"), std::string::npos);
+}
+
+TEST_F(Devices, AreShownWhileABackupRunsAndTheDriverIsNotAsked)
+{
+    holdAtRead(2);
+    const pid_t running = spawn({"backup", "--device", "sda1", "--to", machine.directory.path()});
+    waitHeld();
+    const int before = server.connections;
+    EXPECT_EQ(call({"devices"}).code, 0);
+    EXPECT_EQ(call({"ledger"}).code, 0);
+    EXPECT_EQ(server.connections, before);
+    release();
+    EXPECT_EQ(wait(running).code, 0);
+}
+
+TEST_F(Devices, WhoseInstanceIsAnotherAreNotTracked)
+{
+    ASSERT_EQ(backup().code, 0);
+    std::string disks = readText(run / "disks.json");
+    disks.insert(disks.find("\"name\":\"sda1\""), "\"instance\":\"another\",");
+    std::ofstream{run / "disks.json"} << disks;
+    EXPECT_EQ(call({"devices", "--json"}).lines().at(1)["tracked"], false);
+    EXPECT_EQ(call({"ledger", "--json"}).document()["goesOn"], false);
+}
+
+using LedgerShown = Program;
+
+TEST_F(LedgerShown, HasAnEntryForEachSnapshotWithWhatHasChanged)
+{
+    EXPECT_EQ(call({"ledger", "--json"}).out, "");
+    ASSERT_EQ(backup().code, 0);
+    machine.driver.write(17, 2);
+    machine.driver.write(20, 2);
+    ASSERT_EQ(backup().code, 0);
+    machine.driver.write(21, 2);
+    const json last = backup().document();
+    const Result shown = call({"ledger", "--json"});
+    ASSERT_EQ(shown.code, 0) << shown.err;
+    const json document = shown.document();
+    EXPECT_EQ(document["device"], "sda1");
+    EXPECT_EQ(document["goesOn"], true);
+    ASSERT_EQ(document["entries"].size(), 2u);
+    EXPECT_EQ(document["entries"][0]["changedBlocks"], 2);
+    EXPECT_EQ(document["entries"][1]["changedBlocks"], 1);
+    EXPECT_EQ(document["entries"][0]["to"], document["entries"][1]["from"]);
+    EXPECT_EQ(document["entries"][1]["to"], document["newest"]);
+    EXPECT_EQ(document["newest"], call({"show", last["path"], "--json"}).document()["trackingKey"]);
+    EXPECT_EQ(document["entries"][1]["time"].get<std::string>().size(), 20u);
+    EXPECT_GT(document["entries"][1]["bytes"], 0);
+    EXPECT_NE(call({"ledger", "--device", "sda1"}).out.find("2 of 2999 blocks changed"), std::string::npos);
+    EXPECT_NE(call({"ledger", "--device", "sda"}).out.find("no snapshot of sda is known"), std::string::npos);
+}
+
 } // namespace

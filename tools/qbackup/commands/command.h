@@ -34,5 +34,7 @@ void addVerify(CLI::App& app, Context& context);
 void addList(CLI::App& app, Context& context);
 void addShow(CLI::App& app, Context& context);
 void addDiff(CLI::App& app, Context& context);
+void addDevices(CLI::App& app, Context& context);
+void addLedger(CLI::App& app, Context& context);
 
 } // namespace qbackup
