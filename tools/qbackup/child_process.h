@@ -44,6 +44,9 @@ class ChildProcess
 // manager hands its socket. It is killed when the thread ends that has started it.
 std::vector<std::string> withSocket(const std::vector<std::string>& words);
 
+// A command that is killed when the thread ends that has started it.
+std::vector<std::string> endingWithThis(const std::vector<std::string>& words);
+
 // Whether a program is to be found in PATH.
 bool isInstalled(const std::string& program);
 

@@ -36,5 +36,7 @@ void addShow(CLI::App& app, Context& context);
 void addDiff(CLI::App& app, Context& context);
 void addDevices(CLI::App& app, Context& context);
 void addLedger(CLI::App& app, Context& context);
+void addMount(CLI::App& app, Context& context);
+void addUmount(CLI::App& app, Context& context);
 
 } // namespace qbackup
