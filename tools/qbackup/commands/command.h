@@ -38,6 +38,7 @@ void addDevices(CLI::App& app, Context& context);
 void addLedger(CLI::App& app, Context& context);
 void addMount(CLI::App& app, Context& context);
 void addUmount(CLI::App& app, Context& context);
+void addReport(CLI::App& app, Context& context);
 void addCompletion(CLI::App& app, Context& context);
 
 } // namespace qbackup

@@ -6,6 +6,7 @@
 #include "file_lock.h"
 #include "files.h"
 #include "image_repository.h"
+#include "prune.h"
 
 #include <CLI/CLI.hpp>
 
@@ -25,6 +26,8 @@ Host hostCalled(const std::string& name);
 
 // --wait SECONDS, for another run to end.
 void addWait(CLI::App& command, std::uint64_t& seconds);
+// --keep-last N and the others.
+void addKeepRules(CLI::App& command, KeepRules& rules);
 // --at ID|TIME, of several backups in --from.
 void addAt(CLI::App& command, std::string& at);
 
