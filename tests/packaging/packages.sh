@@ -158,13 +158,16 @@ tools_package_is_sound() {
   local command offered known
   # shellcheck disable=SC1091
   . "$tree/usr/share/bash-completion/completions/qbackup"
-  for command in init backup run restore serve prune import status verify list; do
+  for command in $("$tree/usr/bin/qbackup" --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z]\+\) .*/\1/p'); do
     COMP_WORDS=(qbackup "$command" --) COMP_CWORD=2 COMPREPLY=()
     _qbackup
     offered=$(printf '%s\n' "${COMPREPLY[@]}" | grep -vxE -- '--(control|json|quiet|help)' | sort)
     known=$("$tree/usr/bin/qbackup" "$command" --help | grep -oE '^ +(-[a-z], ?)?--[a-z-]+' | grep -oE -- '--[a-z-]+' | grep -vxE -- '--help' | sort)
     [ "$offered" = "$known" ] || fail "$command has the options $known and completion offers $offered"
   done
+  [ "$command" = completion ] || fail "the list of subcommands was not read"
+  [ -s "$tree/usr/share/zsh/vendor-completions/_qbackup" ] || fail "zsh has no completion"
+  [ -s "$tree/usr/share/fish/vendor_completions.d/qbackup.fish" ] || fail "fish has no completion"
 }
 
 daemon_package() {

@@ -131,15 +131,24 @@ std::string ChildProcess::said() const
     return last.empty() ? "it said nothing" : last;
 }
 
-std::vector<std::string> withSocket(const std::vector<std::string>& words)
+namespace
+{
+
+// `settings`: of the environment.
+std::vector<std::string> guarded(const std::string& settings, const std::vector<std::string>& words)
 {
     // It ends with this program even if it has not heard of a client yet: nobody else would end it. Only then is it looked
     // whether that has ended already.
     std::vector<std::string> all{"setpriv", "--pdeathsig", "KILL", "--", "sh", "-c",
-                                 "[ \"$PPID\" = \"$1\" ] && shift && LISTEN_FDS=1 LISTEN_PID=$$ exec \"$@\"", "sh", std::to_string(::getpid())};
+                                 "[ \"$PPID\" = \"$1\" ] && shift && " + settings + "exec \"$@\"", "sh", std::to_string(::getpid())};
     all.insert(all.end(), words.begin(), words.end());
     return all;
 }
+
+} // namespace
+
+std::vector<std::string> withSocket(const std::vector<std::string>& words) { return guarded("LISTEN_FDS=1 LISTEN_PID=$$ ", words); }
+std::vector<std::string> endingWithThis(const std::vector<std::string>& words) { return guarded("", words); }
 
 int spawn(pid_t& pid, const std::vector<std::string>& words, const Streams& streams,
           const std::map<std::string, std::string>& environment)

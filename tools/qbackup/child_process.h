@@ -45,6 +45,9 @@ class ChildProcess
 // manager hands its socket. It is killed when the thread ends that has started it.
 std::vector<std::string> withSocket(const std::vector<std::string>& words);
 
+// A command that is killed when the thread ends that has started it.
+std::vector<std::string> endingWithThis(const std::vector<std::string>& words);
+
 struct Streams {
     int output;         // becomes its standard output; its standard input is empty
     int errors = 2;     // its standard error

@@ -3,44 +3,17 @@
 
 #include "data_file.h"
 #include "failure.h"
-#include "image_backup.h"
+#include "layer_sums.h"
 
 #include <algorithm>
 
 namespace qbackup
 {
 
-class Comparison::Sums
-{
-  public:
-    Sums(const fs::path& path, const std::string& hash) : reader_{path, hash} {}
-    std::optional<Known> next()
-    {
-        const auto piece = reader_.next();
-        if (!piece)
-            return std::nullopt;
-        Known known{piece->offset, piece->bytes, piece->zeros, std::nullopt};
-        if (!piece->zeros)
-            known.hash = piece->hash;
-        return known;
-    }
-
-  private:
-    SumsReader reader_;
-};
-
-Comparison::Known cut(const Comparison::Known& piece, std::uint64_t from, std::uint64_t bytes)
-{
-    return {piece.offset + from, bytes, piece.zeros, std::nullopt};
-}
-
 Comparison::Comparison(const Repository& repository, const StoredBackup& earlier)
     : block_size_{earlier.manifest.blockSize}, images_{repository.images(earlier)}, changed_{earlier.manifest.blocks}
 {
-    std::vector<std::unique_ptr<Sums>> sums;
-    for (const StoredBackup& link : repository.chain(earlier))
-        sums.insert(sums.begin(), std::make_unique<Sums>(besides(link, sums_end), link.manifest.sumsHash));
-    known_.emplace(std::move(sums));
+    known_.emplace(mergedExtents(repository.chain(earlier)));
     earlier_.emplace(images_.front(), OpenImage::For::reading, std::span{images_}.subspan(1));
     piece_ = known_->next();
 }
@@ -64,7 +37,7 @@ void Comparison::put(std::uint32_t first, std::span<const std::byte> blocks)
             continue;
         }
         if (now_.empty() && piece_->offset < at)
-            piece_ = Known{at, piece_->offset + piece_->bytes - at, piece_->zeros, std::nullopt};
+            piece_ = Extent{at, piece_->offset + piece_->bytes - at, piece_->zeros, std::nullopt};
         const std::uint64_t rest = piece_->offset + piece_->bytes - at;
         // Zeros may be many, and are compared as they come.
         const std::size_t part = std::min<std::uint64_t>({blocks.size(), rest, piece_->zeros ? cell_bytes : rest});
@@ -84,10 +57,10 @@ void Comparison::put(std::uint32_t first, std::span<const std::byte> blocks)
 // Of the piece only what has come: the rest of it is not known by the piece's hash.
 void Comparison::compareStart()
 {
-    const Known whole = *piece_;
-    piece_ = Known{whole.offset, now_.size(), whole.zeros, std::nullopt};
+    const Extent whole = *piece_;
+    piece_ = Extent{whole.offset, now_.size(), whole.zeros, std::nullopt};
     compare(now_);
-    piece_ = Known{whole.offset + now_.size(), whole.bytes - now_.size(), whole.zeros, std::nullopt};
+    piece_ = Extent{whole.offset + now_.size(), whole.bytes - now_.size(), whole.zeros, std::nullopt};
     now_.clear();
 }
 

@@ -6,8 +6,8 @@
 // replaced a part of what it stands for, the old contents are read.
 #pragma once
 
-#include "image_layer.h"
-#include "merged.h"
+#include "backup_contents.h"
+#include "qemu_image.h"
 #include "repository.h"
 
 #include <memory>
@@ -34,26 +34,17 @@ class Comparison : public BlockSink
     const quendrel::Bitmap& finish();
 
   private:
-    struct Known {
-        std::uint64_t offset = 0;
-        std::uint64_t bytes = 0;
-        bool zeros = false;
-        std::optional<XXH128_hash_t> hash; // of all of it; nothing when a part is gone
-    };
-    class Sums;
-    friend Known cut(const Known& piece, std::uint64_t from, std::uint64_t bytes);
-
     void compare(std::span<const std::byte> now);
     void compareStart();
     void passOn(std::uint64_t offset, std::span<const std::byte> blocks);
 
     std::uint32_t block_size_;
     BlockSink* out_ = nullptr;
-    std::vector<fs::path> images_;                              // the nearest first
-    std::optional<Merged<std::unique_ptr<Sums>, Known>> known_; // what the earlier backup gives
-    std::optional<Known> piece_;                                // the one that the next blocks belong to
+    std::vector<fs::path> images_;       // the nearest first
+    std::optional<MergedExtents> known_; // what the earlier backup gives
+    std::optional<Extent> piece_;        // the one that the next blocks belong to
     std::optional<OpenImage> earlier_;
-    std::vector<std::byte> now_;                                // of that piece, as far as it has come
+    std::vector<std::byte> now_; // of that piece, as far as it has come
     std::vector<std::byte> before_;
     quendrel::Bitmap changed_;
 };

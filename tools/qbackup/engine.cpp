@@ -63,6 +63,8 @@ class Session
         checkStillGood();
         device_.reset(); // ends the driver's part: from here on writes need no copying
         throwIfStopped(stop_);
+        const auto taken = std::chrono::ceil<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begun_);
+        manifest_.seconds = static_cast<double>(taken.count()) / 1000;
         return pending->commit(manifest_, comparison_ ? comparison_->finish() : map, watcher);
     }
 
@@ -366,6 +368,7 @@ class Session
             lost("another program took a snapshot of the device during the backup");
     }
 
+    const std::chrono::steady_clock::time_point begun_ = std::chrono::steady_clock::now();
     std::optional<ControlDevice> device_;
     const Repository& repository_;
     const BackupJob& job_;

@@ -24,20 +24,6 @@ std::vector<std::byte> readChecked(const fs::path& path, const std::string& hash
     return bytes;
 }
 
-// The blocks that the backup contains; checked against the manifest.
-quendrel::Bitmap readMap(const StoredBackup& backup)
-{
-    const fs::path path = backup.path / "map";
-    const std::vector<std::byte> bytes = readChecked(path, backup.manifest.mapHash);
-    quendrel::Bitmap map{backup.manifest.blocks};
-    if (bytes.size() != map.bytes().size())
-        throw Failure{Exit::damaged, path.string() + " is not the map of " + std::to_string(map.blocks()) + " blocks"};
-    std::memcpy(map.bytes().data(), bytes.data(), bytes.size());
-    if (map.count() != backup.manifest.copiedBlocks)
-        throw Failure{Exit::damaged, path.string() + " does not have as many blocks as the manifest says"};
-    return map;
-}
-
 DataReader openData(const StoredBackup& backup)
 {
     const Manifest& m = backup.manifest;
@@ -50,7 +36,7 @@ class FolderLayer : public LayerReader
 {
   public:
     explicit FolderLayer(const StoredBackup& backup)
-        : block_size_{backup.manifest.blockSize}, map_{readMap(backup)}, data_{openData(backup)}
+        : block_size_{backup.manifest.blockSize}, map_{folderMap(backup)}, data_{openData(backup)}
     {
     }
 
@@ -78,6 +64,19 @@ class FolderLayer : public LayerReader
 };
 
 } // namespace
+
+quendrel::Bitmap folderMap(const StoredBackup& backup)
+{
+    const fs::path path = backup.path / "map";
+    const std::vector<std::byte> bytes = readChecked(path, backup.manifest.mapHash);
+    quendrel::Bitmap map{backup.manifest.blocks};
+    if (bytes.size() != map.bytes().size())
+        throw Failure{Exit::damaged, path.string() + " is not the map of " + std::to_string(map.blocks()) + " blocks"};
+    std::memcpy(map.bytes().data(), bytes.data(), bytes.size());
+    if (map.count() != backup.manifest.copiedBlocks)
+        throw Failure{Exit::damaged, path.string() + " does not have as many blocks as the manifest says"};
+    return map;
+}
 
 bool looksLikeFolderBackup(const fs::path& path)
 {

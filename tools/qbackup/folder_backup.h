@@ -19,6 +19,8 @@ bool looksLikeFolderBackup(const fs::path& path);
 StoredBackup readFolderBackup(const fs::path& directory);
 // Throws Failure (damaged) when a file of it is missing or of another size; reads none of them.
 void expectFolderComplete(const StoredBackup& backup);
+// The blocks that it holds; checked against the manifest. Throws Failure (damaged).
+quendrel::Bitmap folderMap(const StoredBackup& backup);
 // Its data, each piece checked. Throws Failure (damaged).
 std::unique_ptr<LayerReader> openFolderLayer(const StoredBackup& backup);
 

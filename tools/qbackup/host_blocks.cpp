@@ -145,6 +145,12 @@ std::vector<HostBlocks::Mount> HostBlocks::mounts() const
     return result;
 }
 
+bool HostBlocks::isMountPoint(const fs::path& path) const
+{
+    const auto all = mounts();
+    return std::any_of(all.begin(), all.end(), [&](const Mount& mount) { return mount.point == path; });
+}
+
 std::set<dev_t> HostBlocks::underlying(const fs::path& path) const
 {
     Walk walk{mounts(), {}, {}};

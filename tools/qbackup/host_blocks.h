@@ -36,6 +36,8 @@ class HostBlocks
     };
     // Where the device is mounted, in the order of mounting; empty when it is not.
     std::vector<Mounted> mountsOf(dev_t device) const;
+    // Whether something is mounted right there; a look at the path itself may fail, or wait for who serves it.
+    bool isMountPoint(const fs::path& path) const;
     // Every block device that is mounted.
     std::set<dev_t> mounted() const;
 

@@ -81,20 +81,6 @@ fs::path hostFolder(const fs::path& target, const Host& host)
     return folder;
 }
 
-std::optional<DeviceIdentity> identityIn(const fs::path& folder)
-{
-    std::error_code error;
-    if (!fs::exists(folder / device_file, error))
-        return std::nullopt;
-    DeviceIdentity identity;
-    const json document = readJson(folder / device_file);
-    const json marks = document.value("identity", json::object());
-    for (const auto& [name, value] : marks.items())
-        if (value.is_string())
-            identity.marks[name] = value;
-    return identity;
-}
-
 // The name of the device's folder.
 std::string chooseFolder(const fs::path& host, const DevicePlace& place)
 {
@@ -129,6 +115,29 @@ std::string chooseFolder(const fs::path& host, const DevicePlace& place)
 }
 
 } // namespace
+
+std::optional<Host> hostOf(const fs::path& folder)
+{
+    std::error_code error;
+    if (!fs::exists(folder / host_file, error))
+        return std::nullopt;
+    const json document = readJson(folder / host_file);
+    return Host{document.value("name", folder.filename().string()), document.value("machineId", "")};
+}
+
+std::optional<DeviceIdentity> identityIn(const fs::path& folder)
+{
+    std::error_code error;
+    if (!fs::exists(folder / device_file, error))
+        return std::nullopt;
+    DeviceIdentity identity;
+    const json document = readJson(folder / device_file);
+    const json marks = document.value("identity", json::object());
+    for (const auto& [name, value] : marks.items())
+        if (value.is_string())
+            identity.marks[name] = value;
+    return identity;
+}
 
 bool isImageRepository(const fs::path& target)
 {

@@ -27,6 +27,11 @@ struct Host {
 // This machine. `etc`: where its machine-id is.
 Host thisHost(const fs::path& etc = "/etc");
 
+// The machine that a host's folder stands for, and what the device of a folder in it is known by. Nothing when the folder
+// does not say so. Throws Failure.
+std::optional<Host> hostOf(const fs::path& folder);
+std::optional<DeviceIdentity> identityIn(const fs::path& folder);
+
 struct DevicePlace {
     Host host;
     std::string device; // the name of its folder when it gets one

@@ -4,6 +4,7 @@
 #include "data_file.h"
 #include "failure.h"
 #include "manifest.h"
+#include "utc.h"
 
 #include <nlohmann/json.hpp>
 
@@ -25,6 +26,7 @@ using quendrel::SessionKey;
 
 constexpr int format_version = 1;
 constexpr const char* index_name = "ledger.json";
+constexpr const char* time_format = "%Y-%m-%dT%H:%M:%SZ";
 // A map is mostly zeros, and a hole takes no space.
 constexpr std::size_t hole_bytes = 4096;
 
@@ -52,6 +54,7 @@ void Ledger::begin(const SessionKey& key, std::optional<std::string> written)
 {
     links_.clear();
     newest_ = key;
+    time_ = utcNow(time_format);
     written_ = std::move(written);
     save();
 }
@@ -59,6 +62,8 @@ void Ledger::begin(const SessionKey& key, std::optional<std::string> written)
 void Ledger::add(const SessionKey& key, const Bitmap& changed, std::optional<std::string> written)
 {
     links_.push_back(write({newest_.value()}, changed));
+    time_ = utcNow(time_format);
+    links_.back().time = time_;
     newest_ = key;
     written_ = std::move(written);
     while (links_.size() > most_links || (links_.size() > 2 && allocated() > most_bytes_))
@@ -94,13 +99,47 @@ void Ledger::makeDirectory() const
             throw Failure{exitOf(errno), "cannot make " + path.string() + ": " + errnoText(errno)};
 }
 
+std::uint64_t Ledger::allocated(const Link& link) const
+{
+    struct stat st {
+    };
+    return ::stat((directory_ / link.map).c_str(), &st) == 0 ? static_cast<std::uint64_t>(st.st_blocks) * 512 : 0;
+}
+
 std::uint64_t Ledger::allocated() const
 {
     std::uint64_t sum = 0;
     for (const Link& link : links_)
-        if (struct stat st{}; ::stat((directory_ / link.map).c_str(), &st) == 0)
-            sum += static_cast<std::uint64_t>(st.st_blocks) * 512;
+        sum += allocated(link);
     return sum;
+}
+
+std::optional<Ledger> Ledger::at(const fs::path& directory)
+try {
+    const json document = json::parse(readText(directory / index_name));
+    Ledger ledger{directory, document.at("identity"), document.at("blockSize"), document.at("blocks")};
+    if (!ledger.newest_)
+        return std::nullopt;
+    return ledger;
+} catch (const json::exception&) {
+    return std::nullopt;
+} catch (const Failure& failure) {
+    if (failure.exitCode() == static_cast<int>(Exit::denied))
+        throw;
+    return std::nullopt;
+}
+
+std::vector<Ledger::Entry> Ledger::entries() const
+{
+    std::vector<Entry> entries;
+    for (auto link = links_.begin(); link != links_.end(); ++link) {
+        Entry entry{link->from.front(), link + 1 == links_.end() ? newest_.value() : (link + 1)->from.front(), link->from.size(), link->time, std::nullopt,
+                    allocated(*link)};
+        if (const auto map = read(*link))
+            entry.changed = map->count();
+        entries.push_back(std::move(entry));
+    }
+    return entries;
 }
 
 void Ledger::uniteOldest()
@@ -117,7 +156,9 @@ void Ledger::uniteOldest()
     from.insert(from.end(), links_[1].from.begin(), links_[1].from.end());
     if (from.size() > most_keys)
         from.erase(from.begin(), from.end() - most_keys);
+    const std::string time = links_[1].time;
     links_[1] = write(std::move(from), *first);
+    links_[1].time = time;
     links_.erase(links_.begin());
 }
 
@@ -159,13 +200,14 @@ void Ledger::save()
         json keys = json::array();
         for (const SessionKey& key : link.from)
             keys.push_back(toHex(key));
-        links.push_back({{"from", keys}, {"map", link.map}, {"hash", link.hash}});
+        links.push_back({{"from", keys}, {"map", link.map}, {"hash", link.hash}, {"time", link.time}});
     }
     json document{{"version", format_version},
                   {"identity", identity_},
                   {"blockSize", block_size_},
                   {"blocks", blocks_},
                   {"newest", toHex(newest_.value())},
+                  {"time", time_},
                   {"nextMap", next_map_},
                   {"links", links}};
     if (written_)
@@ -197,9 +239,11 @@ try {
         return;
     std::vector<Link> links;
     for (const json& entry : document.at("links")) {
-        Link link{{}, entry.at("map"), entry.at("hash")};
+        Link link{{}, entry.at("map"), entry.at("hash"), entry.value("time", "")};
         for (const std::string text : entry.at("from"))
             fromHex(text, link.from.emplace_back());
+        if (link.from.empty())
+            return;
         links.push_back(std::move(link));
     }
     SessionKey newest{};
@@ -207,10 +251,12 @@ try {
     std::optional<std::string> written;
     if (document.contains("written"))
         written = document.at("written").get<std::string>();
+    const std::string time = document.value("time", "");
     next_map_ = document.at("nextMap");
     links_ = std::move(links);
     newest_ = newest;
     written_ = std::move(written);
+    time_ = time;
 } catch (const Failure&) {
 } catch (const json::exception&) {
 } catch (const std::invalid_argument&) {

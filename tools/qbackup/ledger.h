@@ -45,11 +45,30 @@ class Ledger
     // What was written from the snapshot with that key to the newest; nothing when that is not known.
     std::optional<quendrel::Bitmap> since(const quendrel::SessionKey& key) const;
 
+    // ---- to be looked at
+    // Whatever device is in `directory`; nothing when there is none. Throws Failure (denied).
+    static std::optional<Ledger> at(const fs::path& directory);
+    const std::string& identity() const noexcept { return identity_; }
+    std::uint32_t blockSize() const noexcept { return block_size_; }
+    std::uint32_t blocks() const noexcept { return blocks_; }
+    // When the newest snapshot was written down, UTC; empty: not known.
+    const std::string& time() const noexcept { return time_; }
+    struct Entry {
+        quendrel::SessionKey from; // the oldest of those that were united
+        quendrel::SessionKey to;
+        std::size_t snapshots = 1; // that were united
+        std::string time;          // when the last of them was written down, UTC; empty: not known
+        std::optional<std::uint32_t> changed; // blocks; nothing when the map cannot be read
+        std::uint64_t bytes = 0;   // on the disk
+    };
+    std::vector<Entry> entries() const; // the oldest first
+
   private:
     struct Link {
         std::vector<quendrel::SessionKey> from; // of several that were united: of all of them
         std::string map;                        // name of the file
         std::string hash;                       // of its contents
+        std::string time{};                     // when it was written down, UTC; empty: not known
     };
 
     void load();
@@ -58,7 +77,8 @@ class Ledger
     Link write(std::vector<quendrel::SessionKey> from, const quendrel::Bitmap& map);
     void uniteOldest();
     void makeDirectory() const;
-    std::uint64_t allocated() const; // bytes, by all maps
+    std::uint64_t allocated(const Link& link) const; // bytes
+    std::uint64_t allocated() const;                 // by all maps
 
     fs::path directory_;
     std::string identity_;
@@ -68,6 +88,7 @@ class Ledger
     std::vector<Link> links_; // the oldest first
     std::optional<quendrel::SessionKey> newest_;
     std::optional<std::string> written_;
+    std::string time_; // of newest_
     std::uint64_t next_map_ = 1;
 };
 

@@ -82,7 +82,7 @@ int main(int argc, char** argv)
     app.add_flag("--json", context.json, "Print each result as a JSON object on a line of its own");
     app.add_flag("-q,--quiet", context.quiet, "No progress on standard error");
 
-    for (const auto add : {addInit, addBackup, addRun, addRestore, addServe, addImport, addPrune, addStatus, addVerify, addList})
+    for (const auto add : {addInit, addBackup, addRun, addRestore, addServe, addImport, addPrune, addStatus, addVerify, addList, addShow, addDiff, addDevices, addLedger, addMount, addUmount, addReport, addCompletion})
         add(app, context);
 
     try {

@@ -81,6 +81,8 @@ std::string encode(const Manifest& m)
         document["fullReason"] = m.fullReason;
     if (m.unusedBlocks != 0)
         document["unusedBlocks"] = m.unusedBlocks;
+    if (m.seconds > 0)
+        document["seconds"] = m.seconds;
     if (!m.compared.empty())
         document["comparedBecause"] = m.compared;
     if (!m.instance.empty())
@@ -111,6 +113,7 @@ try {
     m.deviceBytes = document.at("deviceBytes");
     fromHex(document.at("trackingKey"), m.key);
     m.time = document.at("time");
+    m.seconds = document.value("seconds", 0.0);
     m.compared = document.value("comparedBecause", "");
     m.copiedBlocks = document.at("copiedBlocks");
     m.unusedBlocks = document.value("unusedBlocks", 0u);

@@ -31,6 +31,7 @@ struct Manifest {
     std::uint64_t deviceBytes = 0;
     quendrel::SessionKey key{}; // of the tracking session right after the snapshot
     std::string time;           // of the snapshot, UTC, as 2026-11-21T11:16:41Z
+    double seconds = 0;         // that the run took until all was copied; 0: not known
     std::uint32_t copiedBlocks = 0;
     std::uint32_t unusedBlocks = 0; // which the file system did not use, so that they were not read
     std::uint64_t dataBytes = 0;    // stored; of an image without the blocks of zeros

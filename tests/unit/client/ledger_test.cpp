@@ -74,6 +74,51 @@ TEST_F(Kept, WhatIsAskedForIsTheUnionOfAllThatFollows)
     EXPECT_FALSE(ledger.since(key(4)));
 }
 
+TEST_F(Kept, EachEntryTellsFromWhichKeyToWhichItGoesAndWhen)
+{
+    Ledger ledger = open();
+    ledger.begin(key(1));
+    ledger.add(key(2), only({5, 70000}));
+    ledger.add(key(3), only({6}));
+    const auto entries = Ledger::at(directory / "8:1").value().entries();
+    ASSERT_EQ(entries.size(), 2u);
+    EXPECT_EQ(entries[0].from, key(1));
+    EXPECT_EQ(entries[0].to, key(2));
+    EXPECT_EQ(entries[0].changed, 2u);
+    EXPECT_EQ(entries[1].to, key(3));
+    EXPECT_EQ(entries[1].time.size(), 20u);
+    EXPECT_EQ(Ledger::at(directory / "8:1")->time(), entries[1].time);
+}
+
+TEST_F(Kept, AnEntryOfSeveralThatWereUnitedGoesFromTheFirstToTheLastOfThem)
+{
+    Ledger ledger = open();
+    ledger.begin(key(1));
+    for (std::uint8_t n = 0; n < Ledger::most_links + 2; ++n)
+        ledger.add(key(static_cast<std::uint8_t>(n + 2)), only({n}));
+    const auto entries = ledger.entries();
+    ASSERT_EQ(entries.size(), Ledger::most_links);
+    EXPECT_EQ(entries[0].from, key(1));
+    EXPECT_EQ(entries[0].to, key(4));
+    EXPECT_EQ(entries[0].snapshots, 3u);
+    EXPECT_EQ(entries[0].changed, 3u);
+    EXPECT_EQ(entries[0].time.size(), 20u);
+}
+
+TEST_F(Kept, AnEntryWhoseMapIsDamagedSaysSo)
+{
+    Ledger ledger = open();
+    ledger.begin(key(1));
+    ledger.add(key(2), only({5}));
+    damage(directory / "8:1/1.map", 0);
+    EXPECT_FALSE(ledger.entries().at(0).changed);
+}
+
+TEST_F(Kept, WhereThereIsNoLedgerNoneIsFound)
+{
+    EXPECT_FALSE(Ledger::at(directory / "8:1"));
+}
+
 TEST_F(Kept, ASnapshotOfWhichNothingIsKnownForgetsAllBeforeIt)
 {
     Ledger ledger = open();

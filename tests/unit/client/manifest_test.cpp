@@ -27,6 +27,7 @@ Manifest incremental()
     for (std::size_t i = 0; i < m.key.size(); ++i)
         m.key[i] = static_cast<std::uint8_t>(i * 5);
     m.time = "2026-11-21T11:16:41Z";
+    m.seconds = 0.1;
     m.copiedBlocks = 17;
     m.dataBytes = 17 * 4096;
     m.segmentBytes = 4 << 20;
@@ -46,6 +47,15 @@ TEST(Manifest, ComesBackAsItWasWritten)
     EXPECT_EQ(back.number, m.number);
     EXPECT_EQ(back.deviceBytes, m.deviceBytes);
     EXPECT_EQ(back.mode, Mode::incremental);
+    EXPECT_EQ(back.seconds, m.seconds);
+}
+
+TEST(Manifest, NeedNotSayHowLongTheRunTook)
+{
+    Manifest m = incremental();
+    m.seconds = 0;
+    EXPECT_EQ(encode(m).find("seconds"), std::string::npos);
+    EXPECT_EQ(decode(encode(m), "here").seconds, 0);
 }
 
 TEST(Manifest, FullOneKeepsItsReason)

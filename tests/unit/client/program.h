@@ -10,9 +10,12 @@
 #include <fcntl.h>
 #include <sys/wait.h>
 
+#include <atomic>
 #include <csignal>
+#include <fstream>
 #include <map>
 #include <sstream>
+#include <thread>
 
 namespace test
 {

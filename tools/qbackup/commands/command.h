@@ -34,5 +34,13 @@ void addPrune(CLI::App& app, Context& context);
 void addStatus(CLI::App& app, Context& context);
 void addVerify(CLI::App& app, Context& context);
 void addList(CLI::App& app, Context& context);
+void addShow(CLI::App& app, Context& context);
+void addDiff(CLI::App& app, Context& context);
+void addDevices(CLI::App& app, Context& context);
+void addLedger(CLI::App& app, Context& context);
+void addMount(CLI::App& app, Context& context);
+void addUmount(CLI::App& app, Context& context);
+void addReport(CLI::App& app, Context& context);
+void addCompletion(CLI::App& app, Context& context);
 
 } // namespace qbackup

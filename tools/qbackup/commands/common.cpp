@@ -58,6 +58,16 @@ CLI::Option* addMode(CLI::App& command, Wanted& wanted)
         ->default_str("auto");
 }
 
+void addKeepRules(CLI::App& command, KeepRules& rules)
+{
+    command.add_option("--keep-last", rules.last, "Keep so many of the newest");
+    command.add_option("--keep-hourly", rules.hourly, "Keep the newest of each hour that has one, for so many of them");
+    command.add_option("--keep-daily", rules.daily, "The same of days");
+    command.add_option("--keep-weekly", rules.weekly, "The same of weeks (from Monday on)");
+    command.add_option("--keep-monthly", rules.monthly, "The same of months");
+    command.add_option("--keep-yearly", rules.yearly, "The same of years");
+}
+
 void addAt(CLI::App& command, std::string& at)
 {
     command.add_option("--at", at,

@@ -7,6 +7,7 @@
 #include "file_lock.h"
 #include "files.h"
 #include "image_repository.h"
+#include "prune.h"
 
 #include <CLI/CLI.hpp>
 
@@ -28,6 +29,8 @@ Host hostCalled(const std::string& name);
 CLI::Option* addWait(CLI::App& command, std::uint64_t& seconds);
 // --mode of a backup.
 CLI::Option* addMode(CLI::App& command, Wanted& wanted);
+// --keep-last N and the others.
+void addKeepRules(CLI::App& command, KeepRules& rules);
 // --at ID|TIME, of several backups in --from.
 void addAt(CLI::App& command, std::string& at);
 
