@@ -103,6 +103,19 @@ TEST_F(Completion, OfBashKnowsTheIdsOfTheBackups)
               (std::set<std::string>{taken["id"]}));
 }
 
+TEST_F(Completion, KnowsTheJobsOfTheConfiguration)
+{
+    const fs::path config = machine.directory / "qbackup.toml";
+    for (const char* name : {"nightly", "weekly"})
+        std::ofstream{config, std::ios::app} << "[job." << name << "]\ndevices = [\"sda1\"]\ntarget = \"/nowhere\"\n";
+    ::setenv("QBACKUP_CONFIG", config.c_str(), 1);
+    const std::set<std::string> jobs{"nightly", "weekly"};
+    EXPECT_EQ(bash("qbackup run ''"), jobs);
+    EXPECT_EQ(fish("qbackup run "), jobs);
+    EXPECT_NE(zsh("qbackup run ni").find("<run nightly>"), std::string::npos);
+    ::unsetenv("QBACKUP_CONFIG");
+}
+
 TEST_F(Completion, OfBashKnowsFiles)
 {
     EXPECT_EQ(bash("qbackup show scr"), (std::set<std::string>{"script"}));

@@ -10,12 +10,9 @@
 #include <fcntl.h>
 #include <sys/wait.h>
 
-#include <atomic>
 #include <csignal>
-#include <fstream>
 #include <map>
 #include <sstream>
-#include <thread>
 
 namespace test
 {
@@ -55,6 +52,9 @@ class Program : public testing::Test
         if (givesControl)
             arguments.insert(arguments.begin(), {"--control", (run / "control.sock").string()});
         arguments.insert(arguments.begin(), QBACKUP_PROGRAM);
+        // Now: who waits for what it prints is not to see what the one before has printed.
+        for (const char* name : {"out", "err"})
+            std::ofstream{run / name}.flush();
         const pid_t child = ::fork();
         if (child == 0) {
             std::vector<char*> words;

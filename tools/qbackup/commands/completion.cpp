@@ -18,7 +18,7 @@ namespace qbackup
 namespace
 {
 
-enum class Kind { flag, text, file, device, id, choice };
+enum class Kind { flag, text, file, device, id, job, choice };
 
 struct Word {
     std::vector<std::string> names; // with dashes; of a positional none
@@ -40,7 +40,7 @@ Kind kindOf(const std::string& name)
     static const std::set<std::string> paths{"from", "to",     "control", "socket", "html", "config", "TARGET", "FROM",
                                              "TO",   "BACKUP", "DIR",     "A",      "B",    "IMAGE",  "spool"};
     static const std::map<std::string, Kind> others{
-        {"device", Kind::device}, {"DEVICE", Kind::device}, {"at", Kind::id}};
+        {"device", Kind::device}, {"DEVICE", Kind::device}, {"at", Kind::id}, {"JOB", Kind::job}};
     if (paths.contains(name))
         return Kind::file;
     const auto other = others.find(name);
@@ -124,9 +124,10 @@ std::string quoted(const std::string& text)
     return result + "'";
 }
 
-// Devices that are mounted, and the ids of the backups in what --from names.
+// Devices that are mounted, the ids of the backups in what --from names, and jobs.
 constexpr const char* devices_command = R"(lsblk -lnpo NAME,MOUNTPOINT 2>/dev/null | awk 'NF > 1 { print $1 }')";
 constexpr const char* ids_filter = R"~(sed -n 's/.*"id":"\([^"]*\)".*/\1/p')~";
+constexpr const char* jobs_command = "command qbackup run --list 2>/dev/null | cut -d : -f 1";
 
 std::string forBash(const std::vector<Command>& commands)
 {
@@ -139,6 +140,8 @@ std::string forBash(const std::vector<Command>& commands)
             return indent + "mapfile -t COMPREPLY < <(compgen -W \"$(_qbackup_devices)\" -- \"$current\")\n";
         case Kind::id:
             return indent + "mapfile -t COMPREPLY < <(compgen -W \"$(_qbackup_ids)\" -- \"$current\")\n";
+        case Kind::job:
+            return indent + "mapfile -t COMPREPLY < <(compgen -W \"$(_qbackup_jobs)\" -- \"$current\")\n";
         case Kind::choice:
             return indent + "mapfile -t COMPREPLY < <(compgen -W " + quoted(joined(word.choices)) +
                    " -- \"$current\")\n";
@@ -151,10 +154,14 @@ std::string forBash(const std::vector<Command>& commands)
         "_qbackup_devices() { " +
         std::string{devices_command} +
         "; }\n"
+        "_qbackup_jobs() { " +
+        std::string{jobs_command} +
+        "; }\n"
         "_qbackup_ids() {\n"
         "  local i\n"
         "  for ((i = 1; i < COMP_CWORD; i++)); do\n"
-        "    [[ ${COMP_WORDS[i]} == --from ]] && qbackup list --json --from \"${COMP_WORDS[i + 1]}\" 2>/dev/null | " +
+        "    [[ ${COMP_WORDS[i]} == --from ]] && command qbackup list --json --from \"${COMP_WORDS[i + 1]}\" "
+        "2>/dev/null | " +
         ids_filter +
         "\n"
         "  done\n"
@@ -215,6 +222,8 @@ std::string forZsh(const std::vector<Command>& commands)
             return "_qbackup_devices";
         case Kind::id:
             return "_qbackup_ids";
+        case Kind::job:
+            return "_qbackup_jobs";
         case Kind::choice:
             return "(" + joined(word.choices) + ")";
         default:
@@ -242,8 +251,11 @@ std::string forZsh(const std::vector<Command>& commands)
                        "_qbackup_devices() {\n  local -a found\n  found=(${(f)\"$(" +
                        std::string{devices_command} +
                        ")\"})\n  compadd -a found\n}\n"
+                       "_qbackup_jobs() {\n  local -a found\n  found=(${(f)\"$(" +
+                       jobs_command +
+                       ")\"})\n  compadd -a found\n}\n"
                        "_qbackup_ids() {\n  local at=${words[(i)--from]}\n  local -a found\n"
-                       "  found=(${(f)\"$(qbackup list --json --from ${(Q)words[at + 1]} 2>/dev/null | " +
+                       "  found=(${(f)\"$(command qbackup list --json --from ${(Q)words[at + 1]} 2>/dev/null | " +
                        ids_filter +
                        ")\"})\n  compadd -a found\n}\n"
                        "_qbackup() {\n  local context state state_descr line\n  typeset -A opt_args\n"
@@ -274,6 +286,8 @@ std::string forFish(const std::vector<Command>& commands)
             return " -x -a '(__qbackup_devices)'";
         case Kind::id:
             return " -x -a '(__qbackup_ids)'";
+        case Kind::job:
+            return " -x -a '(__qbackup_jobs)'";
         case Kind::choice:
             return " -x -a " + fish(joined(word.choices));
         default:
@@ -289,8 +303,11 @@ std::string forFish(const std::vector<Command>& commands)
         "function __qbackup_devices\n  " +
         std::string{devices_command} +
         "\nend\n"
+        "function __qbackup_jobs\n  " +
+        jobs_command +
+        "\nend\n"
         "function __qbackup_ids\n  set -l words (commandline -opc)\n  set -l at (contains -i -- --from $words)\n"
-        "  and qbackup list --json --from $words[(math $at + 1)] 2>/dev/null | " +
+        "  and command qbackup list --json --from $words[(math $at + 1)] 2>/dev/null | " +
         ids_filter + "\nend\ncomplete -c qbackup -f\n";
     for (const Command& command : commands) {
         std::string when = "__fish_seen_subcommand_from " + command.name;

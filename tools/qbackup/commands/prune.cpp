@@ -46,12 +46,7 @@ void addPrune(CLI::App& app, Context& context)
     const auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("prune", "Drop backups of images; what they hold goes into the next one that is kept");
     command->add_option("--from", options->from, "TARGET/HOST/DEVICE, TARGET/HOST or TARGET")->required();
-    command->add_option("--keep-last", options->rules.last, "Keep so many of the newest");
-    command->add_option("--keep-hourly", options->rules.hourly, "Keep the newest of each hour that has one, for so many of them");
-    command->add_option("--keep-daily", options->rules.daily, "The same of days");
-    command->add_option("--keep-weekly", options->rules.weekly, "The same of weeks (from Monday on)");
-    command->add_option("--keep-monthly", options->rules.monthly, "The same of months");
-    command->add_option("--keep-yearly", options->rules.yearly, "The same of years");
+    addKeepRules(*command, options->rules);
     command->add_flag("-n,--dry-run", options->dryRun, "Only tell what would be dropped");
     addWait(*command, options->wait);
     command->callback([&context, options] { context.chosen = [&context, options] { return prune(context, *options); }; });
