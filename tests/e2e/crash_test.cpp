@@ -212,8 +212,9 @@ TEST_F(KilledDaemonInABackup, TheImageHoldsEveryFlushedWriteAndTheBackupFailsCle
     EXPECT_EQ(writers.complaint(image), "");
     program->signal(SIGCONT);
     EXPECT_EQ(program->wait(), 1);
+    // Which request it was depends on the moment: the next block that was overwritten is asked for between the reads.
     for (const char* text :
-         {"qbackup: the backup of sda1 failed: ReadBlocks on device 8:1 ",
+         {"qbackup: the backup of sda1 failed: ", " on device 8:1 through ",
           "the daemon ended the connection; see its log", "Nothing was kept; the next backup will be a full one"})
         EXPECT_NE(program->err().find(text), std::string::npos) << program->err();
     EXPECT_EQ(stored(), std::vector{before.text("id")});

@@ -262,6 +262,7 @@ TEST_F(Run, CommandsAreRunAroundTheSnapshotWithTheirEnvironment)
             between += 10 * (noted() == "before nightly sda1\nafter nightly sda1\n");
     });
     const Result result = job();
+    machine.driver.before.set({});
     EXPECT_EQ(result.code, 0) << result.err;
     EXPECT_EQ(between, 11u);
     EXPECT_EQ(noted(), "before nightly sda1\nafter nightly sda1\n");
