@@ -30,23 +30,26 @@ struct Run : testing::Test {
     // It did what it says, and took everything away again.
     void expect_proved(const std::string& out)
     {
+        EXPECT_NE(out.find("\n-- the next one is incremental all the same"), std::string::npos) << out;
+        EXPECT_NE(out.find("\ndropped    " + work + "/backups/here/sda1/000001-"), std::string::npos) << out;
         EXPECT_NE(out.find("\n-- both are one moment of the disk: e2fsck clean, "), std::string::npos) << out;
         EXPECT_NE(out.find("\n-- done in "), std::string::npos) << out;
         EXPECT_FALSE(std::filesystem::exists(work));
     }
 };
 
-TEST_F(Run, ProvesBothBackupsOfAMountedDisk)
+TEST_F(Run, ProvesTheBackupsOfAMountedDisk)
 {
     if (const std::string reason = no_loop_reason(); !reason.empty())
         GTEST_SKIP() << reason;
     const Outcome outcome = run(words(true), 170s);
     ASSERT_EQ(outcome.status, 0) << outcome.out << outcome.err;
     EXPECT_NE(outcome.out.find("\n-- mounted from /dev/loop"), std::string::npos) << outcome.out;
+    EXPECT_NE(outcome.out.find(" is mounted on " + work + "/seen, for reading"), std::string::npos) << outcome.out;
     expect_proved(outcome.out);
 }
 
-TEST_F(Run, ProvesBothBackupsOverNbdAndASecondRunOnTopIsRefused)
+TEST_F(Run, ProvesTheBackupsOverNbdAndASecondRunOnTopIsRefused)
 {
     Program first(words(false), scratch / "first");
     while (first.running() && first.out().find("a writer speaks NBD") == std::string::npos)
