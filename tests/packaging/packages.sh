@@ -136,8 +136,8 @@ tools_package_is_sound() {
   tools_package
   local tree=$work/tree
   program_is_sound usr/bin/qbackup "$deb"
-  for page in man1/qbackup.1 man5/qbackup.toml.5; do
-    [ -e "$tree/usr/share/man/$page.gz" ] || fail "the manual page $page is missing"
+  for page in "$top"/docs/qbackup*.[15]; do
+    [ -e "$tree/usr/share/man/man${page##*.}/${page##*/}.gz" ] || fail "the manual page ${page##*/} is missing"
   done
   [ ! -e "$tree/usr/sbin" ] || fail "the daemon has a package of its own"
   # The example can be taken as it is, and all that is commented out in it too, which is all that can be said.
