@@ -20,7 +20,7 @@ Comparison::Comparison(const Repository& repository, const StoredBackup& earlier
 
 Comparison::~Comparison() = default;
 
-void Comparison::put(std::uint32_t first, std::span<const std::byte> blocks)
+void Comparison::put(std::uint32_t first, std::span<const std::byte> blocks, const Hold&)
 {
     std::uint64_t at = std::uint64_t{first} * block_size_;
     if (!now_.empty() && at != piece_->offset + now_.size())
@@ -96,7 +96,7 @@ void Comparison::passOn(std::uint64_t offset, std::span<const std::byte> blocks)
     const auto first = static_cast<std::uint32_t>(offset / block_size_);
     for (std::uint32_t i = 0; i < blocks.size() / block_size_; ++i)
         changed_.set(first + i);
-    out_->put(first, blocks);
+    out_->put(first, blocks, nullptr);
 }
 
 } // namespace qbackup

@@ -29,7 +29,7 @@ class Comparison : public BlockSink
     // Where blocks are passed on to.
     void sendTo(BlockSink& out) { out_ = &out; }
     // All blocks that count, in ascending order; of others nothing is passed on.
-    void put(std::uint32_t first, std::span<const std::byte> blocks) override;
+    void put(std::uint32_t first, std::span<const std::byte> blocks, const Hold& hold) override;
     // The blocks that were passed on, after the last one has come.
     const quendrel::Bitmap& finish();
 

@@ -137,7 +137,7 @@ PendingFolder::~PendingFolder()
 
 void PendingFolder::start(const Manifest& manifest, const std::optional<StoredBackup>&) { block_size_ = manifest.blockSize; }
 
-void PendingFolder::put(std::uint32_t, std::span<const std::byte> blocks) { data_->append(blocks, block_size_); }
+void PendingFolder::put(std::uint32_t, std::span<const std::byte> blocks, const Hold&) { data_->append(blocks, block_size_); }
 
 StoredBackup PendingFolder::commit(Manifest manifest, const quendrel::Bitmap& map, const Watcher& watcher)
 {

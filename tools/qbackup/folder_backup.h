@@ -34,7 +34,7 @@ class PendingFolder : public PendingBackup
     PendingFolder& operator=(const PendingFolder&) = delete;
 
     void start(const Manifest& manifest, const std::optional<StoredBackup>& parent) override;
-    void put(std::uint32_t first, std::span<const std::byte> blocks) override;
+    void put(std::uint32_t first, std::span<const std::byte> blocks, const Hold& hold) override;
     StoredBackup commit(Manifest manifest, const quendrel::Bitmap& map, const Watcher& watcher) override;
 
   private:

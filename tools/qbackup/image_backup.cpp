@@ -63,12 +63,14 @@ class PendingImage : public PendingBackup
         writer_.emplace(image, partialOf(folder_, id_, sums_end), parent ? ZerosAre::written : ZerosAre::there);
     }
 
-    void put(std::uint32_t first, std::span<const std::byte> blocks) override
+    void put(std::uint32_t first, std::span<const std::byte> blocks, const Hold& hold) override
     {
         fillUpTo(first);
-        writer_->put(std::uint64_t{first} * block_size_, blocks);
+        writer_->put(std::uint64_t{first} * block_size_, blocks, hold);
         next_ = first + static_cast<std::uint32_t>(blocks.size() / block_size_);
     }
+
+    std::size_t mostHeld() const noexcept override { return image_writes_under_way; }
 
     StoredBackup commit(Manifest manifest, const quendrel::Bitmap& map, const Watcher& watcher) override
     {

@@ -13,7 +13,25 @@ namespace qbackup
 namespace
 {
 
+// To hold a whole batch for less is not worth it.
+constexpr std::size_t least_direct_bytes = cell_bytes;
 constexpr std::uint32_t most_zeros = 1u << 30; // in one piece
+
+// Bytes from there to the next border of what an image keeps apart.
+std::size_t granuleAt(std::uint64_t offset) { return image_granule_bytes - offset % image_granule_bytes; }
+
+// How far it goes on before a granule of zeros.
+std::size_t leadingData(std::uint64_t offset, std::span<const std::byte> bytes)
+{
+    std::size_t at = 0;
+    while (at < bytes.size()) {
+        const std::size_t part = std::min(bytes.size() - at, granuleAt(offset + at));
+        if (allZero(bytes.subspan(at, part)))
+            break;
+        at += part;
+    }
+    return at;
+}
 
 } // namespace
 
@@ -22,21 +40,26 @@ ImageWriter::ImageWriter(const fs::path& image, const fs::path& sums, ZerosAre z
 {
     if (!sums.empty())
         sums_.emplace(sums);
-    for (Slot& slot : slots_)
-        slot.data.resize(image_piece_bytes);
 }
 
-void ImageWriter::put(std::uint64_t offset, std::span<const std::byte> bytes)
+void ImageWriter::put(std::uint64_t offset, std::span<const std::byte> bytes, const Hold& hold)
 {
     while (!bytes.empty()) {
-        // To the next border of what an image keeps apart.
-        const auto part = bytes.first(std::min<std::size_t>(bytes.size(), image_granule_bytes - offset % image_granule_bytes));
-        if (allZero(part))
-            putZeros(offset, part.size());
-        else
-            addData(offset, part);
-        offset += part.size();
-        bytes = bytes.subspan(part.size());
+        const auto piece = bytes.first(std::min<std::size_t>(bytes.size(), image_piece_bytes - offset % image_piece_bytes));
+        std::size_t done = leadingData(offset, piece);
+        // What comes next may belong to the same cell as its end: then that is gathered.
+        const std::size_t whole = done - (done == bytes.size() ? std::min<std::size_t>(done, (offset + done) % cell_bytes) : 0);
+        if (done == 0) {
+            done = std::min(piece.size(), granuleAt(offset));
+            putZeros(offset, done);
+        } else if (hold && data_size_ == 0 && whole >= least_direct_bytes) {
+            done = whole;
+            sendHeld(offset, piece.first(done), hold);
+        } else {
+            addData(offset, piece.first(done));
+        }
+        offset += done;
+        bytes = bytes.subspan(done);
     }
 }
 
@@ -74,6 +97,7 @@ void ImageWriter::settle(Slot& slot)
     if (slot.request != 0)
         image_.wait(slot.request);
     slot.request = 0;
+    slot.hold.reset();
 }
 
 void ImageWriter::nextSlot()
@@ -87,8 +111,10 @@ void ImageWriter::addData(std::uint64_t offset, std::span<const std::byte> part)
     endZeros();
     if (data_size_ != 0 && (data_at_ + data_size_ != offset || offset % image_piece_bytes == 0))
         endData();
-    if (data_size_ == 0)
+    if (data_size_ == 0) {
         data_at_ = offset;
+        current().data.resize(image_piece_bytes);
+    }
     std::copy(part.begin(), part.end(), current().data.begin() + data_size_);
     data_size_ += static_cast<std::uint32_t>(part.size());
     received_ += part.size();
@@ -98,13 +124,25 @@ void ImageWriter::endData()
 {
     if (data_size_ == 0)
         return;
-    const std::span<const std::byte> bytes{current().data.data(), data_size_};
-    if (sums_)
-        addPieces(*sums_, data_at_, bytes);
-    current().request = image_.write(data_at_, bytes);
-    data_bytes_ += bytes.size();
+    send(data_at_, {current().data.data(), data_size_});
     data_size_ = 0;
+}
+
+void ImageWriter::send(std::uint64_t offset, std::span<const std::byte> data)
+{
+    if (sums_)
+        addPieces(*sums_, offset, data);
+    current().request = image_.write(offset, data);
+    data_bytes_ += data.size();
     nextSlot();
+}
+
+void ImageWriter::sendHeld(std::uint64_t offset, std::span<const std::byte> data, const Hold& hold)
+{
+    endZeros();
+    received_ += data.size();
+    current().hold = hold;
+    send(offset, data);
 }
 
 void ImageWriter::endZeros()

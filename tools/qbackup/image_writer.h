@@ -5,6 +5,7 @@
 
 #include "layer_sums.h"
 #include "qemu_image.h"
+#include "stored_backup.h"
 
 #include <array>
 #include <optional>
@@ -15,13 +16,17 @@ namespace qbackup
 // Whether zeros have to be made, as over another image or over data, or are what an image holds where nothing was written.
 enum class ZerosAre { written, there };
 
+// Writes that have been sent and not been answered yet.
+constexpr std::size_t image_writes_under_way = 16;
+
 class ImageWriter
 {
   public:
     // `sums`: a new file; empty: none is made. Throws Failure.
     ImageWriter(const fs::path& image, const fs::path& sums, ZerosAre zeros);
 
-    void put(std::uint64_t offset, std::span<const std::byte> bytes);
+    // What comes with `hold` may be written from where it lies, and is held until it is; anything else is copied.
+    void put(std::uint64_t offset, std::span<const std::byte> bytes, const Hold& hold = nullptr);
     void putZeros(std::uint64_t offset, std::uint64_t bytes);
     // Makes the image and the sums durable; the hash of the sums, if there are any.
     std::string finish();
@@ -32,8 +37,9 @@ class ImageWriter
 
   private:
     struct Slot {
-        std::vector<std::byte> data;
-        std::int64_t request = 0; // none: 0
+        std::vector<std::byte> data; // made when it is first needed
+        Hold hold;                   // of data elsewhere
+        std::int64_t request = 0;    // none: 0
     };
 
     void settle(Slot& slot);
@@ -41,10 +47,12 @@ class ImageWriter
     void nextSlot();
     void addData(std::uint64_t offset, std::span<const std::byte> part);
     void endData();
+    void sendHeld(std::uint64_t offset, std::span<const std::byte> data, const Hold& hold);
+    void send(std::uint64_t offset, std::span<const std::byte> data);
     void endZeros();
 
     fs::path path_;
-    std::array<Slot, 16> slots_; // used in turn; the current one is free
+    std::array<Slot, image_writes_under_way> slots_; // used in turn; the current one is free
     std::size_t slot_ = 0;
     OpenImage image_; // behind what it writes from: ends before that goes
     std::optional<SumsWriter> sums_;

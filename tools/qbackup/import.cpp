@@ -82,7 +82,7 @@ class WholeGranules
         const auto first = static_cast<std::uint32_t>(offset / block_size_);
         for (std::uint32_t i = 0; i < data.size() / block_size_; ++i)
             map_.set(first + i);
-        out_.put(first, data);
+        out_.put(first, data, nullptr);
     }
 
     std::uint32_t block_size_;

@@ -35,6 +35,9 @@ struct DamagedBackup {
     std::string problem;
 };
 
+// As long as somebody has a copy of it, what came with it stays as it is. Null: that is gone when the call returns.
+using Hold = std::shared_ptr<const void>;
+
 // Where the copied blocks of a backup go.
 class BlockSink
 {
@@ -42,7 +45,9 @@ class BlockSink
     virtual ~BlockSink() = default;
     // Whole blocks, `first` being the number of the first one; each call's lie behind those of the call before. Throws
     // Failure.
-    virtual void put(std::uint32_t first, std::span<const std::byte> blocks) = 0;
+    virtual void put(std::uint32_t first, std::span<const std::byte> blocks, const Hold& hold) = 0;
+    // How many different holds it keeps at most when it waits for more blocks.
+    virtual std::size_t mostHeld() const noexcept { return 0; }
 };
 
 // A backup in the making. Destroyed without commit() it leaves nothing behind.

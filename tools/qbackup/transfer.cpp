@@ -18,7 +18,7 @@ namespace
 using Clock = std::chrono::steady_clock;
 using quendrel::Bitmap;
 
-constexpr std::size_t batches = 4;
+constexpr std::size_t batches = 4; // beside those that the target holds
 constexpr std::size_t batch_bytes = 1 << 20; // at least
 // Between two looks into the driver's cache. What is written to the device in that time is what it has to hold.
 constexpr auto look_interval = std::chrono::milliseconds{10};
@@ -52,7 +52,7 @@ class Transfer
              const StopSignal& stop)
         : device_{source.device}, map_{source.map}, block_size_{source.blockSize},
           most_{static_cast<std::uint32_t>(source.areaBytes / source.blockSize)}, drained_{drained}, progress_{progress}, stop_{stop},
-          pace_{bytes_per_second}, area_{device_.map(source.areaBytes)}, writer_{batches, std::max(batch_bytes, source.areaBytes), out},
+          pace_{bytes_per_second}, area_{device_.map(source.areaBytes)}, writer_{batches + out.mostHeld(), std::max(batch_bytes, source.areaBytes), out},
           batch_{*writer_.take(std::chrono::milliseconds{0})}
     {
     }
@@ -66,6 +66,8 @@ class Transfer
                 drain();
             const auto ahead = drained_.next(position_);
             auto run = *wanted;
+            // To a multiple of what one read takes: so are the places that an image is written in.
+            run.count = std::min(run.count, most_ - run.first % most_);
             if (ahead && ahead->first == run.first)
                 run = *ahead;
             else if (ahead)

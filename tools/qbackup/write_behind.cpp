@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "write_behind.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace qbackup
@@ -18,7 +20,7 @@ void Batch::putInto(BlockSink& out) const
 {
     std::size_t at = 0;
     for (const Run& run : runs_) {
-        out.put(run.first, {data_.get() + at, run.bytes});
+        out.put(run.first, {data_.get() + at, run.bytes}, data_);
         at += run.bytes;
     }
 }
@@ -32,7 +34,7 @@ void Batch::clear() noexcept
 WriteBehind::WriteBehind(std::size_t batches, std::size_t batch_bytes, BlockSink& out) : out_{out}
 {
     for (std::size_t i = 0; i < batches; ++i)
-        free_.emplace(batch_bytes);
+        free_.emplace_back(batch_bytes);
     thread_ = std::thread{[this] { run(); }};
 }
 
@@ -56,8 +58,8 @@ std::optional<Batch> WriteBehind::take(std::chrono::milliseconds patience)
         std::rethrow_exception(error_);
     if (free_.empty())
         return std::nullopt;
-    Batch batch = std::move(free_.front());
-    free_.pop();
+    Batch batch = std::move(free_.back());
+    free_.pop_back();
     return batch;
 }
 
@@ -99,9 +101,12 @@ void WriteBehind::run()
             error = std::current_exception();
         }
         batch.clear();
+        held_.push_back(std::move(batch));
+        const auto still_held = std::partition(held_.begin(), held_.end(), [](const Batch& one) { return !one.free(); });
         lock.lock();
         error_ = error;
-        free_.push(std::move(batch));
+        std::move(still_held, held_.end(), std::back_inserter(free_));
+        held_.erase(still_held, held_.end());
         changed_.notify_all();
         if (error_)
             return;

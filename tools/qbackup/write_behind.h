@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
 // A thread that writes out what another one has read. A fixed number of batches goes round between the two; so the reader
-// is at most that far ahead.
+// is at most that far ahead. Whoever they are written to may hold some of them for longer.
 #pragma once
 
 #include "client/bitmap.h"
@@ -26,13 +26,15 @@ namespace qbackup
 class Batch
 {
   public:
-    explicit Batch(std::size_t bytes) : data_{std::make_unique_for_overwrite<std::byte[]>(bytes)}, bytes_{bytes} {}
+    explicit Batch(std::size_t bytes) : data_{std::make_shared_for_overwrite<std::byte[]>(bytes)}, bytes_{bytes} {}
 
     std::size_t room() const noexcept { return bytes_ - used_; }
     bool empty() const noexcept { return used_ == 0; }
     // Space for a run, to be filled by the caller; there has to be room for it.
     std::span<std::byte> add(std::uint32_t first, std::size_t bytes);
     void putInto(BlockSink& out) const;
+    // Whether nobody else holds it.
+    bool free() const noexcept { return data_.use_count() == 1; }
     void clear() noexcept;
 
   private:
@@ -40,7 +42,7 @@ class Batch
         std::uint32_t first;
         std::size_t bytes;
     };
-    std::unique_ptr<std::byte[]> data_;
+    std::shared_ptr<std::byte[]> data_;
     std::size_t bytes_;
     std::size_t used_ = 0;
     std::vector<Run> runs_;
@@ -49,6 +51,7 @@ class Batch
 class WriteBehind
 {
   public:
+    // `batches`: more than `out` holds at most.
     WriteBehind(std::size_t batches, std::size_t batch_bytes, BlockSink& out);
     // Does not write what is still waiting: whoever wants that calls finish().
     ~WriteBehind();
@@ -67,11 +70,12 @@ class WriteBehind
     BlockSink& out_;
     std::mutex mutex_; // guards what follows; a leaf
     std::condition_variable changed_;
-    std::queue<Batch> free_;
+    std::vector<Batch> free_; // the last one first: as little memory as will do
     std::queue<Batch> full_;
     bool closed_ = false;
     bool discard_ = false;
     std::exception_ptr error_;
+    std::vector<Batch> held_; // the writer's own, written out; `out_` lets go of them on its thread
     std::thread thread_; // last: it uses all of the above
 };
 

@@ -101,7 +101,7 @@ TEST_F(Compared, WhatIsAsItWasInAnOlderBackupButNotInTheNewestIsStored)
 TEST_F(Compared, BlocksMayComeOneByOne)
 {
     struct : BlockSink {
-        void put(std::uint32_t first, std::span<const std::byte> blocks) override
+        void put(std::uint32_t first, std::span<const std::byte> blocks, const Hold&) override
         {
             for (std::size_t i = 0; i < blocks.size() / Machine::block_size; ++i) {
                 const auto block = blocks.subspan(i * Machine::block_size, Machine::block_size);
@@ -118,7 +118,7 @@ TEST_F(Compared, BlocksMayComeOneByOne)
     Comparison comparison{repository, repository.backups().back()};
     comparison.sendTo(sink);
     for (std::uint32_t block = 0; block < Machine::blocks; ++block)
-        comparison.put(block, std::span{now}.subspan(std::size_t{block} * Machine::block_size, Machine::block_size));
+        comparison.put(block, std::span{now}.subspan(std::size_t{block} * Machine::block_size, Machine::block_size), nullptr);
     EXPECT_EQ(comparison.finish().count(), sink.stored.size());
     std::vector<std::byte> result = before;
     for (const auto& [block, data] : sink.stored)

@@ -10,8 +10,10 @@
 
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <deque>
 #include <future>
 #include <thread>
 
@@ -24,20 +26,38 @@ using quendrel::Bitmap;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::uint32_t block_size = 1024;
-constexpr std::uint32_t blocks = 6000;
+constexpr std::uint32_t blocks = 20000;
 
 // Keeps what it gets, and waits where it is told to.
 class Target : public BlockSink
 {
   public:
-    void put(std::uint32_t first, std::span<const std::byte> data) override
+    void put(std::uint32_t first, std::span<const std::byte> data, const Hold& hold) override
     {
+        if (holds != 0 && (held.empty() || held.back().hold != hold)) {
+            held.push_back({first, data, hold});
+            if (held.size() > holds) {
+                const Held& oldest = held.front();
+                changed += !std::ranges::equal(oldest.data, std::span{image}.subspan(std::size_t{oldest.first} * block_size, oldest.data.size()));
+                held.pop_front();
+            }
+        }
         runs.push_back({first, static_cast<std::uint32_t>(data.size() / block_size)});
         std::copy(data.begin(), data.end(), image.begin() + std::ptrdiff_t{first} * block_size);
         while (closed)
             std::this_thread::sleep_for(1ms);
     }
 
+    std::size_t mostHeld() const noexcept override { return holds; }
+
+    struct Held {
+        std::uint32_t first;
+        std::span<const std::byte> data;
+        Hold hold;
+    };
+    std::size_t holds = 0; // the last so many that differ
+    std::deque<Held> held;
+    int changed = 0; // while they were held
     std::vector<Bitmap::Run> runs;
     std::vector<std::byte> image = std::vector<std::byte>(std::size_t{block_size} * blocks);
     std::atomic<bool> closed{false};
@@ -92,6 +112,17 @@ TEST_F(TransferOf, ScatteredBlocksArriveInOrderAndWithTheirNumbers)
         map.set(block);
     begin(std::move(map), 10, 0).get();
     EXPECT_EQ(target.runs, (std::vector<Bitmap::Run>{{0, 3}, {700, 2}, {5999, 1}}));
+}
+
+TEST_F(TransferOf, WhatTheTargetHoldsStaysAsItWasAndStopsNothing)
+{
+    for (std::uint32_t block = 0; block < blocks; ++block)
+        driver.write(block, block / 7);
+    target.holds = 3;
+    begin(Bitmap{blocks, true}, 10, 0).get();
+    EXPECT_EQ(target.image, driver.frozen());
+    EXPECT_EQ(target.held.size(), 3u);
+    EXPECT_EQ(target.changed, 0);
 }
 
 TEST_F(TransferOf, WhatIsOverwrittenLeavesTheDriversCacheWhileTheTargetHangs)

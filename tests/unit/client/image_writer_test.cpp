@@ -1,0 +1,100 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// What an image and its sums hold, however the blocks come: in whatever portions, copied or written from where they
+// lie.
+#include "support.h"
+
+#include "image_layer.h"
+#include "image_writer.h"
+
+#include <algorithm>
+#include <random>
+
+namespace
+{
+
+using namespace test;
+
+constexpr std::size_t granule = image_granule_bytes;
+constexpr std::size_t device_bytes = 48u << 20; // more than fits into the way to QEMU
+
+class Written : public ::testing::Test
+{
+  protected:
+    Written()
+    {
+        // Stretches of data and of zeros, of all lengths.
+        for (std::size_t at = 0; at < contents.size();) {
+            const std::size_t end = std::min(contents.size(), at + (std::size_t{1} << random() % 9) * granule);
+            if (random() % 3 != 0)
+                std::generate(contents.begin() + static_cast<std::ptrdiff_t>(at),
+                              contents.begin() + static_cast<std::ptrdiff_t>(end),
+                              [&] { return static_cast<std::byte>(random() % 255 + 1); });
+            at = end;
+        }
+    }
+
+    struct Result {
+        std::string sums;
+        std::vector<std::byte> read = std::vector<std::byte>(device_bytes);
+    };
+
+    // In portions of at most so many granules.
+    Result written(const std::string& name, std::size_t most, bool held)
+    {
+        const fs::path image = directory / (name + ".qcow2");
+        const fs::path sums = directory / (name + ".sums");
+        createImage(image, device_bytes, "");
+        Result result;
+        {
+            ImageWriter writer{image, sums, ZerosAre::there};
+            for (std::size_t at = 0; at < device_bytes;) {
+                const std::size_t bytes = std::min(device_bytes - at, (random() % most + 1) * granule);
+                const auto portion = std::span{contents}.subspan(at, bytes);
+                // Spoilt when nobody holds it any more.
+                const std::shared_ptr<std::byte[]> copy{new std::byte[bytes], [bytes](std::byte* data) {
+                                                            std::fill_n(data, bytes, std::byte{0xee});
+                                                            delete[] data;
+                                                        }};
+                std::ranges::copy(portion, copy.get());
+                writer.put(at, {copy.get(), bytes}, held ? Hold{copy} : nullptr);
+                most_held = std::max<std::size_t>(most_held, static_cast<std::size_t>(copy.use_count()) - 1);
+                at += bytes;
+            }
+            result.sums = writer.finish();
+        }
+        ImageLayer layer{image, sums, result.sums, device_bytes};
+        while (const auto piece = layer.next())
+            std::ranges::copy(piece->data, result.read.begin() + static_cast<std::ptrdiff_t>(piece->offset));
+        return result;
+    }
+
+    std::mt19937 random{1};
+    std::vector<std::byte> contents = std::vector<std::byte>(device_bytes);
+    Directory directory;
+    std::size_t most_held = 0; // of one portion, by how many writes
+};
+
+TEST_F(Written, IsTheSameInWhateverPortionsItCame)
+{
+    const Result whole = written("whole", device_bytes / granule, false);
+    EXPECT_TRUE(whole.read == contents);
+    for (const std::size_t most : {1u, 20u, 100u, 700u}) {
+        const Result parts = written(std::to_string(most), most, false);
+        EXPECT_TRUE(parts.read == contents) << most;
+        EXPECT_EQ(parts.sums, whole.sums) << most;
+    }
+    EXPECT_EQ(most_held, 0u);
+}
+
+TEST_F(Written, IsTheSameFromWhereItLies)
+{
+    const Result copied = written("copied", 100, false);
+    for (const std::size_t most : {1u, 20u, 100u, 700u}) {
+        const Result held = written(std::to_string(most), most, true);
+        EXPECT_TRUE(held.read == contents) << most;
+        EXPECT_EQ(held.sums, copied.sums) << most;
+    }
+    EXPECT_GE(most_held, 1u);
+}
+
+} // namespace
