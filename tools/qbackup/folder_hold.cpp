@@ -43,7 +43,7 @@ base::Descriptor holdForChanging(const fs::path& folder, const Patience& patienc
             throw Failure{Exit::failed, "cannot lock " + file.path().string() + ": " + errnoText(errno)};
         if (std::chrono::steady_clock::now() >= end)
             throw Failure{Exit::busy, "a backup in " + folder.string() +
-                                          " is being restored, verified or served. Wait for that to end, or give --wait"};
+                                          " is being read: restored, verified, compared, served or mounted. Wait for that to end, or give --wait"};
         if (patience.stop != nullptr)
             throwIfStopped(*patience.stop);
         std::this_thread::sleep_for(std::chrono::milliseconds{50});

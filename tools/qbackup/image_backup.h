@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
 // A backup as an image, format 2: ID.qcow2, which QEMU's tools open by itself, with all that it builds on; ID.sums, what
-// it holds itself, with hashes; ID.json, the manifest. docs/backup-format.md describes them.
+// it holds itself, with hashes; ID.json, the manifest. docs/qbackup-repository.5 describes them.
 //
 // All are made under names that begin with ".partial-". The manifest gets its name last; without it there is no backup.
 // While .partial-ID.json is there, whatever else is called ID belongs to a run that died, and goes.

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
-// What a backup says of itself: manifest.json. docs/backup-format.md describes it field by field.
+// What a backup says of itself: manifest.json. docs/qbackup-repository.5 describes it field by field, docs/backup-format.md that of a
+// folder.
 #pragma once
 
 #include "client/control_device.h"

@@ -28,14 +28,21 @@ std::string period(const std::string& time, const char* format)
     return {text.data(), std::strftime(text.data(), text.size(), format, &local)};
 }
 
+// Before anything is made or locked there.
+void expectImages(const fs::path& folder)
+{
+    std::vector<DamagedBackup> damaged;
+    for (const StoredBackup& backup : Repository{folder}.backups(&damaged))
+        if (backup.manifest.format == 1)
+            throw Failure{Exit::refused, folder.string() + " has folders; only from images can backups be dropped. 'qbackup import' makes images of them"};
+}
+
 // The backups of one chain after the other, each from its full one on. Throws Failure when they are no chains.
 std::vector<std::vector<Choice>> chainsOf(const fs::path& folder, const std::vector<Choice>& all)
 {
     std::vector<std::vector<Choice>> chains;
     for (const Choice& choice : all) {
         const Manifest& m = choice.backup.manifest;
-        if (m.format == 1)
-            throw Failure{Exit::refused, folder.string() + " has folders; only from images can backups be dropped. 'qbackup import' makes images of them"};
         if (m.mode == Mode::full)
             chains.emplace_back();
         else if (chains.empty() || chains.back().back().backup.manifest.id != m.parent || chains.back().back().backup.mark != m.parentMark)
@@ -85,6 +92,7 @@ std::vector<Choice> chooseKept(const std::vector<StoredBackup>& backups, const K
 std::vector<Choice> pruneBackups(const fs::path& folder, const KeepRules& rules, bool dry_run, const Patience& patience, Progress& progress,
                                  const StopSignal& stop)
 {
+    expectImages(folder);
     std::optional<Repository> repository;
     base::Descriptor hold;
     if (!dry_run) {

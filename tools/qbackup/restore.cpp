@@ -3,6 +3,7 @@
 
 #include "destination.h"
 #include "folder_hold.h"
+#include "layers_ahead.h"
 
 #include <chrono>
 
@@ -12,16 +13,15 @@ namespace
 {
 
 // Writes the blocks of one backup to their places.
-void apply(const StoredBackup& backup, Destination& destination, Progress& progress, const StopSignal& stop)
+void apply(LayerReader& layer, Destination& destination, std::uint32_t block_size, Progress& progress, const StopSignal& stop)
 {
-    const auto layer = openLayer(backup);
-    for (auto piece = layer->next(); piece; piece = layer->next()) {
+    for (auto piece = layer.next(); piece; piece = layer.next()) {
         throwIfStopped(stop);
         progress.advance(piece->data.size());
         if (piece->data.empty())
             destination.putZeros(piece->offset, piece->bytes);
         else
-            destination.put(piece->offset, piece->data, backup.manifest.blockSize);
+            destination.put(piece->offset, piece->data, block_size);
     }
 }
 
@@ -40,8 +40,9 @@ RestoreReport restoreBackup(const fs::path& from, const fs::path& to, bool force
         report.bytesRead += link.manifest.dataBytes;
     Destination destination{to, report.backup.manifest.deviceBytes, force};
     progress.begin("restoring " + report.backup.manifest.id, report.bytesRead);
+    LayersAhead layers{chain};
     for (const StoredBackup& link : chain)
-        apply(link, destination, progress, stop);
+        apply(*layers.next(), destination, link.manifest.blockSize, progress, stop);
     throwIfStopped(stop);
     destination.finish();
     progress.end();

@@ -2,6 +2,7 @@
 #include "verify.h"
 
 #include "folder_hold.h"
+#include "layers_ahead.h"
 
 #include <map>
 #include <string>
@@ -11,9 +12,9 @@ namespace qbackup
 namespace
 {
 
-std::string checkFiles(const StoredBackup& backup, Progress& progress, const StopSignal& stop)
+std::string checkNext(LayersAhead& layers, Progress& progress, const StopSignal& stop)
 try {
-    const auto layer = openLayer(backup);
+    const auto layer = layers.next();
     for (auto piece = layer->next(); piece; piece = layer->next()) {
         throwIfStopped(stop);
         progress.advance(piece->data.size());
@@ -50,10 +51,11 @@ void verifyIn(const Repository& repository, const std::vector<StoredBackup>& bac
     for (const StoredBackup& backup : backups)
         bytes += backup.manifest.dataBytes;
     progress.begin("verifying " + repository.directory().string(), bytes);
+    LayersAhead layers{backups};
     std::map<std::string, std::string> problems; // by name of the backup; what it builds on stands before it
     for (const StoredBackup& backup : backups) {
         std::string& problem = problems[backup.manifest.id];
-        problem = checkFiles(backup, progress, stop);
+        problem = checkNext(layers, progress, stop);
         if (problem.empty())
             problem = checkParent(repository, backup, problems);
         results.push_back({backup.path, backup.manifest.id, problem});

@@ -290,7 +290,7 @@ TEST_F(Prune, WaitsForThoseWhoReadAndTheyForIt)
         } catch (const Failure& failure) {
             EXPECT_EQ(failure.exitCode(), 4);
             EXPECT_EQ(std::string{failure.what()}, "a backup in " + machine.repository().string() +
-                                                       " is being restored, verified or served. Wait for that to end, or give --wait");
+                                                       " is being read: restored, verified, compared, served or mounted. Wait for that to end, or give --wait");
         }
     }
     const auto writer = holdForChanging(machine.repository(), {});
@@ -300,6 +300,22 @@ TEST_F(Prune, WaitsForThoseWhoReadAndTheyForIt)
     } catch (const Failure& failure) {
         EXPECT_EQ(failure.exitCode(), 4);
     }
+}
+
+TEST_F(Prune, OfFoldersIsRefusedAndLeavesNothingThere)
+{
+    machine.images = false;
+    backup();
+    const auto before = entriesOf(machine.repository());
+    try {
+        pruneBackups(machine.repository(), {.last = 1}, false, {}, quiet, never);
+        ADD_FAILURE() << "they are folders";
+    } catch (const Failure& failure) {
+        EXPECT_EQ(failure.exitCode(), 3);
+        EXPECT_EQ(std::string{failure.what()}, machine.repository().string() + " has folders; only from images can backups be dropped. "
+                                                                               "'qbackup import' makes images of them");
+    }
+    EXPECT_EQ(entriesOf(machine.repository()), before);
 }
 
 TEST_F(Prune, AnImageThatQemuHasOpenIsNotWrittenInto)

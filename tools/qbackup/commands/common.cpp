@@ -47,6 +47,7 @@ CLI::Option* addWait(CLI::App& command, std::uint64_t& seconds)
     return command.add_option("--wait", seconds, "Seconds to wait for another run to end (without a number: a day)")
         ->expected(0, 1)
         ->default_str("86400")
+        ->option_text("[SECONDS]")
         ->check(CLI::Range(0u, 1000000000u));
 }
 
@@ -54,7 +55,7 @@ CLI::Option* addMode(CLI::App& command, Wanted& wanted)
 {
     return command.add_option("--mode", wanted, "auto, full or inc; inc and auto take a full backup when they must")
         ->transform(CLI::Transformer{wanted_modes})
-        ->type_name("MODE")
+        ->option_text("MODE")
         ->default_str("auto");
 }
 
