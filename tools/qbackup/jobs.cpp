@@ -2,11 +2,11 @@
 #include "jobs.h"
 
 #include "failure.h"
+#include "rate.h"
 
 // The header has everything: a program that is linked with no shared library can have it too.
 #define TOML_HEADER_ONLY 1
 #define TOML_ENABLE_FORMATTERS 0
-#include <CLI/CLI.hpp>
 #include <toml++/toml.h>
 
 #include <fcntl.h>
@@ -100,13 +100,8 @@ bool truthOf(const toml::node& node, const std::string& what)
 std::uint64_t rateOf(const toml::node& node, const std::string& what)
 {
     const std::string given = textOf(node, what);
-    try {
-        std::string text = given;
-        std::uint64_t rate = 0;
-        if (!given.starts_with('-') && CLI::AsSizeValue{false}(text).empty() && CLI::detail::lexical_cast(text, rate))
-            return rate;
-    } catch (const CLI::Error&) {
-    }
+    if (const auto rate = qbackup::rateOf(given))
+        return *rate;
     failAt(node.source(), what + " is '" + given + "' and has to be a number of bytes a second, as 500K or 20M");
 }
 

@@ -130,7 +130,7 @@ TEST_F(Configuration, AValueThatCannotBeIsNamedWithItsPlace)
               "F:4:8: mode of job nightly is 'sometimes' and has to be auto, full or inc");
     EXPECT_EQ(complaintOf("control = \"control.sock\""),
               "F:4:11: control of job nightly is control.sock, and has to be a whole path, which begins with /");
-    for (const std::string rate : {"fast", "20X", "-1"})
+    for (const std::string rate : {"fast", "20X", "-1", "99999999999999999999", "99999999T"})
         EXPECT_EQ(complaintOf("limit-rate = \"" + rate + "\""),
                   "F:4:14: limit-rate of job nightly is '" + rate +
                       "' and has to be a number of bytes a second, as 500K or 20M");

@@ -151,7 +151,11 @@ TEST_F(Program, BadArgumentsGive2)
     EXPECT_EQ(call({"backup"}).code, 2);
     EXPECT_EQ(backup({"--mode", "sometimes"}).code, 2);
     EXPECT_EQ(backup({"--cache-blocks", "0"}).code, 2);
-    EXPECT_EQ(backup({"--limit-rate", "fast"}).code, 2);
+    for (const char* rate : {"fast", "-1", "+1", "99999999999999999999"}) {
+        const Result result = backup({std::string{"--limit-rate="} + rate});
+        EXPECT_EQ(result.code, 2);
+        EXPECT_EQ(result.err.find("qbackup: --limit-rate: '" + std::string{rate} + "' is no number of bytes a second, as 500K or 20M"), 0u) << result.err;
+    }
 }
 
 TEST_F(Program, ASpoolThatCannotBeUsedIsRefusedBeforeAnythingIsStarted)

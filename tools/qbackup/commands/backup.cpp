@@ -3,6 +3,7 @@
 
 #include "common.h"
 #include "device_backups.h"
+#include "rate.h"
 
 #include <memory>
 #include <string>
@@ -43,7 +44,13 @@ void addBackup(CLI::App& app, Context& context)
                         "Directory, not on the device, for what is overwritten during the backup faster than it can be stored\n"
                         "(default: 64 MiB of it in this program's memory, then the driver's)");
     command->add_option("--limit-rate", options->how.bytesPerSecond, "Store at most so many bytes a second, as 20M (default: no limit)")
-        ->transform(CLI::AsSizeValue{false});
+        ->option_text("RATE")
+        ->transform([](const std::string& text) {
+            const auto rate = rateOf(text);
+            if (!rate)
+                throw CLI::ValidationError{"'" + text + "' is no number of bytes a second, as 500K or 20M"};
+            return std::to_string(*rate);
+        });
     addWait(*command, options->how.wait);
     command->add_option("--host", options->how.host, "What this machine is called in a repository of images (default: its name)");
     command->add_flag("--new", options->how.fresh, "A folder of its own for a device that has got the name of another one");
