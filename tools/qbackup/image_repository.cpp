@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "image_repository.h"
 
+#include "dead_files.h"
 #include "failure.h"
 
 #include <nlohmann/json.hpp>
@@ -37,20 +38,18 @@ try {
 // Replaces the file as a whole, or it stays as it is.
 void writeJson(const fs::path& path, const json& document)
 {
-    const fs::path fresh = path.parent_path() / (partial_prefix + path.filename().string() + "-" + std::to_string(::getpid()));
-    std::error_code error;
-    fs::remove(fresh, error);
+    const std::string begin = partial_prefix + path.filename().string() + "-";
+    removeDeadFiles(path.parent_path(), begin);
+    const fs::path fresh = path.parent_path() / (begin + std::to_string(::getpid()));
     writeDurably(fresh, asBytes(document.dump(2) + "\n"));
-    fs::rename(fresh, path);
+    try {
+        moveFile(fresh, path);
+    } catch (...) {
+        std::error_code error;
+        fs::remove(fresh, error);
+        throw;
+    }
     syncDirectory(path.parent_path());
-}
-
-void makeDirectory(const fs::path& path)
-{
-    std::error_code error;
-    fs::create_directory(path, error);
-    if (error)
-        throw Failure{exitOf(error.value(), Exit::refused), "cannot create " + path.string() + ": " + error.message()};
 }
 
 std::string newId()
