@@ -65,6 +65,7 @@ fs::path hostFolder(const fs::path& target, const Host& host)
 {
     const fs::path folder = target / host.name;
     makeDirectory(folder);
+    syncDirectory(target); // also if it was made by a run that came no further
     std::error_code error;
     if (fs::exists(folder / host_file, error)) {
         const std::string known = readJson(folder / host_file).value("machineId", "");
@@ -155,10 +156,12 @@ std::string makeImageRepository(const fs::path& target)
     std::error_code error;
     if (fs::exists(target / repository_file, error))
         throw Failure{Exit::refused, target.string() + " is a repository already"};
-    if (!fs::exists(target, error))
+    if (!fs::exists(target, error)) {
         makeDirectory(target);
-    else if (!fs::is_directory(target, error))
+        syncDirectory(fs::canonical(target).parent_path());
+    } else if (!fs::is_directory(target, error)) {
         throw Failure{Exit::refused, target.string() + " is not a directory"};
+    }
     for (const fs::path& entry : entriesOf(target))
         if (entry.filename() != "lost+found" && !entry.filename().string().starts_with(partial_prefix))
             throw Failure{Exit::refused, target.string() + " is not empty: it has " + entry.filename().string() +
