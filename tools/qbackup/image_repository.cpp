@@ -66,8 +66,7 @@ fs::path hostFolder(const fs::path& target, const Host& host)
     const fs::path folder = target / host.name;
     makeDirectory(folder);
     syncDirectory(target); // also if it was made by a run that came no further
-    std::error_code error;
-    if (fs::exists(folder / host_file, error)) {
+    if (isPresent(folder / host_file)) {
         const std::string known = readJson(folder / host_file).value("machineId", "");
         if (!known.empty() && !host.id.empty() && known != host.id)
             throw Failure{Exit::refused, folder.string() + " has the backups of another machine of that name: its machine-id is " + known +
@@ -118,8 +117,7 @@ std::string chooseFolder(const fs::path& host, const DevicePlace& place)
 
 std::optional<Host> hostOf(const fs::path& folder)
 {
-    std::error_code error;
-    if (!fs::exists(folder / host_file, error))
+    if (!isPresent(folder / host_file))
         return std::nullopt;
     const json document = readJson(folder / host_file);
     return Host{document.value("name", folder.filename().string()), document.value("machineId", "")};
@@ -127,8 +125,7 @@ std::optional<Host> hostOf(const fs::path& folder)
 
 std::optional<DeviceIdentity> identityIn(const fs::path& folder)
 {
-    std::error_code error;
-    if (!fs::exists(folder / device_file, error))
+    if (!isPresent(folder / device_file))
         return std::nullopt;
     DeviceIdentity identity;
     const json document = readJson(folder / device_file);
@@ -141,8 +138,7 @@ std::optional<DeviceIdentity> identityIn(const fs::path& folder)
 
 bool isImageRepository(const fs::path& target)
 {
-    std::error_code error;
-    if (!fs::exists(target / repository_file, error))
+    if (!isPresent(target / repository_file))
         return false;
     const json document = readJson(target / repository_file);
     if (const int version = document.value("format", 0); version != format_version)
@@ -153,9 +149,9 @@ bool isImageRepository(const fs::path& target)
 
 std::string makeImageRepository(const fs::path& target)
 {
-    std::error_code error;
-    if (fs::exists(target / repository_file, error))
+    if (isPresent(target / repository_file))
         throw Failure{Exit::refused, target.string() + " is a repository already"};
+    std::error_code error;
     if (!fs::exists(target, error)) {
         makeDirectory(target);
         syncDirectory(fs::canonical(target).parent_path());
