@@ -2,6 +2,7 @@
 #include "destination.h"
 
 #include "data_file.h"
+#include "dead_files.h"
 #include "failure.h"
 #include "host_blocks.h"
 
@@ -101,9 +102,9 @@ void Destination::holdImage()
 void Destination::openImage(std::uint64_t bytes, bool replaced)
 {
     const fs::path directory = to_.has_parent_path() ? to_.parent_path() : fs::path{"."};
-    temporary_ = directory / ("." + to_.filename().string() + ".partial-" + std::to_string(::getpid()));
-    std::error_code error;
-    fs::remove(temporary_, error);
+    const std::string begin = "." + to_.filename().string() + ".partial-";
+    removeDeadFiles(directory, begin);
+    temporary_ = directory / (begin + std::to_string(::getpid()));
     // In the place of another it is nobody else's until it has that one's mode.
     file_ = File{temporary_, O_RDWR | O_CREAT | O_EXCL, replaced ? 0600u : 0666u};
     file_.truncate(bytes);
@@ -189,14 +190,14 @@ void Destination::finish()
         return;
     // A file that has appeared meanwhile is nobody's to replace. Some file systems cannot tell.
     if (replaced_) {
-        fs::rename(temporary_, to_);
+        moveFile(temporary_, to_);
     } else if (::renameat2(AT_FDCWD, temporary_.c_str(), AT_FDCWD, to_.c_str(), RENAME_NOREPLACE) != 0) {
         if (errno == EEXIST)
             throw Failure{Exit::refused, to_.string() + " has appeared meanwhile; name another file, or restore again with "
                                                         "--force to replace it"};
         if (errno != EINVAL && errno != ENOSYS)
             throw Failure{exitOf(errno), "cannot give " + to_.string() + " its name: " + errnoText(errno)};
-        fs::rename(temporary_, to_);
+        moveFile(temporary_, to_);
     }
     temporary_.clear();
     syncDirectory(to_.has_parent_path() ? to_.parent_path() : fs::path{"."});

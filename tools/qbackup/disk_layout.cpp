@@ -3,7 +3,7 @@
 
 #include "child_process.h"
 #include "failure.h"
-#include "files.h"
+#include "stored_backup.h"
 #include "utc.h"
 
 namespace qbackup
@@ -40,20 +40,23 @@ try {
 bool keepLayout(const fs::path& host_folder, const DiskLayout& layout)
 {
     const fs::path folder = host_folder / folder_name;
-    fs::create_directory(folder);
+    if (makeDirectory(folder))
+        syncDirectory(host_folder);
     const std::string begin = layout.disk + "-";
     fs::path newest;
-    for (const fs::path& entry : entriesOf(folder))
-        if (const std::string name = entry.filename(); name.starts_with(begin) && name.size() == begin.size() + 16 + std::string{name_end}.size())
+    for (const fs::path& entry : entriesOf(folder)) {
+        const std::string name = entry.filename();
+        if (name.starts_with(begin) && name.size() == begin.size() + 16 + std::string{name_end}.size())
             newest = entry;
+        if (name.starts_with(std::string{partial_prefix} + begin))
+            removeFile(entry); // of a run that died
+    }
     if (!newest.empty() && readText(newest) == layout.text)
         return false;
     const fs::path path = folder / (begin + utcNow("%Y%m%dT%H%M%SZ") + name_end);
-    const fs::path fresh = folder / (".partial-" + path.filename().string());
-    std::error_code error;
-    fs::remove(fresh, error);
+    const fs::path fresh = folder / (partial_prefix + path.filename().string());
     writeDurably(fresh, asBytes(layout.text));
-    fs::rename(fresh, path);
+    moveFile(fresh, path);
     syncDirectory(folder);
     return true;
 }

@@ -20,13 +20,15 @@ namespace
 
 [[noreturn]] void fail(const fs::path& path, const char* what, int number)
 {
-    std::string text = std::string{"cannot "} + what + " " + path.string() + ": " + errnoText(number);
-    if (number == ENOSPC || number == EDQUOT)
-        text += ". Free some space there, or choose another target, and run the command again";
-    throw Failure{exitOf(number), text};
+    throw Failure{exitOf(number), std::string{"cannot "} + what + " " + path.string() + ": " + errnoText(number) + spaceAdvice(number)};
 }
 
 } // namespace
+
+std::string spaceAdvice(int number)
+{
+    return number == ENOSPC || number == EDQUOT ? ". Free some space there, or choose another target, and run the command again" : "";
+}
 
 File::File(fs::path path, int flags, unsigned mode) : path_{std::move(path)}
 {
@@ -104,6 +106,32 @@ std::vector<fs::path> entriesOf(const fs::path& directory)
     return entries;
 }
 
+void moveFile(const fs::path& from, const fs::path& to)
+{
+    std::error_code error;
+    fs::rename(from, to, error);
+    if (error)
+        fail(from, ("give the name " + to.filename().string() + " to").c_str(), error.value());
+}
+
+bool makeDirectory(const fs::path& path)
+{
+    std::error_code error;
+    const bool made = fs::create_directory(path, error);
+    if (error)
+        throw Failure{exitOf(error.value(), Exit::refused), "cannot create " + path.string() + ": " + error.message() + spaceAdvice(error.value())};
+    return made;
+}
+
+bool removeFile(const fs::path& path)
+{
+    std::error_code error;
+    const bool removed = fs::remove(path, error);
+    if (error)
+        fail(path, "remove", error.value());
+    return removed;
+}
+
 void syncDirectory(const fs::path& directory) { File{directory, O_RDONLY | O_DIRECTORY}.sync(); }
 
 bool isPresent(const fs::path& path)
@@ -120,9 +148,15 @@ bool isPresent(const fs::path& path)
 void writeDurably(const fs::path& path, std::span<const std::byte> bytes)
 {
     File file{path, O_WRONLY | O_CREAT | O_EXCL};
-    file.writeAt(0, bytes);
-    file.sync();
-    file.close();
+    try {
+        file.writeAt(0, bytes);
+        file.sync();
+        file.close();
+    } catch (...) {
+        std::error_code error;
+        fs::remove(path, error);
+        throw;
+    }
 }
 
 std::string readText(const fs::path& path)

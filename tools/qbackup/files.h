@@ -42,9 +42,15 @@ class File
 bool isPresent(const fs::path& path);
 // What is in a directory, by name. Throws Failure.
 std::vector<fs::path> entriesOf(const fs::path& directory);
+// As the library's, with a Failure that says what happened to what. Of the last two: whether something was made, removed.
+void moveFile(const fs::path& from, const fs::path& to);
+bool makeDirectory(const fs::path& path);
+bool removeFile(const fs::path& path);
+// What to do when an error means that there is no space; else empty.
+std::string spaceAdvice(int number);
 // Makes the names in a directory durable.
 void syncDirectory(const fs::path& directory);
-// A new file that is on the disk when this returns; its name is not.
+// A new file that is on the disk when this returns; its name is not. It is gone if that fails.
 void writeDurably(const fs::path& path, std::span<const std::byte> bytes);
 std::string readText(const fs::path& path);
 std::span<const std::byte> asBytes(const std::string& text);

@@ -117,7 +117,7 @@ PendingFolder::PendingFolder(fs::path repository, std::uint32_t sequence, std::s
                                                      (partial_prefix + stamp + "-" + std::to_string(::getpid()))},
       sequence_{sequence}, stamp_{std::move(stamp)}
 {
-    fs::create_directory(directory_);
+    makeDirectory(directory_);
     try {
         data_ = std::make_unique<DataWriter>(directory_ / "data");
     } catch (...) {
@@ -171,7 +171,7 @@ StoredBackup PendingFolder::commit(Manifest manifest, const quendrel::Bitmap& ma
     syncDirectory(directory_);
     step("rename");
     const fs::path final_name = repository_ / manifest.id;
-    fs::rename(directory_, final_name);
+    moveFile(directory_, final_name);
     directory_.clear();
     step("parent");
     syncDirectory(repository_);

@@ -120,7 +120,7 @@ class PendingImage : public PendingBackup
         if (full_ && block > next_)
             writer_->putZeros(std::uint64_t{next_} * block_size_, std::uint64_t{block - next_} * block_size_);
     }
-    void rename(const char* end) { fs::rename(partialOf(folder_, id_, end), fileOf(folder_, id_, end)); }
+    void rename(const char* end) { moveFile(partialOf(folder_, id_, end), fileOf(folder_, id_, end)); }
 
     fs::path folder_;
     std::string id_;
@@ -204,19 +204,19 @@ void removeDeadImages(const fs::path& folder)
             continue;
         const fs::path rest{name.substr(std::string{partial_prefix}.size())};
         if (rest.extension() != manifest_end) {
-            fs::remove(entry);
+            removeFile(entry);
             continue;
         }
         if (isInTheMaking(folder, idOf(rest)))
             for (const char* end : {image_end, sums_end})
-                fs::remove(fileOf(folder, idOf(rest), end));
+                removeFile(fileOf(folder, idOf(rest), end));
         markers.push_back(entry);
     }
     if (markers.empty())
         return;
     syncDirectory(folder);
     for (const fs::path& marker : markers)
-        fs::remove(marker);
+        removeFile(marker);
 }
 
 std::unique_ptr<PendingBackup> beginImage(const fs::path& folder, std::uint32_t sequence, const std::string& stamp)

@@ -51,7 +51,7 @@ void write(const fs::path& folder, const Journal& journal)
     std::error_code error;
     fs::remove(fresh, error);
     writeDurably(fresh, asBytes(document.dump(2) + "\n"));
-    fs::rename(fresh, folder / journal_name);
+    moveFile(fresh, folder / journal_name);
     syncDirectory(folder);
 }
 
@@ -396,7 +396,7 @@ std::uint64_t spaceFor(const std::vector<StoredBackup>& run)
 void takePlace(const fs::path& folder, const char* end, const std::string& id)
 {
     if (isPresent(madeFile(folder, end)))
-        fs::rename(madeFile(folder, end), fileOf(folder, id, end));
+        moveFile(madeFile(folder, end), fileOf(folder, id, end));
 }
 
 // The others' data goes into the full one. Done again from its start if it is ended.
@@ -457,7 +457,7 @@ void carryOut(const fs::path& folder, const Journal& journal, const MergeWatcher
     const std::span dropped{journal.layers.data(), journal.layers.size() - 1};
     step("manifests");
     for (const Layer& layer : dropped)
-        fs::remove(fileOf(folder, layer.id, manifest_end));
+        removeFile(fileOf(folder, layer.id, manifest_end));
     syncDirectory(folder);
     if (journal.intoFull) {
         const fs::path full = fileOf(folder, dropped.front().id, image_end);
@@ -473,7 +473,7 @@ void carryOut(const fs::path& folder, const Journal& journal, const MergeWatcher
             takeUp(folder, journal, *writer, stop);
             writer.reset();
             step("image");
-            fs::rename(full, fileOf(folder, kept, image_end));
+            moveFile(full, fileOf(folder, kept, image_end));
         }
     } else {
         step("image");
@@ -489,10 +489,10 @@ void carryOut(const fs::path& folder, const Journal& journal, const MergeWatcher
     step("files");
     for (const Layer& layer : dropped)
         for (const char* end : {image_end, sums_end})
-            fs::remove(fileOf(folder, layer.id, end));
+            removeFile(fileOf(folder, layer.id, end));
     syncDirectory(folder);
     step("journal");
-    fs::remove(folder / journal_name);
+    removeFile(folder / journal_name);
     syncDirectory(folder);
     step("done");
 }
@@ -535,12 +535,12 @@ void dropBackups(const fs::path& folder, const std::vector<StoredBackup>& droppe
     // the making: by that the next run knows that the rest goes.
     for (auto backup = dropped.rbegin(); backup != dropped.rend(); ++backup) {
         const std::string& id = backup->manifest.id;
-        fs::rename(fileOf(folder, id, manifest_end), partialOf(folder, id, manifest_end));
+        moveFile(fileOf(folder, id, manifest_end), partialOf(folder, id, manifest_end));
         syncDirectory(folder);
         for (const char* end : {image_end, sums_end})
-            fs::remove(fileOf(folder, id, end));
+            removeFile(fileOf(folder, id, end));
         syncDirectory(folder);
-        fs::remove(partialOf(folder, id, manifest_end));
+        removeFile(partialOf(folder, id, manifest_end));
     }
     syncDirectory(folder);
 }
@@ -560,7 +560,7 @@ void finishMerge(const fs::path& folder, const MergeWatcher& watcher)
         carryOut(folder, journal, watcher, never, nullptr);
         return;
     }
-    fs::remove(folder / journal_name);
+    removeFile(folder / journal_name);
     syncDirectory(folder);
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "image_repository.h"
 
+#include "dead_files.h"
 #include "failure.h"
 
 #include <nlohmann/json.hpp>
@@ -37,20 +38,18 @@ try {
 // Replaces the file as a whole, or it stays as it is.
 void writeJson(const fs::path& path, const json& document)
 {
-    const fs::path fresh = path.parent_path() / (partial_prefix + path.filename().string() + "-" + std::to_string(::getpid()));
-    std::error_code error;
-    fs::remove(fresh, error);
+    const std::string begin = partial_prefix + path.filename().string() + "-";
+    removeDeadFiles(path.parent_path(), begin);
+    const fs::path fresh = path.parent_path() / (begin + std::to_string(::getpid()));
     writeDurably(fresh, asBytes(document.dump(2) + "\n"));
-    fs::rename(fresh, path);
+    try {
+        moveFile(fresh, path);
+    } catch (...) {
+        std::error_code error;
+        fs::remove(fresh, error);
+        throw;
+    }
     syncDirectory(path.parent_path());
-}
-
-void makeDirectory(const fs::path& path)
-{
-    std::error_code error;
-    fs::create_directory(path, error);
-    if (error)
-        throw Failure{exitOf(error.value(), Exit::refused), "cannot create " + path.string() + ": " + error.message()};
 }
 
 std::string newId()
@@ -66,8 +65,8 @@ fs::path hostFolder(const fs::path& target, const Host& host)
 {
     const fs::path folder = target / host.name;
     makeDirectory(folder);
-    std::error_code error;
-    if (fs::exists(folder / host_file, error)) {
+    syncDirectory(target); // also if it was made by a run that came no further
+    if (isPresent(folder / host_file)) {
         const std::string known = readJson(folder / host_file).value("machineId", "");
         if (!known.empty() && !host.id.empty() && known != host.id)
             throw Failure{Exit::refused, folder.string() + " has the backups of another machine of that name: its machine-id is " + known +
@@ -118,8 +117,7 @@ std::string chooseFolder(const fs::path& host, const DevicePlace& place)
 
 std::optional<Host> hostOf(const fs::path& folder)
 {
-    std::error_code error;
-    if (!fs::exists(folder / host_file, error))
+    if (!isPresent(folder / host_file))
         return std::nullopt;
     const json document = readJson(folder / host_file);
     return Host{document.value("name", folder.filename().string()), document.value("machineId", "")};
@@ -127,8 +125,7 @@ std::optional<Host> hostOf(const fs::path& folder)
 
 std::optional<DeviceIdentity> identityIn(const fs::path& folder)
 {
-    std::error_code error;
-    if (!fs::exists(folder / device_file, error))
+    if (!isPresent(folder / device_file))
         return std::nullopt;
     DeviceIdentity identity;
     const json document = readJson(folder / device_file);
@@ -141,8 +138,7 @@ std::optional<DeviceIdentity> identityIn(const fs::path& folder)
 
 bool isImageRepository(const fs::path& target)
 {
-    std::error_code error;
-    if (!fs::exists(target / repository_file, error))
+    if (!isPresent(target / repository_file))
         return false;
     const json document = readJson(target / repository_file);
     if (const int version = document.value("format", 0); version != format_version)
@@ -153,13 +149,15 @@ bool isImageRepository(const fs::path& target)
 
 std::string makeImageRepository(const fs::path& target)
 {
-    std::error_code error;
-    if (fs::exists(target / repository_file, error))
+    if (isPresent(target / repository_file))
         throw Failure{Exit::refused, target.string() + " is a repository already"};
-    if (!fs::exists(target, error))
+    std::error_code error;
+    if (!fs::exists(target, error)) {
         makeDirectory(target);
-    else if (!fs::is_directory(target, error))
+        syncDirectory(fs::canonical(target).parent_path());
+    } else if (!fs::is_directory(target, error)) {
         throw Failure{Exit::refused, target.string() + " is not a directory"};
+    }
     for (const fs::path& entry : entriesOf(target))
         if (entry.filename() != "lost+found" && !entry.filename().string().starts_with(partial_prefix))
             throw Failure{Exit::refused, target.string() + " is not empty: it has " + entry.filename().string() +

@@ -222,7 +222,7 @@ void Ledger::save()
         file.sync();
         file.close();
     }
-    fs::rename(made, directory_ / index_name);
+    moveFile(made, directory_ / index_name);
     syncDirectory(directory_);
     // Maps that no link has any more, those of a run that died here among them.
     for (const fs::path& entry : entriesOf(directory_))

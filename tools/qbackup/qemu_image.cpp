@@ -142,8 +142,10 @@ void createImage(const fs::path& path, std::uint64_t bytes, const std::string& b
         words.insert(words.end(), {"-u", "-F", "qcow2", "-b", below});
     words.insert(words.end(), {fs::absolute(path).string(), std::to_string(bytes)});
     ChildProcess child{words, package};
-    if (!child.wait())
-        throw Failure{Exit::failed, "cannot make the image " + path.string() + ": " + child.said()};
+    if (!child.wait()) {
+        const std::string said = child.said();
+        throw Failure{Exit::failed, "cannot make the image " + path.string() + ": " + said + spaceAdvice(said.ends_with(errnoText(ENOSPC)) ? ENOSPC : 0)};
+    }
 }
 
 std::string nameBelow(const fs::path& image)

@@ -66,14 +66,11 @@ LockedDirectory lockDirectory(const fs::path& directory, const Patience& patienc
     const fs::path path = directory / lock_name;
     LockedDirectory result;
     for (;;) {
-        std::error_code error;
-        result.made = fs::create_directory(directory, error) || result.made;
-        if (error)
-            throw Failure{exitOf(error.value(), Exit::refused), "cannot create " + directory.string() + ": " + error.message()};
+        result.made = makeDirectory(directory) || result.made;
         try {
             result.lock = File{path, O_RDWR | O_CREAT | O_NOFOLLOW};
         } catch (const Failure&) {
-            if (fs::exists(directory, error))
+            if (std::error_code error; fs::exists(directory, error))
                 throw;
             continue;
         }

@@ -62,6 +62,14 @@ TEST_F(Layout, ItIsKeptAgainWhenItHasChanged)
     EXPECT_FALSE(keepLayout(directory.path(), *layoutOf(device)));
 }
 
+TEST_F(Layout, WhatADeadRunLeftOfItGoes)
+{
+    fs::create_directory(directory / "layout");
+    std::ofstream{directory / "layout/.partial-vm1-20200101T000000Z.sfdisk"} << "half";
+    EXPECT_TRUE(keepLayout(directory.path(), *layoutOf(device)));
+    EXPECT_EQ(namesIn(directory / "layout").size(), 1u);
+}
+
 TEST_F(Layout, OfADiskWithoutPartitionsThereIsNone)
 {
     device.contents.start = 0;
