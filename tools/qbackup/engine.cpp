@@ -65,7 +65,14 @@ class Session
         throwIfStopped(stop_);
         const auto taken = std::chrono::ceil<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begun_);
         manifest_.seconds = static_cast<double>(taken.count()) / 1000;
-        return pending->commit(manifest_, comparison_ ? comparison_->finish() : map, watcher);
+        // A signal may have come while what is on its way was waited for.
+        const auto before_it_counts = [&](const char* step) {
+            if (watcher)
+                watcher(step);
+            if (std::string_view{step} == "manifest")
+                throwIfStopped(stop_);
+        };
+        return pending->commit(manifest_, comparison_ ? comparison_->finish() : map, before_it_counts);
     }
 
     bool fellBack() const noexcept { return fell_back_; }
