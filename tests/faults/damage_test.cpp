@@ -167,4 +167,33 @@ TEST_F(Damage, OfTheLedgerCostsAnIncrementAtMost)
     }
 }
 
+TEST_F(Damage, AnErrorWhileBackupsAreLookedForIsNotTakenForTheirAbsence)
+{
+    const fs::path image = machine.directory / "restored.img";
+    for (const std::vector<std::string>& words : {std::vector<std::string>{"list", "--from", target, "--json"},
+                                                  std::vector<std::string>{"restore", "--from", target, "--to", image, "--force"}}) {
+        Fault fault{.kinds = looking, .error = EIO};
+        for (fault.at = 1;; fault.at += words[0] == "list" ? 1 : 7) { // the other opens many files of the system's, too
+            SCOPED_TRACE(words[0] + ", operation " + std::to_string(fault.at));
+            insert(base);
+            auto now = words;
+            now[2] = target;
+            directory->arm(fault);
+            const Result result = command(now);
+            if (!directory->struck()) {
+                EXPECT_EQ(result.code, 0) << result.err;
+                break;
+            }
+            if (result.code == 0) {
+                EXPECT_TRUE(words[0] == "list" ? result.lines().size() == 2 : readAll(image) == contents.at(second)) << result.out;
+            } else {
+                EXPECT_TRUE(result.code == 1 || result.code == 5) << result.code;
+                EXPECT_NE((result.out + result.err).find("Input/output error"), std::string::npos) << result.out << result.err;
+                EXPECT_NE((result.out + result.err).find(root.string()), std::string::npos) << result.out << result.err;
+            }
+        }
+        EXPECT_GT(fault.at, 10u) << words[0];
+    }
+}
+
 } // namespace

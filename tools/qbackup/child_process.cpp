@@ -121,14 +121,20 @@ bool ChildProcess::wait()
 
 std::string ChildProcess::output() const { return readFrom(output_.get()); }
 
+std::vector<std::string> ChildProcess::linesSaid() const
+{
+    std::istringstream text{readFrom(errors_.get())};
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(text, line);)
+        if (!line.empty())
+            lines.push_back(line);
+    return lines;
+}
+
 std::string ChildProcess::said() const
 {
-    std::istringstream lines{readFrom(errors_.get())};
-    std::string last;
-    for (std::string line; std::getline(lines, line);)
-        if (!line.empty())
-            last = line;
-    return last.empty() ? "it said nothing" : last;
+    const std::vector<std::string> lines = linesSaid();
+    return lines.empty() ? "it said nothing" : lines.back();
 }
 
 namespace

@@ -29,6 +29,7 @@ class ChildProcess
     bool wait();
     // Its last words on standard error, one line.
     std::string said() const;
+    std::vector<std::string> linesSaid() const; // all that it has written to it
     // What it has printed on standard output.
     std::string output() const;
 

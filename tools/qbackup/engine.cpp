@@ -45,7 +45,7 @@ class Session
     }
 
     StoredBackup run(const PendingBackup::Watcher& watcher)
-    {
+    try {
         measure();
         choosePrevious();
         openLedger();
@@ -73,6 +73,9 @@ class Session
                 throwIfStopped(stop_);
         };
         return pending->commit(manifest_, comparison_ ? comparison_->finish() : map, before_it_counts);
+    } catch (const Error& error) {
+        loseIfFailed(error);
+        throw;
     }
 
     bool fellBack() const noexcept { return fell_back_; }
@@ -82,6 +85,15 @@ class Session
     {
         const bool known = still_tracked && linked_;
         throwLost(job_.device.name, what, known);
+    }
+
+    // A command is refused when the backup has failed meanwhile; the state says why, and with it tracking has ended.
+    void loseIfFailed(const Error& error)
+    {
+        if (!device_ || error.code() != QUENDREL_REFUSED)
+            return;
+        if (const auto state = device_->state().state; state > QUENDREL_STATE_CLOSING)
+            lost(quendrel::stateText(state));
     }
 
     // Block size and number of blocks of the device, and what the manifest says of it.
@@ -350,10 +362,7 @@ class Session
         try {
             transfer({*device_, map, manifest_.blockSize, area_bytes_}, drained, job_.bytesPerSecond, out, progress_, stop_);
         } catch (const Error& error) {
-            // A read is refused when the backup has failed meanwhile; the state says why, and with it tracking has ended.
-            const auto state = error.code() == QUENDREL_REFUSED ? device_->state().state : 0;
-            if (state > QUENDREL_STATE_CLOSING)
-                lost(quendrel::stateText(state));
+            loseIfFailed(error);
             // With a daemon goes its tracking.
             lost(error.what(), error.code() != -ECONNRESET && error.code() != -EPIPE);
         }

@@ -23,6 +23,12 @@ namespace
     throw Failure{exitOf(number), std::string{"cannot "} + what + " " + path.string() + ": " + errnoText(number) + spaceAdvice(number)};
 }
 
+// Who may not look for a name may not search the directory.
+[[noreturn]] void failToLook(const fs::path& path, int number)
+{
+    number == EACCES ? fail(path.parent_path(), "read the directory", number) : fail(path, "look for", number);
+}
+
 } // namespace
 
 std::string spaceAdvice(int number)
@@ -141,8 +147,19 @@ bool isPresent(const fs::path& path)
     if (::lstat(path.c_str(), &st) == 0)
         return true;
     if (errno != ENOENT && errno != ENOTDIR)
-        throw Failure{exitOf(errno), "cannot look for " + path.string() + ": " + errnoText(errno)};
+        failToLook(path, errno);
     return false;
+}
+
+fs::file_type typeOf(const fs::path& path)
+{
+    std::error_code error;
+    const fs::file_type type = fs::status(path, error).type();
+    if (type == fs::file_type::not_found || error == std::errc::too_many_symbolic_link_levels)
+        return fs::file_type::not_found;
+    if (error)
+        failToLook(path, error.value());
+    return type;
 }
 
 void writeDurably(const fs::path& path, std::span<const std::byte> bytes)

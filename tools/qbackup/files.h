@@ -40,6 +40,8 @@ class File
 
 // Whether there is something of that name. Unlike the library's it does not take an error for a no. Throws Failure.
 bool isPresent(const fs::path& path);
+// What the name leads to, with not_found for nothing. Throws Failure when that cannot be told, as on a disk that fails.
+fs::file_type typeOf(const fs::path& path);
 // What is in a directory, by name. Throws Failure.
 std::vector<fs::path> entriesOf(const fs::path& directory);
 // As the library's, with a Failure that says what happened to what. Of the last two: whether something was made, removed.

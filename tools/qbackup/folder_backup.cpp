@@ -81,16 +81,15 @@ quendrel::Bitmap folderMap(const StoredBackup& backup)
 bool looksLikeFolderBackup(const fs::path& path)
 {
     const std::string name = path.filename();
-    std::error_code error;
-    return fs::exists(path / "manifest.json", error) ||
+    return isPresent(path / "manifest.json") ||
            (name.size() > 7 && name.find_first_not_of("0123456789") == 6 && name[6] == '-' &&
-            (name.ends_with("-full") || name.ends_with("-inc")) && fs::is_directory(path, error));
+            (name.ends_with("-full") || name.ends_with("-inc")) && typeOf(path) == fs::file_type::directory);
 }
 
 StoredBackup readFolderBackup(const fs::path& directory)
 {
     const fs::path path = directory / "manifest.json";
-    if (std::error_code error; fs::status(path, error).type() == fs::file_type::not_found)
+    if (typeOf(path) == fs::file_type::not_found)
         throw Failure{Exit::damaged, path.string() + " is missing"};
     const std::string text = readText(path);
     StoredBackup backup{directory, decode(text, path.string()), ""};

@@ -146,17 +146,15 @@ std::string idOf(const fs::path& path)
 
 bool looksLikeImageBackup(const fs::path& path)
 {
-    std::error_code error;
     const std::string id = idOf(path);
-    return isId(id) && (fs::exists(fileOf(path.parent_path(), id, manifest_end), error) ||
-                        fs::exists(fileOf(path.parent_path(), id, image_end), error));
+    return isId(id) && (isPresent(fileOf(path.parent_path(), id, manifest_end)) || isPresent(fileOf(path.parent_path(), id, image_end)));
 }
 
 StoredBackup readImageBackup(const fs::path& path)
 {
     const std::string id = idOf(path);
     const fs::path manifest = fileOf(path.parent_path(), id, manifest_end);
-    if (std::error_code error; fs::status(manifest, error).type() == fs::file_type::not_found)
+    if (typeOf(manifest) == fs::file_type::not_found)
         throw Failure{Exit::damaged, manifest.string() + " is missing"};
     const std::string text = readText(manifest);
     StoredBackup backup{fileOf(path.parent_path(), id, image_end), decode(text, manifest.string()), ""};
@@ -169,9 +167,8 @@ StoredBackup readImageBackup(const fs::path& path)
 
 void expectImageComplete(const StoredBackup& backup)
 {
-    std::error_code error;
     for (const fs::path& path : {backup.path, besides(backup, sums_end)})
-        if (!fs::exists(path, error))
+        if (typeOf(path) == fs::file_type::not_found)
             throw Failure{Exit::damaged, path.string() + " is missing"};
 }
 
@@ -200,7 +197,7 @@ void removeDeadImages(const fs::path& folder)
     std::vector<fs::path> markers;
     for (const fs::path& entry : entriesOf(folder)) {
         const std::string name = entry.filename();
-        if (!name.starts_with(partial_prefix) || fs::is_directory(entry))
+        if (!name.starts_with(partial_prefix) || typeOf(entry) == fs::file_type::directory)
             continue;
         const fs::path rest{name.substr(std::string{partial_prefix}.size())};
         if (rest.extension() != manifest_end) {

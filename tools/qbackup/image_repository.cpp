@@ -89,7 +89,7 @@ std::string chooseFolder(const fs::path& host, const DevicePlace& place)
     // Under another name: those that a kernel gives change from one start to the next.
     if (!place.identity.marks.empty())
         for (const fs::path& folder : entriesOf(host))
-            if (fs::is_directory(folder))
+            if (typeOf(folder) == fs::file_type::directory)
                 if (const auto other = identityIn(folder); other && !other->marks.empty() && other->matches(place.identity)) {
                     const std::string name = folder.filename();
                     const auto now = place.present ? place.present(name) : std::nullopt;
@@ -151,11 +151,10 @@ std::string makeImageRepository(const fs::path& target)
 {
     if (isPresent(target / repository_file))
         throw Failure{Exit::refused, target.string() + " is a repository already"};
-    std::error_code error;
-    if (!fs::exists(target, error)) {
+    if (const fs::file_type type = typeOf(target); type == fs::file_type::not_found) {
         makeDirectory(target);
         syncDirectory(fs::canonical(target).parent_path());
-    } else if (!fs::is_directory(target, error)) {
+    } else if (type != fs::file_type::directory) {
         throw Failure{Exit::refused, target.string() + " is not a directory"};
     }
     for (const fs::path& entry : entriesOf(target))

@@ -114,6 +114,19 @@ Sockets socketsForChild()
 // processor's time that writing an image takes.
 const std::vector<std::string> keeping_memory{"env", "MALLOC_MMAP_THRESHOLD_=8388608", "MALLOC_TRIM_THRESHOLD_=67108864", "MALLOC_TOP_PAD_=16777216"};
 
+void waitForEnd(ChildProcess& child)
+{
+    for (int waits = 0; waits < 100 && child.running(); ++waits)
+        std::this_thread::sleep_for(std::chrono::milliseconds{20});
+}
+
+// What stands in the text behind the last of those words; without them, all of it.
+std::string behind(const std::string& text, const std::string& words)
+{
+    const std::size_t at = text.rfind(words);
+    return at == std::string::npos ? text : text.substr(at + words.size());
+}
+
 } // namespace
 
 void expectUtf8(const fs::path& path)
@@ -204,12 +217,9 @@ OpenImage::OpenImage(const fs::path& path, For what, std::span<const fs::path> b
             return;
         ::nbd_close(nbd_);
         nbd_ = nullptr;
-        for (int waits = 0; waits < 100 && child_->running(); ++waits)
-            std::this_thread::sleep_for(std::chrono::milliseconds{20});
+        waitForEnd(*child_);
         // Behind the description of what it was to open.
-        std::string said = child_->said();
-        if (const std::size_t end = said.rfind("}': "); end != std::string::npos)
-            said.erase(0, end + 4);
+        const std::string said = behind(child_->said(), "}': ");
         const bool ended = !child_->running();
         child_.reset();
         if (said.find("another process using") != std::string::npos)
@@ -231,8 +241,15 @@ OpenImage::~OpenImage()
 void OpenImage::fail(const std::string& doing)
 {
     const int number = ::nbd_get_errno();
-    throw Failure{exitOf(number), "cannot " + doing + " the image " + path_.string() + ": " +
-                                      (number != 0 ? errnoText(number) : std::string{::nbd_get_error()}) +
+    std::string why = number != 0 ? errnoText(number) : ::nbd_get_error();
+    // QEMU parts with who reads what cannot be read, and its own words say why.
+    if (::nbd_aio_is_dead(nbd_) > 0 || ::nbd_aio_is_closed(nbd_) > 0) {
+        waitForEnd(*child_);
+        // Of the others that were under way it says afterwards that nobody takes the answers.
+        if (const std::vector<std::string> said = child_->linesSaid(); !said.empty())
+            why = behind(said.front(), "Failed to send reply: ");
+    }
+    throw Failure{exitOf(number), "cannot " + doing + " the image " + path_.string() + ": " + why +
                                       (number == ENOSPC || number == EDQUOT ? ". Make room there, or use another target" : "")};
 }
 

@@ -33,8 +33,7 @@ constexpr const char* device_name = "device.json"; // what tells whose images th
 bool mayHoldBackups(const fs::path& path)
 {
     const std::string name = path.filename();
-    std::error_code error;
-    return !name.starts_with(".") && name != "lost+found" && fs::is_directory(path, error);
+    return !name.starts_with(".") && name != "lost+found" && typeOf(path) == fs::file_type::directory;
 }
 
 bool holdsBackups(const fs::path& directory)
@@ -70,7 +69,7 @@ LockedDirectory lockDirectory(const fs::path& directory, const Patience& patienc
         try {
             result.lock = File{path, O_RDWR | O_CREAT | O_NOFOLLOW};
         } catch (const Failure&) {
-            if (std::error_code error; fs::exists(directory, error))
+            if (isPresent(directory))
                 throw;
             continue;
         }
@@ -130,8 +129,7 @@ Repository::Made::~Made()
 Repository Repository::openForBackup(const fs::path& target, const std::string& device, const Patience& patience)
 {
     const fs::path directory = target / device;
-    std::error_code error;
-    if (!fs::is_directory(target, error))
+    if (typeOf(target) != fs::file_type::directory)
         throw Failure{Exit::refused, "the target " + target.string() + " is not a directory; create it first"};
     if (holdsBackups(target))
         throw Failure{Exit::refused, target.string() + " holds the backups of one device; name the directory above it, " +
@@ -235,9 +233,8 @@ std::unique_ptr<PendingBackup> Repository::begin() const
 {
     // A damaged backup keeps its number, which stands at the start of its name.
     std::uint32_t highest = 0;
-    for (const auto& entry : fs::directory_iterator{directory_})
-        highest =
-            std::max(highest, static_cast<std::uint32_t>(std::strtoul(entry.path().filename().c_str(), nullptr, 10)));
+    for (const fs::path& entry : entriesOf(directory_))
+        highest = std::max(highest, static_cast<std::uint32_t>(std::strtoul(entry.filename().c_str(), nullptr, 10)));
     const std::string stamp = utcNow("%Y%m%dT%H%M%SZ");
     if (images_)
         return beginImage(directory_, highest + 1, stamp);
@@ -262,11 +259,10 @@ try {
 
 std::vector<fs::path> findRepositories(const fs::path& target)
 {
-    std::error_code error;
-    const fs::file_status status = fs::status(target, error);
-    if (status.type() == fs::file_type::not_found)
+    const fs::file_type type = typeOf(target);
+    if (type == fs::file_type::not_found)
         throw Failure{Exit::nothing, "there is no " + target.string()};
-    if (fs::exists(status) && !fs::is_directory(status))
+    if (type != fs::file_type::directory)
         throw Failure{Exit::nothing, target.string() + " is not a directory with backups"};
     if (holdsBackups(target))
         return {target};
@@ -279,7 +275,7 @@ std::vector<fs::path> findRepositories(const fs::path& target)
             continue;
         }
         // One of images has a level more, for the machines.
-        if (fs::exists(entry / "host.json", error))
+        if (isPresent(entry / "host.json"))
             for (const fs::path& device : entriesOf(entry))
                 if (mayHoldBackups(device) && holdsBackups(device))
                     result.push_back(device);

@@ -400,6 +400,18 @@ TEST(Engine, FullCacheFailsTheBackupAndNamesTheRemedy)
     expectFullNext(machine);
 }
 
+TEST(Engine, ACacheThatIsFullBeforeTheMapIsLoadedNamesTheRemedy)
+{
+    Machine machine;
+    machine.backup();
+    machine.driver.write(3, 3);
+    onCommand(machine, QUENDREL_LOAD_BLOCK_MAP, 1, [&] { machine.driver.fail(QUENDREL_STATE_CACHE_EXHAUSTED); });
+    const std::string message = failureOf(machine);
+    EXPECT_TRUE(contains(message, "allow more cache blocks")) << message;
+    EXPECT_EQ(namesIn(machine.repository()).size(), 1u);
+    expectFullNext(machine);
+}
+
 TEST(Engine, UnreadableBlockFailsTheBackupAndNamesTheDevice)
 {
     Machine machine;

@@ -171,6 +171,8 @@ void Driver::newKey()
     ++keys_;
     for (std::size_t i = 0; i < tracking_->key.size(); ++i)
         tracking_->key[i] = static_cast<std::uint8_t>(keys_ * 37 + i * 11 + 1);
+    // The driver's are random; here none comes twice, however many there are.
+    std::memcpy(tracking_->key.data(), &keys_, sizeof keys_);
 }
 
 void Driver::replaceKey()
