@@ -139,6 +139,9 @@ class Session
         }
         const StoredBackup& last = backups.back();
         last_ = last;
+        for (const DamagedBackup& other : damaged)
+            if (other.path.filename() > last.manifest.id)
+                progress_.warn("this one builds on backup " + last.manifest.id + ", as a newer one cannot be read: " + other.problem);
         const Manifest& m = last.manifest;
         if (m.number != manifest_.number || m.blockSize != manifest_.blockSize || m.blocks != manifest_.blocks ||
             m.deviceBytes != manifest_.deviceBytes) {

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <array>
 #include <ctime>
+#include <map>
+#include <optional>
 #include <span>
 
 namespace qbackup
@@ -37,20 +39,51 @@ void expectImages(const fs::path& folder)
             throw Failure{Exit::refused, folder.string() + " has folders; only from images can backups be dropped. 'qbackup import' makes images of them"};
 }
 
-// The backups of one chain after the other, each from its full one on. Throws Failure when they are no chains.
-std::vector<std::vector<Choice>> chainsOf(const fs::path& folder, const std::vector<Choice>& all)
+struct Plan {
+    std::vector<StoredBackup> dead; // on which none that is kept builds, the oldest first
+    // Of the others, each line from a full one, or one that builds on a kept one of another line, to one that is kept.
+    std::vector<std::vector<Choice>> lines;
+};
+
+// Each usually builds on the one before it. A newest one that could not be read for a while has made the next one build on an
+// older one, and then two lines part there: that one stays, as no other could take up what it holds for both.
+// Throws Failure when one builds on what is not there.
+Plan planFor(const fs::path& folder, std::vector<Choice>& all)
 {
-    std::vector<std::vector<Choice>> chains;
-    for (const Choice& choice : all) {
-        const Manifest& m = choice.backup.manifest;
+    std::map<std::string, std::size_t> places;
+    std::vector<std::optional<std::size_t>> parents;
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        const Manifest& m = all[i].backup.manifest;
+        places[m.id] = i;
+        parents.emplace_back();
         if (m.mode == Mode::full)
-            chains.emplace_back();
-        else if (chains.empty() || chains.back().back().backup.manifest.id != m.parent || chains.back().back().backup.mark != m.parentMark)
-            throw Failure{Exit::damaged, choice.backup.path.string() + " builds on backup " + m.parent + ", which is not the one before it; nothing was dropped from " +
-                                             folder.string()};
-        chains.back().push_back(choice);
+            continue;
+        const auto parent = places.find(m.parent);
+        if (parent == places.end() || all[parent->second].backup.mark != m.parentMark)
+            throw Failure{Exit::damaged, all[i].backup.path.string() + " builds on backup " + m.parent +
+                                             ", which is not there, or is another one; nothing was dropped from " + folder.string()};
+        parents[i] = parent->second;
     }
-    return chains;
+    std::vector<unsigned> needing(all.size(), 0); // how many build right on it, of those that are kept or have one that is above them
+    for (std::size_t i = all.size(); i-- > 0;) {
+        if (needing[i] > 1 && all[i].reasons.empty())
+            all[i].reasons.emplace_back("shared");
+        if (parents[i] && (needing[i] > 0 || !all[i].reasons.empty()))
+            ++needing[*parents[i]];
+    }
+    Plan plan;
+    std::vector<std::size_t> lines(all.size()); // which one each is in
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        if (needing[i] == 0 && all[i].reasons.empty()) {
+            plan.dead.push_back(all[i].backup);
+            continue;
+        }
+        if (!parents[i] || needing[*parents[i]] > 1)
+            plan.lines.emplace_back();
+        lines[i] = parents[i] && needing[*parents[i]] == 1 ? lines[*parents[i]] : plan.lines.size() - 1;
+        plan.lines[lines[i]].push_back(all[i]);
+    }
+    return plan;
 }
 
 std::uint64_t bytesOf(std::span<const StoredBackup> backups)
@@ -100,15 +133,16 @@ std::vector<Choice> pruneBackups(const fs::path& folder, const KeepRules& rules,
         hold = holdForChanging(folder, patience);
     }
     std::vector<DamagedBackup> damaged;
-    const auto choices = chooseKept(Repository{folder}.backups(&damaged), rules);
+    auto choices = chooseKept(Repository{folder}.backups(&damaged), rules);
     if (!damaged.empty())
         throw Failure{Exit::damaged, damaged[0].problem + "; nothing was dropped from " + folder.string()};
-    const auto chains = chainsOf(folder, choices);
+    const Plan plan = planFor(folder, choices);
     if (dry_run)
         return choices;
-    for (const std::vector<Choice>& chain : chains) {
+    dropBackups(folder, plan.dead);
+    for (const std::vector<Choice>& line : plan.lines) {
         std::vector<StoredBackup> run; // those that go, and what they go into
-        for (const Choice& choice : chain) {
+        for (const Choice& choice : line) {
             run.push_back(choice.backup);
             const bool kept = !choice.reasons.empty();
             if (run.size() == 1 ? !kept : !kept && run.size() < most_at_once)
@@ -124,7 +158,6 @@ std::vector<Choice> pruneBackups(const fs::path& folder, const KeepRules& rules,
                 run.push_back(readBackup(choice.backup.path));
         }
         throwIfStopped(stop);
-        dropBackups(folder, run);
     }
     return choices;
 }

@@ -400,6 +400,24 @@ TEST(Engine, FullCacheFailsTheBackupAndNamesTheRemedy)
     expectFullNext(machine);
 }
 
+TEST(Engine, ANewerBackupThatCannotBeReadIsNamedByTheOneThatBuildsOnAnOlderOne)
+{
+    Machine machine;
+    machine.images = true;
+    const auto first = machine.backup();
+    machine.driver.write(3, 3);
+    const auto second = machine.backup();
+    machine.driver.write(4, 4);
+    const fs::path manifest = machine.repository() / (second.backup.manifest.id + ".json");
+    fs::remove(manifest);
+    testing::internal::CaptureStderr();
+    const auto third = machine.backup();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "qbackup: warning: this one builds on backup " + first.backup.manifest.id +
+                                                          ", as a newer one cannot be read: " + manifest.string() + " is missing\n");
+    EXPECT_EQ(third.backup.manifest.parent, first.backup.manifest.id);
+    EXPECT_EQ(machine.restored(third.backup.path), machine.driver.contents());
+}
+
 TEST(Engine, ACacheThatIsFullBeforeTheMapIsLoadedNamesTheRemedy)
 {
     Machine machine;

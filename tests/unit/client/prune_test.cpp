@@ -255,6 +255,39 @@ TEST_F(Prune, ADryRunChangesNothing)
     expectRight();
 }
 
+// The next one builds on an older backup when the newest ones cannot be read.
+TEST_F(Prune, WhatTwoBuildOnStaysAndIsTakenUpWhenOneOfThemGoes)
+{
+    const auto backupWithout = [&](std::initializer_list<std::size_t> unreadable) {
+        const auto move = [&](const char* from, const char* to) {
+            for (const std::size_t i : unreadable)
+                fs::rename(machine.repository() / (backups[i].manifest.id + from), machine.repository() / (backups[i].manifest.id + to));
+        };
+        move(".json", ".away");
+        backup();
+        move(".away", ".json");
+    };
+    for (int round = 0; round < 3; ++round)
+        backup();
+    backupWithout({2});
+    backup();
+    backupWithout({3, 4});
+    const auto parentOf = [&](std::size_t i) { return backups[i].manifest.parent; };
+    ASSERT_EQ(parentOf(3), backups[1].manifest.id);
+    ASSERT_EQ(parentOf(4), backups[3].manifest.id);
+    ASSERT_EQ(parentOf(5), backups[2].manifest.id);
+    expectRight();
+
+    const auto choices = pruneBackups(machine.repository(), {.last = 2}, false, {}, quiet, never);
+    EXPECT_EQ(choices[1].reasons, std::vector<std::string>{"shared"});
+    EXPECT_EQ(there(), (std::vector<std::string>{backups[1].manifest.id, backups[4].manifest.id, backups[5].manifest.id}));
+    expectRight();
+
+    pruneBackups(machine.repository(), {.last = 1}, false, {}, quiet, never);
+    EXPECT_EQ(there(), std::vector<std::string>{backups[5].manifest.id});
+    expectRight();
+}
+
 TEST_F(Prune, DamageStopsItBeforeAnythingChanges)
 {
     for (int round = 0; round < 3; ++round)
