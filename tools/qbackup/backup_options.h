@@ -21,6 +21,7 @@ struct BackupOptions {
     std::uint64_t bytesPerSecond = 0; // 0: as fast as it goes
     std::uint64_t wait = 0; // seconds, for another run to end
     std::string host;       // what this machine is called in a repository of images; empty: its name
+    bool dryRun = false;    // only tell
     bool fresh = false;     // a folder of its own for a device that has another's name
 };
 

@@ -78,6 +78,18 @@ class Session
         throw;
     }
 
+    BackupPlan plan()
+    {
+        measure();
+        choosePrevious();
+        openLedger();
+        if (previous_ && (!ledger_ || !ledger_->since(previous_->manifest.key)))
+            giveUpIncremental("what changed since backup " + previous_->manifest.id + " is not known");
+        if (!previous_ && mayCompare())
+            previous_ = last_;
+        return {previous_ ? Mode::incremental : Mode::full, previous_ ? previous_->manifest.id : "", reason_};
+    }
+
     bool fellBack() const noexcept { return fell_back_; }
 
   private:
@@ -284,16 +296,25 @@ class Session
         return job_.apart ? takeSnapshotApart(*device_, task, stop_) : qbackup::takeSnapshot(*device_, task, stop_);
     }
 
-    // Whether all blocks can be compared with the newest backup, so that only those that differ are stored.
-    bool canCompare()
-    {
+    // Whether all blocks may be compared with the newest backup, so that only those that differ are stored.
+    bool mayCompare()
+    try {
         if (job_.wanted == Wanted::full || repository_.granule() == 1 || !last_ || last_->manifest.blockSize != manifest_.blockSize ||
             last_->manifest.blocks != manifest_.blocks || last_->manifest.deviceBytes != manifest_.deviceBytes)
             return false;
+        repository_.expectComplete(*last_);
+        return repository_.mayGrow(*last_);
+    } catch (const Failure& failure) {
+        reason_ = failure.what();
+        return false;
+    }
+
+    // They can be, and will.
+    bool canCompare()
+    {
+        if (!mayCompare())
+            return false;
         try {
-            repository_.expectComplete(*last_);
-            if (!repository_.mayGrow(*last_))
-                return false;
             comparison_.emplace(repository_, *last_);
         } catch (const Failure& failure) {
             reason_ = failure.what();
@@ -406,6 +427,13 @@ class Session
 };
 
 } // namespace
+
+BackupPlan planBackup(ControlDevice device, const Repository& repository, const BackupJob& job, Progress& progress, const StopSignal& stop)
+try {
+    return Session{std::move(device), repository, job, progress, stop}.plan();
+} catch (const Error& error) {
+    throw failureOf(error);
+}
 
 BackupReport runBackup(ControlDevice device, const Repository& repository, const BackupJob& job, Progress& progress,
                        const StopSignal& stop, const PendingBackup::Watcher& watcher)

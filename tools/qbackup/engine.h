@@ -66,6 +66,15 @@ struct BackupReport {
     double seconds = 0;
 };
 
+// What a backup would be, as far as that can be told without a snapshot: the driver may have lost track since the last one.
+struct BackupPlan {
+    Mode mode = Mode::full;
+    std::string parent; // of an incremental one
+    std::string reason; // of a full one, or of one that is compared: why it is not what changed since
+};
+// Changes nothing. Throws Failure.
+BackupPlan planBackup(quendrel::ControlDevice device, const Repository& repository, const BackupJob& job, Progress& progress, const StopSignal& stop);
+
 // `device` is closed before the backup is put in place. Throws Failure; nothing of the backup is left then.
 BackupReport runBackup(quendrel::ControlDevice device, const Repository& repository, const BackupJob& job,
                        Progress& progress, const StopSignal& stop, const PendingBackup::Watcher& watcher = {});

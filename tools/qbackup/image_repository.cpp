@@ -60,24 +60,40 @@ std::string newId()
     return toHex(bytes);
 }
 
+// Whether the folder says that it is this machine's. Throws Failure (refused) when it is another one's.
+bool isNamedAfter(const fs::path& folder, const Host& host)
+{
+    if (!isPresent(folder / host_file))
+        return false;
+    const std::string known = readJson(folder / host_file).value("machineId", "");
+    if (!known.empty() && !host.id.empty() && known != host.id)
+        throw Failure{Exit::refused, folder.string() + " has the backups of another machine of that name: its machine-id is " + known +
+                                         ", this one's is " + host.id +
+                                         ". Give --host NAME for another name in this repository; if it is the same machine, installed anew, remove " +
+                                         (folder / host_file).string()};
+    return !known.empty() || host.id.empty();
+}
+
 // The folder that the machine's name stands for, if it stands for this machine.
 fs::path hostFolder(const fs::path& target, const Host& host)
 {
     const fs::path folder = target / host.name;
     makeDirectory(folder);
     syncDirectory(target); // also if it was made by a run that came no further
-    if (isPresent(folder / host_file)) {
-        const std::string known = readJson(folder / host_file).value("machineId", "");
-        if (!known.empty() && !host.id.empty() && known != host.id)
-            throw Failure{Exit::refused, folder.string() + " has the backups of another machine of that name: its machine-id is " + known +
-                                             ", this one's is " + host.id +
-                                             ". Give --host NAME for another name in this repository; if it is the same machine, installed anew, remove " +
-                                             (folder / host_file).string()};
-        if (!known.empty() || host.id.empty())
-            return folder;
-    }
-    writeJson(folder / host_file, {{"name", host.name}, {"machineId", host.id}});
+    if (!isNamedAfter(folder, host))
+        writeJson(folder / host_file, {{"name", host.name}, {"machineId", host.id}});
     return folder;
+}
+
+void expectFit(const DevicePlace& place)
+{
+    const auto fit = [](const std::string& name) {
+        return !name.empty() && !name.starts_with(".") && name.find('/') == std::string::npos;
+    };
+    if (!fit(place.host.name))
+        throw Failure{Exit::refused, "'" + place.host.name + "' cannot be the name of a folder; give another one with --host"};
+    if (!fit(place.device))
+        throw Failure{Exit::refused, "'" + place.device + "' cannot be the name of a folder"};
 }
 
 // The name of the device's folder.
@@ -176,15 +192,19 @@ Host thisHost(const fs::path& etc)
     return {name.data(), id};
 }
 
+fs::path imageFolderOf(const fs::path& target, const DevicePlace& place)
+{
+    expectFit(place);
+    const fs::path host = target / place.host.name;
+    if (!isPresent(host))
+        return host / place.device;
+    isNamedAfter(host, place.host);
+    return host / chooseFolder(host, place);
+}
+
 Repository openImagesForBackup(const fs::path& target, const DevicePlace& place, const Patience& patience)
 {
-    const auto fit = [](const std::string& name) {
-        return !name.empty() && !name.starts_with(".") && name.find('/') == std::string::npos;
-    };
-    if (!fit(place.host.name))
-        throw Failure{Exit::refused, "'" + place.host.name + "' cannot be the name of a folder; give another one with --host"};
-    if (!fit(place.device))
-        throw Failure{Exit::refused, "'" + place.device + "' cannot be the name of a folder"};
+    expectFit(place);
     const fs::path host = hostFolder(target, place.host);
     const std::string folder = chooseFolder(host, place);
     Repository repository = Repository::openImages(host / folder, patience);

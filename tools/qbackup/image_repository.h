@@ -40,6 +40,8 @@ struct DevicePlace {
     // What a device that is there now by that name is known by; nothing when there is none. Null: none is there.
     std::function<std::optional<DeviceIdentity>(const std::string& device)> present{};
 };
+// The folder of the device, found by its identity, or where it would be made; nothing is. Throws Failure.
+fs::path imageFolderOf(const fs::path& target, const DevicePlace& place);
 // The folder of the device, found by its identity, else made; locked and free of what dead runs left. Throws Failure.
 Repository openImagesForBackup(const fs::path& target, const DevicePlace& place, const Patience& patience = {});
 

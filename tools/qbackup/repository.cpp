@@ -126,14 +126,28 @@ Repository::Made::~Made()
     fs::remove(directory_, error);
 }
 
-Repository Repository::openForBackup(const fs::path& target, const std::string& device, const Patience& patience)
+// As of a target of folders.
+static void expectTarget(const fs::path& target)
 {
-    const fs::path directory = target / device;
     if (typeOf(target) != fs::file_type::directory)
         throw Failure{Exit::refused, "the target " + target.string() + " is not a directory; create it first"};
     if (holdsBackups(target))
         throw Failure{Exit::refused, target.string() + " holds the backups of one device; name the directory above it, " +
                                          fs::weakly_canonical(target / "..").string()};
+}
+
+Repository Repository::lookForBackup(const fs::path& target, const std::string& device)
+{
+    expectTarget(target);
+    return Repository{target / device};
+}
+
+Repository Repository::lookAtImages(fs::path directory) { return {std::move(directory), true, {}, {}}; }
+
+Repository Repository::openForBackup(const fs::path& target, const std::string& device, const Patience& patience)
+{
+    const fs::path directory = target / device;
+    expectTarget(target);
     LockedDirectory locked = lockDirectory(directory, patience);
     Repository repository{directory, false, std::move(locked.lock), locked.made ? Made{directory} : Made{}};
     for (const fs::path& entry : entriesOf(directory))
@@ -160,6 +174,8 @@ Repository Repository::openImages(const fs::path& directory, const Patience& pat
 std::vector<StoredBackup> Repository::backups(std::vector<DamagedBackup>* damaged) const
 {
     std::vector<StoredBackup> result;
+    if (!isPresent(directory_))
+        return result;
     const auto add = [&](const fs::path& path, const auto& read) {
         try {
             result.push_back(read(path));

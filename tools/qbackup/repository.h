@@ -26,6 +26,10 @@ class Repository
     static Repository openImages(const fs::path& directory, const Patience& patience = {});
     // For reading; no lock, nothing is created.
     explicit Repository(fs::path directory);
+    // The same, for a look at what a backup into TARGET/DEVICE, or into that directory of images, would find; it need not be
+    // there. Throws Failure, as a backup would.
+    static Repository lookForBackup(const fs::path& target, const std::string& device);
+    static Repository lookAtImages(fs::path directory);
 
     const fs::path& directory() const noexcept { return directory_; }
     // The readable ones by ascending sequence. The others go to `damaged` when it is given.

@@ -80,6 +80,61 @@ TEST_F(Program, ARepositoryOfImagesFromItsMakingToARestore)
     EXPECT_EQ(backupTo().document()["mode"], "inc");
 }
 
+TEST_F(Program, ADryRunTellsWhatABackupWouldBeAndDoesNothing)
+{
+    const fs::path target = machine.directory / "repository";
+    const std::string folder = target / "tern/sda1";
+    ASSERT_EQ(call({"init", target}).code, 0);
+    const auto told = [&](std::vector<std::string> more = {}) {
+        const auto before = namesIn(target);
+        machine.driver.clearEvents();
+        std::vector<std::string> words{"backup", "sda1", "--to", target, "--json", "--host", "tern", "--dry-run"};
+        words.insert(words.end(), more.begin(), more.end());
+        const Result result = call(words);
+        EXPECT_EQ(result.code, 0) << result.err;
+        EXPECT_EQ(namesIn(target), before);
+        for (const std::string& event : machine.driver.events())
+            EXPECT_TRUE(event.find("napshot") == std::string::npos && event != "StartBackup") << event;
+        return result.document();
+    };
+    json expected{{"ok", true}, {"exit", 0}, {"dryRun", true}, {"device", "sda1"}, {"number", "8:1"}, {"directory", folder}, {"mode", "full"}};
+    expected["fullReason"] = "there is no earlier backup in " + folder;
+    EXPECT_EQ(told(), expected);
+
+    const auto backupNow = [&] {
+        machine.driver.write(17, 2);
+        return call({"backup", "sda1", "--to", target, "--json", "--host", "tern"}).document();
+    };
+    const std::string first = backupNow()["id"];
+    expected["fullReason"] = "asked for";
+    EXPECT_EQ(told({"--mode", "full"}), expected);
+    expected.erase("fullReason");
+    expected["mode"] = "inc";
+    expected["parent"] = first;
+    EXPECT_EQ(told(), expected);
+    EXPECT_EQ(backupNow()["mode"], "inc");
+
+    // Not known since when.
+    fs::remove_all(run / "ledger");
+    const json compared = told();
+    EXPECT_EQ(compared["mode"], "inc");
+    EXPECT_EQ(compared["comparedBecause"], "what changed since backup " + compared["parent"].get<std::string>() + " is not known");
+    EXPECT_EQ(call({"backup", "sda1", "--to", target, "--host", "tern", "--dry-run"}).out,
+              "would back up sda1 into " + folder + ": all is read and compared with backup " + compared["parent"].get<std::string>() + ": " +
+                  compared["comparedBecause"].get<std::string>() + "\n");
+}
+
+TEST_F(Program, ADryRunIsRefusedWhereABackupIs)
+{
+    EXPECT_EQ(backup({"--dry-run"}).document()["fullReason"], "there is no earlier backup in " + machine.repository().string());
+    EXPECT_FALSE(fs::exists(machine.repository()));
+    const Result missing = call({"backup", "sda1", "--to", machine.directory / "missing", "--dry-run"});
+    EXPECT_EQ(missing.code, 3);
+    EXPECT_EQ(missing.err, "qbackup: the target " + (machine.directory / "missing").string() + " is not a directory; create it first\n");
+    machine.driver.mounted = false;
+    EXPECT_EQ(backup({"--dry-run"}).code, 3);
+}
+
 TEST_F(Program, APlaceInsideARepositoryOfImagesIsNoTarget)
 {
     const fs::path target = machine.directory / "repository";

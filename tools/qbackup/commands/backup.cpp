@@ -54,6 +54,7 @@ void addBackup(CLI::App& app, Context& context)
     addWait(*command, options->how.wait);
     command->add_option("--host", options->how.host, "What this machine is called in a repository of images (default: its name)");
     command->add_flag("--new", options->how.fresh, "A folder of its own for a device that has got the name of another one");
+    command->add_flag("-n,--dry-run", options->how.dryRun, "Only tell what would be done");
     command->callback([&context, options] { context.chosen = [&context, options] { return backup(context, *options); }; });
 }
 

@@ -23,7 +23,7 @@ struct Done {
     fs::path folder; // the device's, in the target
 };
 
-// The device's place in the target, locked.
+// The device's place in the target, locked; in a dry run only looked at.
 Repository openTarget(const BackupOptions& options, const DeviceCatalog& catalog, const Device& device,
                       const Patience& patience)
 {
@@ -33,7 +33,8 @@ Repository openTarget(const BackupOptions& options, const DeviceCatalog& catalog
             if (isImageRepository(above))
                 throw Failure{Exit::refused, options.target.string() + " lies in the repository " +
                                                  fs::weakly_canonical(above).string() + "; name that one"};
-        return Repository::openForBackup(options.target, device.name, patience);
+        return options.dryRun ? Repository::lookForBackup(options.target, device.name)
+                              : Repository::openForBackup(options.target, device.name, patience);
     }
     const auto present = [&](const std::string& name) -> std::optional<DeviceIdentity> {
         try {
@@ -44,11 +45,33 @@ Repository openTarget(const BackupOptions& options, const DeviceCatalog& catalog
         }
         return std::nullopt;
     };
-    Repository repository = openImagesForBackup(
-        options.target, {hostCalled(options.host), device.name, identityOf(device), options.fresh, present}, patience);
+    const DevicePlace place{hostCalled(options.host), device.name, identityOf(device), options.fresh, present};
+    if (options.dryRun)
+        return Repository::lookAtImages(imageFolderOf(options.target, place));
+    Repository repository = openImagesForBackup(options.target, place, patience);
     if (const auto layout = layoutOf(device))
         keepLayout(repository.directory().parent_path(), *layout);
     return repository;
+}
+
+// What a backup would be.
+void tell(const Context& context, const BackupJob& job, const Repository& repository, const BackupPlan& plan)
+{
+    const bool full = plan.mode == Mode::full;
+    if (context.json) {
+        nlohmann::json document{{"ok", true}, {"exit", 0}, {"dryRun", true}, {"device", job.device.name}, {"number", toString(job.device.number)},
+                                {"directory", repository.directory().string()}, {"mode", toString(plan.mode)}};
+        if (!full)
+            document["parent"] = plan.parent;
+        if (!plan.reason.empty())
+            document[full ? "fullReason" : "comparedBecause"] = plan.reason;
+        print(document);
+        return;
+    }
+    const std::string what = full                  ? "in full: " + plan.reason
+                             : plan.reason.empty() ? "what changed since backup " + plan.parent
+                                                   : "all is read and compared with backup " + plan.parent + ": " + plan.reason;
+    std::printf("would back up %s into %s: %s\n", job.device.name.c_str(), repository.directory().c_str(), what.c_str());
 }
 
 // Backs up one device and tells of it.
@@ -92,6 +115,10 @@ Done backUpOne(const Context& context, const BackupOptions& options, const std::
         if (const auto warning = checkSpace(job.device, host, options.target))
             progress.warn(*warning);
 
+    if (options.dryRun) {
+        tell(context, job, repository, planBackup(openControl(context.control), repository, job, progress, context.stop));
+        return {Exit::ok, repository.directory()};
+    }
     SnapshotCommands commands{part.commands, part.name, name, context.stop};
     job.beforeSnapshot = [&commands] { commands.before(); };
     job.afterSnapshot = [&commands, &progress] {
