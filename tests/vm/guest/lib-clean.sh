@@ -18,8 +18,8 @@ clean_up() {
   local try line count me=$BASHPID
   for try in $(seq 50); do
     count=0
-    # All but this program, the kernel's threads, and the programs of this very line.
-    for line in $(processes | awk -v me=$me -v init=$$ '$1 != init && $1 != 1 && $1 != 2 && $2 != 2 && $1 != me && $2 != me { print $1 }'); do
+    # All but this program and its parent, the kernel's threads, and the programs of this very line.
+    for line in $(processes | awk -v me=$me -v init=$$ -v parent=$PPID '$1 != init && $1 != parent && $1 != 1 && $1 != 2 && $2 != 2 && $1 != me && $2 != me { print $1 }'); do
       kill -KILL "$line" 2>/dev/null && count=$((count + 1))
     done
     [ $count != 0 ] || break

@@ -57,6 +57,7 @@ need() { # prints what is missing
       [ -f /sys/kernel/debug/fail_make_request/probability ] || echo "the kernel cannot let requests to a disk fail"
       ;;
     package) [ -d $KIT/package ] || echo "there is no package for this kernel" ;;
+    tools) [ -x $KIT/tools/usr/bin/qbackup ] || echo "the tools' package was not made" ;;
     daemon) [ -x $KIT/daemon/usr/sbin/quendreld ] || echo "the daemon's package was not made" ;;
     userfaultfd) [ -f /proc/sys/vm/unprivileged_userfaultfd ] || echo "the kernel lets no program bring the pages of another" ;;
     swap) [ -f /proc/swaps ] || echo "the kernel does not swap" ;;
