@@ -2,8 +2,8 @@
 #include "disk_picture.h"
 
 #include "files.h"
+#include "terminal_width.h"
 
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -45,12 +45,7 @@ Terminal terminal()
 {
     Terminal result;
     result.blocks = ::isatty(STDOUT_FILENO) != 0 && saysUtf8();
-    const char* named = std::getenv("COLUMNS");
-    winsize size{};
-    if (const long columns = named != nullptr ? std::strtol(named, nullptr, 10) : 0; columns > 0)
-        result.columns = static_cast<unsigned>(std::min(columns, 1000L));
-    else if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
-        result.columns = size.ws_col;
+    result.columns = terminalColumns(STDOUT_FILENO).value_or(result.columns);
     return result;
 }
 

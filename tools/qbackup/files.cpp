@@ -26,7 +26,7 @@ namespace
 // Who may not look for a name may not search the directory.
 [[noreturn]] void failToLook(const fs::path& path, int number)
 {
-    number == EACCES ? fail(path.parent_path(), "read the directory", number) : fail(path, "look for", number);
+    number == EACCES ? fail(path.has_parent_path() ? path.parent_path() : ".", "read the directory", number) : fail(path, "look for", number);
 }
 
 } // namespace

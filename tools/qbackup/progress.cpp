@@ -2,9 +2,11 @@
 #include "progress.h"
 
 #include "files.h"
+#include "terminal_width.h"
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 
 namespace qbackup
@@ -14,9 +16,34 @@ namespace
 
 constexpr auto bar_interval = std::chrono::milliseconds{200};
 constexpr auto line_interval = std::chrono::seconds{10};
-constexpr unsigned bar_width = 30;
+constexpr std::size_t most_bar = 30;
+constexpr std::size_t least_bar = 5;
+constexpr unsigned usual_columns = 80;
 
 } // namespace
+
+std::string barLine(const std::string& what, double part, const std::string& numbers, const std::string& left, unsigned columns)
+{
+    const std::size_t room = columns > 1 ? columns - 1 : 1;
+    char percent[8];
+    std::snprintf(percent, sizeof percent, "%3.0f%%", part * 100);
+    std::string line = what + " " + percent + " " + numbers + ", " + left;
+    if (line.size() + least_bar + 3 <= room) {
+        const std::size_t width = std::min(most_bar, room - line.size() - 3);
+        std::string bar(width, ' ');
+        for (std::size_t i = 0; i < width && static_cast<double>(i) < part * static_cast<double>(width); ++i)
+            bar[i] = '#';
+        line.insert(what.size() + 1, "[" + bar + "] ");
+    } else if (line.size() > room) {
+        line = what + " " + percent + ", " + left;
+    }
+    std::size_t end = std::min(line.size(), room);
+    // Not in the midst of a character.
+    while (end < line.size() && end > 0 && (static_cast<unsigned char>(line[end]) & 0xc0) == 0x80)
+        --end;
+    line.resize(end);
+    return line;
+}
 
 Progress::Style Progress::styleFor(bool quiet)
 {
@@ -82,11 +109,11 @@ void Progress::show(Clock::time_point now)
         std::fprintf(stderr, "%s: %s (%.0f%%), about %.0f s left\n", what_.c_str(), counts.c_str(), part * 100, left);
         return;
     }
-    std::string bar(bar_width, ' ');
-    for (unsigned i = 0; i < bar_width && i < part * bar_width; ++i)
-        bar[i] = '#';
-    std::fprintf(stderr, "\r%s [%s] %3.0f%% %s, %.0f s left\033[K", what_.c_str(), bar.c_str(), part * 100,
-                 counts.c_str(), left);
+    char rest[48];
+    std::snprintf(rest, sizeof rest, "%.0f s left", left);
+    // It may be made wider or narrower meanwhile.
+    const unsigned columns = terminalColumns(STDERR_FILENO).value_or(usual_columns);
+    std::fprintf(stderr, "\r%s\033[K", barLine(what_, part, counts, rest, columns).c_str());
     bar_shown_ = true;
 }
 

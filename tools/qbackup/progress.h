@@ -9,6 +9,10 @@
 namespace qbackup
 {
 
+// What a bar's line says. `columns`: of the terminal, of which it leaves the last one free, as a line that wraps cannot be
+// written over; what does not fit goes, first the bar, then the numbers, then the end of the line.
+std::string barLine(const std::string& what, double part, const std::string& numbers, const std::string& left, unsigned columns);
+
 class Progress
 {
   public:
