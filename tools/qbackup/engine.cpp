@@ -45,7 +45,7 @@ class Session
     }
 
     StoredBackup run(const PendingBackup::Watcher& watcher)
-    try {
+    {
         measure();
         choosePrevious();
         openLedger();
@@ -55,7 +55,7 @@ class Session
         Bitmap map = takeSnapshot();
         pending->start(manifest_, previous_);
         throwIfStopped(stop_);
-        device_->loadBlockMap(map);
+        ask([&] { device_->loadBlockMap(map); });
         expectState(*device_, job_.device.name, QUENDREL_STATE_MAP_LOADED, "after the map was loaded");
         if (comparison_)
             comparison_->sendTo(*pending);
@@ -73,9 +73,6 @@ class Session
                 throwIfStopped(stop_);
         };
         return pending->commit(manifest_, comparison_ ? comparison_->finish() : map, before_it_counts);
-    } catch (const Error& error) {
-        loseIfFailed(error);
-        throw;
     }
 
     BackupPlan plan()
@@ -99,10 +96,18 @@ class Session
         throwLost(job_.device.name, what, known);
     }
 
-    // A command is refused when the backup has failed meanwhile; the state says why, and with it tracking has ended.
+    // Behind the snapshot a command is refused when the backup has failed meanwhile; the state says why, and with it
+    // tracking has ended.
+    template <typename Command> void ask(const Command& command)
+    try {
+        command();
+    } catch (const Error& error) {
+        loseIfFailed(error);
+        throw;
+    }
     void loseIfFailed(const Error& error)
     {
-        if (!device_ || error.code() != QUENDREL_REFUSED)
+        if (error.code() != QUENDREL_REFUSED)
             return;
         if (const auto state = device_->state().state; state > QUENDREL_STATE_CLOSING)
             lost(quendrel::stateText(state));
@@ -266,7 +271,7 @@ class Session
                                   throwIfStopped(stop_);
                                   if ((slow = std::chrono::steady_clock::now() > end))
                                       throw Failure{Exit::failed, "it takes too long to tell"};
-                                  device_->readBlocks(first, static_cast<std::uint32_t>(to.size() / manifest_.blockSize), area);
+                                  ask([&] { device_->readBlocks(first, static_cast<std::uint32_t>(to.size() / manifest_.blockSize), area); });
                                   std::copy_n(area.data().begin(), to.size(), to.begin());
                               });
         } catch (const Failure& failure) {
