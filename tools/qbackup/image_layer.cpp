@@ -57,7 +57,7 @@ void ImageLayer::fill()
         const std::optional<LayerPiece> piece = sums_.next();
         if (!piece)
             return;
-        if (piece->offset + piece->bytes > bytes_ || (piece->zeros && !isZero(piece->offset, piece->bytes)))
+        if (piece->offset + piece->bytes > bytes_ || (piece->zeros && !holdsZeros(piece->offset, piece->bytes)))
             throw damage(path_, *piece);
         ahead_.push_back({*piece, std::vector<std::byte>(piece->zeros ? 0 : piece->bytes), 0});
         if (!piece->zeros)
@@ -73,6 +73,23 @@ bool ImageLayer::isZero(std::uint64_t offset, std::uint64_t bytes)
         ++next_zeros_;
     return next_zeros_ < zeros.size() && zeros[next_zeros_].offset <= offset &&
            zeros[next_zeros_].offset + zeros[next_zeros_].bytes >= offset + bytes;
+}
+
+// Where zeros begin or end in the midst of a granule that has data, too, QEMU says nothing of them: they are read. No image is
+// written so any more.
+bool ImageLayer::holdsZeros(std::uint64_t offset, std::uint64_t bytes)
+{
+    const std::uint64_t end = offset + bytes;
+    const std::uint64_t first = std::min(roundedUp(offset), end);
+    const std::uint64_t last = std::max(first, end - end % image_granule_bytes);
+    const auto isZeroOrReadsSo = [&](std::uint64_t from, std::uint64_t to) {
+        if (from == to || isZero(from, to - from))
+            return true;
+        std::vector<std::byte> data(to - from);
+        image_.wait(image_.read(from, data));
+        return allZero(data);
+    };
+    return isZeroOrReadsSo(offset, first) && (first == last || isZero(first, last - first)) && isZeroOrReadsSo(last, end);
 }
 
 // What the image has but the sums do not would be in whatever is read through it.

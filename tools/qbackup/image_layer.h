@@ -33,6 +33,7 @@ class ImageLayer : public LayerReader
 
     void fill();
     bool isZero(std::uint64_t offset, std::uint64_t bytes);
+    bool holdsZeros(std::uint64_t offset, std::uint64_t bytes);
     void expectNothingElse(SumsReader sums);
 
     fs::path path_;

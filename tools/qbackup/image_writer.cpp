@@ -20,13 +20,14 @@ constexpr std::uint32_t most_zeros = 1u << 30; // in one piece
 // Bytes from there to the next border of what an image keeps apart.
 std::size_t granuleAt(std::uint64_t offset) { return image_granule_bytes - offset % image_granule_bytes; }
 
-// How far it goes on before a granule of zeros.
+// How far it goes on before a granule of zeros. A part of one is data: what comes beside it may be, and the image keeps
+// nothing apart that is smaller.
 std::size_t leadingData(std::uint64_t offset, std::span<const std::byte> bytes)
 {
     std::size_t at = 0;
     while (at < bytes.size()) {
         const std::size_t part = std::min(bytes.size() - at, granuleAt(offset + at));
-        if (allZero(bytes.subspan(at, part)))
+        if (part == image_granule_bytes && allZero(bytes.subspan(at, part)))
             break;
         at += part;
     }
@@ -50,7 +51,7 @@ void ImageWriter::put(std::uint64_t offset, std::span<const std::byte> bytes, co
         // What comes next may belong to the same cell as its end: then that is gathered.
         const std::size_t whole = done - (done == bytes.size() ? std::min<std::size_t>(done, (offset + done) % cell_bytes) : 0);
         if (done == 0) {
-            done = std::min(piece.size(), granuleAt(offset));
+            done = image_granule_bytes;
             putZeros(offset, done);
         } else if (hold && data_size_ == 0 && whole >= least_direct_bytes) {
             done = whole;

@@ -229,6 +229,25 @@ TEST(ImageBackup, DataThatWasNeverStoredIsDamage)
         << problemIn(machine.repository());
 }
 
+TEST(ImageBackup, ABlockThatWasReadAheadIsStoredWithTheZerosBesideIt)
+{
+    MachineWithImages machine;
+    for (std::uint32_t block = 0; block < 8; ++block)
+        machine.driver.writeZeros(block);
+    machine.driver.write(1, 5);
+    const auto before = machine.driver.contents();
+    bool written = false;
+    machine.driver.before.set([&](std::uint32_t command) {
+        if (command == QUENDREL_GET_DIRTY_BLOCK && !std::exchange(written, true))
+            machine.driver.write(1, 6);
+    });
+    const auto full = machine.backup();
+    machine.driver.before.set({});
+    ASSERT_TRUE(written);
+    EXPECT_EQ(problemIn(machine.repository()), "");
+    EXPECT_EQ(machine.restored(full.backup.path), before);
+}
+
 TEST(ImageBackup, DataWhereZerosWereStoredIsDamage)
 {
     MachineWithImages machine;

@@ -86,6 +86,72 @@ TEST_F(Written, IsTheSameInWhateverPortionsItCame)
     EXPECT_EQ(most_held, 0u);
 }
 
+// As where blocks are smaller than a granule, and one of them was read ahead of its turn.
+TEST_F(Written, IsReadBackWhateverPartOfAGranuleIsZeros)
+{
+    constexpr std::size_t block = 1024;
+    contents.assign(contents.size(), std::byte{0});
+    for (std::size_t at = 0; at < contents.size(); at += block)
+        if (random() % 3 == 0)
+            std::fill_n(contents.begin() + static_cast<std::ptrdiff_t>(at), block, std::byte{7});
+    for (const bool held : {false, true}) {
+        const fs::path image = directory / (held ? "held.qcow2" : "copied.qcow2");
+        const fs::path sums = directory / (held ? "held.sums" : "copied.sums");
+        createImage(image, device_bytes, "");
+        std::string hash;
+        {
+            ImageWriter writer{image, sums, ZerosAre::there};
+            const std::shared_ptr<std::byte[]> copy{new std::byte[device_bytes]};
+            std::ranges::copy(contents, copy.get());
+            for (std::size_t at = 0; at < device_bytes;) {
+                const std::size_t bytes = std::min(device_bytes - at, (random() % 8 == 0 ? random() % 400 + 1 : random() % 6 + 1) * block);
+                writer.put(at, {copy.get() + at, bytes}, held ? Hold{copy} : nullptr);
+                at += bytes;
+            }
+            hash = writer.finish();
+        }
+        std::vector<std::byte> read(device_bytes);
+        ImageLayer layer{image, sums, hash, device_bytes};
+        while (const auto piece = layer.next())
+            std::ranges::copy(piece->data, read.begin() + static_cast<std::ptrdiff_t>(piece->offset));
+        EXPECT_TRUE(read == contents);
+    }
+}
+
+// Such images were written before.
+TEST_F(Written, MayTellOfZerosInAGranuleThatHasDataToo)
+{
+    const auto image = [&](std::byte first) {
+        const fs::path path = directory / ("old" + std::to_string(std::to_integer<int>(first)) + ".qcow2");
+        const fs::path sums = fs::path{path}.replace_extension(".sums");
+        createImage(path, device_bytes, "");
+        std::vector<std::byte> data(4 * granule, std::byte{7});
+        std::fill_n(data.begin(), 1024, first);
+        std::fill_n(data.end() - 2048, 2048, std::byte{0});
+        OpenImage open{path, OpenImage::For::writing};
+        open.wait(open.write(0, data));
+        open.flush();
+        open.finish();
+        SumsWriter writer{sums};
+        LayerPiece zeros;
+        zeros.zeros = true;
+        zeros.bytes = 1024;
+        writer.add(zeros);
+        addPieces(writer, 1024, std::span{data}.subspan(1024, data.size() - 3072));
+        zeros.offset = data.size() - 2048;
+        zeros.bytes = device_bytes - zeros.offset;
+        writer.add(zeros);
+        return ImageLayer{path, sums, writer.finish(), device_bytes};
+    };
+    ImageLayer good = image(std::byte{0});
+    std::uint64_t bytes = 0;
+    while (const auto piece = good.next())
+        bytes += piece->bytes;
+    EXPECT_EQ(bytes, device_bytes);
+    ImageLayer bad = image(std::byte{1});
+    EXPECT_THROW(bad.next(), Failure);
+}
+
 TEST_F(Written, IsTheSameFromWhereItLies)
 {
     const Result copied = written("copied", 100, false);
