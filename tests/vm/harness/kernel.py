@@ -23,7 +23,7 @@ BOOT_MODULES = [
 MORE_MODULES = [
     "brd", "loop", "dm_flakey", "scsi_debug", "dm_snapshot", "null_blk", "fuse", "dm_thin_pool", "dm_crypt", "xts", "ecb", "aes_generic",
     "dm_multipath", "dm_round_robin", "md_mod", "linear", "raid0", "raid1", "raid10", "zram", "sd_mod", "sr_mod", "sg", "nd_e820", "nd_pmem", "vfat",
-    "nls_cp437", "nls_ascii",
+    "nls_cp437", "nls_ascii", "virtio_console",
 ]
 
 KMOD_PATH = "/usr/sbin:/sbin:/usr/bin:/bin"

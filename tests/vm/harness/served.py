@@ -9,6 +9,7 @@ import shutil
 import struct
 import subprocess
 import time
+from pathlib import Path
 
 from . import images
 from .failure import HarnessError
@@ -17,7 +18,19 @@ from .machine import Disk
 START = 1 << 20     # of the partition, bytes
 ROOM = 64 << 20     # beyond what the root image has
 # All paths are as seen from the machine's directory: a socket's has to be short.
-IMAGE, RUN, BACKUPS = "served.img", "daemon", "backups"
+IMAGE, RUN, BACKUPS, GUESTS, AGENT = "served.img", "daemon", "backups", "guests", "agent.sock"
+PAGE = Path(__file__).resolve().parents[3] / "docs/qbackup.toml.5"
+
+
+def agent_program():
+    """The manual's program that speaks to a guest's agent, with this machine's socket."""
+    text = PAGE.read_text()
+    begin = text.index("#!/bin/sh")
+    program = text[begin:text.index(".Ed", begin)].replace(r"\e", "\\")
+    theirs = "/run/guest/qga.sock"
+    if program.count(theirs) != 1:
+        raise HarnessError(f"the program in {PAGE} does not name {theirs} once")
+    return program.replace(theirs, AGENT)
 
 
 def one_partition(first, sectors):
@@ -81,18 +94,47 @@ class ServedRoot:
             self.kill()
             return False
 
+    def agent_port(self):
+        """QEMU's options for a port on which the guest's agent listens."""
+        return ["-device", "virtio-serial-pci,addr=0xa", "-chardev", f"socket,id=agent,path={AGENT},server=on,wait=off",
+                "-device", "virtserialport,chardev=agent,name=org.qemu.guest_agent.0"]
+
     def backed_up(self, at_least):
-        """Takes a backup and restores it; returns how many records are in it."""
-        made = json.loads(self._run(self.qbackup, "--control", f"{RUN}/control.sock", "--json", "backup", "--device", "sda1", "--to", BACKUPS).stdout)
+        """Takes a backup and restores it; returns its mode, how many records are in it, and what its journal is."""
+        return self._as_restored(json.loads(self._run(self.qbackup, "--control", f"{RUN}/control.sock", "--json", "backup", "--device", "sda1",
+                                                      "--to", BACKUPS).stdout), at_least)
+
+    def backed_up_by_its_job(self, at_least):
+        """The same by a job whose commands have the guest's agent freeze and thaw its file systems, as the manual has it."""
+        job = self.work / "job.toml"
+        if not job.exists():
+            program = self.work / "guest-agent"
+            program.write_text(agent_program())
+            program.chmod(0o700)
+            job.write_text(f"""[job.guest]
+devices = ["sda1"]
+target = "{self.work / GUESTS}"
+host = "guest"
+control = "{self.work / RUN}/control.sock"
+before = ["{program}", "guest-fsfreeze-freeze"]
+after = ["{program}", "guest-fsfreeze-thaw"]
+timeout = 30
+""")
+            job.chmod(0o600)
+            self._run(self.qbackup, "init", GUESTS)
+        return self._as_restored(json.loads(self._run(self.qbackup, "--json", "run", "guest", "--config", job).stdout), at_least)
+
+    def _as_restored(self, made, at_least):
         restored = "restored.img"
-        self._run(self.qbackup, "--quiet", "restore", "--from", f"{BACKUPS}/sda1/{made['id']}", "--to", restored)
+        self._run(self.qbackup, "--quiet", "restore", "--from", made["path"], "--to", restored)
+        journal = "to be replayed" if "needs_recovery" in self._run("dumpe2fs", "-h", restored).stdout else "clean"
         # The journal is replayed, as at the next start; nothing else may be wrong.
         if self._run("e2fsck", "-fp", restored, check=False).returncode > 1:
             raise HarnessError("the restored file system is damaged: " + self._run("e2fsck", "-fn", restored, check=False).stdout[-400:])
         self._run("e2fsck", "-fn", restored)
         count = self._records(restored, at_least)
         (self.work / restored).unlink()
-        return made["mode"], count
+        return f"{made['mode']} {count} {journal}"
 
     def complaint(self):
         """What is wrong with the disk after the machine was shut down; the daemon is stopped."""

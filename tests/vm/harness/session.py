@@ -62,7 +62,7 @@ class Session:
         try:
             self.machine = Machine(here, kernel=self.boot_image, initial=self.initial, memory=MACHINES[kind].memory_for(self.kernel), processors=2,
                                    disks=disks, arguments=f"{MACHINES[kind].kernel_arguments(self.kernel)} {self.arguments}",
-                                   boot_limit=BOOT_LIMIT * self.time_factor)
+                                   boot_limit=BOOT_LIMIT * self.time_factor, emulator=self.served.agent_port() if self.served else ())
         except MachineDied:
             self.machine = None
             self._let_go_of_served()
@@ -198,8 +198,10 @@ class Session:
         return self.judges["tested"].flushed_between(int(first), int(second), int(pairs))
 
     def host_backed_up(self, durable):
-        mode, count = self.served.backed_up(int(durable))
-        return True, f"{mode} {count}"
+        return True, self.served.backed_up(int(durable))
+
+    def host_backed_up_by_its_job(self, durable):
+        return True, self.served.backed_up_by_its_job(int(durable))
 
     def host_kill_daemon(self, seconds):
         self.served.kill()
