@@ -6,6 +6,7 @@
 #include "layer_sums.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace qbackup
 {
@@ -15,7 +16,7 @@ Comparison::Comparison(const Repository& repository, const StoredBackup& earlier
 {
     known_.emplace(mergedExtents(repository.chain(earlier)));
     earlier_.emplace(images_.front(), OpenImage::For::reading, std::span{images_}.subspan(1));
-    piece_ = known_->next();
+    piece_ = nextPiece();
 }
 
 Comparison::~Comparison() = default;
@@ -27,7 +28,7 @@ void Comparison::put(std::uint32_t first, std::span<const std::byte> blocks, con
         compareStart();
     while (!blocks.empty()) {
         while (piece_ && piece_->offset + piece_->bytes <= at)
-            piece_ = known_->next();
+            piece_ = nextPiece();
         // A full backup tells of every block; what it does not tell of is new.
         if (!piece_ || piece_->offset > at) {
             const std::size_t part = piece_ ? std::min<std::uint64_t>(blocks.size(), piece_->offset - at) : blocks.size();
@@ -39,19 +40,47 @@ void Comparison::put(std::uint32_t first, std::span<const std::byte> blocks, con
         if (now_.empty() && piece_->offset < at)
             piece_ = Extent{at, piece_->offset + piece_->bytes - at, piece_->zeros, std::nullopt};
         const std::uint64_t rest = piece_->offset + piece_->bytes - at;
-        // Zeros may be many, and are compared as they come.
-        const std::size_t part = std::min<std::uint64_t>({blocks.size(), rest, piece_->zeros ? cell_bytes : rest});
+        // Zeros may be many, and are compared as they come, but a granule only when all of it has.
+        const std::size_t part = std::min<std::uint64_t>({blocks.size(), rest, piece_->zeros ? cell_bytes - at % cell_bytes : rest});
         now_.insert(now_.end(), blocks.begin(), blocks.begin() + static_cast<std::ptrdiff_t>(part));
         at += part;
         blocks = blocks.subspan(part);
         if (part == rest) {
             compare(now_);
             now_.clear();
-            piece_ = known_->next();
-        } else if (piece_->zeros) {
+            piece_ = nextPiece();
+        } else if (piece_->zeros && at % image_granule_bytes == 0) {
             compareStart();
         }
     }
+}
+
+// The next one that ends with a granule, so that each granule is passed on whole or not at all: an image keeps nothing apart
+// that is smaller. Pieces that meet within one, as older images have, are one then.
+std::optional<Extent> Comparison::nextPiece()
+{
+    const auto next = [this] { return rest_ ? std::exchange(rest_, std::nullopt) : known_->next(); };
+    std::optional<Extent> piece = next();
+    if (!piece)
+        return std::nullopt;
+    const std::uint64_t beyond = (piece->offset + piece->bytes) % image_granule_bytes;
+    if (beyond != 0 && beyond < piece->bytes && piece->zeros) {
+        rest_ = Extent{piece->offset + piece->bytes - beyond, beyond, true, std::nullopt};
+        piece->bytes -= beyond;
+        return piece;
+    }
+    while (const std::uint64_t over = (piece->offset + piece->bytes) % image_granule_bytes) {
+        const std::optional<Extent> more = next();
+        if (!more || more->offset != piece->offset + piece->bytes) {
+            rest_ = more;
+            break;
+        }
+        const std::uint64_t part = std::min(more->bytes, image_granule_bytes - over);
+        if (part < more->bytes)
+            rest_ = Extent{more->offset + part, more->bytes - part, more->zeros, std::nullopt};
+        *piece = Extent{piece->offset, piece->bytes + part, piece->zeros && more->zeros, std::nullopt};
+    }
+    return piece;
 }
 
 // Of the piece only what has come: the rest of it is not known by the piece's hash.

@@ -34,6 +34,7 @@ class Comparison : public BlockSink
     const quendrel::Bitmap& finish();
 
   private:
+    std::optional<Extent> nextPiece();
     void compare(std::span<const std::byte> now);
     void compareStart();
     void passOn(std::uint64_t offset, std::span<const std::byte> blocks);
@@ -42,6 +43,7 @@ class Comparison : public BlockSink
     BlockSink* out_ = nullptr;
     std::vector<fs::path> images_;       // the nearest first
     std::optional<MergedExtents> known_; // what the earlier backup gives
+    std::optional<Extent> rest_;         // of what that gave last
     std::optional<Extent> piece_;        // the one that the next blocks belong to
     std::optional<OpenImage> earlier_;
     std::vector<std::byte> now_; // of that piece, as far as it has come

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "comparison.h"
+#include "image_backup.h"
+#include "layer_sums.h"
 #include "support.h"
 #include "verify.h"
 
@@ -95,6 +97,82 @@ TEST_F(Compared, WhatIsAsItWasInAnOlderBackupButNotInTheNewestIsStored)
     const auto report = afterLoss();
     EXPECT_EQ(report.backup.manifest.copiedBlocks, 4u);
     expectRight(report.backup);
+}
+
+TEST_F(Compared, ABlockThatWasReadAheadIsStoredWithTheZerosBesideIt)
+{
+    for (std::uint32_t block = 8; block < 24; ++block)
+        machine.driver.writeZeros(block);
+    machine.backup();
+    machine.driver.write(9, 5);
+    const auto before = machine.driver.contents();
+    bool written = false;
+    machine.driver.before.set([&](std::uint32_t command) {
+        if (command == QUENDREL_GET_DIRTY_BLOCK && !std::exchange(written, true))
+            machine.driver.write(9, 6);
+    });
+    const auto report = afterLoss();
+    machine.driver.before.set({});
+    ASSERT_TRUE(written);
+    EXPECT_NE(report.backup.manifest.compared, "");
+    EXPECT_EQ(report.backup.manifest.copiedBlocks, 4u);
+    EXPECT_EQ(machine.restored(report.backup.path), before);
+    Progress progress{Progress::Style::none};
+    for (const VerifyResult& result : verifyBackups(machine.repository(), progress, machine.stop))
+        EXPECT_EQ(result.problem, "");
+}
+
+// Such images were written before.
+TEST_F(Compared, AnEarlierOneMayTellOfZerosBesideDataInAGranule)
+{
+    machine.driver.writeZeros(8);
+    for (const std::uint32_t block : {9, 10, 11})
+        machine.driver.write(block, block);
+    StoredBackup earlier = machine.backup().backup;
+    const std::vector<std::byte> then = machine.driver.contents();
+    // The same image with other sums: block 8 as zeros.
+    const fs::path sums = besides(earlier, ".sums");
+    std::vector<LayerPiece> pieces;
+    SumsReader reader{sums, earlier.manifest.sumsHash};
+    while (const auto piece = reader.next())
+        pieces.push_back(*piece);
+    fs::remove(sums);
+    SumsWriter writer{sums};
+    const auto data = [&](std::uint64_t from, std::uint64_t to) {
+        if (from < to)
+            addPieces(writer, from, std::span{then}.subspan(from, to - from));
+    };
+    unsigned split = 0;
+    for (const LayerPiece& piece : pieces) {
+        const std::uint64_t end = piece.offset + piece.bytes;
+        if (piece.zeros || piece.offset > 8192 || end < 12288) {
+            writer.add(piece);
+            continue;
+        }
+        ++split;
+        data(piece.offset, 8192);
+        LayerPiece zeros;
+        zeros.offset = 8192;
+        zeros.bytes = 1024;
+        zeros.zeros = true;
+        writer.add(zeros);
+        data(9216, end);
+    }
+    ASSERT_EQ(split, 1u);
+    earlier.manifest.sumsHash = writer.finish();
+    const fs::path manifest = besides(earlier, ".json");
+    fs::remove(manifest);
+    writeDurably(manifest, asBytes(encode(earlier.manifest)));
+
+    machine.driver.write(8, 5);
+    const auto report = afterLoss();
+    EXPECT_NE(report.backup.manifest.compared, "");
+    EXPECT_EQ(report.backup.manifest.copiedBlocks, 4u);
+    expectRight(report.backup);
+    // To QEMU, too, which goes by granules.
+    const fs::path raw = machine.directory / "raw";
+    ASSERT_EQ(std::system(("qemu-img convert -O raw '" + report.backup.path.string() + "' '" + raw.string() + "'").c_str()), 0);
+    EXPECT_EQ(readAll(raw), machine.driver.contents());
 }
 
 // However the blocks come, in whatever portions.
