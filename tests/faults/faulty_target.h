@@ -108,10 +108,11 @@ class FaultyTarget : public Program
                 names.push_back(path);
         return names;
     }
-    void expectRestores(const std::string& id)
+    // That backup, by its id or by a time.
+    void expectRestores(const std::string& id, const std::string& at = "")
     {
         const fs::path image = machine.directory / "restored.img";
-        const Result restored = command({"restore", "--from", target, "--at", id, "--to", image, "--force"});
+        const Result restored = command({"restore", "--from", target, "--at", at.empty() ? id : at, "--to", image, "--force"});
         EXPECT_EQ(restored.code, 0) << restored.err;
         EXPECT_TRUE(readAll(image) == contents.at(id)) << id << " is restored to something else";
     }

@@ -158,7 +158,7 @@ class Session
         last_ = last;
         for (const DamagedBackup& other : damaged)
             if (other.path.filename() > last.manifest.id)
-                progress_.warn("this one builds on backup " + last.manifest.id + ", as a newer one cannot be read: " + other.problem);
+                progress_.warn("a backup that is newer than " + last.manifest.id + " cannot be read, and is not built on: " + other.problem);
         const Manifest& m = last.manifest;
         if (m.number != manifest_.number || m.blockSize != manifest_.blockSize || m.blocks != manifest_.blocks ||
             m.deviceBytes != manifest_.deviceBytes) {

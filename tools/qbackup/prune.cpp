@@ -139,6 +139,7 @@ std::vector<Choice> pruneBackups(const fs::path& folder, const KeepRules& rules,
     const Plan plan = planFor(folder, choices);
     if (dry_run)
         return choices;
+    throwIfStopped(stop);
     dropBackups(folder, plan.dead);
     for (const std::vector<Choice>& line : plan.lines) {
         std::vector<StoredBackup> run; // those that go, and what they go into

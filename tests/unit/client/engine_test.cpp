@@ -412,8 +412,8 @@ TEST(Engine, ANewerBackupThatCannotBeReadIsNamedByTheOneThatBuildsOnAnOlderOne)
     fs::remove(manifest);
     testing::internal::CaptureStderr();
     const auto third = machine.backup();
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "qbackup: warning: this one builds on backup " + first.backup.manifest.id +
-                                                          ", as a newer one cannot be read: " + manifest.string() + " is missing\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "qbackup: warning: a backup that is newer than " + first.backup.manifest.id +
+                                                          " cannot be read, and is not built on: " + manifest.string() + " is missing\n");
     EXPECT_EQ(third.backup.manifest.parent, first.backup.manifest.id);
     EXPECT_EQ(machine.restored(third.backup.path), machine.driver.contents());
 }
