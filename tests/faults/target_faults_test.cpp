@@ -3,6 +3,7 @@
 // happened, what it leaves counts for nothing, and when the fault is gone the next one does what this one did not.
 #include "faulty_target.h"
 
+#include <limits>
 #include <map>
 #include <memory>
 #include <tuple>
@@ -347,15 +348,15 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{D::restore_over, T::power_cut, 8}, Case{D::restore_over, T::kill, 10}),
     nameOf);
 
-// Each operation there is, and many kills.
-std::vector<Case> allCases()
+std::vector<Case> allCases(unsigned operations, unsigned kills)
 {
     std::vector<Case> all;
     for (const auto& [doing, a] : doing_names)
         for (const auto& [trouble, b] : trouble_names)
-            all.emplace_back(doing, trouble, trouble == Trouble::kill ? 200 : 1000);
+            all.emplace_back(doing, trouble, trouble == Trouble::kill ? kills : operations);
     return all;
 }
-INSTANTIATE_TEST_SUITE_P(Long, TargetFaults, testing::ValuesIn(allCases()), nameOf);
+INSTANTIATE_TEST_SUITE_P(Many, TargetFaults, testing::ValuesIn(allCases(40, 20)), nameOf);
+INSTANTIATE_TEST_SUITE_P(Every, TargetFaults, testing::ValuesIn(allCases(std::numeric_limits<unsigned>::max(), 200)), nameOf);
 
 } // namespace

@@ -99,7 +99,7 @@ tree() {
 [ "$1" != "${broken:-}" ] || exit 1
 mkdir -p "build/$1"
 [ "$1" != fuzz ] || { mkdir -p build/fuzz/tests/fuzz; cp '"$work"'/fuzzer build/fuzz/tests/fuzz/control_fuzz; }'
-  stub "$work/bin/ctest" 'echo "ctest ${2#build/}" >>"$calls"
+  stub "$work/bin/ctest" 'echo "ctest ${2#build/} ${*:6}" >>"$calls"
 echo "  1/10 Test  #1: one ....   Passed    0.01 sec"
 echo "  2/10 Test  #2: two ....***Skipped   0.01 sec"
 [ "$2" != "build/${bad:-}" ] || { echo "90% tests passed, 1 tests failed out of 10"; exit 8; }
@@ -148,14 +148,14 @@ check_refuses_what_it_does_not_know() {
 
 check_without_arguments_runs_release_alone() {
   tree
-  expect_check "$(run_check)" "9 passed, 0 failed, 1 skipped" "build release" "ctest release"
+  expect_check "$(run_check)" "9 passed, 0 failed, 1 skipped" "build release" "ctest release -LE ^(long|hours)\$"
   grep -q '\./check all' "$work/out" || fail "it does not say what more there is"
 }
 
 check_all_runs_every_variant() {
   tree
-  expect_check "$(run_check all)" "39 passed, 0 failed, 4 skipped" "build release" "ctest release" "build asan" "ctest asan" \
-    "build tsan" "ctest tsan" "build m32" "ctest m32" "build fuzz fuzzers" "fuzzer -max_total_time=60" "vm amd64 * 3" "vm i386 * 3"
+  expect_check "$(run_check all)" "39 passed, 0 failed, 4 skipped" "build release" "ctest release -LE ^(hours)\$" "build asan" "ctest asan -LE ^(hours)\$" \
+    "build tsan" "ctest tsan -LE ^(hours)\$" "build m32" "ctest m32 -LE ^(hours)\$" "build fuzz fuzzers" "fuzzer -max_total_time=60" "vm amd64 * 3" "vm i386 * 3"
 }
 
 check_builds_a_kernel_with_checkers_where_asked() {
@@ -168,10 +168,15 @@ check_tries_debians_other_kernels_where_asked() {
   expect_check "$(run_check vm-kernels)" "1 passed, 0 failed, 0 skipped" "vm * $work/tree/build/vm-kernels "
 }
 
+check_lets_every_operation_fail_where_asked() {
+  tree
+  expect_check "$(run_check faults)" "9 passed, 0 failed, 1 skipped" "build release" "ctest release -L ^hours\$"
+}
+
 check_ci_leaves_out_the_longest() {
   tree
-  expect_check "$(run_check ci)" "39 passed, 0 failed, 4 skipped" "build release" "ctest release" "build asan" "ctest asan" \
-    "build tsan" "ctest tsan" "build m32" "ctest m32" "build fuzz fuzzers" "fuzzer -max_total_time=20" \
+  expect_check "$(run_check ci)" "39 passed, 0 failed, 4 skipped" "build release" "ctest release -LE ^(long|hours)\$" "build asan" "ctest asan -LE ^(long|hours)\$" \
+    "build tsan" "ctest tsan -LE ^(long|hours|e2e)\$" "build m32" "ctest m32 -LE ^(long|hours)\$" "build fuzz fuzzers" "fuzzer -max_total_time=20" \
     "vm amd64 boots,control 3" "vm i386 boots,control 3"
 }
 
@@ -180,8 +185,8 @@ check_counts_what_failed() {
   wanted_status=1
   bad=asan broken=tsan
   export bad broken
-  expect_check "$(run_check asan tsan release asan)" "17 passed, 2 failed, 2 skipped" "build asan" "ctest asan" "build tsan" \
-    "build release" "ctest release"
+  expect_check "$(run_check asan tsan release asan)" "17 passed, 2 failed, 2 skipped" "build asan" "ctest asan -LE ^(long|hours)\$" "build tsan" \
+    "build release" "ctest release -LE ^(long|hours)\$"
 }
 
 # ---- scripts/build ---------------------------------------------------------------------------------------------------
