@@ -72,8 +72,8 @@ def write(*commands):
     run("qemu-io", "-f", "raw", *every, "nbd+unix:///sda?socket=%s/d/nbd.sock" % work)
 
 
-def back_up():
-    made = tool("backup", "sda1", "--to", repository, "--host", "tern")
+def back_up(*options):
+    made = tool("backup", "sda1", "--to", repository, "--host", "tern", *options)
     to = "%s/%s.raw" % (work, made["id"])
     tool("restore", "--from", made["path"], "--to", to)
     contents[made["id"]] = pathlib.Path(to).read_bytes()
@@ -116,6 +116,7 @@ def setUpModule():
     with Daemon():  # which knows nothing of what was written before: all is compared
         write(noise[0])
         back_up()
+        back_up("--mode", "full", "--compress")
         tool("run", "two", "--config", work + "/jobs.toml")
     tool("init", work + "/imported")
     tool("import", work + "/folders", work + "/imported")
@@ -162,7 +163,7 @@ class RepositoryPage(unittest.TestCase):
             found.update(dict(flat(manifest(name))))
         self.assertEqual(set(found), set(told))
         for field, value in found.items():
-            kind = str if told[field].startswith("text") else (int, float) if field == "seconds" else int
+            kind = str if told[field].startswith("text") else bool if told[field].startswith("truth") else (int, float) if field == "seconds" else int
             self.assertIsInstance(value, kind, field)
 
     def test_the_other_files_have_the_fields_of_the_page(self):

@@ -17,6 +17,7 @@ struct BackupOptions {
     Wanted wanted = Wanted::automatic;
     std::uint32_t cacheBlocks = 0;
     bool allBlocks = false;           // also those that the file system does not use
+    bool compress = false;            // a full backup
     fs::path spool;                   // a directory; empty: none
     std::uint64_t bytesPerSecond = 0; // 0: as fast as it goes
     std::uint64_t wait = 0; // seconds, for another run to end

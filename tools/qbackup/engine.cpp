@@ -143,12 +143,15 @@ class Session
     // The stored backup that an incremental would build on, or the reason why there can be none.
     void choosePrevious()
     {
+        std::vector<DamagedBackup> damaged;
+        const auto backups = repository_.backups(&damaged);
+        for (const DamagedBackup& other : damaged)
+            if (other.newerFormat)
+                throw Failure{Exit::refused, other.problem + ". Nothing was backed up"};
         if (job_.wanted == Wanted::full) {
             reason_ = "asked for";
             return;
         }
-        std::vector<DamagedBackup> damaged;
-        const auto backups = repository_.backups(&damaged);
         if (backups.empty()) {
             giveUpIncremental(damaged.empty() ? "there is no earlier backup in " + repository_.directory().string()
                                               : "no earlier backup is readable: " + damaged[0].problem);
@@ -247,12 +250,16 @@ class Session
             manifest_.parentMark = previous_->mark;
         } else {
             manifest_.fullReason = reason_;
+            manifest_.compressed = job_.compress;
         }
         announce();
-        if (!changed)
+        const bool all = !changed;
+        if (all)
             changed = allThatCounts();
         if (const std::uint32_t group = repository_.granule() / manifest_.blockSize; group > 1)
             changed->widen(group);
+        if (all)
+            manifest_.unusedBlocks = manifest_.blocks - changed->count();
         return std::move(*changed);
     }
 
@@ -281,7 +288,6 @@ class Session
         }
         if (!used.doubt.empty())
             progress_.say("all blocks of " + job_.device.name + " are read, whether its file system uses them or not: " + used.doubt);
-        manifest_.unusedBlocks = manifest_.blocks - used.map.count();
         return std::move(used.map);
     }
 

@@ -49,6 +49,7 @@ struct BackupJob {
     // a run that was killed and is still being closed. Null: it is not tried again.
     std::function<quendrel::ControlDevice()> reopen{};
     bool allBlocks = false; // also those that the file system does not use
+    bool compress = false;  // a full backup; only where images are made
     std::uint64_t drainBytes = default_drain_bytes; // kept in memory of what is read ahead of its turn
     fs::path spool{};                 // a directory for what is beyond that; empty: it stays in the driver's cache
     std::uint64_t bytesPerSecond = 0; // handed to the repository at most; 0: as fast as it goes

@@ -59,8 +59,14 @@ class PendingImage : public PendingBackup
         block_size_ = manifest.blockSize;
         full_ = !parent;
         const fs::path image = partialOf(folder_, id_, image_end);
-        createImage(image, manifest.deviceBytes, parent ? parent->path.filename().string() : "");
-        writer_.emplace(image, partialOf(folder_, id_, sums_end), parent ? ZerosAre::written : ZerosAre::there);
+        const fs::path sums = partialOf(folder_, id_, sums_end);
+        if (manifest.compressed) {
+            createCompressed(image, manifest.deviceBytes);
+            writer_.emplace(image, sums, manifest.deviceBytes);
+        } else {
+            createImage(image, manifest.deviceBytes, parent ? parent->path.filename().string() : "");
+            writer_.emplace(image, sums, parent ? ZerosAre::written : ZerosAre::there);
+        }
     }
 
     void put(std::uint32_t first, std::span<const std::byte> blocks, const Hold& hold) override

@@ -306,6 +306,19 @@ class SumsOfMerged
     std::uint64_t data_bytes_ = 0;
 };
 
+// Into what takes the place of the last one's image: over an older one, or a compressed full one.
+std::unique_ptr<ImageWriter> newImage(const fs::path& folder, const Manifest& manifest)
+{
+    const fs::path image = madeFile(folder, image_end);
+    const fs::path sums = madeFile(folder, sums_end);
+    if (manifest.compressed) {
+        createCompressed(image, manifest.deviceBytes);
+        return std::make_unique<ImageWriter>(image, sums, manifest.deviceBytes);
+    }
+    createImage(image, manifest.deviceBytes, manifest.parent + image_end);
+    return std::make_unique<ImageWriter>(image, sums, ZerosAre::written);
+}
+
 // Makes what takes the place of the last one's files, and changes nothing.
 void prepare(const fs::path& folder, const std::vector<StoredBackup>& run, Journal& journal, Progress& progress, const StopSignal& stop)
 {
@@ -315,7 +328,8 @@ void prepare(const fs::path& folder, const std::vector<StoredBackup>& run, Journ
     manifest.parent = oldest.manifest.parent;
     manifest.parentMark = oldest.manifest.parentMark;
     manifest.fullReason = oldest.manifest.fullReason;
-    if (journal.intoFull)
+    manifest.compressed = oldest.manifest.compressed;
+    if (manifest.mode == Mode::full)
         manifest.compared.clear();
     const auto each = [&](MergedLayers layers, const auto& use) {
         for (auto piece = layers.next(); piece; piece = layers.next()) {
@@ -336,13 +350,11 @@ void prepare(const fs::path& folder, const std::vector<StoredBackup>& run, Journ
         manifest.dataBytes = result.dataBytes;
         manifest.copiedBlocks = manifest.blocks;
     } else {
-        const fs::path image = madeFile(folder, image_end);
-        createImage(image, manifest.deviceBytes, manifest.parent + image_end);
-        ImageWriter writer{image, madeFile(folder, sums_end), ZerosAre::written};
-        each(merged(folder, journal, 0), [&](const LayerReader::Piece& piece) { put(writer, piece); });
-        manifest.sumsHash = writer.finish();
-        manifest.dataBytes = writer.dataBytes();
-        manifest.copiedBlocks = static_cast<std::uint32_t>(writer.received() / manifest.blockSize);
+        const std::unique_ptr<ImageWriter> writer = newImage(folder, manifest);
+        each(merged(folder, journal, 0), [&](const LayerReader::Piece& piece) { put(*writer, piece); });
+        manifest.sumsHash = writer->finish();
+        manifest.dataBytes = writer->dataBytes();
+        manifest.copiedBlocks = static_cast<std::uint32_t>(writer->received() / manifest.blockSize);
     }
     const std::string text = encode(manifest);
     journal.made = hashText(asBytes(text));
@@ -502,7 +514,7 @@ void carryOut(const fs::path& folder, const Journal& journal, const MergeWatcher
 void mergeBackups(const fs::path& folder, const std::vector<StoredBackup>& run, Progress& progress, const StopSignal& stop,
                   const MergeWatcher& watcher)
 {
-    Journal journal{{}, run.front().manifest.mode == Mode::full, run.front().manifest.deviceBytes, ""};
+    Journal journal{{}, run.front().manifest.mode == Mode::full && !run.front().manifest.compressed, run.front().manifest.deviceBytes, ""};
     for (const StoredBackup& backup : run)
         journal.layers.push_back({backup.manifest.id, backup.manifest.sumsHash});
     const auto clear = [&] {

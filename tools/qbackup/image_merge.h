@@ -3,7 +3,9 @@
 //
 // Over an older image: the one that is kept is written anew, with all of theirs, and takes the place of the old one. From a
 // full one on: what the others hold is written into the full one's image, which then gets the name of the one that is
-// kept; until then the one that is kept lies over it and hides what changes there.
+// kept; until then the one that is kept lies over it and hides what changes there. Not into a compressed one, where each
+// changed block would have its whole cluster written without compression: there, too, the one that is kept is written
+// anew, as a compressed full one.
 // All that can fail for damage is done, and the space that is needed is seen to be there, before anything changes. Then a
 // journal, .merge.json, says what is to be done; every step can be done again, and whoever opens the folder for writing
 // does it again after a kill.

@@ -1,6 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
 // Writes into an image, in ascending order: pieces of data are hashed and written while the next ones come, zeros are
 // made. What was written is told in a file of sums.
+//
+// Data that is compressed goes in whole clusters: zeros are left out where a whole one is zeros, and are data elsewhere.
 #pragma once
 
 #include "layer_sums.h"
@@ -24,6 +26,9 @@ class ImageWriter
   public:
     // `sums`: a new file; empty: none is made. Throws Failure.
     ImageWriter(const fs::path& image, const fs::path& sums, ZerosAre zeros);
+    // Into a new image that was made for compressed data, of a device of that many bytes. All of it has to come, from its
+    // start on, without a gap.
+    ImageWriter(const fs::path& image, const fs::path& sums, std::uint64_t device_bytes);
 
     // What comes with `hold` may be written from where it lies, and is held until it is; anything else is copied.
     void put(std::uint64_t offset, std::span<const std::byte> bytes, const Hold& hold = nullptr);
@@ -48,7 +53,8 @@ class ImageWriter
     void addData(std::uint64_t offset, std::span<const std::byte> part);
     void endData();
     void sendHeld(std::uint64_t offset, std::span<const std::byte> data, const Hold& hold);
-    void send(std::uint64_t offset, std::span<const std::byte> data);
+    void send(std::uint64_t offset, std::span<const std::byte> data, std::size_t padding = 0);
+    void addZeros(std::uint64_t offset, std::uint64_t bytes);
     void endZeros();
 
     fs::path path_;
@@ -57,6 +63,8 @@ class ImageWriter
     OpenImage image_; // behind what it writes from: ends before that goes
     std::optional<SumsWriter> sums_;
     ZerosAre zeros_are_;
+    std::optional<std::uint64_t> compressed_; // then the bytes of the device
+    std::uint32_t granule_ = image_granule_bytes; // no zeros are told apart that are less
     // Being gathered, at most one of the two; the data in the current slot.
     std::uint64_t data_at_ = 0;
     std::uint32_t data_size_ = 0;

@@ -142,7 +142,7 @@ std::vector<Imported> importBackups(const Repository& from, const Repository& to
     std::vector<DamagedBackup> broken;
     const auto stored = to.backups(&broken);
     if (!broken.empty())
-        throw Failure{Exit::damaged, broken[0].problem + "; import into a repository that has no damage"};
+        throw Failure{broken[0].exit, broken[0].problem + "; import into a repository that has no damage"};
     for (const StoredBackup& backup : stored) {
         const auto same = wanted.find(backup.manifest.id);
         if (same == wanted.end() || same->second->manifest.key != backup.manifest.key)

@@ -177,6 +177,7 @@ Job jobOf(const toml::key& key, const toml::node& node)
          {"mode", [&](const auto& value, const auto& what) { job.how.wanted = modeOf(value, what); }},
          {"host", [&](const auto& value, const auto& what) { job.how.host = textOf(value, what); }},
          {"all-blocks", [&](const auto& value, const auto& what) { job.how.allBlocks = truthOf(value, what); }},
+         {"compress", [&](const auto& value, const auto& what) { job.how.compress = truthOf(value, what); }},
          {"spool", [&](const auto& value, const auto& what) { job.how.spool = pathOf(value, what); }},
          {"limit-rate", [&](const auto& value, const auto& what) { job.how.bytesPerSecond = rateOf(value, what); }},
          {"cache-blocks",

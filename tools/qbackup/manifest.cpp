@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "manifest.h"
 
-#include "failure.h"
 #include "files.h"
 
 #include <nlohmann/json.hpp>
@@ -81,6 +80,8 @@ std::string encode(const Manifest& m)
         document["fullReason"] = m.fullReason;
     if (m.unusedBlocks != 0)
         document["unusedBlocks"] = m.unusedBlocks;
+    if (m.compressed)
+        document["compressed"] = true;
     if (m.seconds > 0)
         document["seconds"] = m.seconds;
     if (!m.compared.empty())
@@ -95,7 +96,7 @@ Manifest decode(const std::string& text, const std::string& where)
 try {
     const json document = json::parse(text);
     if (const int version = document.at("format"); version < 1 || version > newest_format)
-        throw Failure{Exit::damaged, where + " is of format version " + std::to_string(version) +
+        throw NewerFormat{Exit::damaged, where + " is of format version " + std::to_string(version) +
                                          ", which this program does not know; use a newer qbackup"};
     if (document.at(self_field).get<std::string>() != selfHash(document))
         throw Failure{Exit::damaged, where + " was changed or damaged: it does not match its own hash"};
@@ -117,6 +118,7 @@ try {
     m.compared = document.value("comparedBecause", "");
     m.copiedBlocks = document.at("copiedBlocks");
     m.unusedBlocks = document.value("unusedBlocks", 0u);
+    m.compressed = document.value("compressed", false);
     m.dataBytes = document.at("dataBytes");
     if (m.format == 1) {
         m.segmentBytes = document.at("segmentBytes");

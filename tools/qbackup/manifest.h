@@ -4,6 +4,7 @@
 #pragma once
 
 #include "client/control_device.h"
+#include "failure.h"
 
 #include <cstdint>
 #include <span>
@@ -35,6 +36,7 @@ struct Manifest {
     double seconds = 0;         // that the run took until all was copied; 0: not known
     std::uint32_t copiedBlocks = 0;
     std::uint32_t unusedBlocks = 0; // which the file system did not use, so that they were not read
+    bool compressed = false;        // an image's data; of a full backup alone
     std::uint64_t dataBytes = 0;    // stored; of an image without the blocks of zeros
     std::uint32_t segmentBytes = 0; // format 1 only, as what follows
     std::string mapHash;
@@ -43,7 +45,14 @@ struct Manifest {
 
 // The text of manifest.json. It carries a hash of itself.
 std::string encode(const Manifest& manifest);
-// Throws Failure (damaged) that names `where` when the text is no manifest or was changed.
+// A manifest of a format that a newer program writes.
+class NewerFormat : public Failure
+{
+  public:
+    using Failure::Failure;
+};
+
+// Throws Failure (damaged) that names `where` when the text is no manifest or was changed; NewerFormat.
 Manifest decode(const std::string& text, const std::string& where);
 
 // What a backup is named by in the manifests of those that build on it: of a folder the hash of its manifest file, of an

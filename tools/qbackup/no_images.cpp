@@ -22,6 +22,8 @@ namespace
 
 void requireQemu() { refuse(); }
 void createImage(const fs::path&, std::uint64_t, const std::string&) { refuse(); }
+void createCompressed(const fs::path&, std::uint64_t) { refuse(); }
+void endCompressed(const fs::path&, std::uint64_t) { refuse(); }
 void expectUtf8(const fs::path&) {}
 std::string nameBelow(const fs::path&) { refuse(); }
 std::string imageChain(const fs::path&, std::span<const fs::path>) { refuse(); }

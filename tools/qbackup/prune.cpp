@@ -86,11 +86,14 @@ Plan planFor(const fs::path& folder, std::vector<Choice>& all)
     return plan;
 }
 
+// The others go into its image; of the others, and of a compressed one, all is read.
+bool isTakenAsItIs(const StoredBackup& backup) { return backup.manifest.mode == Mode::full && !backup.manifest.compressed; }
+
 std::uint64_t bytesOf(std::span<const StoredBackup> backups)
 {
     std::uint64_t bytes = 0;
     for (const StoredBackup& backup : backups)
-        bytes += backup.manifest.mode == Mode::full ? 0 : backup.manifest.dataBytes;
+        bytes += isTakenAsItIs(backup) ? 0 : backup.manifest.dataBytes;
     return bytes;
 }
 
@@ -135,7 +138,7 @@ std::vector<Choice> pruneBackups(const fs::path& folder, const KeepRules& rules,
     std::vector<DamagedBackup> damaged;
     auto choices = chooseKept(Repository{folder}.backups(&damaged), rules);
     if (!damaged.empty())
-        throw Failure{Exit::damaged, damaged[0].problem + "; nothing was dropped from " + folder.string()};
+        throw Failure{damaged[0].exit, damaged[0].problem + "; nothing was dropped from " + folder.string()};
     const Plan plan = planFor(folder, choices);
     if (dry_run)
         return choices;
@@ -148,12 +151,14 @@ std::vector<Choice> pruneBackups(const fs::path& folder, const KeepRules& rules,
             const bool kept = !choice.reasons.empty();
             if (run.size() == 1 ? !kept : !kept && run.size() < most_at_once)
                 continue;
-            if (run.size() > 1) {
-                progress.begin("dropping backups into " + choice.backup.manifest.id, bytesOf(run));
-                mergeBackups(folder, run, progress, stop);
+            // One that would be written anew each time waits for the one that is kept.
+            const std::ptrdiff_t waiting = !kept && run.front().manifest.compressed ? 1 : 0;
+            if (const std::vector<StoredBackup> merged{run.begin() + waiting, run.end()}; merged.size() > 1) {
+                progress.begin("dropping backups into " + choice.backup.manifest.id, bytesOf(merged));
+                mergeBackups(folder, merged, progress, stop);
                 progress.end();
             }
-            run.clear();
+            run.erase(run.begin() + waiting, run.end());
             // It goes into the next one, with all that it has taken up.
             if (!kept)
                 run.push_back(readBackup(choice.backup.path));

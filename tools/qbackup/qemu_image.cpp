@@ -33,6 +33,7 @@ using nlohmann::json;
 constexpr const char* package = "qemu-utils";
 // Of each image in a chain; with QEMU's own default a long chain on a large disk would take hundreds of MiB.
 constexpr std::uint32_t table_cache_bytes = 512u << 10;
+constexpr std::uint64_t sector_bytes = 512; // QEMU knows no smaller sizes
 constexpr const char* own_context = "qemu:allocation-depth";
 constexpr const char* zero_context = LIBNBD_CONTEXT_BASE_ALLOCATION;
 // Of one request; QEMU's limit is higher.
@@ -120,6 +121,30 @@ void waitForEnd(ChildProcess& child)
         std::this_thread::sleep_for(std::chrono::milliseconds{20});
 }
 
+std::uint64_t roundedUp(std::uint64_t bytes, std::uint64_t unit) { return (bytes + unit - 1) / unit * unit; }
+
+// Throws Failure that begins with `failing` and has the program's own words.
+void runImageTool(const std::vector<std::string>& words, const std::string& failing)
+{
+    ChildProcess child{words, package};
+    if (child.wait())
+        return;
+    const std::string said = child.said();
+    throw Failure{Exit::failed, failing + ": " + said + spaceAdvice(said.ends_with(errnoText(ENOSPC)) ? ENOSPC : 0)};
+}
+
+void create(const fs::path& path, std::uint64_t bytes, const std::string& compression, const std::vector<std::string>& more)
+{
+    // QEMU would make it for everybody to read.
+    File{path, O_WRONLY | O_CREAT | O_EXCL}.close();
+    // Clusters in parts of 4 KiB: what is scattered takes hardly more than it is.
+    std::vector<std::string> words{"qemu-img", "create", "-q", "-f", "qcow2", "-o",
+                                   "compat=1.1,extended_l2=on,cluster_size=" + std::to_string(image_cluster_bytes) + compression};
+    words.insert(words.end(), more.begin(), more.end());
+    words.insert(words.end(), {fs::absolute(path).string(), std::to_string(bytes)});
+    runImageTool(words, "cannot make the image " + path.string());
+}
+
 // What stands in the text behind the last of those words; without them, all of it.
 std::string behind(const std::string& text, const std::string& words)
 {
@@ -147,18 +172,18 @@ void requireQemu()
 
 void createImage(const fs::path& path, std::uint64_t bytes, const std::string& below)
 {
-    // QEMU would make it for everybody to read.
-    File{path, O_WRONLY | O_CREAT | O_EXCL}.close();
-    // Clusters in parts of 4 KiB: what is scattered takes hardly more than it is.
-    std::vector<std::string> words{"qemu-img", "create", "-q", "-f", "qcow2", "-o", "compat=1.1,cluster_size=128k,extended_l2=on"};
-    if (!below.empty())
-        words.insert(words.end(), {"-u", "-F", "qcow2", "-b", below});
-    words.insert(words.end(), {fs::absolute(path).string(), std::to_string(bytes)});
-    ChildProcess child{words, package};
-    if (!child.wait()) {
-        const std::string said = child.said();
-        throw Failure{Exit::failed, "cannot make the image " + path.string() + ": " + said + spaceAdvice(said.ends_with(errnoText(ENOSPC)) ? ENOSPC : 0)};
-    }
+    create(path, bytes, "", below.empty() ? std::vector<std::string>{} : std::vector<std::string>{"-u", "-F", "qcow2", "-b", below});
+}
+
+void createCompressed(const fs::path& path, std::uint64_t bytes)
+{
+    create(path, roundedUp(bytes, image_cluster_bytes), ",compression_type=zstd", {});
+}
+
+void endCompressed(const fs::path& path, std::uint64_t bytes)
+{
+    runImageTool({"qemu-img", "resize", "-q", "-f", "qcow2", "--shrink", fs::absolute(path).string(), std::to_string(roundedUp(bytes, sector_bytes))},
+                 "cannot complete the image " + path.string());
 }
 
 std::string nameBelow(const fs::path& image)
@@ -190,7 +215,7 @@ OpenImage::OpenImage(const fs::path& path, For what, std::span<const fs::path> b
 {
     requireQemu();
     // For the errors that the system has words for.
-    File{path, what == For::writing ? O_RDWR : O_RDONLY}.close();
+    File{path, what == For::reading ? O_RDONLY : O_RDWR}.close();
     const bool direct = canBypassCache(path);
     for (std::size_t i = first_way;; ++i) {
         const Way& way = ways[i];
@@ -203,7 +228,10 @@ OpenImage::OpenImage(const fs::path& path, For what, std::span<const fs::path> b
             words.insert(words.end(), {"--read-only", "--allocation-depth"});
         else
             words.push_back("--discard=ignore");
-        words.push_back("json:" + imageNode(path, below, way).dump());
+        json node = imageNode(path, below, way);
+        if (what == For::compressing)
+            node = {{"driver", "compress"}, {"file", std::move(node)}};
+        words.push_back("json:" + node.dump());
         child_ = std::make_unique<ChildProcess>(withSocket(words), package, sockets.listening.get());
         sockets.listening.reset();
         nbd_ = ::nbd_create();
@@ -289,7 +317,7 @@ void OpenImage::wait(std::int64_t request)
         if (done > 0)
             return;
         if (done < 0 || ::nbd_poll(nbd_, -1) < 0)
-            fail(what_ == For::writing ? "write to" : "read");
+            fail(what_ == For::reading ? "read" : "write to");
     }
 }
 

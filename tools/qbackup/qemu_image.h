@@ -27,6 +27,8 @@ class ChildProcess;
 constexpr std::uint32_t image_piece_bytes = 1u << 20;
 // What an image keeps apart: smaller writes would have QEMU read and copy around them.
 constexpr std::uint32_t image_granule_bytes = 4096;
+// What is compressed in one piece, and has to be written in one.
+constexpr std::uint32_t image_cluster_bytes = 128u << 10;
 
 // Throws Failure (refused) when a program that this needs is not installed.
 void requireQemu();
@@ -36,6 +38,11 @@ void expectUtf8(const fs::path& path);
 
 // A new image of that many bytes. `below`: the name of the image that it lies over, in the same directory; empty: none.
 void createImage(const fs::path& path, std::uint64_t bytes, const std::string& below);
+// A new image for compressed data. Until endCompressed() its size is that of its last cluster's end, as QEMU takes nothing
+// else to compress into.
+void createCompressed(const fs::path& path, std::uint64_t bytes);
+// Gives it that many bytes, as it was created for. It may not be open. Throws Failure.
+void endCompressed(const fs::path& path, std::uint64_t bytes);
 
 // The name in the image's header of the one below it; empty: there is none. Throws Failure.
 std::string nameBelow(const fs::path& image);
@@ -48,7 +55,8 @@ std::string imageChain(const fs::path& path, std::span<const fs::path> below = {
 class OpenImage
 {
   public:
-    enum class For { writing, reading };
+    // `compressing`: whole clusters are written, each once.
+    enum class For { writing, compressing, reading };
     // `below`: the images that it is read over, the nearest first; none: nothing is. Throws Failure that has QEMU's own
     // words.
     OpenImage(const fs::path& path, For what, std::span<const fs::path> below = {});

@@ -179,11 +179,14 @@ std::vector<StoredBackup> Repository::backups(std::vector<DamagedBackup>* damage
     const auto add = [&](const fs::path& path, const auto& read) {
         try {
             result.push_back(read(path));
+        } catch (const NewerFormat& failure) {
+            if (damaged != nullptr)
+                damaged->push_back({path, failure.what(), Exit::damaged, true});
         } catch (const Failure& failure) {
             if (failure.exitCode() == static_cast<int>(Exit::denied))
                 throw;
             if (damaged != nullptr)
-                damaged->push_back({path, failure.what()});
+                damaged->push_back({path, failure.what(), static_cast<Exit>(failure.exitCode())});
         }
     };
     for (const fs::path& entry : entriesOf(directory_))
@@ -323,7 +326,7 @@ StoredBackup chooseBackup(const Repository& repository, const std::string& at)
                 return backup;
         for (const DamagedBackup& other : damaged)
             if (other.path.filename() == at)
-                throw Failure{Exit::damaged, other.problem};
+                throw Failure{other.exit, other.problem};
         if (!time)
             throw Failure{Exit::nothing, "there is no backup " + at + " in " + repository.directory().string() +
                                              ", and it is no time as 2026-11-21T11:16"};
@@ -333,12 +336,12 @@ StoredBackup chooseBackup(const Repository& repository, const std::string& at)
             throw Failure{Exit::nothing, "there is no backup from " + at + " or before in " + repository.directory().string()};
     }
     if (backups.empty())
-        throw Failure{Exit::damaged, "there is no readable backup in " + repository.directory().string() +
+        throw Failure{damaged.empty() ? Exit::damaged : damaged[0].exit, "there is no readable backup in " + repository.directory().string() +
                                          (damaged.empty() ? "" : ": " + damaged[0].problem)};
     // Taking the newest readable one for the newest would restore an older state without a word.
     for (const DamagedBackup& other : damaged)
         if (other.path.filename() > backups.back().path.filename())
-            throw Failure{Exit::damaged, "the newest backup in " + repository.directory().string() + " cannot be read: " + other.problem +
+            throw Failure{other.exit, "the newest backup in " + repository.directory().string() + " cannot be read: " + other.problem +
                                              ". Name an older one, as in " + backups.back().path.string()};
     return backups.back();
 }

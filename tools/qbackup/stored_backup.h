@@ -6,6 +6,7 @@
 #pragma once
 
 #include "client/bitmap.h"
+#include "failure.h"
 #include "files.h"
 #include "manifest.h"
 
@@ -33,6 +34,8 @@ struct StoredBackup {
 struct DamagedBackup {
     fs::path path;
     std::string problem;
+    Exit exit = Exit::damaged; // or another one when it could not be read
+    bool newerFormat = false;  // than this program knows
 };
 
 // As long as somebody has a copy of it, what came with it stays as it is. Null: that is gone when the call returns.

@@ -86,7 +86,7 @@ TEST_F(Completion, OfBashKnowsSubcommands)
 
 TEST_F(Completion, OfBashKnowsTheOptionsOfEachSubcommand)
 {
-    EXPECT_EQ(bash("qbackup backup --c"), (std::set<std::string>{"--cache-blocks", "--control"}));
+    EXPECT_EQ(bash("qbackup backup --c"), (std::set<std::string>{"--cache-blocks", "--compress", "--control"}));
     EXPECT_EQ(bash("qbackup verify --c"), (std::set<std::string>{"--control"}));
 }
 

@@ -418,6 +418,32 @@ TEST(Engine, ANewerBackupThatCannotBeReadIsNamedByTheOneThatBuildsOnAnOlderOne)
     EXPECT_EQ(machine.restored(third.backup.path), machine.driver.contents());
 }
 
+// A newer program may keep things there that this one does not know of.
+TEST(Engine, NothingIsBackedUpBesideABackupOfANewerFormat)
+{
+    for (const Wanted wanted : {Wanted::automatic, Wanted::full, Wanted::incremental}) {
+        Machine machine;
+        machine.images = true;
+        machine.backup();
+        machine.driver.write(3, 3);
+        const auto second = machine.backup();
+        const fs::path manifest = machine.repository() / (second.backup.manifest.id + ".json");
+        std::string text = readText(manifest);
+        text.replace(text.find("\"format\": 2"), 11, "\"format\": 3");
+        std::ofstream{manifest} << text;
+        const auto before = namesIn(machine.repository());
+        try {
+            machine.backup(wanted);
+            FAIL();
+        } catch (const Failure& failure) {
+            EXPECT_EQ(failure.exitCode(), 3);
+            EXPECT_EQ(failure.what(), manifest.string() + " is of format version 3, which this program does not know; use a newer qbackup. Nothing was backed up");
+        }
+        EXPECT_EQ(count(machine.driver.events(), "StartBackup"), 0u);
+        EXPECT_EQ(namesIn(machine.repository()), before);
+    }
+}
+
 TEST(Engine, ACacheThatIsFullBeforeTheMapIsLoadedNamesTheRemedy)
 {
     Machine machine;

@@ -108,6 +108,39 @@ TEST(ImageBackup, ZerosOverDataAreZerosAndTakeNoSpace)
     EXPECT_EQ(problemIn(machine.repository()), "");
 }
 
+TEST(ImageBackup, OnlyAFullOneIsCompressedAndGivesTheDiskHereAndToQemuAsThoseOnItDo)
+{
+    MachineWithImages machine;
+    std::vector<std::byte> text(std::size_t{Machine::blocks} * Machine::block_size);
+    for (std::size_t at = 0; at < text.size(); ++at)
+        text[at] = static_cast<std::byte>('a' + at / 1000 % 20);
+    machine.driver.writeAt(0, text);
+    const auto plain = machine.backup(Wanted::full);
+    machine.compress = true;
+    const auto full = machine.backup(Wanted::full);
+    EXPECT_TRUE(full.backup.manifest.compressed);
+    EXPECT_TRUE(readBackup(full.backup.path).manifest.compressed);
+    EXPECT_EQ(machine.restored(full.backup.path), machine.driver.contents());
+    EXPECT_EQ(throughQemu(full.backup.path, machine.directory / "raw"), machine.driver.contents());
+    const std::string image = full.backup.path.string();
+    EXPECT_NE(outputOf("qemu-img info '" + image + "'").find("compression type: zstd\n"), std::string::npos);
+    EXPECT_NE(outputOf("qemu-img check '" + image + "' 2>&1").find("100.00% compressed clusters"), std::string::npos);
+    const auto allocated = [](const fs::path& path) {
+        struct stat st {
+        };
+        EXPECT_EQ(::stat(path.c_str(), &st), 0);
+        return st.st_blocks * 512;
+    };
+    EXPECT_LT(allocated(full.backup.path), allocated(plain.backup.path) / 2);
+    machine.driver.write(5, 77);
+    const auto increment = machine.backup();
+    EXPECT_EQ(increment.backup.manifest.mode, Mode::incremental);
+    EXPECT_FALSE(increment.backup.manifest.compressed);
+    EXPECT_EQ(machine.restored(increment.backup.path), machine.driver.contents());
+    EXPECT_EQ(throughQemu(increment.backup.path, machine.directory / "raw"), machine.driver.contents());
+    EXPECT_EQ(problemIn(machine.repository()), "");
+}
+
 TEST(ImageBackup, AnImageNamesTheOneBelowItByItsNameAlone)
 {
     MachineWithImages machine;
@@ -172,14 +205,17 @@ INSTANTIATE_TEST_SUITE_P(EveryStep, ImageKilledAt, testing::ValuesIn(commit_step
 TEST(ImageBackup, FailureWhileCommittingLeavesNothing)
 {
     for (const std::string at : {"data", "manifest", "image", "sums", "rename"}) {
-        MachineWithImages machine;
-        EXPECT_THROW(machine.backup(Wanted::full,
-                                    [&](const char* step) {
-                                        if (step == at)
-                                            throw Failure{Exit::failed, "full"};
-                                    }),
-                     Failure);
-        EXPECT_TRUE(namesIn(machine.repository()).empty()) << at;
+        for (const bool compress : {false, true}) {
+            MachineWithImages machine;
+            machine.compress = compress;
+            EXPECT_THROW(machine.backup(Wanted::full,
+                                        [&](const char* step) {
+                                            if (step == at)
+                                                throw Failure{Exit::failed, "full"};
+                                        }),
+                         Failure);
+            EXPECT_TRUE(namesIn(machine.repository()).empty()) << at;
+        }
     }
 }
 

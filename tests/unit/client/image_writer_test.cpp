@@ -118,6 +118,50 @@ TEST_F(Written, IsReadBackWhateverPartOfAGranuleIsZeros)
     }
 }
 
+// A device that ends within a cluster, and has blocks that are smaller than what the image keeps apart.
+TEST_F(Written, IsReadBackFromACompressedImageInWhateverPortionsItCame)
+{
+    constexpr std::size_t block = 1024;
+    constexpr std::size_t bytes = device_bytes - 70 * block;
+    constexpr std::size_t sized = bytes + 700; // what lies beyond the last block is not the device's
+    contents.resize(bytes);
+    for (const bool held : {false, true})
+        for (const std::size_t most : {3u, 300u, 5000u}) {
+            const std::string name = std::to_string(most) + (held ? "held" : "copied");
+            const fs::path image = directory / (name + ".qcow2");
+            const fs::path sums = directory / (name + ".sums");
+            createCompressed(image, sized);
+            std::string hash;
+            std::uint64_t data = 0;
+            {
+                ImageWriter writer{image, sums, sized};
+                const std::shared_ptr<std::byte[]> copy{new std::byte[bytes]};
+                std::ranges::copy(contents, copy.get());
+                for (std::size_t at = 0; at < bytes;) {
+                    const std::size_t part = std::min(bytes - at, (random() % most + 1) * block);
+                    if (std::all_of(copy.get() + at, copy.get() + at + part, [](std::byte byte) { return byte == std::byte{0}; }))
+                        writer.putZeros(at, part);
+                    else
+                        writer.put(at, {copy.get() + at, part}, held ? Hold{copy} : nullptr);
+                    at += part;
+                }
+                hash = writer.finish();
+                data = writer.dataBytes();
+                EXPECT_EQ(writer.received(), bytes);
+            }
+            std::vector<std::byte> read(bytes);
+            std::uint64_t told = 0;
+            ImageLayer layer{image, sums, hash, sized};
+            while (const auto piece = layer.next()) {
+                std::ranges::copy(piece->data, read.begin() + static_cast<std::ptrdiff_t>(piece->offset));
+                told += piece->data.size();
+            }
+            EXPECT_TRUE(read == contents) << name;
+            EXPECT_EQ(told, data) << name;
+            EXPECT_EQ(std::system(("qemu-img check -q '" + image.string() + "'").c_str()), 0);
+        }
+}
+
 // Such images were written before.
 TEST_F(Written, MayTellOfZerosInAGranuleThatHasDataToo)
 {

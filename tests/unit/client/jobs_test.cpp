@@ -52,6 +52,7 @@ mode = "full"
 host = "tern"
 cache-blocks = 4294967295
 all-blocks = true
+compress = true
 spool = "/var/spool"
 limit-rate = "20M"
 wait = 60
@@ -78,6 +79,7 @@ target = "/b"
     EXPECT_EQ(job.how.host, "tern");
     EXPECT_EQ(job.how.cacheBlocks, 4294967295u);
     EXPECT_TRUE(job.how.allBlocks);
+    EXPECT_TRUE(job.how.compress);
     EXPECT_EQ(job.how.spool, "/var/spool");
     EXPECT_EQ(job.how.bytesPerSecond, 20u << 20);
     EXPECT_EQ(job.how.wait, 60u);
@@ -94,7 +96,7 @@ TEST_F(Configuration, AnUnknownKeyIsNamedWithItsPlaceAndWhatIsKnown)
 {
     EXPECT_EQ(complaintOf("  devises = []"),
               "F:4:3: job nightly has the key 'devises', which is not known; known are after, all-blocks, before, "
-              "cache-blocks, control, devices, host, keep, limit-rate, mode, spool, target, timeout, wait");
+              "cache-blocks, compress, control, devices, host, keep, limit-rate, mode, spool, target, timeout, wait");
     EXPECT_EQ(complaintOf("keep = { dayly = 1 }"),
               "F:4:10: keep of job nightly has the key 'dayly', which is not known; known are daily, hourly, "
               "last, monthly, weekly, yearly");

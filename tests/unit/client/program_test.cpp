@@ -82,6 +82,35 @@ TEST_F(Program, ARepositoryOfImagesFromItsMakingToARestore)
     EXPECT_EQ(backupTo().document()["mode"], "inc");
 }
 
+TEST_F(Program, AFullBackupIsCompressedWhenThatIsAskedForAndTellsIt)
+{
+    const fs::path target = machine.directory / "repository";
+    ASSERT_EQ(call({"init", target}).code, 0);
+    const auto compressed = [&] { return call({"backup", "sda1", "--to", target, "--json", "--host", "tern", "--compress"}).document(); };
+    const json full = compressed();
+    EXPECT_EQ(full["compressed"], true);
+    EXPECT_NE(call({"show", "--from", target}).out.find(" (a compressed image)\n"), std::string::npos);
+    machine.driver.write(17, 2);
+    const json increment = compressed();
+    EXPECT_EQ(increment["mode"], "inc");
+    EXPECT_FALSE(increment.contains("compressed"));
+    EXPECT_EQ(call({"list", "--from", target, "--json"}).lines()[0]["compressed"], true);
+    const fs::path image = machine.directory / "image";
+    ASSERT_EQ(call({"restore", "--from", target, "--to", image}).code, 0);
+    EXPECT_EQ(readAll(image), machine.driver.contents());
+}
+
+TEST_F(Program, AFolderIsNotCompressedAndNothingIsLeftThere)
+{
+    const fs::path target = machine.directory / "folders";
+    fs::create_directory(target);
+    const Result result = call({"backup", "sda1", "--to", target, "--compress"});
+    EXPECT_EQ(result.code, 3);
+    EXPECT_EQ(result.err, "qbackup: " + target.string() + " gets folders, and only images can be compressed; make a repository of images with "
+                                                          "'qbackup init', or leave out --compress\n");
+    EXPECT_TRUE(fs::is_empty(target));
+}
+
 TEST_F(Program, ADryRunTellsWhatABackupWouldBeAndDoesNothing)
 {
     const fs::path target = machine.directory / "repository";

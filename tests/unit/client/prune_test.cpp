@@ -243,6 +243,50 @@ TEST_F(Prune, ALongRunGoesInPieces)
     expectRight();
 }
 
+// A block that is written into a compressed image takes a whole cluster without compression.
+TEST_F(Prune, NothingIsWrittenIntoACompressedFullOneAndWhatTakesItsPlaceIsCompressed)
+{
+    machine.compress = true;
+    for (int round = 0; round < 4; ++round)
+        backup();
+    const fs::path full = backups[0].path;
+    const std::vector<std::byte> before = readAll(full);
+    merge(0, 3, [&](const char* step) {
+        if (std::string{step} == "files") {
+            EXPECT_EQ(readAll(full), before);
+        }
+    });
+    const auto left = Repository{machine.repository()}.backups();
+    ASSERT_EQ(left.size(), 2u);
+    EXPECT_EQ(left[0].manifest.mode, Mode::full);
+    EXPECT_TRUE(left[0].manifest.compressed);
+    EXPECT_EQ(left[0].manifest.copiedBlocks, Machine::blocks);
+    EXPECT_FALSE(left[1].manifest.compressed);
+    EXPECT_EQ(std::system(("qemu-img check '" + left[0].path.string() + "' | grep -q '100.00% compressed'").c_str()), 0);
+    expectRight();
+}
+
+// It is not even read until the others are one.
+TEST_F(Prune, ACompressedFullOneIsWrittenAnewLastInALongRun)
+{
+    machine.compress = true;
+    for (int round = 0; round < 40; ++round)
+        backup();
+    const fs::path full = backups[0].path;
+    const fs::path kept = machine.directory / "kept";
+    fs::copy_file(full, kept);
+    for (std::uint64_t at = fs::file_size(full) / 2; at < fs::file_size(full); at += 1000)
+        damage(full, at);
+    EXPECT_THROW(pruneBackups(machine.repository(), {.last = 1}, false, {}, quiet, never), Failure);
+    EXPECT_LE(there().size(), 40u - 28u);
+    EXPECT_EQ(there()[0], backups[0].manifest.id);
+    fs::rename(kept, full);
+    expectRight();
+    pruneBackups(machine.repository(), {.last = 1}, false, {}, quiet, never);
+    EXPECT_EQ(there(), std::vector<std::string>{backups[39].manifest.id});
+    expectRight();
+}
+
 TEST_F(Prune, ADryRunChangesNothing)
 {
     for (int round = 0; round < 3; ++round)
@@ -311,6 +355,30 @@ TEST_F(Prune, DamageStopsItBeforeAnythingChanges)
     expectRight();
 }
 
+// As from an ailing disk.
+TEST_F(Prune, AManifestThatCannotBeReadStopsItAndIsNoDamage)
+{
+    backup();
+    backup();
+    const fs::path manifest = machine.repository() / (backups[1].manifest.id + ".json");
+    fs::remove(manifest);
+    fs::create_symlink(std::string(300, 'x'), manifest); // an error for whoever looks
+    const auto codeOf = [](const auto& action) {
+        try {
+            action();
+        } catch (const Failure& failure) {
+            EXPECT_NE(std::string{failure.what()}.find("File name too long"), std::string::npos) << failure.what();
+            return failure.exitCode();
+        }
+        return 0;
+    };
+    const auto before = namesIn(machine.repository());
+    EXPECT_EQ(codeOf([&] { pruneBackups(machine.repository(), {.last = 1}, false, {}, quiet, never); }), 1);
+    EXPECT_EQ(codeOf([&] { findBackup(machine.repository()); }), 1);
+    EXPECT_EQ(codeOf([&] { findBackup(machine.repository(), backups[1].manifest.id); }), 1);
+    EXPECT_EQ(namesIn(machine.repository()), before);
+}
+
 TEST_F(Prune, WaitsForThoseWhoReadAndTheyForIt)
 {
     backup();
@@ -376,14 +444,19 @@ TEST_F(Prune, FailureBeforeTheJournalChangesNothing)
     }
 }
 
+// What is done with the oldest one: what a full one holds is written into, others and compressed ones are written anew.
+enum class Oldest { full, compressed, increment };
+
 // Ends the process, without any clean-up, before each step in turn; and again while that is being finished.
-class PruneKilledAt : public Prune, public testing::WithParamInterface<std::tuple<std::string, bool>>
+class PruneKilledAt : public Prune, public testing::WithParamInterface<std::tuple<std::string, Oldest>>
 {
 };
 
 TEST_P(PruneKilledAt, IsFinishedByTheNextCommandOrNotBegun)
 {
-    const auto& [at, full] = GetParam();
+    const auto& [at, oldest] = GetParam();
+    machine.compress = oldest == Oldest::compressed;
+    const std::size_t first = oldest == Oldest::increment ? 1 : 0;
     for (int round = 0; round < 5; ++round)
         backup();
     const auto killed = [&](const std::function<void(const MergeWatcher&)>& action) {
@@ -399,7 +472,7 @@ TEST_P(PruneKilledAt, IsFinishedByTheNextCommandOrNotBegun)
         ::waitpid(child, &status, 0);
         return WEXITSTATUS(status);
     };
-    ASSERT_EQ(killed([&](const MergeWatcher& watcher) { merge(full ? 0 : 1, 3, watcher); }), 42);
+    ASSERT_EQ(killed([&](const MergeWatcher& watcher) { merge(first, 3, watcher); }), 42);
     const bool begun = at != "prepared";
     EXPECT_EQ(isMergeUnfinished(machine.repository()), begun && at != "done");
     if (begun && at != "done")
@@ -414,13 +487,17 @@ TEST_P(PruneKilledAt, IsFinishedByTheNextCommandOrNotBegun)
 
 INSTANTIATE_TEST_SUITE_P(EveryStep, PruneKilledAt,
                          testing::ValuesIn([] {
-                             std::vector<std::tuple<std::string, bool>> all{{"data", true}};
+                             std::vector<std::tuple<std::string, Oldest>> all{{"data", Oldest::full}};
                              for (const char* step : {"prepared", "manifests", "image", "sums", "manifest", "files", "journal", "done"})
-                                 for (const bool full : {true, false})
-                                     all.emplace_back(step, full);
+                                 for (const Oldest oldest : {Oldest::full, Oldest::compressed, Oldest::increment})
+                                     all.emplace_back(step, oldest);
                              return all;
                          }()),
-                         [](const auto& info) { return std::get<0>(info.param) + (std::get<1>(info.param) ? "_full" : "_increment"); });
+                         [](const auto& info) {
+                             const Oldest oldest = std::get<1>(info.param);
+                             return std::get<0>(info.param) +
+                                    (oldest == Oldest::full ? "_full" : oldest == Oldest::compressed ? "_compressed" : "_increment");
+                         });
 
 // What a power cut or a kill in the midst of writing leaves of a full image is written over.
 TEST_F(Prune, AFullImageThatWasHalfWrittenIntoIsFinished)

@@ -98,7 +98,7 @@ TEST_F(Run, NothingIsStartedWhenAnyJobOfTheFileIsWrong)
     EXPECT_EQ(result.code, 2);
     EXPECT_EQ(result.err, "qbackup: " + config.string() +
                               ":7:1: job other has the key 'devises', which is not known; known are after, all-blocks, "
-                              "before, cache-blocks, control, devices, host, keep, "
+                              "before, cache-blocks, compress, control, devices, host, keep, "
                               "limit-rate, mode, spool, target, timeout, wait\n");
     EXPECT_TRUE(machine.driver.events().empty());
     EXPECT_EQ(stored(), 0u);

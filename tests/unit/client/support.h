@@ -105,7 +105,9 @@ class Machine
     }
     BackupJob job(Wanted wanted = Wanted::automatic)
     {
-        return {sda1(), wanted, 0, [this] { return qbackup::Identity{instance, sda1().bytes}; }, ledger, written};
+        BackupJob job{sda1(), wanted, 0, [this] { return qbackup::Identity{instance, sda1().bytes}; }, ledger, written};
+        job.compress = compress;
+        return job;
     }
 
     Device sda1() const
@@ -131,6 +133,7 @@ class Machine
     fake::Driver driver;
     StopSignal stop{0};
     bool images = false;  // the target's format
+    bool compress = false; // full ones
     std::string instance; // of sda1
     fs::path ledger;      // empty: none is kept
     std::function<std::optional<std::string>()> written; // what the host has counted

@@ -245,6 +245,7 @@ TEST_F(OnlyUsed, AFullBackupHasZerosWhereTheFileSystemHasNothing)
     }
     expectWhole(restored);
     EXPECT_EQ(report.backup.manifest.copiedBlocks, Machine::blocks);
+    EXPECT_EQ(report.backup.manifest.unusedBlocks, Machine::blocks - map.count());
     EXPECT_GT(report.backup.manifest.unusedBlocks, Machine::blocks / 2);
     Progress progress{Progress::Style::none};
     for (const VerifyResult& result : verifyBackups(machine.repository(), progress, machine.stop))

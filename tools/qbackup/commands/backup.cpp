@@ -37,6 +37,7 @@ void addBackup(CLI::App& app, Context& context)
     command->add_option("--to", options->how.target, "Repository (see init), or another directory, which gets folders")->required();
     addMode(*command, options->how.wanted);
     command->add_flag("--all-blocks", options->how.allBlocks, "Read the blocks that the file system does not use, too");
+    command->add_flag("--compress", options->how.compress, "Compress a full backup; those that build on it are not");
     command->add_option("--cache-blocks", options->how.cacheBlocks,
                         "Most overwritten blocks kept in memory during the backup (default: 256 MiB's worth)")
         ->check(CLI::Range(1u, 0xffffffffu));

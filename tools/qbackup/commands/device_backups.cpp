@@ -105,12 +105,16 @@ Done backUpOne(const Context& context, const BackupOptions& options, const std::
     refuseOutputOnDevice(job.device, host);
     job.reopen = [&context] { return openControl(context.control); };
     job.allBlocks = options.allBlocks;
+    job.compress = options.compress;
     job.spool = options.spool;
     job.bytesPerSecond = options.bytesPerSecond;
 
     job.apart = catalog.offersTakeOver();
     job.ledger = RunLock::placeFor(context.control).parent_path() / "ledger" / toString(job.device.number);
     const Repository repository = openTarget(options, catalog, job.device, patience);
+    if (options.compress && repository.granule() == 1)
+        throw Failure{Exit::refused, options.target.string() + " gets folders, and only images can be compressed; make a repository of images "
+                                                               "with 'qbackup init', or leave out --compress"};
     if (options.wanted == Wanted::full || repository.backups().empty())
         if (const auto warning = checkSpace(job.device, host, options.target))
             progress.warn(*warning);

@@ -37,6 +37,8 @@ json describe(const StoredBackup& backup)
         document["fullReason"] = m.fullReason;
     if (m.unusedBlocks != 0)
         document["unusedBlocks"] = m.unusedBlocks;
+    if (m.compressed)
+        document["compressed"] = true;
     if (m.seconds > 0)
         document["seconds"] = m.seconds;
     if (!m.compared.empty())

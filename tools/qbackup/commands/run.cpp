@@ -90,6 +90,8 @@ void tell(const Context& context, const Job& job)
             document["host"] = job.how.host;
         if (job.how.allBlocks)
             document["allBlocks"] = true;
+        if (job.how.compress)
+            document["compress"] = true;
         if (!job.how.spool.empty())
             document["spool"] = job.how.spool.string();
         if (job.how.bytesPerSecond != 0)

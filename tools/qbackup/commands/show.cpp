@@ -113,7 +113,7 @@ int show(const Context& context, const Options& options)
         return static_cast<int>(Exit::ok);
     }
     printField("backup", m.id);
-    printField("stored", backup.path.string() + (m.format == 1 ? " (a folder)" : " (an image)"));
+    printField("stored", backup.path.string() + (m.format == 1 ? " (a folder)" : m.compressed ? " (a compressed image)" : " (an image)"));
     if (host)
         printField("machine", host->name + (host->id.empty() ? "" : " (machine-id " + host->id + ")"));
     printField("device", m.device + " (" + toString(m.number) + "), " + exactBytes(m.deviceBytes) + ", blocks of " +
