@@ -270,7 +270,7 @@ TEST_F(Prune, NothingIsWrittenIntoACompressedFullOneAndWhatTakesItsPlaceIsCompre
 TEST_F(Prune, ACompressedFullOneIsWrittenAnewLastInALongRun)
 {
     machine.compress = true;
-    for (int round = 0; round < 40; ++round)
+    for (int round = 0; round < 24; ++round)
         backup();
     const fs::path full = backups[0].path;
     const fs::path kept = machine.directory / "kept";
@@ -278,12 +278,12 @@ TEST_F(Prune, ACompressedFullOneIsWrittenAnewLastInALongRun)
     for (std::uint64_t at = fs::file_size(full) / 2; at < fs::file_size(full); at += 1000)
         damage(full, at);
     EXPECT_THROW(pruneBackups(machine.repository(), {.last = 1}, false, {}, quiet, never), Failure);
-    EXPECT_LE(there().size(), 40u - 28u);
+    EXPECT_LE(there().size(), 24u - 14u);
     EXPECT_EQ(there()[0], backups[0].manifest.id);
     fs::rename(kept, full);
     expectRight();
     pruneBackups(machine.repository(), {.last = 1}, false, {}, quiet, never);
-    EXPECT_EQ(there(), std::vector<std::string>{backups[39].manifest.id});
+    EXPECT_EQ(there(), std::vector<std::string>{backups[23].manifest.id});
     expectRight();
 }
 
