@@ -8,13 +8,10 @@ start_server() { # DIRECTORY PORT
   as_postgres $PG/pg_ctl -D "$1" -o "-p $2" -l "/run/pg/log-$2" -w -t 120 start || { cat "/run/pg/log-$2" && fail "the server does not start on $1"; }
 }
 stop_server() { as_postgres $PG/pg_ctl -D "$1" -m fast -w -t 120 stop || fail "the server on $1 does not stop"; }
-committed() { wc -l </run/pg/committed; }
 # Checks what was restored: COMMITTED records at least, all that come before the last one, and pgbench's sums.
 recovered() { # BACKUP REGION COMMITTED BEGUN
   local records sums
-  expect 0 qbackup -q restore --from "$1" --to "$(region "$2")" --force
-  mkdir -p /mnt/restored
-  mount "$(region "$2")" /mnt/restored
+  mount_restored "$1" "$2"
   rm /mnt/restored/data/postmaster.pid
   start_server /mnt/restored/data 5433
   grep -q 'automatic recovery in progress' /run/pg/log-5433 || fail "the server had nothing to recover from: $(tail -1 /run/pg/log-5433)"
@@ -33,12 +30,8 @@ recovered() { # BACKUP REGION COMMITTED BEGUN
 }
 # make_database: a server with its data on a file system of 150 MiB on DISK, whose partition is in $p then.
 make_database() {
-  partition "$DISK" 150
-  p=$(part "$DISK" 1)
-  make_fs ext4 "$p"
-  mkdir -p /mnt/pg /run/pg
-  mount "$p" /mnt/pg
-  mkdir /mnt/pg/data
+  mount_new /mnt/pg
+  mkdir -p /mnt/pg/data /run/pg
   chown postgres:postgres /mnt/pg/data /run/pg
   as_postgres $PG/initdb -D /mnt/pg/data --locale=C -E UTF8 --data-checksums --wal-segsize=1 >/run/initdb.log 2>&1 || fail "initdb: $(tail -3 /run/initdb.log)"
   # Small enough to be written over many times.
@@ -55,17 +48,17 @@ C
   sql 5432 'create table record (n integer)'
   as_postgres $PG/pgbench -h /run/pg -i -q -s 1 postgres 2>/run/pgbench.log || fail "pgbench: $(tail -3 /run/pgbench.log)"
 }
-# start_committing: the load, in $load, and a client whose committed records are in /run/pg/committed.
+# start_committing: the load, in $load, and a client whose committed records are in /run/committed.
 start_committing() {
   # One client that tells of each record when the server has said that it is committed; three that only work.
-  : >/run/pg/committed
+  : >/run/committed
   n=0
   # What waits in the pipe is few lines, long ones.
   rest=$(printf '%1900s' '')
   while [ ! -e /run/stop-writers ]; do
     n=$((n + 1))
     echo "insert into record values ($n) returning n; -- $rest"
-  done 3>&- | as_postgres stdbuf -oL $PG/psql -h /run/pg -d postgres -qAtX -v ON_ERROR_STOP=1 >/run/pg/committed &
+  done 3>&- | as_postgres stdbuf -oL $PG/psql -h /run/pg -d postgres -qAtX -v ON_ERROR_STOP=1 >/run/committed &
   records=$!
   as_postgres $PG/pgbench -h /run/pg -c 3 -T 7200 postgres >/run/pgbench.log 2>&1 &
   load=$!

@@ -36,6 +36,6 @@ host() {
   echo "host $1: $ANSWER"
 }
 
-for part in disks stacks scsi needs driver proof slabs writers records postgresql chain clean; do
+for part in disks stacks scsi needs driver proof slabs writers records database postgresql mariadb chain clean; do
   . $KIT/guest/lib-$part.sh
 done

@@ -60,8 +60,8 @@ def root_image(packages, cache, old_kernel=False):
         for link, target in (("bin/sh", "dash"), ("usr/bin/awk", "mawk"), ("etc/mtab", "/proc/self/mounts")):
             if not os.path.lexists(tree / link):
                 (tree / link).symlink_to(target)
-        (tree / "etc/passwd").write_text("root:x:0:0:root:/root:/bin/bash\npostgres:x:70:70::/run:/bin/sh\n")
-        (tree / "etc/group").write_text("root:x:0:\ndisk:x:6:\npostgres:x:70:\n")
+        (tree / "etc/passwd").write_text("root:x:0:0:root:/root:/bin/bash\npostgres:x:70:70::/run:/bin/sh\nmysql:x:71:71::/run:/bin/sh\n")
+        (tree / "etc/group").write_text("root:x:0:\ndisk:x:6:\npostgres:x:70:\nmysql:x:71:\n")
         (tree / "etc/ld.so.conf").write_text("include /etc/ld.so.conf.d/*.conf\n")
         tool(["ldconfig", "-r", tree], "making the library cache")
         if old_kernel:
