@@ -1,8 +1,11 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: GPL-2.0-only
-"""What the judge of kernel logs sees and overlooks."""
+"""What the judge of kernel logs sees and overlooks, and what a power cut leaves of a disk."""
+import struct
+import tempfile
 import unittest
 
+from harness import write_log
 from harness.kernel_log import expected_report, trouble
 
 # How the reports of each checker begin.
@@ -63,6 +66,42 @@ class KernelLog(unittest.TestCase):
         self.assertFalse(expected_report("all is well\n"))
         self.assertTrue(expected_report("BUG: MAX_LOCKDEP_ENTRIES too low!\n", ["MAX_LOCKDEP_ENTRIES too low"]))
         self.assertFalse(expected_report("BUG: MAX_LOCKDEP_ENTRIES too low!\n"))
+
+
+class PowerCut(unittest.TestCase):
+    """A disk of 8 sectors: sector 0 gets its letters in turn, with a flush behind b."""
+
+    def cuts(self, flags_of_last=0):
+        entries = [(1, write_log.MARKER + b"begun\n", 0), (0, b"a", 0), (0, b"b", 0), (0, None, write_log.FLUSH), (2, b"x", 0), (0, b"c", 0),
+                   (1, write_log.MARKER + b"done-1\n", 0), (3, b"y", flags_of_last)]
+        with tempfile.NamedTemporaryFile() as log:
+            log.write(struct.pack("<QQQI", write_log.MAGIC, 1, len(entries), 512).ljust(512, b"\0"))
+            for sector, data, flags in entries:
+                log.write(struct.pack("<QQQQ", sector, 0 if data is None else 1, flags, 0).ljust(512, b"\0"))
+                log.write(b"" if data is None else data.ljust(512, b"\0"))
+            log.flush()
+            judge = write_log.Judge(log.name, 8 * 512)
+            for seed in range(400):
+                image, done, text = judge.cut(seed, "begun", "done-", [(0, 4)])
+                yield {"first": image[0:1], "x": image[1024:1025] == b"x", "y": image[1536:1537] == b"y", "done": done,
+                       "at": int(text.split()[3])}
+
+    def test_what_was_flushed_stays_and_the_rest_may(self):
+        found = list(self.cuts())
+        behind = [cut for cut in found if cut["at"] >= 4]
+        self.assertTrue(all(cut["first"] in (b"b", b"c") for cut in behind))
+        self.assertEqual({(cut["first"], cut["x"]) for cut in behind if cut["at"] >= 6},
+                         {(b"b", False), (b"b", True), (b"c", False), (b"c", True)})
+        self.assertEqual({cut["first"] for cut in found if cut["at"] == 3}, {b"\0", b"a", b"b"})
+
+    def test_nothing_is_there_that_was_written_later(self):
+        for cut in self.cuts():
+            self.assertFalse(cut["x"] and cut["at"] < 5, cut)
+            self.assertEqual(cut["done"], 1 if cut["at"] >= 7 else 0)
+
+    def test_what_was_written_past_the_cache_stays(self):
+        self.assertTrue(all(cut["y"] for cut in self.cuts(write_log.FUA) if cut["at"] == 8))
+        self.assertFalse(all(cut["y"] for cut in self.cuts() if cut["at"] == 8))
 
 
 if __name__ == "__main__":

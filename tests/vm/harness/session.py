@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: GPL-2.0-only
 """Boots machines and runs tests in them, one after another; a machine that dies is replaced and the rest goes on."""
+import os
 import time
 from dataclasses import dataclass
 
@@ -193,6 +194,16 @@ class Session:
         length = sum(count for _, count in extents) * write_log.SECTOR
         image = write_log.image_part(self.here / "spare.img", int(region_start) * write_log.SECTOR, length)
         return self.judges[disk].find(before, after, extents, image)
+
+    def host_cut(self, disk, seed, marker, counted, extents, region_start):
+        """Puts onto the spare disk what the other one holds after a power cut."""
+        image, done, text = self.judges[disk].cut(int(seed), marker, counted, write_log.parse_extents(extents))
+        with open(self.here / "spare.img", "r+b") as spare:
+            spare.seek(int(region_start) * write_log.SECTOR)
+            spare.write(image)
+            spare.flush()
+            os.fsync(spare.fileno())
+        return True, f"{done} {text}"
 
     def host_flushed_between(self, first, second, pairs):
         return self.judges["tested"].flushed_between(int(first), int(second), int(pairs))

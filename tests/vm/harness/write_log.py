@@ -4,8 +4,12 @@
 The log is QEMU's blklogwrites, in the order in which the disk got the requests. Around each backup the guest writes a
 marker sector. A restored image is right if between the two markers there is a state of the disk that it equals in
 every bit. No file system and nothing of the driver takes part in that.
+
+It also makes what a disk with a write-back cache has after a power cut: of what was written behind the last flush some,
+in the order in which it came, and the rest not.
 """
 import os
+import random
 import struct
 from pathlib import Path
 
@@ -161,6 +165,30 @@ class Judge:
         wrong = [i for i, mark in enumerate(best_sectors) if mark][:12]
         return False, (f"equals no state of the disk between the markers ({total} writes); nearest after write {best_at}: "
                        f"{best} sectors differ, the first of them {wrong}; {moved}")
+
+    def cut(self, seed, first_marker, counted, extents):
+        """What the disk holds of these extents after a power cut behind the first marker; and how many markers whose names
+        begin with `counted` had been written by then."""
+        self.log.update()
+        chance = random.Random(seed)
+        begin, end = self.log.marker(first_marker), len(self.log.entries)
+        at = chance.randrange(begin + 1, end + 1)
+        flush = max((i for i in range(self.kept[0], at) if self.log.entries[i].flags & FLUSH), default=self.kept[0])
+        survival = chance.choice((0, 0.1, 0.5, 0.9, 1))
+        state = bytearray(self.kept[1] or len(self.state))
+        lost = 0
+        for index in range(self.kept[0], at):
+            entry = self.log.entries[index]
+            if not entry.count:
+                continue
+            if index > flush and not entry.flags & FUA and chance.random() >= survival:
+                lost += 1
+                continue
+            start, length = entry.sector * SECTOR, entry.count * SECTOR
+            state[start:start + length] = bytes(length) if entry.flags & DISCARD else self.log.data(entry)
+        done = sum(1 for name, places in self.log.markers.items() if name.startswith(counted) and places[0] < at)
+        image = b"".join(state[first * SECTOR:(first + count) * SECTOR] for first, count in extents)
+        return image, done, f"cut behind write {at - begin} of {end - begin}, {at - flush - 1} after the last flush, {lost} of them lost"
 
     def flushed_between(self, first_sector, second_sector, pairs):
         """Whether for each n the flush between the guest's n-th two writes reached the disk between them.
