@@ -82,6 +82,30 @@ TEST_F(Program, ARepositoryOfImagesFromItsMakingToARestore)
     EXPECT_EQ(backupTo().document()["mode"], "inc");
 }
 
+TEST_F(Program, ItsWordsAndNumbersAreTheSameInEveryLocale)
+{
+    const std::string locales = run.path();
+    ASSERT_EQ(std::system(("localedef -c -i de_DE -f UTF-8 '" + locales + "/de_DE.UTF-8' >/dev/null 2>&1").c_str()), 0);
+    const fs::path target = machine.directory / "repository";
+    const fs::path image = machine.directory / "image";
+    ASSERT_EQ(call({"init", target}).code, 0);
+    ASSERT_EQ(call({"backup", "sda1", "--to", target, "--host", "tern"}).code, 0);
+    ASSERT_EQ(call({"restore", "--from", target, "--to", image}).code, 0);
+    const auto told = [&] {
+        std::vector<std::string> all;
+        for (const std::vector<std::string>& words :
+             {std::vector<std::string>{"show", "--from", target}, {"show", "--from", target, "--json"}, {"list", "--from", target}, {"-q", "verify", "--from", target},
+              {"restore", "--from", target, "--to", image}, {"backup", "sda1", "--to", target, "--limit-rate", "1,5M"}, {"list", "--from", "/nowhere"}}) {
+            const Result result = call(words);
+            all.push_back(std::to_string(result.code) + result.out + result.err);
+        }
+        return all;
+    };
+    const auto plain = told();
+    environment = {{"LOCPATH", locales}, {"LC_ALL", "de_DE.UTF-8"}, {"LANGUAGE", "de"}};
+    EXPECT_EQ(told(), plain);
+}
+
 TEST_F(Program, AFullBackupIsCompressedWhenThatIsAskedForAndTellsIt)
 {
     const fs::path target = machine.directory / "repository";
