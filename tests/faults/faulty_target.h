@@ -48,7 +48,10 @@ class FaultyTarget : public Program
     // The words of a backup into the repository.
     std::vector<std::string> backupWords(const std::string& mode = "auto") const
     {
-        return {"backup", "sda1", "--to", target, "--host", "tern", "--mode", mode, "--json"};
+        std::vector<std::string> words{"backup", "sda1", "--to", target, "--host", "tern", "--mode", mode, "--json"};
+        if (compress)
+            words.emplace_back("--compress");
+        return words;
     }
     // One that has to succeed, after the device was written to. Its id.
     std::string take(const std::string& mode = "auto")
@@ -128,6 +131,7 @@ class FaultyTarget : public Program
     fs::path point = machine.directory / "mounted";
     fs::path root; // of the disk
     fs::path target;
+    bool compress = false; // full backups
     std::map<std::string, std::vector<std::byte>> contents; // of the device, by the backup's id
     std::mt19937 random{1};
     std::optional<FaultyDirectory> directory; // goes before what it is mounted in

@@ -13,11 +13,23 @@ namespace
 
 using namespace faults;
 
-enum class Doing { full, increment, prune_into_full, prune_into_increment, prune_chain, import_folders, restore_new, restore_over };
+enum class Doing {
+    full,
+    compressed,
+    increment,
+    prune_into_full,
+    prune_into_compressed,
+    prune_into_increment,
+    prune_chain,
+    import_folders,
+    restore_new,
+    restore_over
+};
 enum class Trouble { no_space, no_inode, bad_operation, bad_look, power_cut, kill };
 
 const std::map<Doing, const char*> doing_names{
-    {Doing::full, "full"}, {Doing::increment, "increment"}, {Doing::prune_into_full, "prune_into_full"},
+    {Doing::full, "full"}, {Doing::compressed, "compressed"}, {Doing::increment, "increment"},
+    {Doing::prune_into_full, "prune_into_full"}, {Doing::prune_into_compressed, "prune_into_compressed"},
     {Doing::prune_into_increment, "prune_into_increment"}, {Doing::prune_chain, "prune_chain"},
     {Doing::import_folders, "import"}, {Doing::restore_new, "restore_new"}, {Doing::restore_over, "restore_over"}};
 const std::map<Trouble, const char*> trouble_names{
@@ -45,7 +57,7 @@ Fault faultOf(Trouble trouble)
 
 using Case = std::tuple<Doing, Trouble, unsigned>; // how many points
 
-constexpr auto time_limit = std::chrono::seconds{1790};
+constexpr auto time_limit = std::chrono::seconds{3590};
 
 class TargetFaults : public FaultyTarget, public testing::WithParamInterface<Case>
 {
@@ -58,14 +70,17 @@ class TargetFaults : public FaultyTarget, public testing::WithParamInterface<Cas
     // ---- what is there before
     void prepare()
     {
+        compress = doing == Doing::compressed || doing == Doing::prune_into_compressed;
         ASSERT_EQ(command({"init", target}).code, 0);
         switch (doing) {
         case Doing::full:
+        case Doing::compressed:
             break;
         case Doing::increment:
             first = {take(), take()};
             break;
         case Doing::prune_into_full:
+        case Doing::prune_into_compressed:
             first = {take(), take(), take(), take()};
             kept = {first[2], first[3]};
             break;
@@ -113,9 +128,11 @@ class TargetFaults : public FaultyTarget, public testing::WithParamInterface<Cas
         const std::string from = target;
         switch (doing) {
         case Doing::full:
+        case Doing::compressed:
         case Doing::increment:
             return backupWords();
         case Doing::prune_into_full:
+        case Doing::prune_into_compressed:
         case Doing::prune_chain:
             return {"prune", "--from", from, "--keep-last", "2", "--json"};
         case Doing::prune_into_increment:
@@ -156,8 +173,11 @@ class TargetFaults : public FaultyTarget, public testing::WithParamInterface<Cas
         EXPECT_EQ(result.lines().back()["exit"], result.code) << result.out;
     }
 
-    bool isBackup() const { return doing == Doing::full || doing == Doing::increment; }
-    bool isPrune() const { return doing == Doing::prune_into_full || doing == Doing::prune_into_increment || doing == Doing::prune_chain; }
+    bool isBackup() const { return doing == Doing::full || doing == Doing::compressed || doing == Doing::increment; }
+    bool isPrune() const
+    {
+        return doing == Doing::prune_into_full || doing == Doing::prune_into_compressed || doing == Doing::prune_into_increment || doing == Doing::prune_chain;
+    }
 
     // The files of the backups that were there are what they were.
     void expectUntouched(const std::vector<std::string>& ids)
@@ -262,7 +282,7 @@ class TargetFaults : public FaultyTarget, public testing::WithParamInterface<Cas
         const Result whole = command(words());
         ASSERT_EQ(whole.code, 0) << whole.err;
         const std::uint64_t operations = directory->count();
-        ASSERT_GT(operations, 1u);
+        ASSERT_GE(operations, 1u);
         unsigned struck = 0;
         const unsigned points = std::min<unsigned>(std::get<2>(GetParam()), static_cast<unsigned>(operations));
         for (unsigned i = 0; i < points && !HasFatalFailure(); ++i) {
@@ -353,7 +373,9 @@ std::vector<Case> allCases(unsigned operations, unsigned kills)
     std::vector<Case> all;
     for (const auto& [doing, a] : doing_names)
         for (const auto& [trouble, b] : trouble_names)
-            all.emplace_back(doing, trouble, trouble == Trouble::kill ? kills : operations);
+            // Dropping a whole chain makes no file.
+            if (doing != Doing::prune_chain || trouble != Trouble::no_inode)
+                all.emplace_back(doing, trouble, trouble == Trouble::kill ? kills : operations);
     return all;
 }
 INSTANTIATE_TEST_SUITE_P(Many, TargetFaults, testing::ValuesIn(allCases(40, 20)), nameOf);

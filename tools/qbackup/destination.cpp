@@ -45,7 +45,7 @@ bool isHole(const fs::path& path)
 
 } // namespace
 
-Destination::Destination(const fs::path& to, std::uint64_t bytes, bool force) : to_{to}
+Destination::Destination(const fs::path& to, std::uint64_t bytes, bool force) : Destination{to}
 {
     struct stat st {
     };

@@ -35,6 +35,8 @@ class Destination
     void finish();
 
   private:
+    // What is made from here on goes again with a failure: the object is there.
+    explicit Destination(const fs::path& to) : to_{to} {}
     void openImage(std::uint64_t bytes, bool force);
     void openDevice(std::uint64_t bytes, bool force);
     void holdImage();

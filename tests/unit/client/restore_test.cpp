@@ -6,7 +6,11 @@
 #include "base/image_lock.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <csignal>
 
 namespace
 {
@@ -242,6 +246,31 @@ TEST(Restore, AReplacedFileKeepsItsMode)
     fs::permissions(image, fs::perms{0604});
     restore(machine.directory.path(), image, true);
     EXPECT_EQ(fs::status(image).permissions(), fs::perms{0604});
+}
+
+TEST(Restore, AnImageForWhichThereIsNoSpaceLeavesNothing)
+{
+    Machine machine;
+    const auto report = machine.backup();
+    const fs::path place = machine.directory / "place";
+    fs::create_directory(place);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        std::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{1 << 20, 1 << 20};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        Progress progress{Progress::Style::none};
+        try {
+            restoreBackup(report.backup.path, place / "image", false, progress, machine.stop);
+        } catch (const Failure&) {
+            ::_exit(42);
+        }
+        ::_exit(1);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(WEXITSTATUS(status), 42);
+    EXPECT_EQ(namesIn(place), std::vector<std::string>{});
 }
 
 TEST(Restore, AFileThatIsOneHoleIsReplacedUnforced)
