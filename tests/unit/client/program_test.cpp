@@ -102,7 +102,8 @@ TEST_F(Program, ItsWordsAndNumbersAreTheSameInEveryLocale)
         return all;
     };
     const auto plain = told();
-    environment = {{"LOCPATH", locales}, {"LC_ALL", "de_DE.UTF-8"}, {"LANGUAGE", "de"}};
+    // The C library does not give back what it makes of the first of these.
+    environment = {{"LOCPATH", locales}, {"LC_ALL", "de_DE.UTF-8"}, {"LANGUAGE", "de"}, {"ASAN_OPTIONS", "detect_leaks=0"}};
     EXPECT_EQ(told(), plain);
 }
 
