@@ -104,9 +104,10 @@ void Destination::openImage(std::uint64_t bytes, bool replaced)
     const fs::path directory = to_.has_parent_path() ? to_.parent_path() : fs::path{"."};
     const std::string begin = "." + to_.filename().string() + ".partial-";
     removeDeadFiles(directory, begin);
-    temporary_ = directory / (begin + std::to_string(::getpid()));
+    const fs::path made = directory / (begin + std::to_string(::getpid()));
     // In the place of another it is nobody else's until it has that one's mode.
-    file_ = File{temporary_, O_RDWR | O_CREAT | O_EXCL, replaced ? 0600u : 0666u};
+    file_ = File{made, O_RDWR | O_CREAT | O_EXCL, replaced ? 0600u : 0666u};
+    temporary_ = made; // not before: one that is there already is not this one's
     file_.truncate(bytes);
 }
 
